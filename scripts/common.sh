@@ -1,0 +1,60 @@
+# Shared by the scripts beside it: where things are, how progress and failures are told. Sourced, not run.
+# shellcheck shell=bash
+set -euo pipefail
+
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+deps=$project/.deps
+export LC_ALL=C.UTF-8
+
+step() { printf '\n== %s\n' "$*"; }
+die() {
+  printf '\n%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# explain "$@": prints the comment block at the head of the calling script when --help is asked for.
+explain() {
+  case " $* " in
+    *' --help '* | *' -h '*)
+      sed -n '2,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"
+      exit 0
+      ;;
+  esac
+}
+
+# need_packages WHAT PACKAGE...: installs the Debian packages that are missing, or says which they are.
+need_packages() {
+  local what=$1 missing=() package
+  shift
+  command -v dpkg-query >/dev/null ||
+    die "this is no Debian system; please install what these packages hold, $what: $*"
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+      missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null; then
+    die "packages are missing, $what; please install them as root: apt-get install ${missing[*]}"
+  fi
+  step "Installing Debian packages ($what): ${missing[*]}"
+  apt-get update -qq || die 'the list of Debian packages could not be read'
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+    >"$deps/apt.log" 2>&1 ||
+    { tail -n 20 "$deps/apt.log" >&2; die "Debian packages could not be installed (see $deps/apt.log)"; }
+}
+
+# once NAME FILE...: true (and nothing to do) when step NAME was done with these very files.
+once() {
+  local name=$1
+  shift
+  [ -f "$deps/done/$name" ] && [ "$(cat "$deps/done/$name")" = "$(stamp "$@")" ]
+}
+stamp() { cat "$@" | sha256sum | cut -d' ' -f1; }
+done_with() {
+  local name=$1
+  shift
+  mkdir -p "$deps/done"
+  stamp "$@" >"$deps/done/$name"
+}
+
+mkdir -p "$deps"
