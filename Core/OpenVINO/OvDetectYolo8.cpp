@@ -1,0 +1,78 @@
+// YOLOv8 detection: one anchor-free head.
+// Output 0 is [1, 4 + classes, N] floats; column i is candidate i:
+//   rows 0-3   centre x, centre y, width, height in network pixels
+//   rows 4-    one activated score per class; the best one is the candidate's score
+// Overlaps are suppressed across classes, and before the host's class filter.
+//
+// The list of OpenVINO's devices is kept here too.
+
+#include "OpenVINO/OvModel.h"
+#include "OpenVINO/OvModels.h"
+#include "Utils/Log.h"
+#include "Utils/Objects.h"
+#include "Utils/PreProcessUtils.h"
+#include "Utils/YoloDecode.h"
+
+namespace TolCompatibleLib {
+namespace {
+
+class OvDetectYolo8 final : public OvModel<VsaDetect> {
+ public:
+  OvDetectYolo8(const VsaModelConfig* modelConfig, const std::string& root)
+      : OvModel("OvDetectYolo8", modelConfig, root) {}
+  ~OvDetectYolo8() override { logInfo("~OvDetectYolo8()"); }
+  bool run(VsaFrame* frame) override;
+};
+
+bool OvDetectYolo8::run(VsaFrame* frame) {
+  const std::optional<cv::Mat> image = imageOf(frame);
+  if (!image) return false;
+  float* const planes = inputPlanes();
+  if (planes == nullptr) return false;
+  const std::optional<Letterbox> input = letterbox(*image, inputSize);
+  if (!input) return false;
+  fillUnitPlanes(input->canvas, planes);
+  inferRequest.infer();
+
+  const ov::Tensor output = inferRequest.get_output_tensor(0);
+  const std::optional<FloatGrid> columns = gridOf(output, 3);
+  if (!columns) return false;
+  if (static_cast<std::size_t>(columns->rows) != std::size_t{config->classCount} + 4) {
+    logError("Yolo8 dimensions error:" + std::to_string(columns->rows));
+    return false;
+  }
+  const Candidates found =
+      decodeYolo8(*columns, static_cast<int>(config->classCount), config->scoreThreshold);
+  if (found.badBox) {
+    logError(describe(*found.badBox));
+    return false;
+  }
+  std::vector<VsaObject> objects;
+  for (const int i : wantedAfterSuppression(found, *config, frame->wantedClasses)) {
+    objects.push_back(frameObject(found, i, input->scale, *config, *frame));
+  }
+  append(frame->objects, std::move(objects));
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<VsaDetect> makeOvDetectYolo8(const VsaModelConfig* config,
+                                             const std::string& modelRoot) {
+  return std::make_unique<OvDetectYolo8>(config, modelRoot);
+}
+
+void addOpenVinoDevices(VsaDeviceSet& devices) {
+  logInfo(std::string("OpenVINO ") + ov::get_openvino_version().buildNumber);
+  addOpenVinoDeviceNames(ov::Core("").get_available_devices(), devices);
+}
+
+void addOpenVinoDeviceNames(const std::vector<std::string>& available, VsaDeviceSet& devices) {
+  for (const std::string& device : available) {
+    // "GPU" stands for any of them: beside GPU.0 and GPU.1 a host may ask for just the one.
+    if (device.find("GPU") != std::string::npos) devices.insert("OpenVINO-GPU");
+    devices.insert("OpenVINO-" + device);
+  }
+}
+
+}  // namespace TolCompatibleLib

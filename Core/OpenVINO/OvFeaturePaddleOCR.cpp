@@ -1,0 +1,107 @@
+// Text recognition: reads each text region of the frame, one line at a time.
+// Input is [1, 3, height, width] floats: the region at the input's height, zeros to the right of
+// it. Output is [1, T, C] floats: for each of T time steps the scores of C classes, class 0 being
+// the CTC blank. Regions too small to cut out are dropped from the frame's objects.
+
+#include <algorithm>
+#include <utility>
+
+#include "OpenVINO/OvModel.h"
+#include "OpenVINO/OvModels.h"
+#include "Utils/Log.h"
+#include "Utils/Numbers.h"
+#include "Utils/PaddleOcrDictionary.h"
+#include "Utils/PreProcessUtils.h"
+#include "Utils/TextDecode.h"
+
+namespace TolCompatibleLib {
+namespace {
+
+constexpr int kDefaultLineHeight = 48;
+constexpr int kDefaultLineWidth = 320;
+
+class OvFeaturePaddleOCR final : public OvModel<VsaFeature> {
+ public:
+  OvFeaturePaddleOCR(const VsaModelConfig* modelConfig, const std::string& root);
+  ~OvFeaturePaddleOCR() override { logInfo("~OvFeaturePaddleOCR()"); }
+  bool run(VsaFrame* frame) override;
+
+ private:
+  cv::Size lineSize;  ///< The network's input; `inputSize` with the defaults filled in.
+  CharacterDictionary dictionary = CharacterDictionary::builtIn();
+};
+
+OvFeaturePaddleOCR::OvFeaturePaddleOCR(const VsaModelConfig* modelConfig, const std::string& root)
+    : OvModel("OvFeaturePaddleOCR", modelConfig, root),
+      lineSize(inputSize.width < 1 ? kDefaultLineWidth : inputSize.width,
+               inputSize.height < 1 ? kDefaultLineHeight : inputSize.height) {
+  const std::vector<std::string>& names = modelConfig->classNames;
+  const bool builtIn = names.size() == 1 && names.front() == "paddleocr";
+  if (!builtIn) dictionary = CharacterDictionary(names);
+  logInfo((builtIn ? "Using hardcoded PaddleOCR character dictionary with "
+                   : "Using custom character dictionary with ") +
+          std::to_string(dictionary.size()) + " characters");
+}
+
+/// The part of the picture that a region covers: the upright box round its four corners or, without
+/// them, its own box. Empty where nothing is left of it.
+cv::Rect regionOf(const VsaObject& object, cv::Size image) {
+  std::pair<int, int> x(object.left, object.right);
+  std::pair<int, int> y(object.top, object.bottom);
+  if (object.cornerX2 >= 0 && object.cornerY2 >= 0 && object.cornerX3 >= 0 &&
+      object.cornerY3 >= 0) {
+    x = std::minmax({object.left, object.right, object.cornerX2, object.cornerX3});
+    y = std::minmax({object.top, object.bottom, object.cornerY2, object.cornerY3});
+  }
+  const float minX = std::max(static_cast<float>(x.first), 0.0F);
+  const float minY = std::max(static_cast<float>(y.first), 0.0F);
+  const float maxX = std::min(static_cast<float>(x.second), static_cast<float>(image.width - 1));
+  const float maxY = std::min(static_cast<float>(y.second), static_cast<float>(image.height - 1));
+  // Deliberate: no + 1, so the last column and row of the region are left out.
+  const int width = truncateToInt(maxX - minX);
+  const int height = truncateToInt(maxY - minY);
+  if (width < 1 || height < 1) return {};
+  return {truncateToInt(minX), truncateToInt(minY), width, height};
+}
+
+bool OvFeaturePaddleOCR::run(VsaFrame* frame) {
+  const std::optional<cv::Mat> image = imageOf(frame);
+  if (!image) return false;
+  if (frame->objects.empty()) return true;
+
+  ov::Tensor line(ov::element::f32, {1, 3, static_cast<std::size_t>(lineSize.height),
+                                     static_cast<std::size_t>(lineSize.width)});
+  std::vector<std::pair<std::size_t, std::string>> texts;  // place in the list, text
+  for (std::size_t i = 0; i < frame->objects.size(); ++i) {
+    const cv::Rect region = regionOf(frame->objects[i], image->size());
+    if (region.empty()) continue;
+    prepareTextLine((*image)(region), lineSize, line.data<float>());
+    inferRequest.set_input_tensor(line);
+    inferRequest.infer();
+    const ov::Tensor output = inferRequest.get_output_tensor();
+    const std::optional<FloatGrid> scores = gridOf(output, 3);
+    if (!scores) return false;
+    texts.emplace_back(i, ctcGreedyDecode(*scores, dictionary));
+  }
+
+  // All regions were read and nothing below can fail, so the list changes as a whole or not at all.
+  std::vector<VsaObject>& objects = frame->objects;
+  for (std::size_t kept = 0; kept < texts.size(); ++kept) {
+    auto& [place, text] = texts[kept];
+    if (kept != place) objects[kept] = std::move(objects[place]);
+    objects[kept].text = std::move(text);
+    objects[kept].textId = 0;
+    objects[kept].textScore = 1.0F;
+  }
+  objects.resize(texts.size());
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<VsaFeature> makeOvFeaturePaddleOCR(const VsaModelConfig* config,
+                                                   const std::string& modelRoot) {
+  return std::make_unique<OvFeaturePaddleOCR>(config, modelRoot);
+}
+
+}  // namespace TolCompatibleLib

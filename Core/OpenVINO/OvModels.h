@@ -1,0 +1,26 @@
+// The OpenVINO models, one make function each. The classes live whole in their own files.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "VsaModel.h"
+
+namespace TolCompatibleLib {
+
+std::unique_ptr<VsaDetect> makeOvDetectYolo8(const VsaModelConfig* config,
+                                             const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOvDetectPaddleOCR(const VsaModelConfig* config,
+                                                 const std::string& modelRoot);
+std::unique_ptr<VsaFeature> makeOvFeaturePaddleOCR(const VsaModelConfig* config,
+                                                   const std::string& modelRoot);
+
+/// Adds "OpenVINO-" + name for every device that OpenVINO offers, and "OpenVINO-GPU" where one of
+/// them is a GPU. Logs the engine's version. Throws what the engine throws.
+void addOpenVinoDevices(VsaDeviceSet& devices);
+
+/// The naming alone, for the devices in `available`.
+void addOpenVinoDeviceNames(const std::vector<std::string>& available, VsaDeviceSet& devices);
+
+}  // namespace TolCompatibleLib

@@ -1,0 +1,18 @@
+// The library's log lines: a level tag and a text, in the glog that the host set up.
+#pragma once
+
+#include <source_location>
+#include <string_view>
+
+namespace TolCompatibleLib {
+
+/// Logs "[I]" and `text` under the caller's own source file and line. Never throws: a line that
+/// cannot be written (out of memory) is dropped, so that destructors may log.
+void logInfo(std::string_view text,
+             std::source_location where = std::source_location::current()) noexcept;
+
+/// Logs "[E]" and `text`. The glog severity is that of information lines too.
+void logError(std::string_view text,
+              std::source_location where = std::source_location::current()) noexcept;
+
+}  // namespace TolCompatibleLib

@@ -1,0 +1,19 @@
+// Numbers out of a network on their way into a record.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+
+namespace TolCompatibleLib {
+
+/// `value` without its fraction (toward zero). Defined for every float: beyond the integers it
+/// gives the nearest one, and 0 for NaN.
+constexpr std::int32_t truncateToInt(float value) {
+  constexpr float kEnd = 2147483648.0F;  // 2^31, the first float above every int32
+  if (value != value) return 0;
+  if (value >= kEnd) return std::numeric_limits<std::int32_t>::max();
+  if (value <= -kEnd) return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(value);
+}
+
+}  // namespace TolCompatibleLib

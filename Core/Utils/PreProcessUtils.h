@@ -1,0 +1,53 @@
+// From the host's frame to the floats that a network takes.
+//
+// A byte of a picture becomes a float by a few arithmetic steps that depend on nothing but the byte
+// and its channel. So each step is done once for the 256 possible bytes, by the very OpenCV calls
+// that would treat the whole picture, and the picture goes through the resulting table straight
+// into the planes of the network's input: same bits, one pass.
+#pragma once
+
+#include <opencv2/core.hpp>
+#include <optional>
+#include <source_location>
+
+#include "TolCompatible.h"
+
+namespace TolCompatibleLib {
+
+/// The pixels of an image frame, 8 bits a channel, blue-green-red, wrapped without copying. Nothing
+/// for a frame of another kind (silently) and, after one "[E]" line, for a null frame, a frame
+/// without pixels or one of more than 2^31 - 1 bytes.
+std::optional<cv::Mat> imageOf(const VsaFrame* frame,
+                               std::source_location where = std::source_location::current());
+
+/// A picture scaled into the top-left corner of a black canvas.
+struct Letterbox {
+  cv::Mat canvas;  ///< Of the network's input size and the picture's type.
+  float scale;     ///< Takes network pixels to frame pixels, along both axes.
+};
+
+/// Scales `image` by nearest-neighbour sampling to fit `inputSize`, aspect ratio kept. The new
+/// sides are truncated, the padding lies right or below. Nothing, after one "[E]" line, where no
+/// pixel of the picture would be left.
+std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
+                                   std::source_location where = std::source_location::current());
+
+/// Writes `canvas` (8-bit BGR) as three planes, red first, of values 0 to 1.
+/// \param planes room for 3 * rows * cols floats.
+void fillUnitPlanes(const cv::Mat& canvas, float* planes);
+
+/// Size that the text detector scales a frame to: each side rounded up to a multiple of 32 after
+/// shrinking the frame so that its longer side is at most `limit`. Small frames are not enlarged.
+cv::Size textInputSize(cv::Size frame, std::uint32_t limit);
+
+/// Scales `image` (8-bit BGR) to `size` bilinearly and writes it as three planes in its own channel
+/// order, blue first, normalised with the means 0.485, 0.456, 0.406 and the deviations 0.229,
+/// 0.224, 0.225 in that order. \param planes room for 3 * size.area() floats.
+void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes);
+
+/// Scales one line of text (8-bit BGR) bilinearly to the height of `size`, to at most its width,
+/// and writes it as three planes in its own channel order, values -1 to 1, with zeros to the right
+/// of it. \param planes room for 3 * size.area() floats.
+void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes);
+
+}  // namespace TolCompatibleLib

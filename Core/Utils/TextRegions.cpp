@@ -1,0 +1,108 @@
+#include "Utils/TextRegions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+
+#include "Utils/Numbers.h"
+
+namespace TolCompatibleLib {
+namespace {
+
+std::array<cv::Point2f, 4> cornersOf(const cv::RotatedRect& rectangle) {
+  std::array<cv::Point2f, 4> corners;
+  rectangle.points(corners.data());
+  return corners;
+}
+
+float shorterSide(const cv::RotatedRect& rectangle) {
+  return std::min(rectangle.size.width, rectangle.size.height);
+}
+
+/// Top-left, top-right, bottom-right, bottom-left. Of two points at one height the later one counts
+/// as the upper.
+TextRegion inReadingOrder(std::array<cv::Point2f, 4> points) {
+  std::stable_sort(points.begin(), points.end(),
+                   [](const cv::Point2f& a, const cv::Point2f& b) { return a.x < b.x; });
+  if (!(points[1].y > points[0].y)) std::swap(points[0], points[1]);
+  if (!(points[3].y > points[2].y)) std::swap(points[2], points[3]);
+  return {points[0], points[2], points[3], points[1]};
+}
+
+}  // namespace
+
+float polygonScore(const std::array<cv::Point2f, 4>& corners, const cv::Mat& map) {
+  float minX = std::numeric_limits<float>::max();
+  float minY = minX;
+  // Deliberate: the smallest positive float and not the lowest, so no maximum is 0 or less.
+  float maxX = std::numeric_limits<float>::min();
+  float maxY = maxX;
+  for (const cv::Point2f& corner : corners) {
+    minX = std::min(minX, corner.x);
+    minY = std::min(minY, corner.y);
+    maxX = std::max(maxX, corner.x);
+    maxY = std::max(maxY, corner.y);
+  }
+  const float left = std::max(std::floor(minX), 0.0F);
+  const float top = std::max(std::floor(minY), 0.0F);
+  const float right = std::min(std::ceil(maxX), static_cast<float>(map.cols - 1));
+  const float bottom = std::min(std::ceil(maxY), static_cast<float>(map.rows - 1));
+  const int width = truncateToInt(right - left + 1.0F);
+  const int height = truncateToInt(bottom - top + 1.0F);
+  if (width < 1 || height < 1) return 0.0F;
+
+  const cv::Rect box(truncateToInt(left), truncateToInt(top), width, height);
+  if (box.x + width > map.cols || box.y + height > map.rows) return 0.0F;
+  std::array<cv::Point, 4> inBox;
+  std::transform(corners.begin(), corners.end(), inBox.begin(), [&](const cv::Point2f& corner) {
+    return cv::Point(truncateToInt(corner.x - left), truncateToInt(corner.y - top));
+  });
+  cv::Mat mask = cv::Mat::zeros(box.size(), CV_8UC1);
+  cv::fillPoly(mask, std::vector<std::vector<cv::Point>>{{inBox.begin(), inBox.end()}},
+               cv::Scalar(1));
+  return static_cast<float>(cv::mean(map(box), mask)[0]);
+}
+
+TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv::Size frame,
+                             cv::Size resized) {
+  cv::Mat text;
+  cv::compare(map, params.binThreshold, text, cv::CMP_GT);
+  std::vector<std::vector<cv::Point>> contours;
+  cv::findContours(text, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
+
+  // Deliberate: the size that the frame was given, also where the network's map has another.
+  const float scaleX = static_cast<float>(frame.width) / static_cast<float>(resized.width);
+  const float scaleY = static_cast<float>(frame.height) / static_cast<float>(resized.height);
+  const auto minSide = static_cast<float>(params.minSize);
+
+  TextRegions found;
+  const std::size_t count =
+      std::min(contours.size(), static_cast<std::size_t>(params.candidateLimit));
+  for (std::size_t i = 0; i < count; ++i) {
+    if (contours[i].size() < static_cast<std::size_t>(params.minSize)) continue;
+    cv::RotatedRect rectangle = cv::minAreaRect(contours[i]);
+    if (minSide > shorterSide(rectangle)) continue;
+    const float score = polygonScore(cornersOf(rectangle), map);
+    if (params.boxThreshold > score) continue;
+
+    const float area = rectangle.size.width * rectangle.size.height;
+    const float perimeter = 2.0F * (rectangle.size.width + rectangle.size.height);
+    if (perimeter < 1e-6F) continue;
+    const float distance = area * params.unclipRatio / perimeter;
+    rectangle.size.width += 2.0F * distance;
+    rectangle.size.height += 2.0F * distance;
+    if (minSide + 2.0F > shorterSide(rectangle)) continue;
+
+    std::array<cv::Point2f, 4> corners = cornersOf(rectangle);
+    for (cv::Point2f& corner : corners) {
+      corner.x = std::clamp(std::round(corner.x * scaleX), 0.0F, static_cast<float>(frame.width));
+      corner.y = std::clamp(std::round(corner.y * scaleY), 0.0F, static_cast<float>(frame.height));
+    }
+    found.regions.push_back(inReadingOrder(corners));
+    found.scores.push_back(score);
+  }
+  return found;
+}
+
+}  // namespace TolCompatibleLib

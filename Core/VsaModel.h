@@ -1,0 +1,46 @@
+// What the entry points know of a model: it is built from a configuration, it runs on a frame, it
+// is destroyed.
+#pragma once
+
+#include <string>
+
+#include "TolCompatible.h"
+
+namespace TolCompatibleLib {
+
+/// Base of every model. Not safe for two runs at once: a model has a single inference request.
+class VsaModel {
+ public:
+  /// Keeps `modelConfig`, which the host keeps alive and unchanged, and copies `root`.
+  VsaModel(const VsaModelConfig* modelConfig, const std::string& root)
+      : config(modelConfig), modelRoot(root) {}
+  VsaModel(const VsaModel&) = delete;
+  VsaModel& operator=(const VsaModel&) = delete;
+  virtual ~VsaModel() = default;
+
+  /// Processes one frame. Returns true when it was processed, also with no result; false when the
+  /// frame was refused or the network's output was malformed, with the frame's results as they
+  /// were.
+  virtual bool run(VsaFrame* frame) = 0;
+
+  const VsaModelConfig* config;
+  std::string modelRoot;
+  bool ready = false;  ///< Set by a derived constructor as its last act.
+};
+
+class VsaDetect : public VsaModel {
+ public:
+  using VsaModel::VsaModel;
+};
+
+class VsaClassify : public VsaModel {
+ public:
+  using VsaModel::VsaModel;
+};
+
+class VsaFeature : public VsaModel {
+ public:
+  using VsaModel::VsaModel;
+};
+
+}  // namespace TolCompatibleLib
