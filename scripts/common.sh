@@ -58,3 +58,34 @@ done_with() {
 }
 
 mkdir -p "$deps"
+
+# build PRESET [TARGET...]: configures and builds, quietly unless it fails.
+build() {
+  local preset=$1 log=$project/build/$1/build.log target
+  shift
+  mkdir -p "$project/build/$preset"
+  step "Building ($preset)"
+  cmake --preset "$preset" ${TOL_CMAKE_ARGUMENTS:-} >"$log" 2>&1 ||
+    { tail -n 30 "$log" >&2; die "CMake could not configure the build (see $log)"; }
+  local targets=()
+  for target in "$@"; do targets+=(--target "$target"); done
+  cmake --build --preset "$preset" "${targets[@]}" 2>&1 | tee "$log" | progress ||
+    { grep -aE -A4 'error|FAILED|warning' "$log" | head -n 60 >&2; die "the build failed (see $log)"; }
+}
+
+# Ninja's counter on one line of a terminal, every tenth of the work elsewhere.
+progress() {
+  local line last=-1 share
+  while IFS= read -r line; do
+    [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] || continue
+    if [ -t 1 ]; then
+      printf '\r%s\e[K' "${line:0:79}"
+    else
+      share=$((10 * BASH_REMATCH[1] / BASH_REMATCH[2]))
+      [ "$share" -gt "$last" ] && printf '%s\n' "${BASH_REMATCH[0]}"
+      last=$share
+    fi
+  done
+  [ -t 1 ] && printf '\r\e[K'
+  return 0
+}

@@ -56,7 +56,7 @@ float* OvModel<Interface>::inputPlanes(std::source_location where) {
 
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
                                 std::source_location where) {
-  const ov::Shape shape = output.get_shape();
+  const ov::Shape& shape = output.get_shape();
   if (output.get_element_type() != ov::element::f32 || shape.size() != rank) {
     logError("network output is " + output.get_element_type().to_string() + shape.to_string() +
                  ",expected f32 of rank " + std::to_string(rank),
@@ -65,8 +65,8 @@ std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
   }
   // The dimensions before the last two are usually 1. One of 0 would leave fewer numbers than the
   // table says.
-  const std::size_t rows = shape[rank - 2];
-  const std::size_t cols = shape[rank - 1];
+  const std::size_t rows = shape.rbegin()[1];
+  const std::size_t cols = shape.rbegin()[0];
   constexpr std::size_t kMost = std::numeric_limits<int>::max();
   if (rows > kMost || cols > kMost || rows * cols > output.get_size()) {
     logError("network output is too short," + shape.to_string(), where);

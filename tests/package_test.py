@@ -1,0 +1,63 @@
+"""The library as files: exported names, shared-object name, and a host built against the installed package alone."""
+
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+BUILD = pathlib.Path(os.environ["TOL_BUILD"])
+SOURCE = pathlib.Path(os.environ["TOL_SOURCE"])
+
+
+def output(*command, **options):
+    done = subprocess.run([str(part) for part in command], capture_output=True, text=True, errors="replace", **options)
+    assert done.returncode == 0, f"{command}: {done.stdout}{done.stderr}"
+    return done.stdout
+
+
+class Package(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.TemporaryDirectory()
+        cls.prefix = pathlib.Path(cls.folder.name) / "prefix"
+        output("cmake", "--install", BUILD, "--prefix", cls.prefix)
+        cls.library = next(cls.prefix.glob("lib*/**/libTolCompatibleLib.so"))
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.folder.cleanup()
+
+    def test_only_the_declared_entry_points_are_exported(self):
+        symbols = output("nm", "-D", "--defined-only", self.library).split("\n")
+        exported = {line.split()[-1] for line in symbols if line}
+        header = (self.prefix / "include/TolCompatible/TolCompatible.h").read_text()
+        declared = set(re.findall(r"^VSA_API \w+ (Vsa\w+)\(", header, re.MULTILINE))
+        self.assertEqual(len(declared), 14)
+        self.assertEqual(exported, declared)
+
+    def test_the_shared_object_has_a_name_of_its_major_version(self):
+        self.assertRegex(output("readelf", "-d", self.library), r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
+
+    def test_a_host_builds_and_runs_with_the_package_alone(self):
+        build = pathlib.Path(self.folder.name) / "host"
+        output("cmake", "-S", SOURCE / "examples/host", "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}",
+               "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Wpedantic -Werror")
+        output("cmake", "--build", build)
+        header = self.prefix / "include/TolCompatible/TolCompatible.h"
+        includes = re.findall(r"#include <(.*)>", header.read_text())
+        self.assertTrue(all("." not in name and "/" not in name for name in includes), includes)
+
+        picture = pathlib.Path(self.folder.name) / "grey.ppm"
+        picture.write_bytes(b"P6 64 48 255\n" + bytes([128]) * (64 * 48 * 3))
+        missing = subprocess.run([build / "ReadText", "nowhere", picture], capture_output=True, text=True)
+        self.assertEqual(missing.returncode, 1)  # the engine's exception was caught
+        self.assertIn("nowhere", missing.stderr)
+        models = os.environ.get("TOL_MODELS", "")
+        if pathlib.Path(models, "text/detection.xml").exists():
+            self.assertEqual(output(build / "ReadText", models, picture), "")
+
+
+if __name__ == "__main__":
+    unittest.main()
