@@ -1,24 +1,21 @@
 // Reads the text of a picture: ReadText MODEL_FOLDER PICTURE.ppm
 #include <TolCompatible/TolCompatible.h>
 
-#include <exception>
 #include <fstream>
 #include <iostream>
-#include <utility>
 
 int main(int argc, char** argv) try {
-  if (argc != 3) return std::cerr << "usage: ReadText MODEL_FOLDER PICTURE.ppm\n", 2;
+  if (argc != 3) throw std::runtime_error("usage: ReadText MODEL_FOLDER PICTURE.ppm");
   std::ifstream file(argv[2], std::ios::binary);
   std::string magic, most;
   VsaFrame frame;
   file >> magic >> frame.width >> frame.height >> most;
-  file.get();
-  if (!file || magic != "P6" || most != "255") return std::cerr << "not a P6 picture\n", 2;
   std::vector<char> pixels(std::size_t{3} * frame.width * frame.height);
+  file.get();
   file.read(pixels.data(), static_cast<std::streamsize>(pixels.size()));
+  if (!file || magic != "P6") throw std::runtime_error("no P6 picture");
   for (std::size_t i = 0; i < pixels.size(); i += 3) std::swap(pixels[i], pixels[i + 2]);
-  frame.data =
-      pixels.data();  // blue, green, red; the library only reads it, and only during a call
+  frame.data = pixels.data();  // blue, green, red; only read, and only during a call
 
   VsaModelConfig find, read;  // must outlive their models
   VsaModelContext finder, reader;
@@ -32,16 +29,12 @@ int main(int argc, char** argv) try {
   finder.config = &find, reader.config = &read;
   finder.modelRoot = reader.modelRoot = argv[1];
   finder.version = reader.version = kVsaInterfaceVersion;
-
-  bool done = VsaModelInit(&finder) && VsaModelInit(&reader);
-  done = done && VsaModelDetect(&finder, &frame) && VsaModelFeature(&reader, &frame);
-  for (const VsaObject& o : frame.objects) {
-    std::cout << o.left << "," << o.top << "\t" << o.text << "\n";  // GBK; pipe it through iconv
-  }
-  VsaModelRelease(&reader);
-  VsaModelRelease(&finder);
+  const bool done = VsaModelInit(&finder) && VsaModelInit(&reader) &&
+                    VsaModelDetect(&finder, &frame) && VsaModelFeature(&reader, &frame);
+  for (const VsaObject& o : frame.objects)
+    std::cout << o.left << "," << o.top << "\t" << o.text << "\n";
+  VsaModelRelease(&reader), VsaModelRelease(&finder);
   return done ? 0 : 1;
-} catch (
-    const std::exception& error) {  // what the engine throws for a missing or broken model file
+} catch (const std::exception& error) {  // the engine's, for a missing or broken model file
   return std::cerr << error.what() << "\n", 1;
 }

@@ -1,0 +1,84 @@
+// Standard output, standard error, and what differs between systems about them.
+#include "Console.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "Text.h"
+
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#include <windows.h>
+#else
+#include <unistd.h>
+
+#include <csignal>
+#endif
+
+namespace vsa {
+namespace {
+
+bool isTerminal(std::FILE* stream) {
+#if defined(_WIN32)
+  return _isatty(_fileno(stream)) != 0;
+#else
+  return isatty(fileno(stream)) != 0;
+#endif
+}
+
+}  // namespace
+
+Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isTerminal(stderr)) {
+#if defined(_WIN32)
+  SetConsoleOutputCP(CP_UTF8);
+  _setmode(_fileno(stdout), _O_BINARY);  // JSON Lines end in "\n" everywhere
+#else
+  // A pipe whose reader has gone is to be seen as a failed write, after which everything is closed
+  // as at any other end.
+  std::signal(SIGPIPE, SIG_IGN);
+#endif
+}
+
+bool Console::write(std::string_view text) {
+  if (outputIsTerminal_) clear();
+  if (outputWorks_ && (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+                       std::fflush(stdout) != 0)) {
+    // That the reader of a pipe has gone needs no message.
+    if (errno != EPIPE) note("the results cannot be written to standard output");
+    outputWorks_ = false;
+  }
+  return outputWorks_;
+}
+
+void Console::note(const std::string& sentence) {
+  clear();
+  std::fprintf(stderr, "vsa: %s\n", repairUtf8(sentence).c_str());
+}
+
+void Console::progress(double share, const std::string& text) {
+  constexpr int kBar = 30;
+  const auto now = std::chrono::steady_clock::now();
+  if (!errorIsTerminal_ || now - start_ < std::chrono::seconds(1) ||
+      now - drawn_ < std::chrono::milliseconds(100)) {
+    return;
+  }
+  drawn_ = now;
+  share = std::clamp(share, 0.0, 1.0);
+  const auto filled = static_cast<std::size_t>(share * kBar);
+  const std::string bar = std::string(filled, '#') + std::string(kBar - filled, '.');
+  // The text is ASCII and short; 42 letters keep the line below 80 columns.
+  std::fprintf(stderr, "\r[%s] %3.0f%% %-42.42s", bar.c_str(), share * 100.0, text.c_str());
+  std::fflush(stderr);
+  shown_ = true;
+}
+
+void Console::clear() {
+  if (!shown_) return;
+  std::fprintf(stderr, "\r%*s\r", kColumns - 1, "");
+  std::fflush(stderr);
+  shown_ = false;
+}
+
+}  // namespace vsa

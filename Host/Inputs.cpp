@@ -1,0 +1,285 @@
+// Expands the arguments and reads pictures and videos through OpenCV.
+#include "Inputs.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cmath>
+#include <filesystem>
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+#include <opencv2/videoio/registry.hpp>
+#include <stdexcept>
+#include <string_view>
+
+#include "Text.h"
+
+namespace vsa {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::array<std::string_view, 13> kPictures = {".bmp", ".dib",  ".jp2", ".jpe", ".jpeg",
+                                                        ".jpg", ".pbm",  ".pgm", ".png", ".ppm",
+                                                        ".tif", ".tiff", ".webp"};
+constexpr std::array<std::string_view, 15> kVideos = {".3gp", ".avi", ".flv", ".gif", ".m2ts",
+                                                      ".m4v", ".mkv", ".mov", ".mp4", ".mpeg",
+                                                      ".mpg", ".mts", ".ogv", ".ts",  ".webm"};
+
+template <std::size_t size>
+bool hasExtension(const fs::path& path, const std::array<std::string_view, size>& extensions) {
+  std::string extension = path.extension().string();
+  std::transform(extension.begin(), extension.end(), extension.begin(),
+                 [](unsigned char letter) { return static_cast<char>(std::tolower(letter)); });
+  return std::find(extensions.begin(), extensions.end(), extension) != extensions.end();
+}
+
+bool hasWildcard(const std::string& text) {
+  return text.find_first_of("*?[") != std::string::npos;
+}
+
+// Whether `letter` is in the set that begins at pattern[*position], just behind the "["; moves
+// behind the "]". A "]" that comes first stands for itself. False, without moving, where no "]"
+// follows.
+bool matchSet(std::string_view pattern, std::size_t* position, char32_t letter, bool* closed) {
+  std::size_t at = *position;
+  const bool negated = at < pattern.size() && (pattern[at] == '!' || pattern[at] == '^');
+  if (negated) ++at;
+  bool found = false;
+  for (bool first = true; at < pattern.size(); first = false) {
+    if (pattern[at] == ']' && !first) {
+      *position = at + 1;
+      *closed = true;
+      return found != negated;
+    }
+    const char32_t low = nextCodePoint(pattern, &at);
+    char32_t high = low;
+    if (at + 1 < pattern.size() && pattern[at] == '-' && pattern[at + 1] != ']') {
+      ++at;
+      high = nextCodePoint(pattern, &at);
+    }
+    found = found || (low <= letter && letter <= high);
+  }
+  *closed = false;
+  return false;
+}
+
+// Matches a file name. When a later part fails, only the last "*" can help by taking one more
+// letter, so the time is at most the product of both lengths.
+bool matches(std::string_view pattern, std::string_view name) {
+  std::size_t p = 0;
+  std::size_t n = 0;
+  std::size_t starPattern = std::string_view::npos;
+  std::size_t starName = 0;
+  while (n < name.size()) {
+    std::size_t nextP = p;
+    std::size_t nextN = n;
+    bool good = false;
+    if (p < pattern.size() && pattern[p] == '*') {
+      starPattern = ++p;
+      starName = n;
+      continue;
+    }
+    if (p < pattern.size()) {
+      const char32_t wanted = nextCodePoint(pattern, &nextP);
+      const char32_t letter = nextCodePoint(name, &nextN);
+      bool closed = false;
+      if (wanted == '[') good = matchSet(pattern, &nextP, letter, &closed);
+      if (!closed) good = wanted == '?' || wanted == letter;
+    }
+    if (good) {
+      p = nextP;
+      n = nextN;
+    } else if (starPattern != std::string_view::npos) {
+      nextCodePoint(name, &starName);
+      p = starPattern;
+      n = starName;
+    } else {
+      return false;
+    }
+  }
+  return pattern.find_first_not_of('*', p) == std::string_view::npos;
+}
+
+// Files that match the parts of a pattern from `part` on, below `base`. As in a shell, a name with
+// a dot in front is matched only by a pattern with one.
+void expandPattern(const fs::path& base, fs::path::const_iterator part,
+                   const fs::path::const_iterator& end, std::vector<fs::path>* found) {
+  if (part == end) {
+    found->push_back(base);
+    return;
+  }
+  const std::string pattern = part->string();
+  const auto rest = std::next(part);
+  std::error_code error;
+  if (!hasWildcard(pattern)) {
+    const fs::path next = base / *part;
+    if (fs::exists(next, error)) expandPattern(next, rest, end, found);
+    return;
+  }
+  const fs::path folder = base.empty() ? fs::path(".") : base;
+  for (fs::directory_iterator entry(folder, error), none; !error && entry != none;
+       entry.increment(error)) {
+    const std::string name = entry->path().filename().string();
+    if ((name[0] == '.' && pattern[0] != '.') || !matches(pattern, name)) continue;
+    std::error_code unused;
+    if (rest == end || fs::is_directory(entry->path(), unused)) {
+      expandPattern(base / name, rest, end, found);
+    }
+  }
+}
+
+template <typename Iterator>
+std::vector<fs::path> mediaIn(const fs::path& folder) {
+  std::vector<fs::path> files;
+  for (const fs::directory_entry& entry : Iterator(folder)) {
+    const fs::path& path = entry.path();
+    std::error_code unused;
+    if ((hasExtension(path, kPictures) || hasExtension(path, kVideos)) &&
+        !fs::is_directory(path, unused)) {
+      files.push_back(path);
+    }
+  }
+  std::sort(files.begin(), files.end());
+  return files;
+}
+
+// Adds a file or what is in a folder.
+void addPath(const fs::path& path, bool recursive, InputList* list) {
+  std::error_code unused;
+  if (!fs::is_directory(path, unused)) {
+    list->inputs.push_back(path.string());
+    return;
+  }
+  try {
+    const std::vector<fs::path> files = recursive ? mediaIn<fs::recursive_directory_iterator>(path)
+                                                  : mediaIn<fs::directory_iterator>(path);
+    for (const fs::path& file : files) list->inputs.push_back(file.string());
+    if (files.empty()) {
+      list->problems.push_back(path.string() + ": no picture or video in this folder");
+    }
+  } catch (const fs::filesystem_error& error) {
+    list->problems.push_back(path.string() + ": " + error.code().message());
+  }
+}
+
+// Lays a picture with transparency on white, as its makers saw it; brings 16 bits and floating
+// point down to 8 bits.
+cv::Mat toBgr8(const cv::Mat& source) {
+  cv::Mat picture;
+  const double scale = source.depth() == CV_16U                               ? 1.0 / 257.0
+                       : source.depth() == CV_32F || source.depth() == CV_64F ? 255.0
+                                                                              : 1.0;
+  source.convertTo(picture, CV_8U, scale);
+  if (picture.channels() == 1) {
+    cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
+  } else if (picture.channels() == 4) {
+    cv::Mat opaque(picture.size(), CV_8UC3);
+    picture.forEach<cv::Vec4b>([&opaque](const cv::Vec4b& pixel, const int* position) {
+      cv::Vec3b& target = opaque.at<cv::Vec3b>(position[0], position[1]);
+      const int alpha = pixel[3];
+      for (int i = 0; i < 3; ++i) {
+        target[i] = static_cast<std::uint8_t>((pixel[i] * alpha + 255 * (255 - alpha) + 127) / 255);
+      }
+    });
+    picture = opaque;
+  }
+  if (picture.type() != CV_8UC3) throw std::runtime_error("its kind of pixels is not supported");
+  return picture;
+}
+
+cv::Mat readPicture(const std::string& path) {
+  // Reading in colour turns a photograph upright, reading unchanged keeps transparency; each kind
+  // of file has one of the two.
+  constexpr std::array<std::string_view, 4> kTransparent = {".png", ".tif", ".tiff", ".webp"};
+  const bool transparent = hasExtension(path, kTransparent);
+  const cv::Mat picture = cv::imread(path, transparent ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR);
+  if (picture.empty()) throw std::runtime_error("the picture is damaged");
+  return toBgr8(picture);
+}
+
+// FFmpeg alone where OpenCV has it: others of its backends take names for those of cameras, or for
+// the first of a row of numbered pictures.
+int videoBackend() {
+  for (const cv::VideoCaptureAPIs backend : cv::videoio_registry::getStreamBackends()) {
+    if (backend == cv::CAP_FFMPEG) return backend;
+  }
+  return cv::CAP_ANY;
+}
+
+}  // namespace
+
+InputList expandInputs(const std::vector<std::string>& arguments, bool recursive) {
+  InputList list;
+  for (const std::string& argument : arguments) {
+    std::error_code unused;
+    if (isAddress(argument) || fs::exists(argument, unused) || !hasWildcard(argument)) {
+      addPath(argument, recursive, &list);
+      continue;
+    }
+    std::vector<fs::path> found;
+    const fs::path pattern(argument);
+    const fs::path parts = pattern.relative_path();
+    expandPattern(pattern.root_path(), parts.begin(), parts.end(), &found);
+    std::sort(found.begin(), found.end());
+    if (found.empty()) list.problems.push_back(argument + ": no file matches this pattern");
+    for (const fs::path& path : found) addPath(path, recursive, &list);
+  }
+  return list;
+}
+
+bool isAddress(const std::string& input) {
+  return input.find("://") != std::string::npos;
+}
+
+Source::Source(const std::string& input) {
+  if (!isAddress(input)) {
+    std::error_code unused;
+    if (!fs::exists(input, unused)) throw std::runtime_error("no such file");
+    if (cv::haveImageReader(input)) {
+      picture_ = readPicture(input);
+      return;
+    }
+    if (hasExtension(input, kPictures)) {
+      throw std::runtime_error("this is no picture that OpenCV can read");
+    }
+  }
+  if (!video_.open(input, videoBackend())) {
+    throw std::runtime_error(isAddress(input)
+                                 ? "the stream cannot be opened"
+                                 : "this is neither a picture nor a video that OpenCV can read");
+  }
+}
+
+bool Source::next(cv::Mat* frame) {
+  if (isVideo()) {
+    cv::Mat decoded;
+    if (!video_.read(decoded) || decoded.empty()) return false;
+    *frame = toBgr8(decoded);
+  } else if (framesRead_ == 0) {
+    *frame = picture_;
+  } else {
+    return false;
+  }
+  if (!frame->isContinuous()) *frame = frame->clone();
+  ++framesRead_;
+  return true;
+}
+
+double Source::frameRate() const {
+  const double rate = video_.get(cv::CAP_PROP_FPS);
+  return std::isfinite(rate) && rate > 0.0 && rate <= 1000.0 ? rate : 25.0;
+}
+
+std::int64_t Source::frameCount() const {
+  const double count = isVideo() ? video_.get(cv::CAP_PROP_FRAME_COUNT) : 1.0;
+  return count >= 1.0 && count < 1e12 ? static_cast<std::int64_t>(count) : 0;
+}
+
+double Source::time() const {
+  const double milliseconds = video_.get(cv::CAP_PROP_POS_MSEC);
+  if (std::isfinite(milliseconds) && milliseconds > 0.0) return milliseconds / 1000.0;
+  return static_cast<double>(framesRead_ - 1) / frameRate();
+}
+
+}  // namespace vsa

@@ -1,0 +1,46 @@
+// What the host works on: pictures, folders of them, patterns, videos and addresses of streams.
+#pragma once
+
+#include <cstdint>
+#include <opencv2/core.hpp>
+#include <opencv2/videoio.hpp>
+#include <string>
+#include <vector>
+
+namespace vsa {
+
+struct InputList {
+  std::vector<std::string> inputs;    ///< Files and addresses, folders and patterns expanded.
+  std::vector<std::string> problems;  ///< One sentence for each argument that led to nothing.
+};
+
+/// Replaces folders by the pictures and videos in them and patterns (* ? [ ]) by what they match,
+/// sorted. An argument that names an existing file is never taken for a pattern.
+InputList expandInputs(const std::vector<std::string>& arguments, bool recursive);
+
+/// Whether the input is an address such as "rtsp://camera/1" and no file.
+bool isAddress(const std::string& input);
+
+/// One opened input. The constructor and next() throw std::exception with a reason for people.
+class Source {
+ public:
+  explicit Source(const std::string& input);
+
+  /// Gives the next frame as 8-bit BGR in rows without gaps; false at the end.
+  bool next(cv::Mat* frame);
+
+  bool isVideo() const { return video_.isOpened(); }
+  /// Frames a second of a video; 25 where the file does not say.
+  double frameRate() const;
+  /// Frames that the container announces; 0 where it does not know.
+  std::int64_t frameCount() const;
+  /// Seconds from the beginning of the video to the frame that next() gave last.
+  double time() const;
+
+ private:
+  cv::Mat picture_;
+  cv::VideoCapture video_;
+  std::int64_t framesRead_ = 0;
+};
+
+}  // namespace vsa

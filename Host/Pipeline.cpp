@@ -1,0 +1,336 @@
+// Reads the pipeline file. Every mistake in it ends in one sentence that says where it is: the
+// library itself gets only configurations whose names, types, ranges and files are in order.
+#include "Pipeline.h"
+
+#include <json/json.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <memory>
+#include <numeric>
+#include <optional>
+#include <string_view>
+
+#include "Text.h"
+
+namespace vsa {
+namespace {
+
+namespace fs = std::filesystem;
+
+using Names = std::vector<std::string>;
+
+const Names kTopKeys = {"modelRoot", "models"};
+const Names kModelKeys = {"category",     "modelName",    "engine",        "device",
+                          "modelFile",    "modelDir",     "modelRoot",     "classNames",
+                          "classCount",   "inputWidth",   "inputHeight",   "scoreThreshold",
+                          "nmsThreshold", "objThreshold", "wantedClasses", "wantedLabels"};
+const Names kCategories = {"Detect", "Classify", "Track"};
+const Names kEngines = {"OpenVINO", "ONNXRuntime"};
+constexpr std::uint32_t kLargestSide = 65535;
+
+std::string quoted(const std::string& text) {
+  return '"' + printable(text) + '"';
+}
+
+std::string joined(const Names& names) {
+  std::string list;
+  for (const std::string& name : names) list += (list.empty() ? "" : " or ") + quoted(name);
+  return list;
+}
+
+// JSON is UTF-8 on every system, file names are not.
+fs::path pathOf(const std::string& utf8) {
+  return {std::u8string(utf8.begin(), utf8.end())};
+}
+
+std::size_t editDistance(std::string_view a, std::string_view b) {
+  std::vector<std::size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 1; i <= a.size(); ++i) {
+    std::size_t diagonal = row[0];
+    row[0] = i;
+    for (std::size_t j = 1; j <= b.size(); ++j) {
+      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string kindOf(const Json::Value& value) {
+  switch (value.type()) {
+    case Json::nullValue:
+      return "null";
+    case Json::stringValue:
+      return "a string";
+    case Json::booleanValue:
+      return "true or false";
+    case Json::arrayValue:
+      return "an array";
+    case Json::objectValue:
+      return "an object";
+    default:
+      return "a number";
+  }
+}
+
+std::optional<std::string> readFile(const fs::path& path) {
+  std::error_code unused;
+  if (fs::is_directory(path, unused)) return std::nullopt;
+  std::ifstream file(path, std::ios::binary);
+  std::string content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (!file.is_open() || file.bad()) return std::nullopt;
+  return content;
+}
+
+// The members of one JSON object, each checked as it is read.
+class Fields {
+ public:
+  Fields(const Json::Value& object, std::string place, const Names& known)
+      : object_(object), place_(std::move(place)) {
+    if (!object_.isObject()) fail("must be an object, not " + kindOf(object_));
+    for (const std::string& key : object_.getMemberNames()) {
+      if (std::find(known.begin(), known.end(), key) == known.end()) {
+        fail("unknown key " + quoted(key) + suggestion(key, known));
+      }
+    }
+  }
+
+  [[noreturn]] void fail(const std::string& sentence) const {
+    throw PipelineError(place_, sentence);
+  }
+
+  bool has(const char* key) const { return object_.isMember(key); }
+  const Json::Value& at(const char* key) const { return object_[key]; }
+
+  std::string text(const char* key, const char* fallback = nullptr) const {
+    if (!has(key) && fallback != nullptr) return fallback;
+    if (!has(key)) fail(std::string(key) + " is missing");
+    if (!at(key).isString()) wrongType(key, "a string");
+    return at(key).asString();
+  }
+
+  std::string oneOf(const char* key, const Names& choices) const {
+    const std::string value = text(key);
+    if (std::find(choices.begin(), choices.end(), value) == choices.end()) {
+      fail(std::string(key) + " must be " + joined(choices) + ", not " + quoted(value) +
+           suggestion(value, choices));
+    }
+    return value;
+  }
+
+  std::uint32_t whole(const char* key, std::uint32_t most, std::uint32_t fallback) const {
+    if (!has(key)) return fallback;
+    if (!at(key).isNumeric()) wrongType(key, "a number");
+    if (!at(key).isUInt() || at(key).asUInt() > most) {
+      wrongNumber(key, "a whole number from 0 to " + std::to_string(most));
+    }
+    return at(key).asUInt();
+  }
+
+  float share(const char* key) const {
+    if (!has(key)) return 0.0F;
+    if (!at(key).isNumeric()) wrongType(key, "a number");
+    const double value = at(key).asDouble();
+    if (!(value >= 0.0 && value <= 1.0)) wrongNumber(key, "a number from 0 to 1");
+    return static_cast<float>(value);
+  }
+
+  Names list(const char* key) const {
+    if (!at(key).isArray()) wrongType(key, "an array of strings");
+    Names names;
+    for (const Json::Value& entry : at(key)) {
+      if (!entry.isString()) {
+        fail(std::string(key) + "[" + std::to_string(names.size()) + "] must be a string, not " +
+             kindOf(entry));
+      }
+      names.push_back(entry.asString());
+    }
+    return names;
+  }
+
+  [[noreturn]] void wrongType(const char* key, const std::string& wanted) const {
+    fail(std::string(key) + " must be " + wanted + ", not " + kindOf(at(key)));
+  }
+
+ private:
+  [[noreturn]] void wrongNumber(const char* key, const std::string& wanted) const {
+    Json::StreamWriterBuilder builder;
+    builder["precision"] = 9;
+    fail(std::string(key) + " must be " + wanted + ", not " + Json::writeString(builder, at(key)));
+  }
+
+  const Json::Value& object_;
+  std::string place_;
+};
+
+Json::Value parse(const std::string& path) {
+  const std::optional<std::string> content = readFile(fs::path(path));
+  if (!content) throw PipelineError(path, "the file cannot be read");
+  Json::CharReaderBuilder builder;
+  builder["failIfExtra"] = true;
+  builder["rejectDupKeys"] = true;
+  const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  Json::Value root;
+  std::string errors;
+  bool good = false;
+  try {
+    good = reader->parse(content->data(), content->data() + content->size(), &root, &errors);
+  } catch (const Json::Exception& error) {  // nested too deep
+    errors = error.what();
+  }
+  if (good) return root;
+  // jsoncpp writes "* Line 3, Column 5\n  What is wrong.\n" for each error; the first one is the
+  // cause, what follows it mostly consequences.
+  std::string first = oneLine(std::string_view(errors).substr(0, errors.find("\n*")));
+  int line = 0;
+  int column = 0;
+  int length = 0;
+  if (std::sscanf(first.c_str(), "* Line %d, Column %d %n", &line, &column, &length) == 2) {
+    first = "line " + std::to_string(line) + ", column " + std::to_string(column) + ": " +
+            first.substr(static_cast<std::size_t>(length));
+  }
+  throw PipelineError(path, first);
+}
+
+// Names from a text file, one a line. The lines are kept as they are, as a dictionary may hold a
+// space or an empty name; only empty lines at the end are dropped.
+Names readNames(const Fields& fields, const fs::path& folder) {
+  const std::string given = fields.at("classNames").asString();
+  const std::optional<std::string> content = readFile(folder / pathOf(given));
+  if (!content) fields.fail("classNames: the file " + quoted(given) + " cannot be read");
+  std::string_view rest = *content;
+  if (rest.starts_with("\xEF\xBB\xBF")) rest.remove_prefix(3);
+  Names names;
+  while (!rest.empty()) {
+    const std::size_t end = std::min(rest.find('\n'), rest.size());
+    std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+    if (line.ends_with('\r')) line.remove_suffix(1);
+    names.emplace_back(line);
+    if (repairUtf8(line) != line) {
+      fields.fail("classNames: line " + std::to_string(names.size()) + " of " + quoted(given) +
+                  " is not UTF-8");
+    }
+  }
+  while (!names.empty() && names.back().empty()) names.pop_back();
+  if (names.empty()) fields.fail("classNames: the file " + quoted(given) + " is empty");
+  return names;
+}
+
+Names classNames(const Fields& fields, const fs::path& folder) {
+  if (!fields.has("classNames")) fields.fail("classNames is missing");
+  const Json::Value& value = fields.at("classNames");
+  if (value.isString()) return readNames(fields, folder);
+  if (!value.isArray()) fields.wrongType("classNames", "an array of strings or the path of a file");
+  const Names names = fields.list("classNames");
+  if (names.empty()) fields.fail("classNames must not be empty");
+  return names;
+}
+
+std::set<std::string> wanted(const Fields& fields, const char* key, const Names& names) {
+  if (!fields.has(key)) return {names.begin(), names.end()};
+  const Names chosen = fields.list(key);
+  for (const std::string& name : chosen) {
+    if (std::find(names.begin(), names.end(), name) == names.end()) {
+      fields.fail(std::string(key) + ": " + quoted(name) + " is not in classNames" +
+                  suggestion(name, names));
+    }
+  }
+  return {chosen.begin(), chosen.end()};
+}
+
+// The folder of the model files: without a separator at its end, as the library wants it.
+std::string modelRoot(const Fields& fields, const Fields& top, const fs::path& folder) {
+  const Fields& source = fields.has("modelRoot") ? fields : top;
+  std::string root = (folder / pathOf(source.text("modelRoot", ""))).lexically_normal().string();
+  while (root.size() > 1 && (root.back() == '/' || root.back() == fs::path::preferred_separator)) {
+    root.pop_back();
+  }
+  return root.empty() ? "." : root;
+}
+
+// The library leaves a missing file to the engine, whose message is long; so it is looked for here.
+void checkModelFile(const ModelSpec& spec, const Fields& fields) {
+  const VsaModelConfig& config = spec.config;
+  std::string file = spec.modelRoot;
+  if (!config.modelDir.empty() || !config.modelFile.empty()) {
+    file += "/" + config.modelDir + "/" + config.modelFile;
+  }
+  if (config.engine == "OpenVINO") file += ".xml";
+  std::error_code unused;
+  if (!fs::is_regular_file(fs::path(file), unused)) {
+    fields.fail("there is no model file " + quoted(fs::path(file).lexically_normal().string()));
+  }
+}
+
+ModelSpec readModel(const Json::Value& value, const std::string& place, const Fields& top,
+                    const fs::path& folder) {
+  const Fields fields(value, place, kModelKeys);
+  ModelSpec spec;
+  spec.place = place;
+  VsaModelConfig& config = spec.config;
+  config.category = fields.oneOf("category", kCategories);
+  config.modelName = fields.text("modelName");
+  config.engine = fields.oneOf("engine", kEngines);
+  config.device = fields.text("device", "CPU");
+  config.modelFile = fields.text("modelFile", "");
+  config.modelDir = fields.text("modelDir", "");
+  config.classNames = classNames(fields, folder);
+  config.classCount = fields.whole("classCount", std::numeric_limits<std::int32_t>::max(),
+                                   static_cast<std::uint32_t>(config.classNames.size()));
+  config.inputWidth = fields.whole("inputWidth", kLargestSide, 0);
+  config.inputHeight = fields.whole("inputHeight", kLargestSide, 0);
+  config.scoreThreshold = fields.share("scoreThreshold");
+  config.nmsThreshold = fields.share("nmsThreshold");
+  config.objThreshold = fields.share("objThreshold");
+  spec.modelRoot = modelRoot(fields, top, folder);
+  spec.wantedClasses = wanted(fields, "wantedClasses", config.classNames);
+  spec.wantedLabels = wanted(fields, "wantedLabels", config.classNames);
+  checkModelFile(spec, fields);
+  return spec;
+}
+
+}  // namespace
+
+bool ModelSpec::writesGbk() const {
+  return config.category == "Track" && config.classNames == Names{"paddleocr"};
+}
+
+std::string suggestion(const std::string& given, const std::vector<std::string>& candidates) {
+  const auto distance = [&given](const std::string& name) { return editDistance(given, name); };
+  const auto nearest =
+      std::min_element(candidates.begin(), candidates.end(),
+                       [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
+  if (nearest == candidates.end() ||
+      distance(*nearest) > std::max<std::size_t>(2, given.size() / 3)) {
+    return "";
+  }
+  return "; did you mean " + quoted(*nearest) + "?";
+}
+
+std::vector<ModelSpec> readPipeline(const std::string& path) {
+  const Json::Value root = parse(path);
+  const Fields top(root, path, kTopKeys);
+  const fs::path folder = fs::path(path).parent_path();
+  if (!top.has("models")) top.fail("models is missing");
+  if (!top.at("models").isArray()) top.wrongType("models", "an array");
+  if (top.at("models").empty()) top.fail("models must not be empty");
+  std::vector<ModelSpec> specs;
+  for (const Json::Value& value : top.at("models")) {
+    const std::string index = "models[" + std::to_string(specs.size()) + "]";
+    ModelSpec spec = readModel(value, path + ": " + index, top, folder);
+    spec.name = index + " " + printable(spec.config.modelName) + " (" + spec.config.category + ")";
+    specs.push_back(std::move(spec));
+  }
+  return specs;
+}
+
+}  // namespace vsa

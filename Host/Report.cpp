@@ -1,0 +1,231 @@
+// Table, JSON and summary. All strings leave here as valid UTF-8.
+#include "Report.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+
+#include "Text.h"
+
+namespace vsa {
+namespace {
+
+std::string fixed(double value, int digits) {
+  char buffer[400];
+  std::snprintf(buffer, sizeof buffer, "%.*f", digits, value);
+  return buffer;
+}
+
+std::string point(int x, int y) {
+  return std::to_string(x) + "," + std::to_string(y);
+}
+
+std::string counted(std::int64_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+struct Column {
+  std::string head;
+  bool right = false;
+  std::vector<std::string> cells = {};
+};
+
+std::string place(const VsaObject& object) {
+  std::string text = point(object.left, object.top) + ' ' + point(object.right, object.bottom);
+  if (isTextRegion(object)) {
+    text += ' ' + point(object.cornerX2, object.cornerY2) + ' ' +
+            point(object.cornerX3, object.cornerY3);
+  }
+  return text;
+}
+
+std::string shapes(const VsaObject& object) {
+  std::string text;
+  for (const VsaShape& shape : object.shapes) {
+    const char* kind = shape.tag == kVsaKeyPointsTag ? "key"
+                       : shape.tag == kVsaOutlineTag ? "outline"
+                                                     : "other";
+    text += (text.empty() ? "" : ", ") +
+            counted(std::ssize(shape.points), std::string(kind) + " point");
+  }
+  return text;
+}
+
+// One cell for each object in every column, empty where the object has nothing to tell. The text
+// comes last, as its length is open.
+std::vector<Column> tableColumns(const std::vector<VsaObject>& objects) {
+  const auto regions = std::count_if(objects.begin(), objects.end(), isTextRegion);
+  const char* placeHead = regions == 0                     ? "box"
+                          : regions == std::ssize(objects) ? "corners"
+                                                           : "box or corners";
+  std::vector<Column> columns = {{"#", true}, {"score", true}, {"class"},
+                                 {placeHead}, {"angle", true}, {"shapes"},
+                                 {"label"},   {"feature"},     {"text"}};
+  for (const VsaObject& object : objects) {
+    const std::string cells[] = {
+        std::to_string(columns[0].cells.size() + 1),
+        fixed(object.score, 3),
+        isTextRegion(object) ? "" : printable(object.className),
+        place(object),
+        object.angle == -1.0F ? "" : fixed(object.angle, 3),
+        shapes(object),
+        object.classifyId < 0
+            ? ""
+            : printable(object.classifyName) + " " + fixed(object.classifyScore, 3),
+        object.feature.empty() ? "" : counted(std::ssize(object.feature), "number"),
+        object.textId < 0 ? "" : printable(object.text),
+    };
+    for (std::size_t i = 0; i < columns.size(); ++i) columns[i].cells.push_back(cells[i]);
+  }
+  std::erase_if(columns, [](const Column& column) {
+    return std::all_of(column.cells.begin(), column.cells.end(),
+                       [](const auto& cell) { return cell.empty(); });
+  });
+  return columns;
+}
+
+void appendRow(const std::vector<Column>& columns, const std::vector<int>& widths,
+               const std::vector<std::string>& cells, int limit, std::string* table) {
+  std::string line;
+  for (std::size_t i = 0; i < columns.size(); ++i) {
+    const int width = displayWidth(cells[i]);
+    const auto padding = static_cast<std::size_t>(std::max(0, widths[i] - width));
+    if (limit > 0 && columns[i].head == "text" && displayWidth(line) + 2 + width > limit) {
+      line += "\n      " + cells[i];
+    } else {
+      line += "  " + (columns[i].right ? std::string(padding, ' ') + cells[i]
+                                       : cells[i] + std::string(padding, ' '));
+    }
+  }
+  line.erase(line.find_last_not_of(' ') + 1);
+  *table += line + "\n";
+}
+
+// JSON has no NaN and no infinity. The shortest decimal that gives the float again goes through a
+// double, so that 0.9F is written as 0.9.
+Json::Value number(float value) {
+  if (!std::isfinite(value)) return Json::nullValue;
+  char buffer[64];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer - 1, value);
+  *result.ptr = '\0';
+  return std::strtod(buffer, nullptr);
+}
+
+Json::Value pair(int x, int y) {
+  Json::Value value(Json::arrayValue);
+  value.append(x);
+  value.append(y);
+  return value;
+}
+
+}  // namespace
+
+bool isTextRegion(const VsaObject& object) {
+  return object.cornerX2 >= 0 && object.cornerY2 >= 0 && object.cornerX3 >= 0 &&
+         object.cornerY3 >= 0;
+}
+
+std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& objects, int columns) {
+  std::string table = printable(info.input) + ": ";
+  if (info.time) {
+    table += "frame " + std::to_string(info.index) + " (" + fixed(*info.time, 3) + " s), ";
+  }
+  table += std::to_string(info.width) + " x " + std::to_string(info.height) + ", " +
+           counted(std::ssize(objects), "object") + "\n";
+  if (objects.empty()) return table;
+
+  const std::vector<Column> cells = tableColumns(objects);
+  std::vector<int> widths;
+  std::vector<std::string> row;
+  for (const Column& column : cells) {
+    int width = displayWidth(column.head);
+    for (const std::string& cell : column.cells) width = std::max(width, displayWidth(cell));
+    widths.push_back(width);
+    row.push_back(column.head);
+  }
+  appendRow(cells, widths, row, columns, &table);
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    for (std::size_t j = 0; j < cells.size(); ++j) row[j] = cells[j].cells[i];
+    appendRow(cells, widths, row, columns, &table);
+  }
+  return table;
+}
+
+Json::Value objectJson(const VsaObject& object) {
+  Json::Value json(Json::objectValue);
+  if (isTextRegion(object)) {
+    json["corners"].append(pair(object.left, object.top));
+    json["corners"].append(pair(object.right, object.bottom));
+    json["corners"].append(pair(object.cornerX2, object.cornerY2));
+    json["corners"].append(pair(object.cornerX3, object.cornerY3));
+  } else {
+    for (const int side : {object.left, object.top, object.right, object.bottom}) {
+      json["box"].append(side);
+    }
+  }
+  json["score"] = number(object.score);
+  json["classId"] = object.classId;
+  json["className"] = repairUtf8(object.className);
+  if (object.angle != -1.0F) json["angle"] = number(object.angle);
+  for (const VsaShape& shape : object.shapes) {
+    Json::Value points(Json::arrayValue);
+    for (const VsaPoint& at : shape.points) points.append(pair(at.x, at.y));
+    Json::Value entry;
+    entry["tag"] = shape.tag;
+    entry["points"] = points;
+    json["shapes"].append(entry);
+  }
+  if (object.classifyId >= 0) {
+    json["classifyScore"] = number(object.classifyScore);
+    json["classifyId"] = object.classifyId;
+    json["classifyName"] = repairUtf8(object.classifyName);
+  }
+  if (object.textId >= 0) {
+    json["text"] = repairUtf8(object.text);
+    json["textScore"] = number(object.textScore);
+  }
+  for (const float value : object.feature) json["feature"].append(number(value));
+  return json;
+}
+
+std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objects) {
+  Json::Value json(Json::objectValue);
+  json["input"] = repairUtf8(info.input);
+  json["frame"] = static_cast<Json::Int64>(info.index);
+  if (info.time) json["time"] = std::round(*info.time * 1000.0) / 1000.0;
+  json["width"] = info.width;
+  json["height"] = info.height;
+  json["objects"] = Json::arrayValue;
+  for (const VsaObject& object : objects) json["objects"].append(objectJson(object));
+  for (const int model : info.failedModels) json["failedModels"].append(model);
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  builder["precision"] = 9;  // what a float needs at most
+  return Json::writeString(builder, json) + "\n";
+}
+
+std::string summary(const Totals& totals) {
+  std::string text = counted(totals.inputs, "input") + ", " + counted(totals.frames, "frame") +
+                     ", " + counted(totals.objects, "object") + " in " + fixed(totals.seconds, 2) +
+                     " s";
+  if (totals.frames > 0 && totals.seconds > 0.0) {
+    text +=
+        ", " + fixed(static_cast<double>(totals.frames) / totals.seconds, 2) + " frames a second";
+  }
+  text += " (loading the models " + fixed(totals.loadingSeconds, 2) + " s)\n";
+  for (const ModelTime& model : totals.models) {
+    text += "  " + model.name + ": ";
+    text += model.runs == 0
+                ? "did not run\n"
+                : "mean " + fixed(1000.0 * model.seconds / static_cast<double>(model.runs), 1) +
+                      " ms of " + counted(model.runs, "run") + "\n";
+  }
+  if (totals.failedInputs > 0) text += "  " + counted(totals.failedInputs, "input") + " failed\n";
+  if (totals.failedRuns > 0) text += "  " + counted(totals.failedRuns, "model run") + " failed\n";
+  return text;
+}
+
+}  // namespace vsa

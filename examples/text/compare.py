@@ -1,0 +1,177 @@
+#!/usr/bin/env python3
+"""Compares the text read in pictures with the true text.
+
+RESULTS is JSON Lines, one object a picture:
+  {"input": "path/NAME.png", "objects": [{"text": "...", ...}, ...]}
+TRUTH is a folder with the true lines of each picture in NAME.txt (UTF-8).
+
+Blanks do not count: the recogniser's dictionary has none. Every true line is
+paired with at most one read line, the most alike first; lines that agree in
+less than half of their characters are not paired. A pair has as many
+characters right as the true line has, less the edits (insertions, deletions,
+substitutions) that separate the two; an unpaired true line has none right.
+"""
+
+import argparse
+import json
+import pathlib
+import sys
+import unicodedata
+
+
+def without_blanks(text):
+    return "".join(text.split())
+
+
+def edit_distance(a, b):
+    row = list(range(len(b) + 1))
+    for i, x in enumerate(a, 1):
+        diagonal, row[0] = row[0], i
+        for j, y in enumerate(b, 1):
+            diagonal, row[j] = row[j], min(diagonal + (x != y), row[j] + 1, row[j - 1] + 1)
+    return row[-1]
+
+
+class Comparison:
+    """The outcome for one picture. All texts are without blanks."""
+
+    def __init__(self, name, true_lines, read_lines):
+        self.name = name
+        true = [line for line in map(without_blanks, true_lines) if line]
+        read = [line for line in map(without_blanks, read_lines) if line]
+        self.lines = len(true)
+        self.characters = sum(map(len, true))
+        candidates = []
+        for i, a in enumerate(true):
+            for j, b in enumerate(read):
+                edits = edit_distance(a, b)
+                likeness = 1 - edits / max(len(a), len(b))
+                if likeness >= 0.5:
+                    candidates.append((-likeness, i, j, edits))
+        paired_true, paired_read = {}, set()
+        for _, i, j, edits in sorted(candidates):
+            if i not in paired_true and j not in paired_read:
+                paired_true[i] = (j, edits)
+                paired_read.add(j)
+        self.found = len(paired_true)
+        # At least half alike means fewer edits than true characters, or as many: never negative.
+        self.right = sum(len(true[i]) - edits for i, (_, edits) in paired_true.items())
+        self.misread = [(true[i], read[j]) for i, (j, edits) in sorted(paired_true.items())
+                        if edits]
+        self.missed = [line for i, line in enumerate(true) if i not in paired_true]
+        self.extra = [line for j, line in enumerate(read) if j not in paired_read]
+
+
+def read_results(stream):
+    """Yields (name of the picture without folder and ending, texts read)."""
+    for number, line in enumerate(stream, 1):
+        if not line.strip():
+            continue
+        try:
+            frame = json.loads(line)
+            name = pathlib.PurePath(frame["input"]).stem
+            texts = [entry.get("text", "") for entry in frame["objects"]]
+            if not all(isinstance(text, str) for text in texts):
+                raise TypeError("a text is not a string")
+        except (ValueError, KeyError, TypeError, AttributeError) as error:
+            raise ValueError(f"line {number} of the results is unusable: {error!r}") from error
+        yield name, texts
+
+
+def true_texts(folder):
+    texts = {path.stem: path.read_text(encoding="utf-8-sig").splitlines()
+             for path in sorted(pathlib.Path(folder).glob("*.txt"))}
+    if not any(without_blanks(line) for lines in texts.values() for line in lines):
+        raise ValueError(f"no true text in {folder}")
+    return texts
+
+
+def compare(results, texts, only_given=False):
+    """One Comparison for each result. A picture without any result has read nothing."""
+    comparisons = []
+    for name, read_lines in results:
+        if name not in texts:
+            raise ValueError(f"there is no true text {name}.txt")
+        comparisons.append(Comparison(name, texts[name], read_lines))
+    if not only_given:
+        given = {comparison.name for comparison in comparisons}
+        comparisons += [Comparison(name, texts[name], []) for name in texts if name not in given]
+    return comparisons
+
+
+def padded(text, columns):
+    """Pads to terminal columns; a Chinese character takes two."""
+    taken = sum(2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
+    return text + " " * max(0, columns - taken)
+
+
+def share_of(comparisons):
+    characters = sum(c.characters for c in comparisons)
+    return sum(c.right for c in comparisons) / characters if characters else 0.0
+
+
+def print_report(comparisons, stream):
+    def row(name, group):
+        print(f"{padded(name, 24)} {sum(c.lines for c in group):7} {sum(c.found for c in group):7}"
+              f" {sum(c.characters for c in group):11} {sum(c.right for c in group):7}"
+              f" {100 * share_of(group):8.2f} %", file=stream)
+
+    print(f"{'picture':24} {'lines':>7} {'found':>7} {'characters':>11} {'right':>7} {'share':>10}",
+          file=stream)
+    for comparison in comparisons:
+        row(comparison.name, [comparison])
+    row("total", comparisons)
+    for comparison in comparisons:
+        if not (comparison.misread or comparison.missed or comparison.extra):
+            continue
+        print(f"\n{comparison.name}", file=stream)
+        for true, read in comparison.misread:
+            print(f"  true    {true}\n  read    {read}", file=stream)
+        for line in comparison.missed:
+            print(f"  missed  {line}", file=stream)
+        for line in comparison.extra:
+            print(f"  extra   {line}", file=stream)
+
+
+def share(text):
+    value = float(text)
+    if not 0 <= value <= 1:
+        raise argparse.ArgumentTypeError("a share lies between 0 and 1")
+    return value
+
+
+def main(argv=None, stdin=None, stdout=None):
+    stdin, stdout = stdin or sys.stdin, stdout or sys.stdout
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("results", metavar="RESULTS", help="JSON Lines file, or - for the input")
+    parser.add_argument("truth", metavar="TRUTH", help="folder of the true texts")
+    parser.add_argument("--minimum", type=share, metavar="SHARE",
+                        help="exit with 1 if a smaller share (0 to 1) of all characters is right")
+    parser.add_argument("--only-given", action="store_true",
+                        help="leave out the pictures that RESULTS has nothing about; by default "
+                             "all their lines are missed")
+    arguments = parser.parse_args(argv)
+    try:
+        texts = true_texts(arguments.truth)
+        if arguments.results == "-":
+            comparisons = compare(read_results(stdin), texts, arguments.only_given)
+        else:
+            with open(arguments.results, encoding="utf-8") as stream:
+                comparisons = compare(read_results(stream), texts, arguments.only_given)
+        if not comparisons:
+            raise ValueError("there are no results")
+    except (OSError, ValueError) as error:
+        print(f"compare.py: {error}", file=sys.stderr)
+        return 2
+    print_report(comparisons, stdout)
+    total = share_of(comparisons)
+    if arguments.minimum is not None and total < arguments.minimum:
+        print(f"\n{100 * total:.2f} % is below the minimum of {100 * arguments.minimum:.2f} %",
+              file=stdout)
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
