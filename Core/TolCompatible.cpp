@@ -34,9 +34,17 @@ struct ModelRow {
 /// The models, in the order tried; the only registration there is. The engine "TensorRT" is known
 /// and has none. Feature extractors and text recognisers go by the category "Track".
 constexpr ModelRow kModels[] = {
+    {"OpenVINO", "Detect", "YOLO26", build<&VsaModelSet::detect, makeOvDetectYolo26>},
     {"OpenVINO", "Detect", "YOLO8", build<&VsaModelSet::detect, makeOvDetectYolo8>},
+    {"OpenVINO", "Detect", "YOLO8-POSE", build<&VsaModelSet::detect, makeOvDetectYolo8Pose>},
+    {"OpenVINO", "Detect", "YOLO8-OBB", build<&VsaModelSet::detect, makeOvDetectYolo8Obb>},
+    {"OpenVINO", "Detect", "YOLO8-Seg", build<&VsaModelSet::detect, makeOvDetectYolo8Seg>},
+    {"OpenVINO", "Detect", "YOLO5", build<&VsaModelSet::detect, makeOvDetectYolo5>},
     {"OpenVINO", "Detect", "PaddleOCR", build<&VsaModelSet::detect, makeOvDetectPaddleOCR>},
     {"OpenVINO", "Track", "PaddleOCR", build<&VsaModelSet::feature, makeOvFeaturePaddleOCR>},
+    {"ONNXRuntime", "Detect", "YOLO5", build<&VsaModelSet::detect, makeOrDetectYolo5>},
+    {"ONNXRuntime", "Detect", "YOLO8", build<&VsaModelSet::detect, makeOrDetectYolo8>},
+    {"ONNXRuntime", "Detect", "YOLO26", build<&VsaModelSet::detect, makeOrDetectYolo26>},
 };
 
 bool isSupported(const std::string& version) {

@@ -1,15 +1,53 @@
-// The list of ONNX Runtime's devices.
-
-#include <onnxruntime_cxx_api.h>
+// YOLOv8 detection on ONNX Runtime: one anchor-free head.
+// Input is [1, 3, H, W] floats, red first.
+// Output 0 is [1, 4 + classes, N] floats; column i is candidate i, as decodeYolo8 reads it.
+//
+// The list of ONNX Runtime's devices is kept here too.
 
 #include <algorithm>
-#include <string>
-#include <vector>
 
+#include "OnnxRuntime/OrDetect.h"
 #include "OnnxRuntime/OrModels.h"
 #include "Utils/Log.h"
+#include "Utils/Objects.h"
+#include "Utils/PreProcessUtils.h"
+#include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
+namespace {
+
+class OrDetectYolo8 final : public OrDetect {
+ public:
+  OrDetectYolo8(const VsaModelConfig* modelConfig, const std::string& root)
+      : OrDetect(modelConfig, root, kCandidateColumns) {}
+  // Deliberate: an empty line; these models have no name in the log.
+  ~OrDetectYolo8() override { logInfo(""); }
+  bool run(VsaFrame* frame) override;
+};
+
+bool OrDetectYolo8::run(VsaFrame* frame) {
+  const std::optional<cv::Mat> image = imageOf(frame);
+  if (!image || !isOpen()) return false;
+  // Deliberate: before inference, against the size that the network had when it was opened.
+  if (static_cast<std::size_t>(outputDimensions[0]) != std::size_t{config->classCount} + 4) {
+    logError("Yolo8 dimensions error:" + std::to_string(outputDimensions[0]));
+    return false;
+  }
+  const std::optional<Answer> answer = inferLetterboxed(*image);
+  if (!answer) return false;
+  const Candidates found =
+      decodeYolo8(answer->grid, static_cast<int>(config->classCount), config->scoreThreshold);
+  if (!usable(found.badBox)) return false;
+  append(frame->objects, wantedObjects(found, answer->scale, *config, *frame));
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
+                                             const std::string& modelRoot) {
+  return std::make_unique<OrDetectYolo8>(config, modelRoot);
+}
 
 void addOnnxRuntimeDevices(VsaDeviceSet& devices) {
   logInfo(std::string("OnnxRuntime ") + OrtGetApiBase()->GetVersionString());

@@ -1,9 +1,19 @@
-// What ONNX Runtime brings.
+// The ONNX Runtime models, one make function each. The classes live whole in their own files.
 #pragma once
 
-#include "TolCompatible.h"
+#include <memory>
+#include <string>
+
+#include "VsaModel.h"
 
 namespace TolCompatibleLib {
+
+std::unique_ptr<VsaDetect> makeOrDetectYolo5(const VsaModelConfig* config,
+                                             const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
+                                             const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOrDetectYolo26(const VsaModelConfig* config,
+                                              const std::string& modelRoot);
 
 /// Adds "ONNXRuntime-CPU" where ONNX Runtime can run on the processor. Logs its version. Throws
 /// what it throws.

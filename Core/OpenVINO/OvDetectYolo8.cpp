@@ -10,7 +10,6 @@
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 #include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
@@ -25,15 +24,8 @@ class OvDetectYolo8 final : public OvModel<VsaDetect> {
 };
 
 bool OvDetectYolo8::run(VsaFrame* frame) {
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image) return false;
-  float* const planes = inputPlanes();
-  if (planes == nullptr) return false;
-  const std::optional<Letterbox> input = letterbox(*image, inputSize);
-  if (!input) return false;
-  fillUnitPlanes(input->canvas, planes);
-  inferRequest.infer();
-
+  const std::optional<float> scale = inferLetterboxed(frame);
+  if (!scale) return false;
   const ov::Tensor output = inferRequest.get_output_tensor(0);
   const std::optional<FloatGrid> columns = gridOf(output, 3);
   if (!columns) return false;
@@ -43,15 +35,8 @@ bool OvDetectYolo8::run(VsaFrame* frame) {
   }
   const Candidates found =
       decodeYolo8(*columns, static_cast<int>(config->classCount), config->scoreThreshold);
-  if (found.badBox) {
-    logError(describe(*found.badBox));
-    return false;
-  }
-  std::vector<VsaObject> objects;
-  for (const int i : wantedAfterSuppression(found, *config, frame->wantedClasses)) {
-    objects.push_back(frameObject(found, i, input->scale, *config, *frame));
-  }
-  append(frame->objects, std::move(objects));
+  if (!usable(found.badBox)) return false;
+  append(frame->objects, wantedObjects(found, *scale, *config, *frame));
   return true;
 }
 

@@ -4,6 +4,7 @@
 
 #include "Utils/Log.h"
 #include "Utils/ModelPath.h"
+#include "Utils/PreProcessUtils.h"
 
 namespace TolCompatibleLib {
 
@@ -42,16 +43,43 @@ OvModel<Interface>::~OvModel() {
 }
 
 template <class Interface>
-float* OvModel<Interface>::inputPlanes(std::source_location where) {
+void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialShape& expected,
+                                      std::source_location where) {
   const ov::Output<const ov::Node> input = compiledModel.input();
-  const ov::PartialShape expected{1, 3, inputSize.height, inputSize.width};
-  if (input.get_element_type() != ov::element::f32 || input.get_partial_shape() != expected) {
+  if (input.get_element_type() != type || input.get_partial_shape() != expected) {
     logError("network input is " + input.get_element_type().to_string() +
-                 input.get_partial_shape().to_string() + ",expected f32" + expected.to_string(),
+                 input.get_partial_shape().to_string() + ",expected " + type.to_string() +
+                 expected.to_string(),
              where);
     return nullptr;
   }
-  return inferRequest.get_input_tensor().data<float>();
+  return inferRequest.get_input_tensor().data();
+}
+
+template <class Interface>
+float* OvModel<Interface>::inputPlanes(std::source_location where) {
+  return static_cast<float*>(
+      inputMemory(ov::element::f32, {1, 3, inputSize.height, inputSize.width}, where));
+}
+
+template <class Interface>
+std::uint8_t* OvModel<Interface>::inputPixels(std::source_location where) {
+  return static_cast<std::uint8_t*>(
+      inputMemory(ov::element::u8, {1, inputSize.height, inputSize.width, 3}, where));
+}
+
+template <class Interface>
+std::optional<float> OvModel<Interface>::inferLetterboxed(const VsaFrame* frame,
+                                                          std::source_location where) {
+  const std::optional<cv::Mat> image = imageOf(frame, where);
+  if (!image) return std::nullopt;
+  float* const planes = inputPlanes(where);
+  if (planes == nullptr) return std::nullopt;
+  const std::optional<Letterbox> input = letterbox(*image, inputSize, nullptr, where);
+  if (!input) return std::nullopt;
+  fillUnitPlanes(input->canvas, planes);
+  inferRequest.infer();
+  return input->scale;
 }
 
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,

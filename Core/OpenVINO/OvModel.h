@@ -37,15 +37,27 @@ class OvModel : public Interface {
   /// Does not throw. The derived destructor has logged its own line.
   ~OvModel() override;
 
-  /// The request's own input tensor, to be filled with three planes of `inputSize` before
-  /// inference. Null, after one "[E]" line, where the network does not take exactly that: [1, 3,
-  /// height, width] floats.
+  /// The memory of the request's own input tensor, to be filled before inference: three planes of
+  /// `inputSize`, or pixels of `inputSize` with three bytes each. Null, after one "[E]" line, where
+  /// the network does not take exactly that, [1, 3, height, width] floats or [1, height, width, 3]
+  /// bytes.
   float* inputPlanes(std::source_location where = std::source_location::current());
+  std::uint8_t* inputPixels(std::source_location where = std::source_location::current());
+
+  /// Shows the network the frame as all YOLO detectors but one do: letterboxed, as planes of 0 to
+  /// 1, red first. Returns the scale from network to frame pixels; nothing for a frame or network
+  /// that is refused, as imageOf, inputPlanes and letterbox say.
+  std::optional<float> inferLetterboxed(
+      const VsaFrame* frame, std::source_location where = std::source_location::current());
 
   std::unique_ptr<ov::Core> core;
   ov::CompiledModel compiledModel;
   ov::InferRequest inferRequest;
   cv::Size inputSize;  ///< As configured: width, height.
+
+ private:
+  void* inputMemory(ov::element::Type type, const ov::PartialShape& expected,
+                    std::source_location where);
 };
 
 /// The last two dimensions of an output of `rank` dimensions, seen as a table; earlier ones are not

@@ -9,7 +9,17 @@
 
 namespace TolCompatibleLib {
 
+std::unique_ptr<VsaDetect> makeOvDetectYolo26(const VsaModelConfig* config,
+                                              const std::string& modelRoot);
 std::unique_ptr<VsaDetect> makeOvDetectYolo8(const VsaModelConfig* config,
+                                             const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOvDetectYolo8Pose(const VsaModelConfig* config,
+                                                 const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOvDetectYolo8Obb(const VsaModelConfig* config,
+                                                const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOvDetectYolo8Seg(const VsaModelConfig* config,
+                                                const std::string& modelRoot);
+std::unique_ptr<VsaDetect> makeOvDetectYolo5(const VsaModelConfig* config,
                                              const std::string& modelRoot);
 std::unique_ptr<VsaDetect> makeOvDetectPaddleOCR(const VsaModelConfig* config,
                                                  const std::string& modelRoot);

@@ -16,4 +16,14 @@ constexpr std::int32_t truncateToInt(float value) {
   return static_cast<std::int32_t>(value);
 }
 
+/// a + b, or the integer nearest to it.
+constexpr std::int32_t saturatedSum(std::int32_t a, std::int32_t b) {
+  const std::int64_t sum = std::int64_t{a} + b;
+  if (sum > std::numeric_limits<std::int32_t>::max())
+    return std::numeric_limits<std::int32_t>::max();
+  if (sum < std::numeric_limits<std::int32_t>::min())
+    return std::numeric_limits<std::int32_t>::min();
+  return static_cast<std::int32_t>(sum);
+}
+
 }  // namespace TolCompatibleLib

@@ -125,7 +125,7 @@ std::optional<cv::Mat> imageOf(const VsaFrame* frame, std::source_location where
                  frame->data);
 }
 
-std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
+std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels,
                                    std::source_location where) {
   const float ratioX = static_cast<float>(inputSize.width) / static_cast<float>(image.cols);
   const float ratioY = static_cast<float>(inputSize.height) / static_cast<float>(image.rows);
@@ -137,7 +137,9 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
              where);
     return std::nullopt;
   }
-  cv::Mat canvas = cv::Mat::zeros(inputSize, image.type());
+  cv::Mat canvas = pixels == nullptr ? cv::Mat(inputSize, image.type())
+                                     : cv::Mat(inputSize, image.type(), pixels);
+  canvas.setTo(cv::Scalar::all(0));
   cv::Mat corner = canvas(cv::Rect({0, 0}, scaled));
   cv::resize(image, corner, scaled, 0, 0, cv::INTER_NEAREST);
   // Deliberate: the longer side over the input's height, whichever side limited the scaling. So the
@@ -153,9 +155,10 @@ void fillUnitPlanes(const cv::Mat& canvas, float* planes) {
 }
 
 cv::Size textInputSize(cv::Size frame, std::uint32_t limit) {
-  const float longest = static_cast<float>(std::max(frame.width, frame.height));
-  const float ratio =
-      longest > static_cast<float>(limit) ? static_cast<float>(limit) / longest : 1.0F;
+  const int longest = std::max(frame.width, frame.height);
+  const float ratio = static_cast<std::uint32_t>(longest) > limit
+                          ? static_cast<float>(limit) / static_cast<float>(longest)
+                          : 1.0F;
   const auto side = [ratio](int length) {
     const int shrunk = truncateToInt(static_cast<float>(length) * ratio);
     return std::max((shrunk + 31) / 32 * 32, 32);

@@ -28,8 +28,9 @@ struct Letterbox {
 
 /// Scales `image` by nearest-neighbour sampling to fit `inputSize`, aspect ratio kept. The new
 /// sides are truncated, the padding lies right or below. Nothing, after one "[E]" line, where no
-/// pixel of the picture would be left.
-std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
+/// pixel of the picture would be left. \param pixels memory for the canvas, or null for memory of
+/// its own.
+std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels = nullptr,
                                    std::source_location where = std::source_location::current());
 
 /// Writes `canvas` (8-bit BGR) as three planes, red first, of values 0 to 1.

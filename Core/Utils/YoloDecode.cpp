@@ -1,8 +1,10 @@
 #include "Utils/YoloDecode.h"
 
+#include <algorithm>
 #include <cmath>
 #include <opencv2/dnn.hpp>
 
+#include "Utils/Log.h"
 #include "Utils/Numbers.h"
 
 namespace TolCompatibleLib {
@@ -10,12 +12,26 @@ namespace {
 
 constexpr int kBoxRows = 4;  // centre x, centre y, width, height
 
+bool allFinite(const std::array<float, 4>& numbers) {
+  return std::ranges::all_of(numbers, [](float number) { return std::isfinite(number); });
+}
+
+/// The name of a class that the host wants, or null.
+const std::string* wantedName(int classId, const VsaModelConfig& config,
+                              const std::set<std::string>& wantedClasses) {
+  const auto place = static_cast<std::size_t>(classId);
+  if (place >= config.classNames.size()) return nullptr;
+  const std::string& name = config.classNames[place];
+  return wantedClasses.contains(name) ? &name : nullptr;
+}
+
 }  // namespace
 
 bool Candidates::add(float x, float y, float width, float height, float score, int classId,
                      int place) {
-  if (!std::isfinite(x) || !std::isfinite(y) || !std::isfinite(width) || !std::isfinite(height)) {
-    badBox = BadBox{place, x, y, width, height};
+  const std::array<float, 4> numbers{x, y, width, height};
+  if (!allFinite(numbers)) {
+    badBox = BadBox{place, numbers};
     return false;
   }
   boxes.emplace_back(truncateToInt(x), truncateToInt(y), truncateToInt(width),
@@ -26,10 +42,34 @@ bool Candidates::add(float x, float y, float width, float height, float score, i
   return true;
 }
 
-std::string describe(const BadBox& box) {
-  return "box is not finite,candidate=" + std::to_string(box.place) +
-         ",x=" + std::to_string(box.x) + ",y=" + std::to_string(box.y) +
-         ",width=" + std::to_string(box.width) + ",height=" + std::to_string(box.height);
+bool usable(const std::optional<BadBox>& badBox, std::source_location where) {
+  if (!badBox) return true;
+  std::string text = "candidate " + std::to_string(badBox->place) + " is not finite:";
+  for (const float number : badBox->numbers) {
+    text += ' ';
+    text += std::to_string(number);
+  }
+  logError(text, where);
+  return false;
+}
+
+Candidates decodeYolo5(FloatGrid rows, int classCount, float objThreshold, float scoreThreshold) {
+  Candidates found;
+  if (classCount < 1) return found;
+  for (int r = 0; r < rows.rows; ++r) {
+    const float* row = rows.row(r);
+    const float objectness = row[4];
+    if (!(objectness >= objThreshold)) continue;
+    const float* scores = row + 5;
+    const int classId = firstMaximum(scores, classCount);
+    if (!(scores[classId] > scoreThreshold)) continue;
+    // Deliberate: the score is the objectness alone, not its product with the class score.
+    if (!found.add(row[0] - 0.5F * row[2], row[1] - 0.5F * row[3], row[2], row[3], objectness,
+                   classId, r)) {
+      break;
+    }
+  }
+  return found;
 }
 
 Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold) {
@@ -50,6 +90,50 @@ Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold) 
   return found;
 }
 
+Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale) {
+  Candidates found;
+  for (int i = 0; i < columns.cols; ++i) {
+    const float score = columns.row(kBoxRows)[i];
+    if (!(score > scoreThreshold)) continue;
+    const float width = columns.row(2)[i];
+    const float height = columns.row(3)[i];
+    // Deliberate: scaled before it is truncated, unlike the boxes of the other heads.
+    if (!found.add((columns.row(0)[i] - width * 0.5F) * scale,
+                   (columns.row(1)[i] - height * 0.5F) * scale, width * scale, height * scale,
+                   score, /*classId=*/0, i)) {
+      break;
+    }
+  }
+  return found;
+}
+
+Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
+                           const VsaFrame& frame) {
+  Yolo26Objects found;
+  for (int r = 0; r < rows.rows; ++r) {
+    const float* row = rows.row(r);
+    const float score = row[4];
+    if (!(score > config.scoreThreshold)) continue;
+    if (!std::isfinite(row[5])) {
+      found.badBox = BadBox{r, {row[2], row[3], score, row[5]}};
+      break;
+    }
+    const int classId = truncateToInt(row[5]);
+    if (classId < 0 || static_cast<std::uint32_t>(classId) >= config.classCount) continue;
+    const std::string* name = wantedName(classId, config, frame.wantedClasses);
+    if (name == nullptr) continue;
+    const std::array<float, 4> box{row[0] * scale, row[1] * scale, row[2] * scale, row[3] * scale};
+    if (!allFinite(box)) {
+      found.badBox = BadBox{r, box};
+      break;
+    }
+    found.objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height),
+                               truncateToInt(box[0]), truncateToInt(box[1]), truncateToInt(box[2]),
+                               truncateToInt(box[3]), score, classId, *name);
+  }
+  return found;
+}
+
 std::vector<int> suppressed(const Candidates& candidates, const VsaModelConfig& config) {
   std::vector<int> kept;
   cv::dnn::NMSBoxes(candidates.boxes, candidates.scores, config.scoreThreshold, config.nmsThreshold,
@@ -61,10 +145,8 @@ std::vector<int> wantedAfterSuppression(const Candidates& candidates, const VsaM
                                         const std::set<std::string>& wantedClasses) {
   std::vector<int> kept = suppressed(candidates, config);
   std::erase_if(kept, [&](int index) {
-    const auto classId =
-        static_cast<std::size_t>(candidates.classIds[static_cast<std::size_t>(index)]);
-    return classId >= config.classNames.size() ||
-           !wantedClasses.contains(config.classNames[classId]);
+    const int classId = candidates.classIds[static_cast<std::size_t>(index)];
+    return wantedName(classId, config, wantedClasses) == nullptr;
   });
   return kept;
 }
@@ -81,6 +163,17 @@ VsaObject frameObject(const Candidates& candidates, int index, float scale,
   return VsaObject(static_cast<int>(frame.width), static_cast<int>(frame.height), x1, y1, x2, y2,
                    candidates.scores[i], classId,
                    config.classNames[static_cast<std::size_t>(classId)]);
+}
+
+std::vector<VsaObject> wantedObjects(const Candidates& candidates, float scale,
+                                     const VsaModelConfig& config, const VsaFrame& frame) {
+  const std::vector<int> kept = wantedAfterSuppression(candidates, config, frame.wantedClasses);
+  std::vector<VsaObject> objects;
+  objects.reserve(kept.size());
+  for (const int index : kept) {
+    objects.push_back(frameObject(candidates, index, scale, config, frame));
+  }
+  return objects;
 }
 
 }  // namespace TolCompatibleLib

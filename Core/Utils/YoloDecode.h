@@ -3,8 +3,10 @@
 // frame.
 #pragma once
 
+#include <array>
 #include <opencv2/core.hpp>
 #include <optional>
+#include <source_location>
 #include <string>
 #include <vector>
 
@@ -13,10 +15,10 @@
 
 namespace TolCompatibleLib {
 
-/// A candidate whose box no integer can hold.
+/// Numbers of a candidate that no integer can hold.
 struct BadBox {
-  int place;  ///< Row or column of the output.
-  float x, y, width, height;
+  int place;                     ///< Row or column of the output.
+  std::array<float, 4> numbers;  ///< As the network gave them or, of a box, moved to its corner.
 };
 
 /// Parallel lists, in the order of the output.
@@ -32,13 +34,40 @@ struct Candidates {
   bool add(float x, float y, float width, float height, float score, int classId, int place);
 };
 
-/// What is wrong with a box, for the log.
-std::string describe(const BadBox& box);
+/// True without a bad box; else logs one "[E]" line that names its numbers.
+bool usable(const std::optional<BadBox>& badBox,
+            std::source_location where = std::source_location::current());
 
-/// Candidates of an anchor-free head, one per column: rows 0 to 3 hold centre x, centre y, width
-/// and height, and the following `classCount` rows (which must exist) one activated score per
+/// Candidates of an anchor-based YOLOv5 head, one per row: centre x, centre y, width, height,
+/// objectness, then one score per class (`classCount` of them, which must exist). A row counts if
+/// its objectness is at least `objThreshold` and its best class scores above `scoreThreshold`. Its
+/// score is the objectness alone.
+Candidates decodeYolo5(FloatGrid rows, int classCount, float objThreshold, float scoreThreshold);
+
+/// Candidates of an anchor-free YOLOv8 head, one per column: rows 0 to 3 hold centre x, centre y,
+/// width and height, and the following `classCount` rows (which must exist) one activated score per
 /// class. The best class counts, if its score is greater than `scoreThreshold`.
 Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold);
+
+/// Candidates of a YOLOv8 pose head, one per column: rows 0 to 3 as above, row 4 the confidence,
+/// then key points. Boxes are in frame pixels already: scaled, then truncated.
+Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale);
+
+/// Columns of a YOLO26 row that are read.
+constexpr int kYolo26Columns = 6;
+
+/// What a YOLO26 head found.
+struct Yolo26Objects {
+  std::vector<VsaObject> objects;
+  std::optional<BadBox>
+      badBox;  ///< Set where a box or class id is NaN or infinite; decoding stopped there.
+};
+
+/// The objects of an end-to-end YOLO26 head, one per row: x1, y1, x2, y2, score, class id; further
+/// columns are not read. Every row above the threshold whose class has a name and is wanted becomes
+/// an object; nothing is suppressed. \param rows at least six columns.
+Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
+                           const VsaFrame& frame);
 
 /// Candidates left by cv::dnn::NMSBoxes across all classes, best first. Throws cv::Exception for a
 /// negative threshold.
@@ -53,5 +82,9 @@ std::vector<int> wantedAfterSuppression(const Candidates& candidates, const VsaM
 /// corner is computed from the truncated near corner.
 VsaObject frameObject(const Candidates& candidates, int index, float scale,
                       const VsaModelConfig& config, const VsaFrame& frame);
+
+/// All wanted candidates as objects, best first.
+std::vector<VsaObject> wantedObjects(const Candidates& candidates, float scale,
+                                     const VsaModelConfig& config, const VsaFrame& frame);
 
 }  // namespace TolCompatibleLib

@@ -1,0 +1,78 @@
+// YOLOv5 detection: one anchor-based head.
+// Input is [1, H, W, 3] bytes: the normalisation is compiled into the network.
+// Output 0 is [1, N, 5 + classes] floats; row i is candidate i:
+//   columns 0-3  centre x, centre y, width, height in network pixels
+//   column 4     objectness; it alone is the candidate's score
+//   columns 5-   one score per class
+// Overlaps are suppressed across classes, and before the host's class filter.
+
+#include "OpenVINO/OvModel.h"
+#include "OpenVINO/OvModels.h"
+#include "Utils/Log.h"
+#include "Utils/Objects.h"
+#include "Utils/PreProcessUtils.h"
+#include "Utils/YoloDecode.h"
+
+namespace TolCompatibleLib {
+namespace {
+
+/// Reads the network and puts the step from bytes to planes of 0 to 1 in front of it.
+ov::CompiledModel compileWithNormalisation(ov::Core& core, const std::string& file,
+                                           const std::string& device) {
+  ov::preprocess::PrePostProcessor stages(core.read_model(file));
+  // Deliberate: both sides are called RGB, so no channels are swapped and the network sees the
+  // host's blue first.
+  stages.input()
+      .tensor()
+      .set_element_type(ov::element::u8)
+      .set_layout("NHWC")
+      .set_color_format(ov::preprocess::ColorFormat::RGB);
+  stages.input()
+      .preprocess()
+      .convert_element_type(ov::element::f32)
+      .convert_color(ov::preprocess::ColorFormat::RGB)
+      .scale({255.0F, 255.0F, 255.0F});
+  stages.input().model().set_layout("NCHW");
+  stages.output(0).tensor().set_element_type(ov::element::f32);
+  return core.compile_model(stages.build(), device, ov::AnyMap{});
+}
+
+class OvDetectYolo5 final : public OvModel<VsaDetect> {
+ public:
+  OvDetectYolo5(const VsaModelConfig* modelConfig, const std::string& root)
+      : OvModel("OvDetectYolo5", modelConfig, root, compileWithNormalisation) {}
+  ~OvDetectYolo5() override { logInfo("~OvDetectYolo5()"); }
+  bool run(VsaFrame* frame) override;
+};
+
+bool OvDetectYolo5::run(VsaFrame* frame) {
+  const std::optional<cv::Mat> image = imageOf(frame);
+  if (!image) return false;
+  std::uint8_t* const pixels = inputPixels();
+  if (pixels == nullptr) return false;
+  const std::optional<Letterbox> input = letterbox(*image, inputSize, pixels);
+  if (!input) return false;
+  inferRequest.infer();
+
+  const ov::Tensor output = inferRequest.get_output_tensor(0);
+  const std::optional<FloatGrid> rows = gridOf(output, 3);
+  if (!rows) return false;
+  if (static_cast<std::size_t>(rows->cols) != std::size_t{config->classCount} + 5) {
+    logError("Yolo5 dimensions error:" + std::to_string(rows->cols));
+    return false;
+  }
+  const Candidates found = decodeYolo5(*rows, static_cast<int>(config->classCount),
+                                       config->objThreshold, config->scoreThreshold);
+  if (!usable(found.badBox)) return false;
+  append(frame->objects, wantedObjects(found, input->scale, *config, *frame));
+  return true;
+}
+
+}  // namespace
+
+std::unique_ptr<VsaDetect> makeOvDetectYolo5(const VsaModelConfig* config,
+                                             const std::string& modelRoot) {
+  return std::make_unique<OvDetectYolo5>(config, modelRoot);
+}
+
+}  // namespace TolCompatibleLib
