@@ -58,9 +58,11 @@ void addRunOptions(CLI::App* command, vsa::RunOptions* options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  // FFmpeg inside OpenCV would tell about every file that is no video on its own.
+  // FFmpeg inside OpenCV would tell about every file that is no video on its own, and the engine's
+  // thread library about a system that does not describe its processor (many containers).
 #if !defined(_WIN32)
   setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
+  setenv("HWLOC_HIDE_ERRORS", "2", 0);
 #endif
   google::InitGoogleLogging(argv[0]);
   vsa::RunOptions options;

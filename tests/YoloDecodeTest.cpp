@@ -76,6 +76,86 @@ TEST(Yolo8Decode, ABoxThatIsNotFiniteIsReportedOnlyWhenItsScorePasses) {
             std::numeric_limits<int>::max());
 }
 
+TEST(Yolo5Decode, ObjectnessCountsTwiceAndClassScoresOnce) {
+  // centre x, centre y, width, height, objectness, two class scores
+  const std::vector<float> output = {
+      10, 10, 5, 5, 0.5F,  0.25F, 0.3F,   // kept: objectness may equal its threshold
+      10, 10, 5, 5, 0.49F, 0.9F,  0.9F,   // objectness too small
+      10, 10, 5, 5, 0.9F,  0.25F, 0.1F,   // the best class only equals the threshold
+      10, 10, 5, 5, kNan,  0.9F,  0.9F,   //
+      10, 10, 5, 5, 0.9F,  kNan,  kNan,   //
+      20, 20, 3, 3, 0.6F,  0.7F,  0.7F};  // ties go to the lower class
+  const Candidates found = decodeYolo5({output.data(), 6, 7}, 2, 0.5F, 0.25F);
+  EXPECT_EQ(found.places, (std::vector<int>{0, 5}));
+  EXPECT_EQ(found.classIds, (std::vector<int>{1, 0}));
+  EXPECT_EQ(found.scores, (std::vector<float>{0.5F, 0.6F}));  // the objectness alone
+  EXPECT_EQ(found.boxes, (std::vector<cv::Rect>{{7, 7, 5, 5}, {18, 18, 3, 3}}));
+  EXPECT_TRUE(decodeYolo5({output.data(), 0, 7}, 2, 0.5F, 0.25F).boxes.empty());
+  EXPECT_TRUE(decodeYolo5({output.data(), 6, 5}, 0, 0.0F, 0.0F).boxes.empty());
+}
+
+TEST(Yolo8PoseDecode, BoxesAreScaledBeforeTheyAreTruncated) {
+  const std::vector<float> output = {5.3F, 5.3F, 5.3F, 5.3F, 3, 3, 3, 3, 0.5F, 0.25F};
+  const Candidates found = decodeYolo8Pose({output.data(), 5, 2}, 0.25F, 3.0F);
+  ASSERT_EQ(found.places, (std::vector<int>{0}));
+  EXPECT_EQ(found.boxes[0],
+            cv::Rect(11, 11, 9, 9));  // (5.3 - 1.5) * 3 = 11.4; truncating first would give 9
+}
+
+struct Yolo26Case {
+  const char* what;
+  std::vector<float> row;
+  int classId;  ///< Of the object, or -1 for none.
+};
+
+TEST(Yolo26Decode, ClassIdsAreTruncatedAndCheckedAndNothingIsSuppressed) {
+  VsaModelConfig config;
+  config.classNames = {"a", "b", "c"};
+  config.classCount = 4;
+  config.scoreThreshold = 0.25F;
+  VsaFrame frame;
+  frame.width = 100;
+  frame.height = 100;
+  frame.wantedClasses = {"a", "c", ""};
+  const Yolo26Case cases[] = {{"kept", {10, 10, 20, 20, 0.5F, 0}, 0},
+                              {"the same again", {10, 10, 20, 20, 0.5F, 0}, 0},
+                              {"fraction dropped", {10, 10, 20, 20, 0.5F, 2.9F}, 2},
+                              {"fraction dropped toward zero", {10, 10, 20, 20, 0.5F, -0.5F}, 0},
+                              {"negative class", {10, 10, 20, 20, 0.5F, -1}, -1},
+                              {"class without a name", {10, 10, 20, 20, 0.5F, 3}, -1},
+                              {"class past the count", {10, 10, 20, 20, 0.5F, 4}, -1},
+                              {"class no integer holds", {10, 10, 20, 20, 0.5F, 1e30F}, -1},
+                              {"unwanted", {kNan, 10, 20, 20, 0.5F, 1}, -1},
+                              {"score equal to the threshold", {10, 10, 20, 20, 0.25F, 0}, -1},
+                              {"score is no number", {10, 10, 20, 20, kNan, kNan}, -1}};
+  std::vector<float> output;
+  std::vector<int> expected;
+  for (const Yolo26Case& c : cases) {
+    output.insert(output.end(), c.row.begin(), c.row.end());
+    if (c.classId >= 0) expected.push_back(c.classId);
+  }
+  const Yolo26Objects found =
+      decodeYolo26({output.data(), static_cast<int>(std::size(cases)), 6}, 1.5F, config, frame);
+  EXPECT_FALSE(found.badBox);
+  std::vector<int> classIds;
+  for (const VsaObject& object : found.objects) classIds.push_back(object.classId);
+  EXPECT_EQ(classIds, expected);
+  EXPECT_EQ(found.objects.at(0).left, 15);
+  EXPECT_EQ(found.objects.at(0).bottom, 30);
+
+  for (const std::vector<float>& bad :
+       {std::vector<float>{1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}}) {
+    EXPECT_TRUE(decodeYolo26({bad.data(), 1, 6}, 1.0F, config, frame).badBox);
+  }
+  // Corners the wrong way round are clamped and no more; columns past the sixth are not read.
+  const std::vector<float> odd = {90, 80, -5, 300, 0.5F, 0, kNan, kNan};
+  const Yolo26Objects inverted = decodeYolo26({odd.data(), 1, 8}, 1.0F, config, frame);
+  ASSERT_EQ(inverted.objects.size(), 1U);
+  EXPECT_EQ(inverted.objects[0].left, 90);
+  EXPECT_EQ(inverted.objects[0].right, -5);
+  EXPECT_EQ(inverted.objects[0].bottom, 100);
+}
+
 TEST(YoloMapping, TheFarCornerStartsAtTheTruncatedNearCorner) {
   VsaModelConfig config;
   config.classNames = {"a"};

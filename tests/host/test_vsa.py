@@ -253,8 +253,9 @@ class StopTest(Case):
         process = self.start("--json", self.film(2000), "--output", self.folder / "out")
         lines = [process.stdout.readline() for _ in range(3)]
         process.send_signal(signal.SIGINT)
-        out, err = process.communicate(timeout=60)
-        self.assertEqual(process.returncode, 130, err)
+        out = process.stdout.read()  # not communicate(): it would lose what readline() has buffered
+        err = process.stderr.read()
+        self.assertEqual(process.wait(timeout=60), 130, err)
         frames = [json.loads(line) for line in lines + out.splitlines()]
         self.assertLess(len(frames), 2000)
         self.assertIn(f"{len(frames)} frames", err.decode())

@@ -1,0 +1,188 @@
+// The ONNX Runtime detectors through the exported calls, on files made by support/make_onnx.py.
+
+#include <gtest/gtest.h>
+
+#include "OnnxRuntime/OrDetect.h"
+#include "support/LogCapture.h"
+#include "support/TestHost.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+std::string path(const std::string& name) {
+  return std::string(TOL_ONNX_NETWORKS) + "/" + name;
+}
+
+struct OnnxModel : TestModel {
+  OnnxModel(const std::string& modelName, const std::string& file)
+      : TestModel("Detect", modelName, path(file + ".onnx")) {
+    config.engine = "ONNXRuntime";
+    config.objThreshold = 0.25F;
+    setInput(64, 64);
+    setClasses({"a", "b"});
+  }
+};
+
+std::vector<std::vector<int>> boxesOf(const VsaFrame& frame) {
+  std::vector<std::vector<int>> boxes;
+  for (const VsaObject& object : frame.objects) boxes.push_back(boxOf(object));
+  return boxes;
+}
+using Boxes = std::vector<std::vector<int>>;
+
+TEST(OrDetect, DecodesEachFamily) {
+  struct Case {
+    const char* model;
+    const char* file;
+    Boxes boxes;
+    std::vector<float> scores;
+  };
+  const Case cases[] = {
+      {"YOLO8", "yolo8", {{23, 22, 43, 42}, {6, 6, 10, 10}}, {0.75F, 0.3F}},
+      {"YOLO5", "yolo5", {{22, 22, 42, 42}, {6, 6, 10, 10}}, {0.9F, 0.5F}},
+      {"YOLO26",
+       "yolo26",
+       {{22, 22, 42, 42}, {22, 22, 42, 42}, {0, 0, 64, 64}},
+       {0.5F, 0.5F, 0.7F}},
+  };
+  cv::Mat image = randomImage(64, 64);
+  for (const Case& c : cases) {
+    OnnxModel model(c.model, c.file);
+    ASSERT_TRUE(model.init());
+    VsaFrame frame = frameOf(image, {"a", "b"});
+    LogCapture log;
+    EXPECT_TRUE(model.detect(frame));
+    EXPECT_EQ(boxesOf(frame), c.boxes) << c.model;
+    for (std::size_t i = 0; i < frame.objects.size(); ++i)
+      EXPECT_EQ(frame.objects[i].score, c.scores.at(i));
+    VsaFrame nothingWanted = frameOf(image);
+    EXPECT_TRUE(model.detect(nothingWanted));
+    EXPECT_TRUE(nothingWanted.objects.empty());
+    VsaFrame audio = frameOf(image);
+    audio.kind = kVsaAudioFrame;
+    EXPECT_FALSE(model.detect(audio));
+    EXPECT_EQ(log.texts(), Texts{});
+    EXPECT_FALSE(VsaModelDetect(&model.context, nullptr));
+    EXPECT_EQ(log.texts(), Texts{"[E]frame is null"});
+  }
+}
+
+TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
+  LogCapture log;
+  for (const std::string name : {"Yolo5", "Yolo8", "Yolo26"}) {
+    {
+      OnnxModel model("YOLO" + name.substr(4), "y" + name.substr(1));
+      ASSERT_TRUE(model.init());
+    }
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_EQ(lines.size(), 2U);
+    EXPECT_EQ(lines[0].text,
+              "[I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU");
+    EXPECT_EQ(lines[1].text, "[I]");
+    for (const LogLine& line : lines) EXPECT_EQ(line.file, "Core/OnnxRuntime/OrDetect" + name);
+  }
+}
+
+TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"two_inputs", "numInputNodes error:2"},
+      {"no_inputs", "numInputNodes error:0"},
+      {"other_size", "input_height=64,input_width=32"},
+      {"dynamic_input", "input_height=-1,input_width=-1"},
+      {"rank_2_input", "network input is no float tensor of rank 4,[3,64]"},
+      {"byte_input", "network input is no float tensor of rank 4"},
+      {"dynamic_output", "network output has no fixed size,[1,6,-1]"},
+      {"rank_2_output", "network output is no float tensor of rank 3,[6,3]"},
+  };
+  cv::Mat image = randomImage(64, 64);
+  for (const auto& [file, text] : cases) {
+    OnnxModel model("YOLO8", file);
+    LogCapture log;
+    EXPECT_FALSE(model.init()) << file;
+    ASSERT_NE(model.context.models, nullptr);
+    EXPECT_NE(model.context.models->detect, nullptr);
+    EXPECT_EQ(log.texts().back(), "[E]" + text);
+    VsaFrame frame = frameOf(image, {"a"});
+    EXPECT_FALSE(model.detect(frame));
+    EXPECT_EQ(log.texts(), Texts{"[E]network was refused when it was opened"});
+  }
+  OnnxModel missing("YOLO8", "missing");
+  EXPECT_THROW(missing.init(), Ort::Exception);
+  EXPECT_EQ(missing.context.models, nullptr);
+}
+
+TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
+  struct Case {
+    const char* model;
+    const char* file;
+    std::uint32_t classCount;
+    const char* line;
+  };
+  const Case cases[] = {{"YOLO8", "yolo8", 3, "[E]Yolo8 dimensions error:6"},
+                        {"YOLO8", "yolo8", 0xFFFFFFFFU, "[E]Yolo8 dimensions error:6"},
+                        {"YOLO5", "yolo5", 1, "[E]Yolo5 dimensions error:7"},
+                        {"YOLO26", "yolo26_short", 2, "[E]Yolo26 dimensions error:5"}};
+  cv::Mat image = randomImage(64, 64);
+  for (const Case& c : cases) {
+    OnnxModel model(c.model, c.file);
+    model.config.classCount = c.classCount;
+    ASSERT_TRUE(model.init());
+    VsaFrame frame = frameOf(image, {"a"});
+    LogCapture log;
+    EXPECT_FALSE(model.detect(frame));
+    EXPECT_EQ(log.texts(), Texts{c.line});
+    EXPECT_TRUE(frame.objects.empty());
+  }
+}
+
+TEST(OrDetect, AnOutputShorterThanItWasSaidToBeFailsItsFrameOnly) {
+  OnnxModel model("YOLO8", "breaks_its_word");
+  ASSERT_TRUE(model.init());
+  cv::Mat black(64, 64, CV_8UC3, cv::Scalar::all(0));
+  cv::Mat white(64, 64, CV_8UC3, cv::Scalar::all(255));
+  VsaFrame dark = frameOf(black, {"a"});
+  LogCapture log;
+  EXPECT_FALSE(model.detect(dark));
+  EXPECT_EQ(log.texts().back(), "[E]network output is too short,[1,6,2]");
+  VsaFrame bright = frameOf(white, {"a"});
+  EXPECT_TRUE(model.detect(bright));
+  EXPECT_EQ(bright.objects.size(), 1U);
+}
+
+TEST(BothEngines, AgreeOnTheSameNetworkAndFrame) {
+  for (const auto& [name, file, side] :
+       {std::tuple{"YOLO8", "yolo8", 64U}, {"YOLO26", "yolo26", 64U}, {"YOLO8", "echo8", 8U}}) {
+    OnnxModel onnx(name, file);
+    TestModel ir("Detect", name, path(file));
+    for (TestModel* model : {static_cast<TestModel*>(&onnx), &ir}) {
+      model->setInput(side, side);
+      model->setClasses(side == 8 ? std::vector<std::string>{"a"}
+                                  : std::vector<std::string>{"a", "b"});
+      ASSERT_TRUE(model->init());
+    }
+    for (std::uint64_t seed = 1; seed < 6; ++seed) {
+      cv::Mat image = randomImage(10 * static_cast<int>(seed), 37, seed);
+      VsaFrame first = frameOf(image, {"a", "b"});
+      VsaFrame second = first;
+      ASSERT_TRUE(onnx.detect(first));
+      ASSERT_TRUE(ir.detect(second));
+      EXPECT_FALSE(first.objects.empty());
+      EXPECT_EQ(boxesOf(first), boxesOf(second));
+      for (std::size_t i = 0; i < first.objects.size(); ++i) {
+        EXPECT_EQ(first.objects[i].score, second.objects[i].score);
+        EXPECT_EQ(first.objects[i].className, second.objects[i].className);
+      }
+    }
+  }
+}
+
+TEST(WidenedPath, TakesEachByteAsASignedCharacter) {
+  EXPECT_EQ(TolCompatibleLib::widened<wchar_t>("a/b.onnx"), L"a/b.onnx");
+  const std::wstring wide = TolCompatibleLib::widened<wchar_t>("\xE4");
+  ASSERT_EQ(wide.size(), 1U);
+  EXPECT_EQ(wide[0], static_cast<wchar_t>(-28));
+  EXPECT_EQ(TolCompatibleLib::widened<char>("\xE4x"), "\xE4x");
+}
+
+}  // namespace

@@ -1,0 +1,322 @@
+// YOLOv5, YOLO26, oriented boxes, pose and segmentation on OpenVINO, through the exported calls.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <opencv2/imgproc.hpp>
+#include <openvino/opsets/opset8.hpp>
+
+#include "support/LogCapture.h"
+#include "support/TestHost.h"
+#include "support/TinyNetworks.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+using Table = std::vector<std::vector<float>>;
+
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+
+std::vector<float> flat(const Table& rows) {
+  std::vector<float> numbers;
+  for (const auto& row : rows) numbers.insert(numbers.end(), row.begin(), row.end());
+  return numbers;
+}
+
+/// [1, rows, columns] as given, or turned round: one candidate per column.
+std::string rowsNetwork(const Table& rows) {
+  return writeConstant({1, 3, 64, 64}, {1, rows.size(), rows.at(0).size()}, flat(rows));
+}
+Table turned(const Table& rows) {
+  Table columns(rows.at(0).size(), std::vector<float>(rows.size()));
+  for (std::size_t r = 0; r < rows.size(); ++r) {
+    for (std::size_t c = 0; c < columns.size(); ++c) columns[c][r] = rows[r][c];
+  }
+  return columns;
+}
+
+/// A model on a 64 x 64 input, and a frame twice that size, so boxes double.
+struct Bench {
+  Bench(const std::string& name, const std::string& network, std::vector<std::string> classes)
+      : model("Detect", name, network), image(randomImage(128, 128)), frame(frameOf(image)) {
+    frame.wantedClasses = {classes.begin(), classes.end()};
+    model.setInput(64, 64);
+    model.setClasses(std::move(classes));
+  }
+  bool run() {
+    if (model.context.models == nullptr) {
+      EXPECT_TRUE(model.init());
+    }
+    LogCapture log;
+    const bool done = model.detect(frame);
+    lines = log.texts();
+    return done;
+  }
+  std::vector<std::vector<int>> boxes() const {
+    std::vector<std::vector<int>> list;
+    for (const VsaObject& object : frame.objects) list.push_back(boxOf(object));
+    return list;
+  }
+
+  TestModel model;
+  cv::Mat image;
+  VsaFrame frame;
+  Texts lines;
+};
+
+using Boxes = std::vector<std::vector<int>>;
+
+TEST(OvDetectors, NameThemselvesInTheLog) {
+  const std::pair<std::string, std::string> names[] = {{"YOLO26", "OvDetectYolo26"},
+                                                       {"YOLO8-POSE", "OvDetectYolo8Pose"},
+                                                       {"YOLO8-OBB", "OvDetectYolo8Obb"},
+                                                       {"YOLO8-Seg", "OvDetectYolo8Seg"},
+                                                       {"YOLO5", "OvDetectYolo5"}};
+  const std::string network = rowsNetwork({{1, 1, 1, 1, 1, 1}});
+  LogCapture log;
+  for (const auto& [name, className] : names) {
+    {
+      TestModel model("Detect", name, network);
+      EXPECT_TRUE(model.init());
+    }
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0].text, "[I]" + className + "()");
+    EXPECT_EQ(lines[1].text, "[I]modelPath=" + network + ",device=CPU");
+    EXPECT_EQ(lines[2].text, "[I]~" + className + "()");
+    for (const LogLine& line : lines) EXPECT_EQ(line.file, "Core/OpenVINO/" + className);
+  }
+}
+
+TEST(OvDetectors, RefuseOutputsOfAnotherSize) {
+  struct Case {
+    const char* model;
+    ov::Shape output;
+    std::uint32_t classCount;
+    const char* line;  ///< Null where the run is all right.
+  };
+  const Case cases[] = {
+      {"YOLO5", {1, 3, 6}, 2, "[E]Yolo5 dimensions error:6"},
+      {"YOLO5", {1, 3, 8}, 2, "[E]Yolo5 dimensions error:8"},
+      {"YOLO5", {1, 3, 4}, 0xFFFFFFFFU, "[E]Yolo5 dimensions error:4"},
+      {"YOLO5", {1, 0, 7}, 2, nullptr},
+      {"YOLO5", {3, 7}, 2, "[E]network output is f32[3,7],expected f32 of rank 3"},
+      {"YOLO26", {1, 3, 5}, 2, "[E]Yolo26 dimensions error:5"},
+      {"YOLO26", {1, 0, 6}, 2, nullptr},
+      {"YOLO26", {1, 3, 6, 1}, 2, "[E]network output is f32[1,3,6,1],expected f32 of rank 3"},
+      {"YOLO8-OBB", {1, 6, 3}, 2, "[E]Yolo8-Obb dimensions error:6"},
+      {"YOLO8-OBB", {1, 4, 3}, 0xFFFFFFFFU, "[E]Yolo8-Obb dimensions error:4"},
+      {"YOLO8-POSE", {1, 56, 1}, 1, nullptr},
+      {"YOLO8-POSE", {1, 56, 1}, 17, nullptr},
+      {"YOLO8-POSE", {1, 56, 1}, 2, "[E]Yolo8-Pose dimensions error:56"},
+      {"YOLO8-POSE", {1, 5, 1}, 0, nullptr},
+      {"YOLO8-POSE", {1, 2, 1}, 0xFFFFFFFFU, "[E]Yolo8-Pose dimensions error:2"},
+      {"YOLO8-Seg", {1, 6, 3}, 2, "[E]Yolo8-Seg dimensions error:6"},
+      {"YOLO8-Seg", {1, 35, 3}, 0xFFFFFFFFU, "[E]Yolo8-Seg dimensions error:35"},
+  };
+  for (const Case& c : cases) {
+    Bench bench(
+        c.model,
+        writeConstant({1, 3, 64, 64}, c.output, std::vector<float>(ov::shape_size(c.output), 0.1F)),
+        {"a"});
+    bench.model.config.classCount = c.classCount;
+    EXPECT_EQ(bench.run(), c.line == nullptr) << c.model << c.output;
+    EXPECT_EQ(bench.lines, c.line == nullptr ? Texts{} : Texts{c.line});
+    EXPECT_TRUE(bench.frame.objects.empty());
+  }
+}
+
+TEST(OvDetectors, RefuseFramesAndNetworksThatDoNotFit) {
+  for (const char* name : {"YOLO5", "YOLO26", "YOLO8-OBB", "YOLO8-POSE", "YOLO8-Seg"}) {
+    Bench bench(name, writeConstant({1, 3, 32, 32}, {1, 1, 1}, {1}), {"a"});
+    EXPECT_FALSE(bench.run());
+    const bool bytes = std::string(name) == "YOLO5";
+    EXPECT_EQ(bench.lines,
+              Texts{bytes ? "[E]network input is u8[1,32,32,3],expected u8[1,64,64,3]"
+                          : "[E]network input is f32[1,3,32,32],expected f32[1,3,64,64]"});
+    bench.frame.data = nullptr;
+    EXPECT_FALSE(bench.run());
+    EXPECT_EQ(bench.lines, Texts{"[E]frame data is null"});
+    bench.frame.kind = kVsaAudioFrame;
+    EXPECT_FALSE(bench.run());
+    EXPECT_EQ(bench.lines, Texts{});
+  }
+}
+
+TEST(OvDetectYolo5, ReportsTheObjectnessAndSuppressesByIt) {
+  Bench bench("YOLO5",
+              rowsNetwork({{32, 32, 20, 20, 0.5F, 0.9F, 0},
+                           {33, 32, 20, 20, 0.6F, 0, 0.3F},
+                           {8, 8, 4, 4, 0.25F, 0.9F, 0},
+                           {60, 60, 20, 20, 0.7F, 0.9F, 0}}),
+              {"a", "b"});
+  bench.model.config.objThreshold = 0.25F;
+  EXPECT_TRUE(bench.run());
+  // The third is above the thresholds, but its objectness only equals the class threshold that
+  // suppression applies.
+  EXPECT_EQ(bench.boxes(), (Boxes{{100, 100, 128, 128}, {46, 44, 86, 84}}));
+  EXPECT_EQ(bench.frame.objects.at(1).score, 0.6F);
+  EXPECT_EQ(bench.frame.objects.at(1).className, "b");
+
+  bench.frame.objects.clear();
+  bench.frame.wantedClasses = {"a"};
+  EXPECT_TRUE(bench.run());
+  EXPECT_EQ(bench.boxes(), (Boxes{{100, 100, 128, 128}}));
+}
+
+TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
+  // One row whose objectness is the first plane's first value, and whose class scores are those of
+  // the others.
+  const auto network = writeNetwork({1, 3, 64, 64}, [](const ov::Output<ov::Node>& input) {
+    const auto corner = reshaped(sliced(sliced(input, 2, 0, 1), 3, 0, 1), {1, 1, 3});
+    return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
+        ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), corner}, 2)};
+  });
+  Bench bench("YOLO5", network, {"green", "red"});
+  bench.model.config.scoreThreshold = 0.1F;
+  bench.image.setTo(cv::Scalar(204, 51, 102));  // blue 0.8, green 0.2, red 0.4
+  EXPECT_TRUE(bench.run());
+  ASSERT_EQ(bench.frame.objects.size(), 1U);
+  EXPECT_NEAR(bench.frame.objects[0].score, 0.8F, 0.003F);
+  EXPECT_EQ(bench.frame.objects[0].className, "red");
+}
+
+TEST(OvDetectYolo26, ScalesEachCornerAndKeepsRowOrder) {
+  Bench bench("YOLO26",
+              rowsNetwork({{1.4F, 2.6F, 10.3F, 20.2F, 0.5F, 1},
+                           {1.4F, 2.6F, 10.3F, 20.2F, 0.9F, 0},
+                           {-5, -5, 80, 80, 0.7F, 1}}),
+              {"a", "b"});
+  EXPECT_TRUE(bench.run());
+  EXPECT_EQ(bench.boxes(), (Boxes{{2, 5, 20, 40}, {2, 5, 20, 40}, {0, 0, 128, 128}}));
+  Bench bad("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}}), {"a"});
+  EXPECT_FALSE(bad.run());
+  ASSERT_EQ(bad.lines.size(), 1U);
+  EXPECT_TRUE(bad.lines[0].starts_with("[E]candidate 0 is not finite: 2.0")) << bad.lines[0];
+}
+
+TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
+  Bench bench("YOLO8-OBB",
+              rowsNetwork(turned({{32, 32, 20, 10, 0.5F, 0, 0.1F},
+                                  {33, 32, 20, 10, 0, 0.75F, -7.5F},
+                                  {8, 8, 4, 4, 0.6F, 0, kNan}})),
+              {"a", "b"});
+  EXPECT_TRUE(bench.run());
+  EXPECT_EQ(bench.boxes(), (Boxes{{46, 54, 86, 74}, {12, 12, 20, 20}}));
+  EXPECT_EQ(bench.frame.objects.at(0).angle, -7.5F);  // as the network gave it
+  EXPECT_TRUE(std::isnan(bench.frame.objects.at(1).angle));
+}
+
+TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
+  // Two key points: x, y, visibility each.
+  const Table rows = {{32, 32, 20.6F, 20.6F, 0.5F, -3.3F, 70.7F, 0, 10.4F, 10.6F, kNan},
+                      {33, 32, 20, 20, 0.75F, 1, 1, 1, 2, 2, 1},
+                      {60, 60, 20, 20, 0.25F, 0, 0, 0, 0, 0, 0}};
+  Bench bench("YOLO8-POSE", rowsNetwork(turned({rows[0], rows[2]})), {"person"});
+  bench.model.config.classCount = 2;
+  bench.frame.wantedClasses.clear();
+  EXPECT_TRUE(bench.run());
+  ASSERT_EQ(bench.frame.objects.size(), 1U);
+  const VsaObject& object = bench.frame.objects[0];
+  EXPECT_EQ(boxOf(object),
+            (std::vector<int>{43, 43, 84, 84}));  // (32 - 10.3) * 2 = 43.4, 41.2 wide
+  EXPECT_EQ(object.className, "person");
+  ASSERT_EQ(object.shapes.size(), 1U);
+  EXPECT_EQ(object.shapes[0].tag, 5);
+  ASSERT_EQ(object.shapes[0].points.size(), 2U);
+  EXPECT_EQ(object.shapes[0].points[0].x, -6);
+  EXPECT_EQ(object.shapes[0].points[0].y, 141);
+  EXPECT_EQ(object.shapes[0].points[1].x, 20);
+
+  Bench both("YOLO8-POSE", rowsNetwork(turned(rows)), {"person"});
+  both.model.config.classCount = 2;
+  EXPECT_TRUE(both.run());
+  ASSERT_EQ(both.frame.objects.size(), 1U);
+  EXPECT_EQ(both.frame.objects[0].score, 0.75F);
+
+  // Without a name for the class nothing is reported; without key points the list is there and
+  // empty.
+  both.frame.objects.clear();
+  both.model.config.classNames.clear();
+  EXPECT_TRUE(both.run());
+  EXPECT_TRUE(both.frame.objects.empty());
+  Bench none("YOLO8-POSE", rowsNetwork(turned({{32, 32, 20, 20, 0.5F}})), {"thing"});
+  none.model.config.classCount = 0;
+  EXPECT_TRUE(none.run());
+  EXPECT_TRUE(none.frame.objects.at(0).shapes.at(0).points.empty());
+  Bench bad("YOLO8-POSE", rowsNetwork(turned({{32, 32, 20, 20, 0.5F, 1, kNan, 0, 1, 1, 1}})),
+            {"thing"});
+  bad.model.config.classCount = 2;
+  EXPECT_FALSE(bad.run());
+  EXPECT_EQ(bad.lines.size(), 1U);
+}
+
+/// A segmentation network of one class; every candidate's coefficients are 1 for its own prototype
+/// and 0 for the others. Prototypes of 16 x 16 are 10 inside their rectangles and -10 elsewhere.
+std::string segmentationNetwork(const Table& boxes, const std::vector<std::vector<cv::Rect>>& masks,
+                                std::size_t prototypes = 32) {
+  Table columns = boxes;
+  for (std::size_t i = 0; i < columns.size(); ++i) {
+    for (std::size_t k = 0; k < 32; ++k) columns[i].push_back(k == i ? 1.0F : 0.0F);
+  }
+  columns = turned(columns);
+  std::vector<float> planes(prototypes * 256, -10.0F);
+  for (std::size_t i = 0; i < masks.size(); ++i) {
+    cv::Mat plane(16, 16, CV_32FC1, planes.data() + i * 256);
+    for (const cv::Rect& part : masks[i]) plane(part).setTo(10.0F);
+  }
+  return writeNetwork({1, 3, 64, 64}, [&](const ov::Output<ov::Node>&) {
+    return ov::OutputVector{floats({1, columns.size(), columns[0].size()}, flat(columns)),
+                            floats({1, prototypes, 16, 16}, planes)};
+  });
+}
+
+TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
+  // Mask pixels 4..7 x 6..7 and a dot; the mask goes on outside the box, which ends at network
+  // x 32.
+  Bench bench("YOLO8-Seg",
+              segmentationNetwork({{24, 28, 16, 16, 0.9F},
+                                   {50, 10, 8, 8, 0.8F},
+                                   {60, 60, 30, 30, 0.7F},
+                                   {90, 90, 8, 8, 0.6F}},
+                                  {{{4, 6, 12, 2}, {4, 9, 1, 1}}, {}, {{13, 13, 3, 3}}, {}}),
+              {"thing"});
+  EXPECT_TRUE(bench.run());
+  // The second has no mask pixel above one half and the fourth lies outside: neither is reported.
+  ASSERT_EQ(bench.boxes(), (Boxes{{32, 40, 64, 72}, {90, 90, 128, 128}}));
+  const VsaObject& object = bench.frame.objects[0];
+  ASSERT_EQ(object.shapes.size(), 1U);
+  EXPECT_EQ(object.shapes[0].tag, 10);
+  std::vector<cv::Point> outline;
+  for (const VsaPoint& point : object.shapes[0].points) outline.emplace_back(point.x, point.y);
+  const cv::Rect around = cv::boundingRect(outline);
+  // Four network pixels a mask pixel, two frame pixels a network pixel: 32..63 x 48..63, softened
+  // at the edges.
+  EXPECT_NEAR(around.x, 32, 2);
+  EXPECT_NEAR(around.y, 48, 2);
+  EXPECT_NEAR(around.br().x, 64, 3);
+  EXPECT_NEAR(around.br().y, 64, 3);
+
+  bench.frame.objects.clear();
+  bench.frame.wantedClasses.clear();
+  EXPECT_TRUE(bench.run());
+  EXPECT_TRUE(bench.frame.objects.empty());
+}
+
+TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {
+  for (const std::size_t count : {16U, 64U}) {
+    Bench bench("YOLO8-Seg",
+                segmentationNetwork({{24, 28, 16, 16, 0.9F}}, {{{4, 6, 12, 2}}}, count), {"a"});
+    EXPECT_FALSE(bench.run());
+    EXPECT_EQ(bench.lines,
+              Texts{"[E]Yolo8-Seg mask coeffs dimensions error:" + std::to_string(count)});
+  }
+  // The detection output is looked at first.
+  Bench both("YOLO8-Seg", segmentationNetwork({{24, 28, 16, 16, 0.9F}}, {{{4, 6, 12, 2}}}, 16),
+             {"a", "b"});
+  EXPECT_FALSE(both.run());
+  EXPECT_EQ(both.lines, Texts{"[E]Yolo8-Seg dimensions error:37"});
+}
+
+}  // namespace
