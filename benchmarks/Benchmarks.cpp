@@ -9,6 +9,7 @@
 #include <openvino/opsets/opset8.hpp>
 #include <random>
 
+#include "Utils/MaskOutline.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
@@ -66,6 +67,104 @@ void decodeYolo8Output(benchmark::State& state) {
   state.counters["kept"] = static_cast<double>(kept);
 }
 BENCHMARK(decodeYolo8Output)->Arg(0)->Arg(100)->Arg(2000)->Unit(benchmark::kMicrosecond);
+
+/// [1, 25200, 85] with so many rows above the thresholds, then suppression.
+void decodeYolo5Output(benchmark::State& state) {
+  constexpr int kRows = 25200;
+  constexpr int kColumns = kClasses + 5;
+  std::mt19937 random(1);
+  std::uniform_real_distribution<float> unit(0.0F, 1.0F);
+  std::vector<float> output(static_cast<std::size_t>(kRows) * kColumns);
+  for (float& value : output) value = 0.2F * unit(random);
+  for (int i = 0; i < state.range(0); ++i) {
+    float* const row = output.data() + std::ptrdiff_t{12} * i * kColumns;
+    row[0] = 640.0F * unit(random);
+    row[1] = 640.0F * unit(random);
+    row[2] = row[3] = 20.0F + 100.0F * unit(random);
+    row[4] = row[5 + random() % kClasses] = 0.3F + 0.6F * unit(random);
+  }
+  VsaModelConfig config;
+  config.scoreThreshold = config.objThreshold = 0.25F;
+  config.nmsThreshold = 0.45F;
+  for (auto _ : state) {
+    const Candidates found = decodeYolo5({output.data(), kRows, kColumns}, kClasses,
+                                         config.objThreshold, config.scoreThreshold);
+    benchmark::DoNotOptimize(suppressed(found, config).size());
+  }
+}
+BENCHMARK(decodeYolo5Output)->Arg(0)->Arg(100)->Arg(2000)->Unit(benchmark::kMicrosecond);
+
+/// [1, 300, 6], every row an object.
+void decodeYolo26Output(benchmark::State& state) {
+  std::vector<float> output;
+  for (int i = 0; i < 300; ++i) {
+    const auto place = static_cast<float>(i);
+    output.insert(output.end(),
+                  {place, place, place + 50, place + 50, 0.5F, static_cast<float>(i % kClasses)});
+  }
+  VsaModelConfig config;
+  config.classNames.assign(kClasses, "thing");
+  config.classCount = kClasses;
+  config.scoreThreshold = 0.25F;
+  VsaFrame frame;
+  frame.width = 1920;
+  frame.height = 1080;
+  frame.wantedClasses = {"thing"};
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        decodeYolo26({output.data(), 300, 6}, 3.0F, config, frame).objects.data());
+  }
+}
+BENCHMARK(decodeYolo26Output)->Unit(benchmark::kMicrosecond);
+
+/// [1, 56, 8400] with so many candidates above the threshold, then suppression.
+void decodePoseOutput(benchmark::State& state) {
+  std::mt19937 random(1);
+  std::uniform_real_distribution<float> unit(0.0F, 1.0F);
+  std::vector<float> output(std::size_t{56} * kCandidates);
+  for (float& value : output) value = 300.0F * unit(random);
+  float* const scores = output.data() + std::ptrdiff_t{4} * kCandidates;
+  for (int i = 0; i < kCandidates; ++i)
+    scores[i] = i < state.range(0) ? 0.5F + 0.4F * unit(random) : 0.1F;
+  VsaModelConfig config;
+  config.scoreThreshold = 0.25F;
+  config.nmsThreshold = 0.45F;
+  for (auto _ : state) {
+    const Candidates found = decodeYolo8Pose({output.data(), 56, kCandidates}, 0.25F, 3.0F);
+    benchmark::DoNotOptimize(suppressed(found, config).size());
+  }
+}
+BENCHMARK(decodePoseOutput)->Arg(0)->Arg(100)->Unit(benchmark::kMicrosecond);
+
+/// Outlines of so many objects of 60 to 200 pixels on prototypes of 160 x 160.
+void maskOutlines(benchmark::State& state) {
+  constexpr int kMask = 160;
+  std::mt19937 random(1);
+  std::uniform_real_distribution<float> unit(-1.0F, 1.0F);
+  std::vector<float> prototypes(kMaskCoefficients * kMask * kMask);
+  for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
+    cv::Mat coarse(8, 8, CV_32FC1);
+    for (float& value : cv::Mat_<float>(coarse)) value = unit(random);
+    cv::Mat plane(kMask, kMask, CV_32FC1, prototypes.data() + k * kMask * kMask);
+    cv::resize(coarse, plane, {kMask, kMask}, 0, 0, cv::INTER_CUBIC);
+  }
+  std::vector<cv::Rect> boxes;
+  std::vector<MaskCoefficients> coefficients(static_cast<std::size_t>(state.range(0)));
+  for (MaskCoefficients& list : coefficients) {
+    for (float& value : list) value = unit(random);
+    const int side = 60 + static_cast<int>(random() % 140);
+    boxes.emplace_back(static_cast<int>(random() % 440), static_cast<int>(random() % 440), side,
+                       side);
+  }
+  for (auto _ : state) {
+    for (std::size_t i = 0; i < boxes.size(); ++i) {
+      benchmark::DoNotOptimize(maskOutline({prototypes.data(), {kMask, kMask}}, coefficients[i],
+                                           boxes[i], {kSide, kSide})
+                                   .data());
+    }
+  }
+}
+BENCHMARK(maskOutlines)->Arg(1)->Arg(10)->Arg(50)->Unit(benchmark::kMicrosecond);
 
 /// A 960 x 544 map with 50 regions, as text detection of a 1920 x 1080 frame gives it.
 void textBoxes(benchmark::State& state) {
