@@ -191,7 +191,7 @@ void textLine(benchmark::State& state) {
   const cv::Mat region = randomImage(400, 32);
   std::vector<float> planes(std::size_t{3} * 48 * 640);
   for (auto _ : state) {
-    prepareTextLine(region, {640, 48}, planes.data());
+    PrepareTextLine(region, {640, 48}, planes.data());
     benchmark::DoNotOptimize(planes.data());
   }
 }
@@ -205,7 +205,7 @@ void ctcDecode(benchmark::State& state) {
   for (float& score : scores) score = static_cast<float>(random() % 1000);
   const CharacterDictionary dictionary = CharacterDictionary::builtIn();
   for (auto _ : state) {
-    benchmark::DoNotOptimize(ctcGreedyDecode({scores.data(), kSteps, kCharacters}, dictionary));
+    benchmark::DoNotOptimize(CtcGreedyDecode({scores.data(), kSteps, kCharacters}, dictionary));
   }
 }
 BENCHMARK(ctcDecode)->Unit(benchmark::kMicrosecond);

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
 
@@ -122,10 +123,120 @@ TEST(Planes, OfATextLineEndInZeros) {
     cv::Mat padded = cv::Mat::zeros(c.input, CV_32FC3);
     line.copyTo(padded(cv::Rect({0, 0}, line.size())));
     EXPECT_EQ(filled(static_cast<std::size_t>(3 * c.input.area()),
-                     [&](float* planes) { prepareTextLine(region, c.input, planes); }),
+                     [&](float* planes) { PrepareTextLine(region, c.input, planes); }),
               planesOf(padded))
         << c.region;
   }
+}
+
+/// Blue, green and red planes of a float picture the other way round.
+std::vector<float> planesRedFirst(const cv::Mat& image) {
+  cv::Mat swapped;
+  cv::cvtColor(image, swapped, cv::COLOR_BGR2RGB);
+  return planesOf(swapped);
+}
+
+TEST(Planes, OfTheImageClassifierMixUpTheStatisticsOfRedAndBlue) {
+  for (const cv::Size size : kOddSizes) {
+    const cv::Mat region = randomImage(size.width, size.height, 13);
+    const cv::Size target(24, 16);
+    cv::Mat resized;
+    cv::resize(region, resized, target, 0, 0, cv::INTER_LINEAR);
+    std::vector<float> expected;
+    for (const auto& [channel, mean, deviation] :
+         {std::tuple{2, 0.406F, 0.225F}, {1, 0.456F, 0.224F}, {0, 0.485F, 0.229F}}) {
+      for (int y = 0; y < target.height; ++y) {
+        for (int x = 0; x < target.width; ++x) {
+          expected.push_back(
+              (static_cast<float>(resized.at<cv::Vec3b>(y, x)[channel]) / 255.0F - mean) /
+              deviation);
+        }
+      }
+    }
+    EXPECT_EQ(filled(expected.size(),
+                     [&](float* planes) { fillClassifierPlanes(region, target, planes); }),
+              expected);
+  }
+}
+
+TEST(Planes, OfEmbeddingsAreFittedByTheWidthAndCentred) {
+  struct Case {
+    cv::Size region, input, scaled;
+  };
+  const Case cases[] = {{{200, 100}, {64, 128}, {64, 32}},
+                        {{40, 40}, {64, 64}, {64, 64}},
+                        {{13, 27}, {32, 33}, {15, 32}},
+                        {{3, 2}, {16, 16}, {16, 11}}};
+  for (const Case& c : cases) {
+    const cv::Mat region = randomImage(c.region.width, c.region.height, 17);
+    const auto literal = [&](double grey) {
+      cv::Mat image;
+      cv::resize(region, image, c.scaled, 0, 0, cv::INTER_NEAREST);
+      const int top = (c.input.height - c.scaled.height) / 2;
+      const int left = (c.input.width - c.scaled.width) / 2;
+      cv::copyMakeBorder(image, image, top, c.input.height - c.scaled.height - top, left,
+                         c.input.width - c.scaled.width - left, cv::BORDER_CONSTANT,
+                         cv::Scalar(grey, grey, grey, 0));
+      image.convertTo(image, CV_32FC3, 0.00392156862745098);
+      return image;
+    };
+    const auto count = static_cast<std::size_t>(3 * c.input.area());
+    EXPECT_EQ(filled(count, [&](float* planes) { FitToInput(region, c.input, planes); }),
+              planesRedFirst(literal(128)));
+    cv::Mat normalised = literal(114);
+    cv::subtract(normalised, cv::Scalar(0.406F, 0.456F, 0.485F), normalised);
+    cv::divide(normalised, cv::Scalar(0.225F, 0.224F, 0.229F), normalised);
+    EXPECT_EQ(filled(count, [&](float* planes) { FitToInputNormalized(region, c.input, planes); }),
+              planesRedFirst(normalised));
+  }
+  // A tall region outgrows an input that is wider than high; a thin one vanishes: OpenCV refuses
+  // both.
+  std::vector<float> planes(3 * 64 * 32);
+  EXPECT_THROW(FitToInput(randomImage(50, 100), {64, 32}, planes.data()), cv::Exception);
+  EXPECT_THROW(FitToInput(randomImage(1000, 1), {64, 32}, planes.data()), cv::Exception);
+}
+
+TEST(Planes, OfTheSecondRecogniserUseTheFoldedConstants) {
+  const cv::Mat region = randomImage(50, 20, 19);
+  const cv::Size target(100, 32);
+  cv::Mat resized;
+  cv::resize(region, resized, target, 0, 0, cv::INTER_LINEAR);
+  std::vector<float> expected;
+  for (const auto& [channel, factor, offset] : {std::tuple{2, 0.017124755F, 2.117904F},
+                                                {1, 0.017507004F, 2.0357141F},
+                                                {0, 0.017429195F, 1.8044444F}}) {
+    for (int i = 0; i < target.area(); ++i) {
+      const volatile float product =
+          static_cast<float>(resized.ptr<cv::Vec3b>()[i][channel]) * factor;
+      expected.push_back(product - offset);
+    }
+  }
+  EXPECT_EQ(
+      filled(expected.size(), [&](float* planes) { PrepareOcrInput(region, target, planes); }),
+      expected);
+}
+
+TEST(Regions, OutsideThePictureAreOpenCvsToRefuse) {
+  const cv::Mat image = randomImage(40, 30);
+  const int most = std::numeric_limits<int>::max();
+  const int least = std::numeric_limits<int>::min();
+  const auto cut = [&image](int left, int top, int right, int bottom) {
+    VsaObject object;
+    object.left = left;
+    object.top = top;
+    object.right = right;
+    object.bottom = bottom;
+    return regionOf(image, object).size();
+  };
+  EXPECT_EQ(cut(0, 0, 40, 30), cv::Size(40, 30));
+  EXPECT_EQ(cut(39, 29, 40, 30), cv::Size(1, 1));
+  EXPECT_THROW(cut(0, 0, 41, 30), cv::Exception);
+  EXPECT_THROW(cut(-1, 0, 10, 10), cv::Exception);
+  EXPECT_THROW(cut(20, 0, 10, 10), cv::Exception);
+  EXPECT_THROW(cut(5, 5, most, 10), cv::Exception);
+  EXPECT_THROW(cut(5, 5, least, 10), cv::Exception);
+  EXPECT_THROW(cut(least, least, most, most), cv::Exception);
+  EXPECT_THROW(cut(most, 0, most, 10), cv::Exception);
 }
 
 TEST(TextInputSize, ShrinksToTheLimitAndRoundsUpTo32) {

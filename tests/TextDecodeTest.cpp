@@ -56,7 +56,7 @@ TEST(CtcGreedyDecode, MergesRepetitionsAndSkipsBlanksAndUnknownClasses) {
                                                             {{1, 8, 8, 1}, "aa"}};
   for (const auto& [best, text] : cases) {
     const std::vector<float> scores = scoresOf(best, 10);
-    EXPECT_EQ(ctcGreedyDecode({scores.data(), static_cast<int>(best.size()), 10}, letters), text);
+    EXPECT_EQ(CtcGreedyDecode({scores.data(), static_cast<int>(best.size()), 10}, letters), text);
   }
 }
 
@@ -64,10 +64,55 @@ TEST(CtcGreedyDecode, TheFirstOfEqualsWinsAndNanNever) {
   const CharacterDictionary letters({"-", "a", "b"});
   constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
   const std::vector<float> scores = {0, 1, 1, kNan, kNan, kNan, kNan, 1, 2, 1, 1, 1};
-  EXPECT_EQ(ctcGreedyDecode({scores.data(), 4, 3}, letters), "ab");
-  EXPECT_EQ(ctcGreedyDecode({scores.data(), 4, 0}, letters), "");
-  EXPECT_EQ(ctcGreedyDecode({scores.data(), 1, 3}, CharacterDictionary(std::vector<std::string>{})),
+  EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 3}, letters), "ab");
+  EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 0}, letters), "");
+  EXPECT_EQ(CtcGreedyDecode({scores.data(), 1, 3}, CharacterDictionary(std::vector<std::string>{})),
             "");
+}
+
+TEST(OcrLayout, IsToldByTheShape) {
+  struct Case {
+    std::vector<std::size_t> shape;
+    const char* error;
+    std::size_t steps, classes, stepStride, classStride;
+  };
+  const Case cases[] = {{{1, 40, 97}, nullptr, 40, 97, 97, 1},
+                        {{1, 97, 40}, nullptr, 40, 97, 1, 40},
+                        {{40, 1, 97}, nullptr, 40, 97, 97, 1},
+                        {{1, 1, 97}, nullptr, 1, 97, 97, 1},
+                        {{1, 40, 40}, nullptr, 40, 40, 40, 1},
+                        {{40, 97}, nullptr, 40, 97, 97, 1},
+                        {{97, 40}, nullptr, 40, 97, 97, 1},
+                        {{5, 5}, nullptr, 5, 5, 5, 1},
+                        {{2, 40, 97}, "Unknown output format!", 0, 0, 0, 0},
+                        {{97}, "Unsupported shape!", 0, 0, 0, 0},
+                        {{1, 1, 40, 97}, "Unsupported shape!", 0, 0, 0, 0}};
+  for (const Case& c : cases) {
+    const OcrLayoutResult found = ocrLayoutOf(c.shape);
+    if (c.error != nullptr) {
+      EXPECT_STREQ(found.error, c.error);
+      continue;
+    }
+    EXPECT_EQ(found.error, nullptr);
+    EXPECT_EQ(found.layout.steps, c.steps);
+    EXPECT_EQ(found.layout.classes, c.classes);
+    EXPECT_EQ(found.layout.stepStride, c.stepStride);
+    EXPECT_EQ(found.layout.classStride, c.classStride);
+  }
+}
+
+TEST(DecodeOcr, FollowsTheLayoutAndTheAlphabetOnly) {
+  const std::vector<std::string> alphabet = {"-", "a", "b", "c"};
+  const std::vector<float> rows = scoresOf({3, 3, 0, 3, 1, 4}, 5);
+  EXPECT_EQ(decodeOcr(rows.data(), {6, 5, 5, 1}, alphabet), "cca");  // class 4 has no letter
+  std::vector<float> columns(rows.size());
+  for (std::size_t t = 0; t < 6; ++t) {
+    for (std::size_t c = 0; c < 5; ++c) columns[c * 6 + t] = rows[t * 5 + c];
+  }
+  EXPECT_EQ(decodeOcr(columns.data(), {6, 5, 1, 6}, alphabet), "cca");
+  EXPECT_EQ(decodeOcr(rows.data(), {0, 5, 5, 1}, alphabet), "");
+  EXPECT_EQ(decodeOcr(rows.data(), {30, 1, 1, 1}, alphabet), "");
+  EXPECT_EQ(decodeOcr(nullptr, {std::size_t{1} << 60, 0, 0, 1}, alphabet), "");
 }
 
 }  // namespace

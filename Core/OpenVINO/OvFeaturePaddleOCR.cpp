@@ -10,6 +10,7 @@
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
 #include "Utils/Numbers.h"
+#include "Utils/Objects.h"
 #include "Utils/PaddleOcrDictionary.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
@@ -71,29 +72,20 @@ bool OvFeaturePaddleOCR::run(VsaFrame* frame) {
 
   ov::Tensor line(ov::element::f32, {1, 3, static_cast<std::size_t>(lineSize.height),
                                      static_cast<std::size_t>(lineSize.width)});
-  std::vector<std::pair<std::size_t, std::string>> texts;  // place in the list, text
+  Results<std::string> texts;
   for (std::size_t i = 0; i < frame->objects.size(); ++i) {
     const cv::Rect region = regionOf(frame->objects[i], image->size());
     if (region.empty()) continue;
-    prepareTextLine((*image)(region), lineSize, line.data<float>());
+    PrepareTextLine((*image)(region), lineSize, line.data<float>());
     inferRequest.set_input_tensor(line);
     inferRequest.infer();
     const ov::Tensor output = inferRequest.get_output_tensor();
     const std::optional<FloatGrid> scores = gridOf(output, 3);
     if (!scores) return false;
-    texts.emplace_back(i, ctcGreedyDecode(*scores, dictionary));
+    texts.emplace_back(i, CtcGreedyDecode(*scores, dictionary));
   }
 
-  // All regions were read and nothing below can fail, so the list changes as a whole or not at all.
-  std::vector<VsaObject>& objects = frame->objects;
-  for (std::size_t kept = 0; kept < texts.size(); ++kept) {
-    auto& [place, text] = texts[kept];
-    if (kept != place) objects[kept] = std::move(objects[place]);
-    objects[kept].text = std::move(text);
-    objects[kept].textId = 0;
-    objects[kept].textScore = 1.0F;
-  }
-  objects.resize(texts.size());
+  rewrite(frame->objects, texts, setText);
   return true;
 }
 

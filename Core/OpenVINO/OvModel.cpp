@@ -13,6 +13,18 @@ ov::CompiledModel compileAsStored(ov::Core& core, const std::string& file,
   return core.compile_model(file, device, ov::AnyMap{});
 }
 
+namespace {
+
+void refuseInput(const ov::Output<const ov::Node>& input, ov::element::Type type,
+                 const ov::PartialShape& expected, const std::source_location& where) {
+  logError("network input is " + input.get_element_type().to_string() +
+               input.get_partial_shape().to_string() + ",expected " + type.to_string() +
+               expected.to_string(),
+           where);
+}
+
+}  // namespace
+
 template <class Interface>
 OvModel<Interface>::OvModel(std::string_view className, const VsaModelConfig* modelConfig,
                             const std::string& root, Compile compile, std::source_location where)
@@ -47,10 +59,7 @@ void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialS
                                       std::source_location where) {
   const ov::Output<const ov::Node> input = compiledModel.input();
   if (input.get_element_type() != type || input.get_partial_shape() != expected) {
-    logError("network input is " + input.get_element_type().to_string() +
-                 input.get_partial_shape().to_string() + ",expected " + type.to_string() +
-                 expected.to_string(),
-             where);
+    refuseInput(input, type, expected, where);
     return nullptr;
   }
   return inferRequest.get_input_tensor().data();
@@ -66,6 +75,20 @@ template <class Interface>
 std::uint8_t* OvModel<Interface>::inputPixels(std::source_location where) {
   return static_cast<std::uint8_t*>(
       inputMemory(ov::element::u8, {1, inputSize.height, inputSize.width, 3}, where));
+}
+
+template <class Interface>
+float* OvModel<Interface>::shapedInputPlanes(std::source_location where) {
+  const ov::Output<const ov::Node> input = compiledModel.input(0);
+  const ov::PartialShape wanted{1, 3, inputSize.height, inputSize.width};
+  if (inputSize.empty() || input.get_element_type() != ov::element::f32 ||
+      !input.get_partial_shape().compatible(wanted)) {
+    refuseInput(input, ov::element::f32, wanted, where);
+    return nullptr;
+  }
+  ov::Tensor tensor = inferRequest.get_input_tensor(0);
+  tensor.set_shape(wanted.to_shape());
+  return tensor.data<float>();
 }
 
 template <class Interface>
@@ -101,6 +124,18 @@ std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
     return std::nullopt;
   }
   return FloatGrid{output.data<const float>(), static_cast<int>(rows), static_cast<int>(cols)};
+}
+
+std::optional<std::span<const float>> firstFloats(const ov::Tensor& output, std::size_t count,
+                                                  std::source_location where) {
+  if (output.get_element_type() != ov::element::f32 || output.get_size() < count) {
+    logError("network output is " + output.get_element_type().to_string() +
+                 output.get_shape().to_string() + ",expected f32 of at least " +
+                 std::to_string(count),
+             where);
+    return std::nullopt;
+  }
+  return std::span(output.data<const float>(), count);
 }
 
 template class OvModel<VsaDetect>;

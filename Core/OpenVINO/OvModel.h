@@ -6,6 +6,7 @@
 #include <openvino/openvino.hpp>
 #include <optional>
 #include <source_location>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -50,6 +51,11 @@ class OvModel : public Interface {
   std::optional<float> inferLetterboxed(
       const VsaFrame* frame, std::source_location where = std::source_location::current());
 
+  /// The memory of the request's own input tensor, given the shape [1, 3, height, width] of
+  /// `inputSize`. Null, after one
+  /// "[E]" line, where the network does not take that shape or no floats.
+  float* shapedInputPlanes(std::source_location where = std::source_location::current());
+
   std::unique_ptr<ov::Core> core;
   ov::CompiledModel compiledModel;
   ov::InferRequest inferRequest;
@@ -65,6 +71,12 @@ class OvModel : public Interface {
 /// a tensor without that many numbers.
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
                                 std::source_location where = std::source_location::current());
+
+/// The first `count` numbers of an output. Nothing, after one "[E]" line, where it has fewer or
+/// other than floats.
+std::optional<std::span<const float>> firstFloats(
+    const ov::Tensor& output, std::size_t count,
+    std::source_location where = std::source_location::current());
 
 extern template class OvModel<VsaDetect>;
 extern template class OvModel<VsaClassify>;

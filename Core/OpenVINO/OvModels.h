@@ -23,8 +23,18 @@ std::unique_ptr<VsaDetect> makeOvDetectYolo5(const VsaModelConfig* config,
                                              const std::string& modelRoot);
 std::unique_ptr<VsaDetect> makeOvDetectPaddleOCR(const VsaModelConfig* config,
                                                  const std::string& modelRoot);
+std::unique_ptr<VsaClassify> makeOvClassifyResNet(const VsaModelConfig* config,
+                                                  const std::string& modelRoot);
+std::unique_ptr<VsaClassify> makeOvClassifyAudioNet(const VsaModelConfig* config,
+                                                    const std::string& modelRoot);
+std::unique_ptr<VsaFeature> makeOvFeatureDeepSort(const VsaModelConfig* config,
+                                                  const std::string& modelRoot);
 std::unique_ptr<VsaFeature> makeOvFeaturePaddleOCR(const VsaModelConfig* config,
                                                    const std::string& modelRoot);
+std::unique_ptr<VsaFeature> makeOvFeatureVsFaceNet(const VsaModelConfig* config,
+                                                   const std::string& modelRoot);
+std::unique_ptr<VsaFeature> makeOvFeatureVsOCR(const VsaModelConfig* config,
+                                               const std::string& modelRoot);
 
 /// Adds "OpenVINO-" + name for every device that OpenVINO offers, and "OpenVINO-GPU" where one of
 /// them is a GPU. Logs the engine's version. Throws what the engine throws.

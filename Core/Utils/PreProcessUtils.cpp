@@ -1,16 +1,22 @@
 #include "Utils/PreProcessUtils.h"
 
+#include <json/json.h>
+
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
+#include <sstream>
 #include <string>
+#include <string_view>
 
 #include "Utils/Log.h"
 #include "Utils/Numbers.h"
+#include "Utils/Request.h"
 
 namespace TolCompatibleLib {
 namespace {
@@ -72,6 +78,60 @@ const ByteTables& textLineTables() {
   return tables;
 }
 
+/// (byte / 255 - mean) / deviation for each channel in its own.
+ByteTables normalisedTables(const std::array<float, 3>& means,
+                            const std::array<float, 3>& deviations) {
+  ByteTables tables;
+  for (std::size_t c = 0; c < 3; ++c) {
+    for (std::size_t i = 0; i < 256; ++i) {
+      tables[c][i] = (static_cast<float>(i) / 255.0F - means[c]) / deviations[c];
+    }
+  }
+  return tables;
+}
+
+const ByteTables& classifierTables() {
+  // Deliberate: mean and deviation of red go to blue and the other way round.
+  static const ByteTables tables =
+      normalisedTables({0.485F, 0.456F, 0.406F}, {0.229F, 0.224F, 0.225F});
+  return tables;
+}
+
+const ByteTables& fittedTables() {
+  static const ByteTables tables = [] {
+    cv::Mat ramp;
+    everyByte().convertTo(ramp, CV_32FC3, kOneOver255);
+    return tablesOf(ramp);
+  }();
+  return tables;
+}
+
+const ByteTables& fittedNormalisedTables() {
+  static const ByteTables tables = [] {
+    cv::Mat ramp;
+    everyByte().convertTo(ramp, CV_32FC3, kOneOver255);
+    cv::subtract(ramp, cv::Scalar(0.406F, 0.456F, 0.485F), ramp);
+    cv::divide(ramp, cv::Scalar(0.225F, 0.224F, 0.229F), ramp);
+    return tablesOf(ramp);
+  }();
+  return tables;
+}
+
+const ByteTables& ocrTables() {
+  static const ByteTables tables = [] {
+    constexpr std::array<float, 3> kFactors = {0.017429195F, 0.017507004F, 0.017124755F};
+    constexpr std::array<float, 3> kOffsets = {1.8044444F, 2.0357141F, 2.117904F};
+    ByteTables made;
+    for (std::size_t c = 0; c < 3; ++c) {
+      for (std::size_t i = 0; i < 256; ++i) {
+        made[c][i] = static_cast<float>(i) * kFactors[c] - kOffsets[c];
+      }
+    }
+    return made;
+  }();
+  return tables;
+}
+
 /// Which channel of the picture goes into planes 0, 1 and 2.
 using PlaneOrder = std::array<std::size_t, 3>;
 constexpr PlaneOrder kRedFirst = {2, 1, 0};
@@ -94,6 +154,24 @@ void fillPlanes(const cv::Mat& image, const ByteTables& tables, const PlaneOrder
       std::fill(row + cols, row + stride, 0.0F);
     }
   }
+}
+
+/// `region` scaled to the width of the input and centred on a background.
+cv::Mat fitted(const cv::Mat& region, cv::Size size, const cv::Scalar& background) {
+  // Deliberate: the width alone, so a region can become higher than the input; OpenCV refuses the
+  // negative border then.
+  const float scale =
+      static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
+  const cv::Size scaled(truncateToInt(std::round(static_cast<float>(region.cols) * scale)),
+                        truncateToInt(std::round(static_cast<float>(region.rows) * scale)));
+  cv::Mat resized;
+  cv::resize(region, resized, scaled, 0, 0, cv::INTER_NEAREST);
+  const int above = (size.height - scaled.height) / 2;
+  const int before = (size.width - scaled.width) / 2;
+  cv::Mat framed;
+  cv::copyMakeBorder(resized, framed, above, size.height - scaled.height - above, before,
+                     size.width - scaled.width - before, cv::BORDER_CONSTANT, background);
+  return framed;
 }
 
 std::string sizeText(std::int64_t width, std::int64_t height) {
@@ -143,8 +221,8 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, voi
   cv::Mat corner = canvas(cv::Rect({0, 0}, scaled));
   cv::resize(image, corner, scaled, 0, 0, cv::INTER_NEAREST);
   // Deliberate: the longer side over the input's height, whichever side limited the scaling. So the
-  // factor undoes the scaling for square inputs, and for others only where the height was the
-  // limit.
+  // factor undoes the scaling for square inputs, and for others only where the height was the limit
+  // and is the longer side.
   const float scale =
       static_cast<float>(std::max(image.cols, image.rows)) / static_cast<float>(inputSize.height);
   return Letterbox{canvas, scale};
@@ -174,13 +252,206 @@ void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes) {
   fillPlanes(resized, textDetectorTables(), kAsStored, planes, size.width);
 }
 
-void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
+void PrepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
   const float width = std::ceil(static_cast<float>(size.height) * static_cast<float>(region.cols) /
                                 static_cast<float>(region.rows));
   cv::Mat line;
   cv::resize(region, line, {std::min(truncateToInt(width), size.width), size.height}, 0, 0,
              cv::INTER_LINEAR);
   fillPlanes(line, textLineTables(), kAsStored, planes, size.width);
+}
+
+cv::Mat regionOf(const cv::Mat& image, const VsaObject& object) {
+  // OpenCV refuses a region outside the picture, but adds place and size without a look at
+  // overflow: a region too long for an integer is cut to the longest one, which lies outside all
+  // the same.
+  const auto length = [](int from, int to) {
+    const std::int64_t wanted = std::int64_t{to} - from;
+    const std::int64_t most = std::int64_t{std::numeric_limits<int>::max()} - std::max(from, 0);
+    return static_cast<int>(std::clamp(wanted, std::int64_t{-1}, most));
+  };
+  return image(cv::Rect(object.left, object.top, length(object.left, object.right),
+                        length(object.top, object.bottom)));
+}
+
+void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes) {
+  cv::Mat resized;
+  cv::resize(region, resized, size, 0, 0, cv::INTER_LINEAR);
+  fillPlanes(resized, classifierTables(), kRedFirst, planes, size.width);
+}
+
+void FitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes) {
+  fillPlanes(fitted(region, size, cv::Scalar(114, 114, 114, 0)), fittedNormalisedTables(),
+             kRedFirst, planes, size.width);
+}
+
+void FitToInput(const cv::Mat& region, cv::Size size, float* planes) {
+  fillPlanes(fitted(region, size, cv::Scalar(128, 128, 128, 0)), fittedTables(), kRedFirst, planes,
+             size.width);
+}
+
+void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes) {
+  cv::Mat resized;
+  cv::resize(region, resized, size, 0, 0, cv::INTER_LINEAR);
+  fillPlanes(resized, ocrTables(), kRedFirst, planes, size.width);
+}
+
+void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& text) {
+  constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::size_t place = text.size();
+  text.resize(place + (count + 2) / 3 * 4);
+  const auto put = [&](std::uint32_t sixBits) { text[place++] = kAlphabet[sixBits & 63U]; };
+  std::size_t i = 0;
+  for (; i + 2 < count; i += 3) {
+    const std::uint32_t group =
+        std::uint32_t{bytes[i]} << 16 | std::uint32_t{bytes[i + 1]} << 8 | bytes[i + 2];
+    put(group >> 18);
+    put(group >> 12);
+    put(group >> 6);
+    put(group);
+  }
+  if (i == count) return;
+  const bool isPair = i + 1 < count;
+  const std::uint32_t group =
+      std::uint32_t{bytes[i]} << 16 | (isPair ? std::uint32_t{bytes[i + 1]} << 8 : 0U);
+  put(group >> 18);
+  put(group >> 12);
+  if (isPair) put(group >> 6);
+  std::fill(text.begin() + static_cast<std::ptrdiff_t>(place), text.end(), '=');
+}
+
+namespace {
+
+/// The JSON text that asks for the spectrogram of `frame`.
+std::string spectrogramRequest(const VsaFrame& frame) {
+  std::string pcm;
+  Base64Encode(frame.audioData, static_cast<std::size_t>(frame.audioFrameSize), pcm);
+  Json::Value request;
+  request["pts"] = Json::Int64{frame.pts};
+  request["audio_frame_count"] = Json::Int64{frame.audioFrameCount};
+  request["audio_frame_max_size"] = frame.audioFrameMaxSize;
+  request["audio_frame_size"] = frame.audioFrameSize;
+  request["audio_sample_rate"] = frame.audioSampleRate;
+  request["audio_nb_samples"] = frame.audioNbSamples;
+  request["audio_sample_fmt"] = frame.audioSampleFmt;
+  request["audio_sample_fmt_byte_num"] = frame.audioSampleFmtByteNum;
+  request["audio_pcm_base64"] = pcm;
+  return request.toStyledString();
+}
+
+/// Whether `text` is well-formed UTF-8 (RFC 3629).
+bool isUtf8(std::string_view text) {
+  std::size_t i = 0;
+  const auto at = [&](std::size_t place) { return static_cast<unsigned char>(text[place]); };
+  while (i < text.size()) {
+    const unsigned char lead = at(i);
+    std::size_t more = 0;
+    unsigned char low = 0x80;
+    unsigned char high = 0xBF;
+    if (lead >= 0xC2 && lead <= 0xDF) {
+      more = 1;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+      more = 2;
+      if (lead == 0xE0) low = 0xA0;
+      if (lead == 0xED) high = 0x9F;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+      more = 3;
+      if (lead == 0xF0) low = 0x90;
+      if (lead == 0xF4) high = 0x8F;
+    } else if (lead >= 0x80) {
+      return false;
+    }
+    if (more >= text.size() - i) return false;
+    for (std::size_t k = 1; k <= more; ++k) {
+      if (at(i + k) < low || at(i + k) > high) return false;
+      low = 0x80;
+      high = 0xBF;
+    }
+    i += more + 1;
+  }
+  return true;
+}
+
+/// A count of the reply, 0 where it is missing; nothing, after one "[E]" line, where it cannot be
+/// one.
+std::optional<std::size_t> countIn(const Json::Value& reply, const char* key) {
+  constexpr int kMost = 1'000'000;
+  const Json::Value& value = reply[key];
+  if (value.isNull()) return 0;
+  if (!value.isInt() || value.asInt() < 0 || value.asInt() > kMost) {
+    logError(std::string(key) + " out of range");
+    return std::nullopt;
+  }
+  return static_cast<std::size_t>(value.asInt());
+}
+
+/// The rows of a spectrogram; nothing, after one "[E]" line, where they are no arrays of numbers.
+std::optional<MelSpectrogram> rowsIn(const Json::Value& spectrogram, std::size_t steps) {
+  MelSpectrogram rows;
+  bool isTable = spectrogram.isArray();
+  for (Json::ArrayIndex r = 0; isTable && r < spectrogram.size(); ++r) {
+    const Json::Value& values = spectrogram[r];
+    isTable = values.isArray();
+    std::vector<float> row;
+    if (isTable) row.reserve(std::min<std::size_t>(steps, values.size()));
+    for (Json::ArrayIndex i = 0; isTable && i < values.size(); ++i) {
+      constexpr double kMost = std::numeric_limits<float>::max();
+      isTable = values[i].isNumeric() && std::abs(values[i].asDouble()) <= kMost;
+      if (isTable) row.push_back(static_cast<float>(values[i].asDouble()));
+    }
+    rows.push_back(std::move(row));
+  }
+  if (isTable) return rows;
+  logError("mel_spec is no array of arrays of numbers");
+  return std::nullopt;
+}
+
+/// The spectrogram in the service's reply; nothing where there is none.
+std::optional<MelSpectrogram> spectrogramIn(const std::string& text) {
+  Json::Value reply;
+  Json::String problems;
+  std::istringstream stream(text);
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &reply, &problems) ||
+      !problems.empty()) {
+    return std::nullopt;
+  }
+  if (!reply.isObject() || !reply["code"].isInt() || !reply["msg"].isString()) {
+    logError("parse error");
+    return std::nullopt;
+  }
+  if (constexpr int kSuccess = 1000; reply["code"].asInt() != kSuccess) {
+    logError("code error, code=" + std::to_string(reply["code"].asInt()) +
+             ",msg=" + reply["msg"].asString());
+    return std::nullopt;
+  }
+  if (!isUtf8(text)) return std::nullopt;  // the parser lets it pass, but it is no JSON
+  if (!countIn(reply, "mels")) return std::nullopt;
+  const std::optional<std::size_t> steps = countIn(reply, "time_steps");
+  if (!steps) return std::nullopt;
+  return rowsIn(reply["mel_spec"], *steps);
+}
+
+}  // namespace
+
+int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix) {
+  if (frame.kind != kVsaAudioFrame) return 0;
+  if (frame.audioFrameSize < 0 || (frame.audioFrameSize > 0 && frame.audioData == nullptr)) {
+    logError("audio block has no data,audio_frame_size=" + std::to_string(frame.audioFrameSize));
+    return 0;
+  }
+  std::string text;
+  if (!PostJson(baseAddress + "/api/audioToMelSpec", spectrogramRequest(frame), text)) return 0;
+  std::optional<MelSpectrogram> rows;
+  try {
+    rows = spectrogramIn(text);
+  } catch (const Json::Exception&) {
+    // Nested deeper than the parser goes: no JSON for us. A reply must not throw through the
+    // library.
+  }
+  if (!rows) return 0;
+  matrix.insert(matrix.end(), std::make_move_iterator(rows->begin()),
+                std::make_move_iterator(rows->end()));
+  return 1;
 }
 
 }  // namespace TolCompatibleLib

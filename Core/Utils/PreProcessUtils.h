@@ -6,9 +6,12 @@
 // into the planes of the network's input: same bits, one pass.
 #pragma once
 
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <optional>
 #include <source_location>
+#include <string>
+#include <vector>
 
 #include "TolCompatible.h"
 
@@ -49,6 +52,42 @@ void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes);
 /// Scales one line of text (8-bit BGR) bilinearly to the height of `size`, to at most its width,
 /// and writes it as three planes in its own channel order, values -1 to 1, with zeros to the right
 /// of it. \param planes room for 3 * size.area() floats.
-void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes);
+void PrepareTextLine(const cv::Mat& region, cv::Size size, float* planes);
+
+/// The part of `image` inside the object's box, without copying. Throws cv::Exception where the box
+/// leaves the picture.
+cv::Mat regionOf(const cv::Mat& image, const VsaObject& object);
+
+/// Scales `region` (8-bit BGR) bilinearly to `size` and writes it as three planes, red first,
+/// normalised as the image classifier's networks expect it. \param planes room for 3 * size.area()
+/// floats.
+void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes);
+
+/// Scales `region` (8-bit BGR) by nearest-neighbour sampling so that its longer side is as long as
+/// the input is wide, puts it into the middle of a grey (114) input of `size` and writes that as
+/// three planes, red first, normalised. Throws cv::Exception where the scaled region is higher than
+/// the input or has no pixel. \param planes room for 3 * size.area() floats.
+void FitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes);
+
+/// The same on a lighter grey (128) and without the normalisation: values 0 to 1.
+void FitToInput(const cv::Mat& region, cv::Size size, float* planes);
+
+/// Scales `region` (8-bit BGR) bilinearly to `size` and writes it as three planes, red first,
+/// normalised with the ImageNet statistics folded into one product and one difference. \param
+/// planes room for 3 * size.area() floats.
+void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes);
+
+/// Appends the standard Base64 text (RFC 4648, with padding, without line breaks) of `count` bytes.
+void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& text);
+
+/// Rows of a spectrogram, one per mel band.
+using MelSpectrogram = std::vector<std::vector<float>>;
+
+/// Asks the mel-spectrogram service at `baseAddress` ("http://host:port") for the spectrogram of an
+/// audio frame and appends its rows to `matrix`, whose rows need not be of one length. Returns 1,
+/// or 0 with `matrix` as it was, after one
+/// "[E]" line (none for a frame of another kind and for a reply that is no JSON). Throws nothing of
+/// the reply's making.
+int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix);
 
 }  // namespace TolCompatibleLib

@@ -1,8 +1,11 @@
 #include "Utils/TextDecode.h"
 
+#include <limits>
+#include <utility>
+
 namespace TolCompatibleLib {
 
-std::string ctcGreedyDecode(FloatGrid scores, const CharacterDictionary& dictionary) {
+std::string CtcGreedyDecode(FloatGrid scores, const CharacterDictionary& dictionary) {
   std::string text;
   int previous = 0;
   for (int step = 0; step < scores.rows; ++step) {
@@ -13,6 +16,49 @@ std::string ctcGreedyDecode(FloatGrid scores, const CharacterDictionary& diction
     previous = best;  // the blank too, so a character on both sides of one is doubled
   }
   return text;
+}
+
+OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape) {
+  const auto byRows = [](std::size_t steps, std::size_t classes) {
+    return OcrLayoutResult{{steps, classes, classes, 1}, nullptr};
+  };
+  if (shape.size() == 2) {
+    // Deliberate: read as rows of classes either way, so a table of columns comes out scrambled.
+    return shape[1] <= shape[0] ? byRows(shape[1], shape[0]) : byRows(shape[0], shape[1]);
+  }
+  if (shape.size() != 3) return {{}, "Unsupported shape!"};
+  if (shape[1] == 1) return byRows(shape[0], shape[2]);
+  if (shape[0] != 1) return {{}, "Unknown output format!"};
+  if (shape[1] > shape[2]) return {{shape[2], shape[1], 1, shape[2]}, nullptr};
+  return byRows(shape[1], shape[2]);
+}
+
+std::string decodeOcr(const float* scores, const OcrLayout& layout,
+                      const std::vector<std::string>& alphabet) {
+  std::string text;
+  if (layout.classes <= 1) return text;  // nothing but blanks
+  std::size_t previous = layout.classes;
+  for (std::size_t step = 0; step < layout.steps; ++step) {
+    const float* values = scores + step * layout.stepStride;
+    std::size_t best = 0;
+    float most = -std::numeric_limits<float>::infinity();
+    for (std::size_t c = 0; c < layout.classes; ++c) {
+      const float value = values[c * layout.classStride];
+      if (value > most) {
+        most = value;
+        best = c;
+      }
+    }
+    if (best != 0 && best != previous && best < alphabet.size()) text += alphabet[best];
+    previous = best;
+  }
+  return text;
+}
+
+void setText(VsaObject& object, std::string& text) noexcept {
+  object.text = std::move(text);
+  object.textId = 0;
+  object.textScore = 1.0F;
 }
 
 }  // namespace TolCompatibleLib

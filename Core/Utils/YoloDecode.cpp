@@ -6,6 +6,7 @@
 
 #include "Utils/Log.h"
 #include "Utils/Numbers.h"
+#include "Utils/Objects.h"
 
 namespace TolCompatibleLib {
 namespace {
@@ -14,15 +15,6 @@ constexpr int kBoxRows = 4;  // centre x, centre y, width, height
 
 bool allFinite(const std::array<float, 4>& numbers) {
   return std::ranges::all_of(numbers, [](float number) { return std::isfinite(number); });
-}
-
-/// The name of a class that the host wants, or null.
-const std::string* wantedName(int classId, const VsaModelConfig& config,
-                              const std::set<std::string>& wantedClasses) {
-  const auto place = static_cast<std::size_t>(classId);
-  if (place >= config.classNames.size()) return nullptr;
-  const std::string& name = config.classNames[place];
-  return wantedClasses.contains(name) ? &name : nullptr;
 }
 
 }  // namespace

@@ -1,0 +1,85 @@
+#include "Utils/Request.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+#include "Utils/Log.h"
+
+namespace TolCompatibleLib {
+namespace {
+
+/// A spectrogram takes a few megabytes; a service that goes on and on must not take the host's
+/// memory.
+constexpr std::size_t kMostBytes = std::size_t{16} << 20;
+
+/// Called by curl with `count` bytes (`size` is always 1).
+std::size_t receive(char* data, std::size_t size, std::size_t count, void* response) {
+  constexpr auto kAbort = static_cast<std::size_t>(-1);
+  if (data == nullptr || response == nullptr) return kAbort;
+  auto& text = *static_cast<std::string*>(response);
+  if (size * count > kMostBytes - text.size()) return kAbort;
+  try {
+    text.append(data, size * count);
+  } catch (...) {
+    return kAbort;  // curl is C: nothing may be thrown through it
+  }
+  return count;
+}
+
+struct CurlSession {
+  CurlSession() { curl_global_init(CURL_GLOBAL_WIN32); }
+  ~CurlSession() { curl_global_cleanup(); }
+  CurlSession(const CurlSession&) = delete;
+  CurlSession& operator=(const CurlSession&) = delete;
+};
+
+}  // namespace
+
+bool PostJson(const std::string& url, const std::string& body, std::string& response,
+              std::chrono::seconds limit) {
+  const CurlSession session;
+  const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
+                                                                   curl_easy_cleanup);
+  if (!handle) {
+    logError("curl_easy_init error: url=" + url);
+    return false;
+  }
+  // The last one keeps curl from waiting for the service's leave to send the body.
+  std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(nullptr, curl_slist_free_all);
+  for (const char* header :
+       {"User-Agent: vsrt_core;", "Content-Type: application/json;", "expect: ;"}) {
+    curl_slist* const longer = curl_slist_append(headers.get(), header);
+    if (longer == nullptr) {
+      logError("curl_easy_perform error: url=" + url + ", " +
+               curl_easy_strerror(CURLE_OUT_OF_MEMORY));
+      return false;
+    }
+    static_cast<void>(headers.release());
+    headers.reset(longer);
+  }
+  std::string received;
+  CURL* const curl = handle.get();
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
+  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_POST, 1L);
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
+  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
+  curl_easy_setopt(curl, CURLOPT_READFUNCTION, nullptr);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, receive);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &received);
+  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(limit.count()));
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(limit.count()));
+  curl_easy_setopt(curl, CURLOPT_PROXY, "");
+  const CURLcode code = curl_easy_perform(curl);
+  response += received;
+  if (code == CURLE_OK) return true;
+  logError("curl_easy_perform error: url=" + url + ", " + curl_easy_strerror(code));
+  return false;
+}
+
+}  // namespace TolCompatibleLib

@@ -1,0 +1,277 @@
+// The models that work on the objects of a frame: image classifier, embeddings, second recogniser.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <openvino/opsets/opset8.hpp>
+
+#include "Utils/ClassScore.h"
+#include "Utils/PreProcessUtils.h"
+#include "support/LogCapture.h"
+#include "support/TestHost.h"
+#include "support/TinyNetworks.h"
+
+namespace {
+
+using namespace TolCompatibleLib;
+using Texts = std::vector<std::string>;
+
+constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInf = std::numeric_limits<float>::infinity();
+
+TEST(BestClass, IsTheFirstMaximumAndItsShareOfThePositiveScores) {
+  struct Case {
+    std::vector<float> scores;
+    int classId;
+    float score;
+  };
+  const Case cases[] = {
+      {{1, 3}, 1, 0.75F},       {{2, 2, -4}, 0, 0.5F},   {{-3, -1, -2}, 1, 1.0F}, {{0, 0}, 0, 1.0F},
+      {{kNan, 1, 3}, 2, 0.75F}, {{kNan, kNan}, 0, 1.0F}, {{5}, 0, 1.0F},          {{}, -1, 1.0F}};
+  for (const Case& c : cases) {
+    const ClassScore best = bestClass(c.scores);
+    EXPECT_EQ(best.classId, c.classId);
+    EXPECT_EQ(best.score, c.score);
+  }
+  EXPECT_TRUE(std::isnan(bestClass(std::vector<float>{kInf, 1}).score));
+}
+
+VsaObject boxObject(int left, int top, int right, int bottom, const std::string& name = "") {
+  return VsaObject(1000, 1000, left, top, right, bottom, 0.5F, 3, name);
+}
+
+/// A frame with blue, green and red thirds and an object on each.
+struct Thirds {
+  Thirds() : image(40, 60, CV_8UC3), frame(frameOf(image)) {
+    const cv::Scalar colours[] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
+    for (int i = 0; i < 3; ++i) {
+      image(cv::Rect(20 * i, 0, 20, 40)).setTo(colours[i]);
+      frame.objects.push_back(boxObject(20 * i + 2, 2, 20 * i + 18, 38, std::string(1, "bgr"[i])));
+    }
+  }
+  cv::Mat image;
+  VsaFrame frame;
+};
+
+/// Scores of the three classes: the sums of the input's planes, above zero where a plane is bright.
+std::string planeSums() {
+  return writeNetwork({1, 3, 8, 8}, [](const ov::Output<ov::Node>& input) {
+    const auto axes = ov::opset8::Constant::create(ov::element::i64, {2}, {2, 3});
+    return ov::OutputVector{std::make_shared<ov::opset8::ReduceSum>(input, axes, false)};
+  });
+}
+
+TEST(OvClassifyResNet, ClassifiesEveryObjectAndDropsTheOthers) {
+  TestModel model("Classify", "ResNet", planeSums());
+  model.setInput(8, 8);
+  model.setClasses({"red", "green", "blue"});  // the first plane is red
+  LogCapture log;
+  ASSERT_TRUE(model.init());
+  EXPECT_EQ(log.texts().at(0), "[I]OvClassifyResNet()");
+  Thirds thirds;
+  thirds.frame.wantedLabels = {"red", "blue"};
+  EXPECT_TRUE(VsaModelClassify(&model.context, &thirds.frame));
+  const std::vector<VsaObject>& objects = thirds.frame.objects;
+  ASSERT_EQ(objects.size(), 2U);
+  const std::pair<const char*, int> expected[] = {{"blue", 2}, {"red", 0}};
+  for (std::size_t i = 0; i < 2; ++i) {
+    EXPECT_EQ(objects[i].classifyName, expected[i].first);
+    EXPECT_EQ(objects[i].classifyId, expected[i].second);
+    EXPECT_EQ(objects[i].classifyScore, 1.0F);  // the other planes are negative
+    EXPECT_EQ(objects[i].className, std::string(1, expected[i].first[0]));
+    EXPECT_EQ(objects[i].score, 0.5F);
+    EXPECT_EQ(objects[i].classId, 3);
+  }
+  EXPECT_EQ(log.texts(), Texts{});
+  thirds.frame.wantedLabels.clear();
+  EXPECT_TRUE(VsaModelClassify(&model.context, &thirds.frame));
+  EXPECT_TRUE(thirds.frame.objects.empty());
+  EXPECT_TRUE(VsaModelClassify(&model.context, &thirds.frame));
+  thirds.frame.kind = kVsaAudioFrame;
+  EXPECT_FALSE(VsaModelClassify(&model.context, &thirds.frame));
+}
+
+TEST(OvClassifyResNet, ScoresMayEqualTheThreshold) {
+  const auto kept = [](const std::vector<float>& scores, float threshold,
+                       std::vector<std::string> names) {
+    TestModel model("Classify", "ResNet", writeConstant({1, 3, 8, 8}, {1, scores.size()}, scores));
+    model.setInput(8, 8);
+    model.setClasses(std::move(names));
+    model.config.classCount = static_cast<std::uint32_t>(scores.size());
+    model.config.scoreThreshold = threshold;
+    EXPECT_TRUE(model.init());
+    Thirds thirds;
+    thirds.frame.wantedLabels = {"a", "b"};
+    EXPECT_TRUE(VsaModelClassify(&model.context, &thirds.frame));
+    return thirds.frame.objects.size();
+  };
+  EXPECT_EQ(kept({1, 3}, 0.75F, {"a", "b"}), 3U);
+  EXPECT_EQ(kept({1, 3}, 0.76F, {"a", "b"}), 0U);
+  EXPECT_EQ(kept({-1, -3}, 1.0F, {"a", "b"}), 3U);
+  EXPECT_EQ(kept({1, kInf}, 0.0F, {"a", "b"}), 0U);  // no share of infinity
+  EXPECT_EQ(kept({1, 3}, 0.0F, {"a"}), 0U);          // the best class has no name
+}
+
+/// Runs a model over `frame` and expects the list to stay as it was.
+void expectUntouched(TestModel& model, VsaFrame& frame, bool (*run)(VsaModelContext*, VsaFrame*),
+                     const std::string& line) {
+  const std::size_t count = frame.objects.size();
+  LogCapture log;
+  if (line.empty()) {
+    EXPECT_THROW(run(&model.context, &frame), std::exception);
+  } else {
+    EXPECT_FALSE(run(&model.context, &frame));
+    EXPECT_EQ(log.texts(), Texts{line});
+  }
+  EXPECT_EQ(frame.objects.size(), count);
+  for (const VsaObject& object : frame.objects) {
+    EXPECT_TRUE(object.classifyName.empty() && object.feature.empty() && object.textId == -1);
+  }
+}
+
+TEST(ObjectModels, LeaveTheListAsItWasWhenARunFails) {
+  struct Case {
+    const char* category;
+    const char* name;
+    bool (*run)(VsaModelContext*, VsaFrame*);
+    std::size_t shortOutput;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"Classify", "ResNet", VsaModelClassify, 2,
+       "[E]network output is f32[1,2],expected f32 of at least 3"},
+      {"Track", "DeepSort", VsaModelFeature, 255,
+       "[E]network output is f32[1,255],expected f32 of at least 256"},
+      {"Track", "VsFaceNet", VsaModelFeature, 127,
+       "[E]network output is f32[1,127],expected f32 of at least 128"},
+      {"Track", "VsOCR", VsaModelFeature, 0,
+       "[E]network output is i32[1,5],expected f32 of at least 5"},
+  };
+  for (const Case& c : cases) {
+    const auto network = writeNetwork({1, 3, 8, 8}, [&](const ov::Output<ov::Node>&) {
+      if (c.shortOutput > 0)
+        return ov::OutputVector{floats({1, c.shortOutput}, std::vector<float>(c.shortOutput, 1))};
+      return ov::OutputVector{
+          ov::opset8::Constant::create(ov::element::i32, {1, 5}, std::vector<int>(5, 1))};
+    });
+    TestModel model(c.category, c.name, network);
+    model.setInput(8, 8);
+    model.setClasses({"a", "b", "c"});
+    ASSERT_TRUE(model.init());
+    Thirds thirds;
+    expectUntouched(model, thirds.frame, c.run, c.line);
+
+    // A region outside the picture, behind good ones; and a network of another size.
+    TestModel good(c.category, c.name,
+                   writeConstant({1, 3, 8, 8}, {1, 1, 300}, std::vector<float>(300, 1)));
+    good.setInput(8, 8);
+    good.setClasses({"a", "b", "c"});
+    ASSERT_TRUE(good.init());
+    thirds.frame.objects.push_back(boxObject(50, 0, 70, 20));
+    thirds.frame.objects.back().right = 70;
+    expectUntouched(good, thirds.frame, c.run, "");
+    TestModel other(c.category, c.name,
+                    writeConstant({1, 3, 16, 8}, {1, 300}, std::vector<float>(300, 1)));
+    other.setInput(8, 8);
+    ASSERT_TRUE(other.init());
+    expectUntouched(other, thirds.frame, c.run,
+                    "[E]network input is f32[1,3,16,8],expected f32[1,3,8,8]");
+    thirds.frame.objects.pop_back();
+    thirds.frame.wantedLabels = {"a"};
+    EXPECT_TRUE(c.run(&good.context, &thirds.frame));
+    EXPECT_EQ(thirds.frame.objects.size(), 3U);
+  }
+}
+
+/// A network whose output is its input from float `begin` on.
+std::string echoFrom(int width, int height, int begin, bool dynamic = false) {
+  const ov::PartialShape shape =
+      dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
+  return writeNetwork(shape, [&](const ov::Output<ov::Node>& input) {
+    return ov::OutputVector{
+        sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
+  });
+}
+
+TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
+  struct Case {
+    const char* name;
+    void (*fit)(const cv::Mat&, cv::Size, float*);
+    std::size_t length;
+  };
+  const cv::Size input(16, 24);  // 1152 floats, of which the network gives all but the first 700
+  for (const Case& c :
+       {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
+    for (const bool dynamic : {false, true}) {
+      TestModel model("Track", c.name, echoFrom(input.width, input.height, 700, dynamic));
+      model.setInput(16, 24);
+      ASSERT_TRUE(model.init());
+      cv::Mat image = randomImage(60, 50, 23);
+      VsaFrame frame = frameOf(image);
+      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50),
+                       boxObject(5, 5, 9, 7)};
+      frame.objects[1].feature.assign(1000, 5.0F);
+      for (int run = 0; run < 2; ++run) {
+        EXPECT_TRUE(model.feature(frame));
+        ASSERT_EQ(frame.objects.size(), 3U);
+        for (const VsaObject& object : frame.objects) {
+          std::vector<float> planes(static_cast<std::size_t>(3 * input.area()));
+          c.fit(regionOf(image, object), input, planes.data());
+          const std::vector<float> expected(
+              planes.begin() + 700, planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
+          EXPECT_EQ(object.feature, expected);
+        }
+      }
+      EXPECT_EQ(frame.objects[0].className, "first");
+      frame.objects.clear();
+      EXPECT_TRUE(model.feature(frame));
+      frame.kind = kVsaAudioFrame;
+      EXPECT_FALSE(model.feature(frame));
+    }
+  }
+}
+
+TEST(OvFeatureVsOCR, ReadsEveryLayout) {
+  const int best[] = {3, 3, 0, 3, 1};
+  struct Case {
+    ov::Shape shape;
+    const std::vector<float>* values;
+    std::string text;
+    Texts lines;
+  };
+  std::vector<float> wide(30, 0.0F);  // 5 steps of 6 classes
+  std::vector<float> wideColumns(30, 0.0F);
+  for (std::size_t t = 0; t < 5; ++t) {
+    wide[t * 6 + static_cast<std::size_t>(best[t])] = 1.0F;
+    wideColumns[static_cast<std::size_t>(best[t]) * 5 + t] = 1.0F;
+  }
+  const Texts unknown(2, "[E]Unknown output format!");
+  const Case cases[] = {{{1, 5, 6}, &wide, "cca", {}},
+                        {{5, 1, 6}, &wide, "cca", {}},
+                        {{5, 6}, &wide, "cca", {}},
+                        {{1, 6, 5}, &wideColumns, "cca", {}},
+                        {{2, 5, 3}, &wide, "", unknown},
+                        {{30}, &wide, "", Texts(2, "[E]Unsupported shape!")},
+                        {{1, 1, 5, 6}, &wide, "", Texts(2, "[E]Unsupported shape!")}};
+  for (const Case& c : cases) {
+    TestModel model("Track", "VsOCR", writeConstant({1, 3, 8, 8}, c.shape, *c.values));
+    model.setInput(8, 8);
+    model.setClasses({"-", "a", "b", "c"});
+    ASSERT_TRUE(model.init());
+    cv::Mat image = randomImage(60, 50);
+    VsaFrame frame = frameOf(image);
+    frame.objects = {boxObject(0, 0, 60, 50), boxObject(3, 3, 9, 9)};
+    frame.objects[1].text = "old";
+    LogCapture log;
+    EXPECT_TRUE(model.feature(frame));
+    EXPECT_EQ(log.texts(), c.lines);
+    for (const VsaObject& object : frame.objects) {
+      EXPECT_EQ(object.text, c.text) << c.shape;
+      EXPECT_EQ(object.textId, 0);
+      EXPECT_EQ(object.textScore, 1.0F);
+    }
+  }
+}
+
+}  // namespace
