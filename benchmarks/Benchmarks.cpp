@@ -197,6 +197,44 @@ void textLine(benchmark::State& state) {
 }
 BENCHMARK(textLine)->Unit(benchmark::kMicrosecond);
 
+/// What each model that works on objects does to one region before it infers.
+template <void prepare(const cv::Mat&, cv::Size, float*)>
+void object(benchmark::State& state) {
+  const cv::Mat region = randomImage(120, 200);
+  const cv::Size size(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
+  std::vector<float> planes(static_cast<std::size_t>(size.area()) * 3);
+  for (auto _ : state) {
+    prepare(region, size, planes.data());
+    benchmark::DoNotOptimize(planes.data());
+  }
+}
+BENCHMARK(object<fillClassifierPlanes>)->Args({224, 224})->Unit(benchmark::kMicrosecond);
+BENCHMARK(object<FitToInputNormalized>)->Args({128, 256})->Unit(benchmark::kMicrosecond);
+BENCHMARK(object<FitToInput>)->Args({112, 112})->Unit(benchmark::kMicrosecond);
+BENCHMARK(object<PrepareOcrInput>)->Args({320, 48})->Unit(benchmark::kMicrosecond);
+
+/// The request for 1 s of sound, 48 kHz, two channels of 16 bits; and the Base64 in it.
+void audioRequest(benchmark::State& state) {
+  const std::vector<std::uint8_t> pcm(192000, 7);
+  VsaFrame frame;
+  frame.kind = kVsaAudioFrame;
+  frame.audioData = pcm.data();
+  frame.audioFrameSize = static_cast<std::int32_t>(pcm.size());
+  for (auto _ : state) benchmark::DoNotOptimize(spectrogramRequest(frame).data());
+}
+BENCHMARK(audioRequest)->Unit(benchmark::kMicrosecond);
+
+void base64(benchmark::State& state) {
+  const std::vector<std::uint8_t> bytes(std::size_t{1} << 20, 7);
+  for (auto _ : state) {
+    std::string text;
+    Base64Encode(bytes.data(), bytes.size(), text);
+    benchmark::DoNotOptimize(text.data());
+  }
+  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
+}
+BENCHMARK(base64)->Unit(benchmark::kMicrosecond);
+
 void ctcDecode(benchmark::State& state) {
   constexpr int kSteps = 80;
   constexpr int kCharacters = 6625;

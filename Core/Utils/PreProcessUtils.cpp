@@ -320,9 +320,6 @@ void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& tex
   std::fill(text.begin() + static_cast<std::ptrdiff_t>(place), text.end(), '=');
 }
 
-namespace {
-
-/// The JSON text that asks for the spectrogram of `frame`.
 std::string spectrogramRequest(const VsaFrame& frame) {
   std::string pcm;
   Base64Encode(frame.audioData, static_cast<std::size_t>(frame.audioFrameSize), pcm);
@@ -338,6 +335,8 @@ std::string spectrogramRequest(const VsaFrame& frame) {
   request["audio_pcm_base64"] = pcm;
   return request.toStyledString();
 }
+
+namespace {
 
 /// Whether `text` is well-formed UTF-8 (RFC 3629).
 bool isUtf8(std::string_view text) {

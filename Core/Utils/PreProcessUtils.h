@@ -80,6 +80,10 @@ void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes);
 /// Appends the standard Base64 text (RFC 4648, with padding, without line breaks) of `count` bytes.
 void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& text);
 
+/// The JSON text that asks the mel-spectrogram service about an audio frame. Its size must not be
+/// negative, and its data not null where the size is not 0.
+std::string spectrogramRequest(const VsaFrame& frame);
+
 /// Rows of a spectrogram, one per mel band.
 using MelSpectrogram = std::vector<std::vector<float>>;
 
