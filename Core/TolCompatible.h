@@ -15,7 +15,8 @@
 // threads.)
 //
 // Errors: a call returns false after one "[E]" line in the host's glog, written at glog's
-// information severity. Exceptions of the engines and of OpenCV are not caught: they leave
+// information severity. (Frames of the other kind, and calls that no model is there for, are
+// refused silently.) Exceptions of the engines and of OpenCV are not caught: they leave
 // VsaModelInit, the three run calls and VsaGetDeviceSet as ov::Exception, Ort::Exception,
 // cv::Exception or std::exception, and the model keeps working on the next frame.
 #pragma once
@@ -163,8 +164,8 @@ struct VsaModelConfig {
   /// bands.
   std::uint32_t inputHeight = 0;
   std::uint32_t reserved332 = 0;
-  /// Detections score above it. Text detector: regions score at least it, 0 or less meaning 0.6.
-  /// Classifiers: at least it.
+  /// Detections score above it; not negative where overlaps are suppressed. Text detector: regions
+  /// score at least it, 0 or less meaning 0.6. Classifiers: at least it.
   float scoreThreshold = 0.0F;
   float nmsThreshold = 0.0F;  ///< Boxes that overlap a better one by more than this share (IoU) are
                               ///< left out; not negative.
@@ -235,7 +236,7 @@ using VsaDeviceSet = std::set<std::string>;
 
 extern "C" {
 
-/// Logs the library's name and interface version. Always true; not needed before other calls,
+/// Logs the call and the interface version. Always true; not needed before other calls,
 /// harmless when repeated.
 VSA_API bool VsaGlobalInit();
 
@@ -245,10 +246,12 @@ VSA_API bool VsaGlobalRelease();
 /// Builds the model that `context->config` names and stores it in `context->models`.
 ///
 /// Returns true when the model is ready to run. Returns false, with one "[E]" line, for a null
-/// context, a null configuration or a wrong version (which leaves `models` as it was), and
-/// silently, with an empty set, where the library has no such model. A set that is already there is
-/// not released: call VsaModelRelease first. Throws what the engine throws for a missing or broken
-/// model file or an unknown device; `models` is then as it was.
+/// context or a wrong version, which leave `models` as it was, for a null configuration, which
+/// leaves an empty set, and for an ONNX network that does not fit the configuration, which leaves a
+/// set whose model refuses every frame; and silently, with an empty set, where the library has no
+/// such model. A set that is already there is not released: call VsaModelRelease first. Throws what
+/// the engine throws for a missing or broken model file or an unknown device; `models` is then as
+/// it was.
 VSA_API bool VsaModelInit(VsaModelContext* context);
 
 /// Destroys the model and frees the set; does nothing where there is none. Does not throw.

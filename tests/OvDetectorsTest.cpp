@@ -4,9 +4,9 @@
 
 #include <cmath>
 #include <limits>
-#include <opencv2/imgproc.hpp>
 #include <openvino/opsets/opset8.hpp>
 
+#include "Utils/MaskOutline.h"
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
 #include "support/TinyNetworks.h"
@@ -193,12 +193,13 @@ TEST(OvDetectYolo26, ScalesEachCornerAndKeepsRowOrder) {
   Bench bad("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}}), {"a"});
   EXPECT_FALSE(bad.run());
   ASSERT_EQ(bad.lines.size(), 1U);
-  EXPECT_TRUE(bad.lines[0].starts_with("[E]candidate 0 is not finite: 2.0")) << bad.lines[0];
+  EXPECT_TRUE(bad.lines[0].starts_with("[E]candidate 0 is out of range: 2.0")) << bad.lines[0];
 }
 
 TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
   Bench bench("YOLO8-OBB",
-              rowsNetwork(turned({{32, 32, 20, 10, 0.5F, 0, 0.1F},
+              rowsNetwork(turned({{9, 9, 9, 9, 0.1F, 0, 3},
+                                  {32, 32, 20, 10, 0.5F, 0, 0.1F},
                                   {33, 32, 20, 10, 0, 0.75F, -7.5F},
                                   {8, 8, 4, 4, 0.6F, 0, kNan}})),
               {"a", "b"});
@@ -213,7 +214,7 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   const Table rows = {{32, 32, 20.6F, 20.6F, 0.5F, -3.3F, 70.7F, 0, 10.4F, 10.6F, kNan},
                       {33, 32, 20, 20, 0.75F, 1, 1, 1, 2, 2, 1},
                       {60, 60, 20, 20, 0.25F, 0, 0, 0, 0, 0, 0}};
-  Bench bench("YOLO8-POSE", rowsNetwork(turned({rows[0], rows[2]})), {"person"});
+  Bench bench("YOLO8-POSE", rowsNetwork(turned({rows[2], rows[0]})), {"person", "other"});
   bench.model.config.classCount = 2;
   bench.frame.wantedClasses.clear();
   EXPECT_TRUE(bench.run());
@@ -222,6 +223,7 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   EXPECT_EQ(boxOf(object),
             (std::vector<int>{43, 43, 84, 84}));  // (32 - 10.3) * 2 = 43.4, 41.2 wide
   EXPECT_EQ(object.className, "person");
+  EXPECT_EQ(object.classId, 0);
   ASSERT_EQ(object.shapes.size(), 1U);
   EXPECT_EQ(object.shapes[0].tag, 5);
   ASSERT_EQ(object.shapes[0].points.size(), 2U);
@@ -252,71 +254,91 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   EXPECT_EQ(bad.lines.size(), 1U);
 }
 
-/// A segmentation network of one class; every candidate's coefficients are 1 for its own prototype
-/// and 0 for the others. Prototypes of 16 x 16 are 10 inside their rectangles and -10 elsewhere.
-std::string segmentationNetwork(const Table& boxes, const std::vector<std::vector<cv::Rect>>& masks,
-                                std::size_t prototypes = 32) {
-  Table columns = boxes;
+/// Prototypes of 16 x 12, each 10 inside its rectangles and -10 elsewhere.
+std::vector<float> prototypesOf(const std::vector<std::vector<cv::Rect>>& masks,
+                                std::size_t count = 32) {
+  std::vector<float> planes(count * 192, -10.0F);
+  for (std::size_t i = 0; i < masks.size(); ++i) {
+    cv::Mat plane(12, 16, CV_32FC1, planes.data() + i * 192);
+    for (const cv::Rect& part : masks[i]) plane(part).setTo(10.0F);
+  }
+  return planes;
+}
+
+/// A segmentation network of 64 x 48; candidate i's mask is prototype i.
+std::string segmentationNetwork(const Table& rows, const std::vector<float>& prototypes) {
+  Table columns = rows;
   for (std::size_t i = 0; i < columns.size(); ++i) {
     for (std::size_t k = 0; k < 32; ++k) columns[i].push_back(k == i ? 1.0F : 0.0F);
   }
   columns = turned(columns);
-  std::vector<float> planes(prototypes * 256, -10.0F);
-  for (std::size_t i = 0; i < masks.size(); ++i) {
-    cv::Mat plane(16, 16, CV_32FC1, planes.data() + i * 256);
-    for (const cv::Rect& part : masks[i]) plane(part).setTo(10.0F);
-  }
-  return writeNetwork({1, 3, 64, 64}, [&](const ov::Output<ov::Node>&) {
+  return writeNetwork({1, 3, 48, 64}, [&](const ov::Output<ov::Node>&) {
     return ov::OutputVector{floats({1, columns.size(), columns[0].size()}, flat(columns)),
-                            floats({1, prototypes, 16, 16}, planes)};
+                            floats({1, prototypes.size() / 192, 12, 16}, prototypes)};
   });
 }
 
 TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
-  // Mask pixels 4..7 x 6..7 and a dot; the mask goes on outside the box, which ends at network
-  // x 32.
+  using namespace TolCompatibleLib;
+  const std::vector<float> prototypes =
+      prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
   Bench bench("YOLO8-Seg",
-              segmentationNetwork({{24, 28, 16, 16, 0.9F},
-                                   {50, 10, 8, 8, 0.8F},
-                                   {60, 60, 30, 30, 0.7F},
-                                   {90, 90, 8, 8, 0.6F}},
-                                  {{{4, 6, 12, 2}, {4, 9, 1, 1}}, {}, {{13, 13, 3, 3}}, {}}),
-              {"thing"});
+              segmentationNetwork({{9, 9, 9, 9, 0.1F, 0.2F},  // below the threshold
+                                   {28.5F, 22.5F, 11, 23, 0,
+                                    0.9F},  // a mask that goes on outside its box, and a dot
+                                   {50, 10, 8, 8, 0.8F, 0},    // no mask pixel above one half
+                                   {60, 44, 30, 30, 0.7F, 0},  // over the corner
+                                   {90, 90, 8, 8, 0.6F, 0}},   // outside
+                                  prototypes),
+              {"a", "b"});
+  bench.model.setInput(64, 48);
+  bench.image = randomImage(100, 75);
+  const VsaFrame fresh = frameOf(bench.image, {"a", "b"});
+  bench.frame = fresh;
   EXPECT_TRUE(bench.run());
-  // The second has no mask pixel above one half and the fourth lies outside: neither is reported.
-  ASSERT_EQ(bench.boxes(), (Boxes{{32, 40, 64, 72}, {90, 90, 128, 128}}));
+  // The scale is 100 / 48; edges are scaled as a whole: 34 * 2.0833 = 70.8, where 11 * 2.0833 + 47
+  // would be 69.9.
+  ASSERT_EQ(bench.boxes(), (Boxes{{47, 22, 70, 70}, {93, 60, 100, 75}}));
   const VsaObject& object = bench.frame.objects[0];
+  EXPECT_EQ(object.className, "b");
+  EXPECT_EQ(object.classId, 1);
+  EXPECT_EQ(object.score, 0.9F);
   ASSERT_EQ(object.shapes.size(), 1U);
   EXPECT_EQ(object.shapes[0].tag, 10);
+  MaskCoefficients coefficients{};
+  coefficients[1] = 1.0F;
+  std::vector<cv::Point> expected =
+      maskOutline({prototypes.data(), {16, 12}}, coefficients, {23, 11, 11, 23}, {64, 48});
+  EXPECT_FALSE(expected.empty());
+  for (cv::Point& point : expected) {
+    point = {static_cast<int>(static_cast<float>(point.x) * (100.0F / 48)),
+             static_cast<int>(static_cast<float>(point.y) * (100.0F / 48))};
+  }
   std::vector<cv::Point> outline;
   for (const VsaPoint& point : object.shapes[0].points) outline.emplace_back(point.x, point.y);
-  const cv::Rect around = cv::boundingRect(outline);
-  // Four network pixels a mask pixel, two frame pixels a network pixel: 32..63 x 48..63, softened
-  // at the edges.
-  EXPECT_NEAR(around.x, 32, 2);
-  EXPECT_NEAR(around.y, 48, 2);
-  EXPECT_NEAR(around.br().x, 64, 3);
-  EXPECT_NEAR(around.br().y, 64, 3);
+  EXPECT_EQ(outline, expected);
 
-  bench.frame.objects.clear();
+  bench.frame = fresh;
   bench.frame.wantedClasses.clear();
   EXPECT_TRUE(bench.run());
   EXPECT_TRUE(bench.frame.objects.empty());
 }
 
 TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {
-  for (const std::size_t count : {16U, 64U}) {
-    Bench bench("YOLO8-Seg",
-                segmentationNetwork({{24, 28, 16, 16, 0.9F}}, {{{4, 6, 12, 2}}}, count), {"a"});
+  const Table rows = {{24, 28, 16, 16, 0.9F}};
+  const std::pair<std::size_t, const char*> cases[] = {
+      {16, "[E]Yolo8-Seg mask coeffs dimensions error:16"},
+      {64, "[E]Yolo8-Seg mask coeffs dimensions error:64"}};
+  for (const auto& [count, line] : cases) {
+    Bench bench("YOLO8-Seg", segmentationNetwork(rows, prototypesOf({}, count)), {"a"});
+    bench.model.setInput(64, 48);
     EXPECT_FALSE(bench.run());
-    EXPECT_EQ(bench.lines,
-              Texts{"[E]Yolo8-Seg mask coeffs dimensions error:" + std::to_string(count)});
+    EXPECT_EQ(bench.lines, Texts{line});
+    // The detection output is looked at first.
+    bench.model.setClasses({"a", "b"});
+    EXPECT_FALSE(bench.run());
+    EXPECT_EQ(bench.lines, Texts{"[E]Yolo8-Seg dimensions error:37"});
   }
-  // The detection output is looked at first.
-  Bench both("YOLO8-Seg", segmentationNetwork({{24, 28, 16, 16, 0.9F}}, {{{4, 6, 12, 2}}}, 16),
-             {"a", "b"});
-  EXPECT_FALSE(both.run());
-  EXPECT_EQ(both.lines, Texts{"[E]Yolo8-Seg dimensions error:37"});
 }
 
 }  // namespace

@@ -76,6 +76,26 @@ TEST(OvDetectPaddleOCR, AScoreThresholdOfZeroMeansSixTenths) {
   EXPECT_EQ(regions(0.45F, 0.4F), 1U);
 }
 
+TEST(OvDetectPaddleOCR, ShrinksToTheConfiguredWidthAndScoresEachRegion) {
+  std::vector<float> map(32 * 64, 0.0F);
+  cv::Mat plane(32, 64, CV_32FC1, map.data());
+  plane(cv::Rect(4, 4, 20, 6)).setTo(0.875F);
+  plane(cv::Rect(30, 20, 20, 6)).setTo(0.75F);
+  TestModel model("Detect", "PaddleOCR", writeConstant(kAnySize, {1, 1, 32, 64}, map));
+  model.setInput(64, 7);  // the height is not asked for
+  ASSERT_TRUE(model.init());
+  cv::Mat image = randomImage(192, 96);
+  VsaFrame frame = frameOf(image);
+  EXPECT_TRUE(model.detect(frame));
+  ASSERT_EQ(frame.objects.size(), 2U);
+  // Found from the bottom. 19 x 5 grows by 19 * 5 * 2 / 48 = 3.958 on each side; three frame pixels
+  // a map pixel.
+  EXPECT_EQ(cornersOf(frame.objects[0]), (std::vector<int>{78, 48, 159, 48, 159, 87, 78, 87}));
+  EXPECT_EQ(frame.objects[0].score, 0.75F);
+  EXPECT_EQ(frame.objects[1].score, 0.875F);
+  EXPECT_EQ(frame.objects[1].top, 0);
+}
+
 TEST(OvDetectPaddleOCR, RefusesMapsThatAreNone) {
   const std::pair<ov::Shape, std::string> cases[] = {
       {{1, 32, 32}, "[E]network output is f32[1,32,32],expected f32 of rank 4"},
@@ -185,6 +205,23 @@ TEST(OvFeaturePaddleOCR, CornersGiveTheRegionOnlyWhenAllAreThere) {
   EXPECT_EQ(frame.objects[1].text, "g");  // the box alone: columns 2 to 19, rows 0 to 2
 }
 
+TEST(OvFeaturePaddleOCR, RegionsEndBeforeTheLastPixelOfTheFrame) {
+  // 41 columns, the last one red: a region to the right border ends before it, so no red is read.
+  TestModel model("Track", "PaddleOCR", colourReader(320, 48));
+  model.setClasses({"blank", "g", "r"});
+  ASSERT_TRUE(model.init());
+  cv::Mat image = bands({kGreen, kGreen});
+  image.col(40).setTo(kRed);
+  VsaFrame frame = frameOf(image);
+  frame.objects = {boxObject(0, 0, 41, 49)};
+  EXPECT_TRUE(model.feature(frame));
+  EXPECT_EQ(frame.objects.at(0).text, "g");
+  // Without objects not even the pixels are looked at.
+  frame.objects.clear();
+  frame.data = nullptr;
+  EXPECT_TRUE(model.feature(frame));
+}
+
 TEST(OvFeaturePaddleOCR, RegionsWithoutPixelsAreDropped) {
   TestModel model("Track", "PaddleOCR", colourReader(320, 48));
   model.setClasses({"blank", "g", "r"});
@@ -204,9 +241,6 @@ TEST(OvFeaturePaddleOCR, RegionsWithoutPixelsAreDropped) {
   ASSERT_EQ(frame.objects.size(), 6U);
   for (const VsaObject& object : frame.objects) EXPECT_EQ(object.text, "rg");
   EXPECT_EQ(frame.objects[1].className, "kept");
-
-  frame.objects.clear();
-  EXPECT_TRUE(model.feature(frame));
   frame.kind = kVsaAudioFrame;
   EXPECT_FALSE(model.feature(frame));
 }

@@ -10,38 +10,55 @@ namespace TolCompatibleLib {
 namespace {
 
 std::string dimensionsText(const std::vector<std::int64_t>& dimensions) {
-  std::string text;
+  std::string text = "[";
   for (const std::int64_t dimension : dimensions) {
-    text += text.empty() ? '[' : ',';
+    if (text.size() > 1) text += ',';
     text += std::to_string(dimension);
   }
   return text += ']';
 }
 
-/// What is wrong with an input or output that has to be a table of floats.
-std::string wrongTensor(const char* what,
-                        const std::optional<std::vector<std::int64_t>>& dimensions) {
-  std::string text = what;
-  if (dimensions) text.append(",").append(dimensionsText(*dimensions));
-  return text;
-}
+/// What an input or output is: its type as ONNX Runtime numbers it (ONNXType,
+/// ONNXTensorElementDataType) and, of a tensor, its dimensions. A dimension that is not fixed is
+/// -1.
+struct PortType {
+  ONNXType kind = ONNX_TYPE_UNKNOWN;
+  ONNXTensorElementDataType element = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
+  std::vector<std::int64_t> dimensions;
 
-/// The dimensions of a tensor of floats; nothing for anything else. A dimension that is not fixed
-/// is -1.
-std::optional<std::vector<std::int64_t>> floatDimensions(const Ort::TypeInfo& type) {
-  if (type.GetONNXType() != ONNX_TYPE_TENSOR) return std::nullopt;
-  const auto tensor = type.GetTensorTypeAndShapeInfo();
-  if (tensor.GetElementType() != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT) return std::nullopt;
-  return tensor.GetShape();
+  bool isTensor() const { return kind == ONNX_TYPE_TENSOR; }
+  std::string text() const {
+    return "type=" + std::to_string(kind) + ",element=" + std::to_string(element) +
+           ",dimensions=" + dimensionsText(dimensions);
+  }
+};
+
+PortType portType(const Ort::TypeInfo& info) {
+  PortType port;
+  port.kind = info.GetONNXType();
+  if (port.isTensor()) {
+    const auto tensor = info.GetTensorTypeAndShapeInfo();
+    port.element = tensor.GetElementType();
+    port.dimensions = tensor.GetShape();
+  }
+  return port;
 }
 
 }  // namespace
+
+void requireOnnxRuntime() {
+  if (OrtGetApiBase()->GetApi(ORT_API_VERSION) != nullptr) return;
+  throw Ort::Exception(std::string("ONNX Runtime ") + OrtGetApiBase()->GetVersionString() +
+                           " is older than this library needs",
+                       ORT_NOT_IMPLEMENTED);
+}
 
 OrDetect::OrDetect(const VsaModelConfig* modelConfig, const std::string& root, OutputLayout layout,
                    std::source_location where)
     : VsaDetect(modelConfig, root), layout_(layout) {
   const std::string path = modelPath(*modelConfig, root);
   logInfo("modelPath=" + path + ",device=" + modelConfig->device, where);
+  requireOnnxRuntime();
   environment = Ort::Env(ORT_LOGGING_LEVEL_WARNING, modelConfig->modelName.c_str());
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
@@ -60,31 +77,33 @@ bool OrDetect::fits(std::source_location where) {
   }
   const Ort::AllocatorWithDefaultOptions allocator;
   inputNames.emplace_back(session->GetInputNameAllocated(0, allocator).get());
-  const auto input = floatDimensions(session->GetInputTypeInfo(0));
-  if (!input || input->size() != 4) {
-    logError(wrongTensor("network input is no float tensor of rank 4", input), where);
+  const PortType input = portType(session->GetInputTypeInfo(0));
+  if (!input.isTensor() || input.dimensions.size() < 4) {
+    logError("network input is no picture," + input.text(), where);
     return false;
   }
-  if ((*input)[2] != std::int64_t{config->inputHeight} ||
-      (*input)[3] != std::int64_t{config->inputWidth}) {
-    logError("input_height=" + std::to_string((*input)[2]) +
-                 ",input_width=" + std::to_string((*input)[3]),
+  // Further dimensions and the type are ONNX Runtime's to refuse, when the network runs.
+  if (input.dimensions[2] != std::int64_t{config->inputHeight} ||
+      input.dimensions[3] != std::int64_t{config->inputWidth}) {
+    logError("input_height=" + std::to_string(input.dimensions[2]) +
+                 ",input_width=" + std::to_string(input.dimensions[3]),
              where);
     return false;
   }
   for (std::size_t i = 0; i < outputs; ++i) {
     outputNames.emplace_back(session->GetOutputNameAllocated(i, allocator).get());
   }
-  const auto output = outputs == 0 ? std::nullopt : floatDimensions(session->GetOutputTypeInfo(0));
-  if (!output || output->size() != 3) {
-    logError(wrongTensor("network output is no float tensor of rank 3", output), where);
+  const PortType output = outputs == 0 ? PortType() : portType(session->GetOutputTypeInfo(0));
+  if (!output.isTensor() || output.element != ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT ||
+      output.dimensions.size() != 3) {
+    logError("network output is no float tensor of rank 3," + output.text(), where);
     return false;
   }
   // Deliberate: the low 32 bits of each.
-  outputDimensions[0] = static_cast<std::int32_t>((*output)[layout_.values]);
-  outputDimensions[1] = static_cast<std::int32_t>((*output)[layout_.candidates]);
+  outputDimensions[0] = static_cast<std::int32_t>(output.dimensions[layout_.values]);
+  outputDimensions[1] = static_cast<std::int32_t>(output.dimensions[layout_.candidates]);
   if (outputDimensions[0] < 1 || outputDimensions[1] < 1) {
-    logError("network output has no fixed size," + dimensionsText(*output), where);
+    logError("network output has no fixed size," + dimensionsText(output.dimensions), where);
     return false;
   }
   inputSize = cv::Size(static_cast<int>(config->inputWidth), static_cast<int>(config->inputHeight));
@@ -97,8 +116,8 @@ OrDetect::~OrDetect() {
 }
 
 bool OrDetect::isOpen(std::source_location where) const {
-  if (!ready) logError("network was refused when it was opened", where);
-  return ready;
+  if (session == nullptr) logError("network was refused when it was opened", where);
+  return session != nullptr;
 }
 
 std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
@@ -106,7 +125,8 @@ std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
   const std::optional<Letterbox> input = letterbox(image, inputSize, nullptr, where);
   if (!input) return std::nullopt;
   const std::array<std::int64_t, 4> shape{1, 3, inputSize.height, inputSize.width};
-  cv::Mat planes(3 * inputSize.height, inputSize.width, CV_32FC1);
+  const std::array<int, 3> sizes{3, inputSize.height, inputSize.width};
+  cv::Mat planes(static_cast<int>(sizes.size()), sizes.data(), CV_32FC1);
   fillUnitPlanes(input->canvas, planes.ptr<float>());
 
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);

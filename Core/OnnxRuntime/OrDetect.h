@@ -23,6 +23,10 @@ struct OutputLayout {
 constexpr OutputLayout kCandidateRows = {2, 1};     // [1, candidates, values]
 constexpr OutputLayout kCandidateColumns = {1, 2};  // [1, values, candidates]
 
+/// Throws Ort::Exception where the ONNX Runtime that was loaded is too old for the headers of this
+/// build. Without it the first call would go through a null table.
+void requireOnnxRuntime();
+
 /// A detector on ONNX Runtime's processor backend, with an environment and a session of its own.
 class OrDetect : public VsaDetect {
  protected:

@@ -51,6 +51,7 @@ std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
 
 void addOnnxRuntimeDevices(VsaDeviceSet& devices) {
   logInfo(std::string("OnnxRuntime ") + OrtGetApiBase()->GetVersionString());
+  requireOnnxRuntime();
   // Deliberate: no other provider is reported, whatever ONNX Runtime offers; models run on the
   // processor.
   const std::vector<std::string> providers = Ort::GetAvailableProviders();

@@ -29,6 +29,7 @@ struct Classification {
 };
 
 bool OvClassifyResNet::run(VsaFrame* frame) {
+  if (isImageWithoutObjects(frame)) return true;
   const std::optional<cv::Mat> image = imageOf(frame);
   if (!image) return false;
   Results<Classification> results;

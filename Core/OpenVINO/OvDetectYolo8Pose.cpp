@@ -5,8 +5,6 @@
 //   rows 5-    x, y, visibility of each key point; the visibility is not used
 // There is no class filter; key points are not clamped to the frame.
 
-#include <cmath>
-
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
@@ -26,7 +24,7 @@ class OvDetectYolo8Pose final : public OvModel<VsaDetect> {
 };
 
 /// Key points of one candidate in frame pixels, under their tag; nothing, after one "[E]" line,
-/// where one is not finite.
+/// where no integer holds one.
 std::optional<VsaShape> keyPointsOf(FloatGrid columns, int candidate, std::size_t count,
                                     float scale,
                                     std::source_location where = std::source_location::current()) {
@@ -36,9 +34,9 @@ std::optional<VsaShape> keyPointsOf(FloatGrid columns, int candidate, std::size_
   for (int row = 5; row + 2 < columns.rows; row += 3) {
     const float x = columns.row(row)[candidate] * scale;
     const float y = columns.row(row + 1)[candidate] * scale;
-    if (!std::isfinite(x) || !std::isfinite(y)) {
+    if (!fitsInt(x) || !fitsInt(y)) {
       logError("key point of candidate " + std::to_string(candidate) +
-                   " is not finite:" + std::to_string(x) + "," + std::to_string(y),
+                   " is out of range:" + std::to_string(x) + "," + std::to_string(y),
                where);
       return std::nullopt;
     }

@@ -5,6 +5,7 @@ namespace TolCompatibleLib {
 bool OvEmbedding::embed(VsaFrame* frame,
                         void (*fit)(const cv::Mat& region, cv::Size size, float* planes),
                         std::size_t length, std::source_location where) {
+  if (isImageWithoutObjects(frame)) return true;
   const std::optional<cv::Mat> image = imageOf(frame, where);
   if (!image) return false;
   Results<std::vector<float>> features;

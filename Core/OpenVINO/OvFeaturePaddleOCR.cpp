@@ -46,7 +46,7 @@ OvFeaturePaddleOCR::OvFeaturePaddleOCR(const VsaModelConfig* modelConfig, const 
 
 /// The part of the picture that a region covers: the upright box round its four corners or, without
 /// them, its own box. Empty where nothing is left of it.
-cv::Rect regionOf(const VsaObject& object, cv::Size image) {
+cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   std::pair<int, int> x(object.left, object.right);
   std::pair<int, int> y(object.top, object.bottom);
   if (object.cornerX2 >= 0 && object.cornerY2 >= 0 && object.cornerX3 >= 0 &&
@@ -66,15 +66,14 @@ cv::Rect regionOf(const VsaObject& object, cv::Size image) {
 }
 
 bool OvFeaturePaddleOCR::run(VsaFrame* frame) {
+  if (isImageWithoutObjects(frame)) return true;
   const std::optional<cv::Mat> image = imageOf(frame);
   if (!image) return false;
-  if (frame->objects.empty()) return true;
-
   ov::Tensor line(ov::element::f32, {1, 3, static_cast<std::size_t>(lineSize.height),
                                      static_cast<std::size_t>(lineSize.width)});
   Results<std::string> texts;
   for (std::size_t i = 0; i < frame->objects.size(); ++i) {
-    const cv::Rect region = regionOf(frame->objects[i], image->size());
+    const cv::Rect region = lineRegionOf(frame->objects[i], image->size());
     if (region.empty()) continue;
     PrepareTextLine((*image)(region), lineSize, line.data<float>());
     inferRequest.set_input_tensor(line);

@@ -33,6 +33,7 @@ std::string DecodeOcrOutput(const ov::Tensor& output, std::span<const float> sco
 }
 
 bool OvFeatureVsOCR::run(VsaFrame* frame) {
+  if (isImageWithoutObjects(frame)) return true;
   const std::optional<cv::Mat> image = imageOf(frame);
   if (!image) return false;
   Results<std::string> texts;

@@ -16,6 +16,12 @@ constexpr std::int32_t truncateToInt(float value) {
   return static_cast<std::int32_t>(value);
 }
 
+/// Whether truncateToInt gives what it says: false for NaN, infinities and numbers beyond the
+/// integers.
+constexpr bool fitsInt(float value) {
+  return value >= -2147483648.0F && value < 2147483648.0F;
+}
+
 /// a + b, or the integer nearest to it.
 constexpr std::int32_t saturatedSum(std::int32_t a, std::int32_t b) {
   const std::int64_t sum = std::int64_t{a} + b;

@@ -12,6 +12,11 @@
 
 namespace TolCompatibleLib {
 
+/// Whether a model that works on objects has nothing to do.
+inline bool isImageWithoutObjects(const VsaFrame* frame) {
+  return frame != nullptr && frame->kind == kVsaImageFrame && frame->objects.empty();
+}
+
 /// Moves `found` to the end of `objects`: all of it or, when memory runs out, nothing.
 inline void append(std::vector<VsaObject>& objects, std::vector<VsaObject>&& found) {
   objects.insert(objects.end(), std::make_move_iterator(found.begin()),

@@ -211,7 +211,9 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, voi
   const cv::Size scaled(truncateToInt(static_cast<float>(image.cols) * ratio),
                         truncateToInt(static_cast<float>(image.rows) * ratio));
   if (scaled.width < 1 || scaled.height < 1) {
-    logError("frame leaves no pixel in the network input," + sizeText(image.cols, image.rows),
+    logError("frame leaves no pixel in the network input," + sizeText(image.cols, image.rows) +
+                 ",input_width=" + std::to_string(inputSize.width) +
+                 ",input_height=" + std::to_string(inputSize.height),
              where);
     return std::nullopt;
   }

@@ -1,9 +1,9 @@
 // From the host's frame to the floats that a network takes.
 //
 // A byte of a picture becomes a float by a few arithmetic steps that depend on nothing but the byte
-// and its channel. So each step is done once for the 256 possible bytes, by the very OpenCV calls
-// that would treat the whole picture, and the picture goes through the resulting table straight
-// into the planes of the network's input: same bits, one pass.
+// and its channel. So the steps are done once for the 256 possible bytes, with OpenCV's own calls
+// where those define the result, and the picture goes through the table straight into the planes of
+// the network's input: same bits, one pass.
 #pragma once
 
 #include <cstdint>

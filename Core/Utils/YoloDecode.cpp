@@ -1,7 +1,6 @@
 #include "Utils/YoloDecode.h"
 
 #include <algorithm>
-#include <cmath>
 #include <opencv2/dnn.hpp>
 
 #include "Utils/Log.h"
@@ -13,8 +12,8 @@ namespace {
 
 constexpr int kBoxRows = 4;  // centre x, centre y, width, height
 
-bool allFinite(const std::array<float, 4>& numbers) {
-  return std::ranges::all_of(numbers, [](float number) { return std::isfinite(number); });
+bool allFit(const std::array<float, 4>& numbers) {
+  return std::ranges::all_of(numbers, [](float number) { return fitsInt(number); });
 }
 
 }  // namespace
@@ -22,7 +21,7 @@ bool allFinite(const std::array<float, 4>& numbers) {
 bool Candidates::add(float x, float y, float width, float height, float score, int classId,
                      int place) {
   const std::array<float, 4> numbers{x, y, width, height};
-  if (!allFinite(numbers)) {
+  if (!allFit(numbers)) {
     badBox = BadBox{place, numbers};
     return false;
   }
@@ -36,7 +35,7 @@ bool Candidates::add(float x, float y, float width, float height, float score, i
 
 bool usable(const std::optional<BadBox>& badBox, std::source_location where) {
   if (!badBox) return true;
-  std::string text = "candidate " + std::to_string(badBox->place) + " is not finite:";
+  std::string text = "candidate " + std::to_string(badBox->place) + " is out of range:";
   for (const float number : badBox->numbers) {
     text += ' ';
     text += std::to_string(number);
@@ -106,7 +105,7 @@ Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& co
     const float* row = rows.row(r);
     const float score = row[4];
     if (!(score > config.scoreThreshold)) continue;
-    if (!std::isfinite(row[5])) {
+    if (!fitsInt(row[5])) {
       found.badBox = BadBox{r, {row[2], row[3], score, row[5]}};
       break;
     }
@@ -115,7 +114,7 @@ Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& co
     const std::string* name = wantedName(classId, config, frame.wantedClasses);
     if (name == nullptr) continue;
     const std::array<float, 4> box{row[0] * scale, row[1] * scale, row[2] * scale, row[3] * scale};
-    if (!allFinite(box)) {
+    if (!allFit(box)) {
       found.badBox = BadBox{r, box};
       break;
     }

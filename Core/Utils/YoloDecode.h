@@ -17,8 +17,9 @@ namespace TolCompatibleLib {
 
 /// Numbers of a candidate that no integer can hold.
 struct BadBox {
-  int place;                     ///< Row or column of the output.
-  std::array<float, 4> numbers;  ///< As the network gave them or, of a box, moved to its corner.
+  int place;  ///< Row or column of the output.
+  std::array<float, 4>
+      numbers;  ///< The box as it was to be truncated, or width, height, score and class id.
 };
 
 /// Parallel lists, in the order of the output.
@@ -27,7 +28,7 @@ struct Candidates {
   std::vector<float> scores;
   std::vector<int> classIds;
   std::vector<int> places;  ///< Row or column of the output, for what a model reads there later.
-  /// Set where a box is NaN or infinite; decoding stopped there.
+  /// Set where no integer holds a box; decoding stopped there.
   std::optional<BadBox> badBox;
 
   /// Adds a candidate with its box truncated to integers; false when the box is bad.
@@ -59,8 +60,7 @@ constexpr int kYolo26Columns = 6;
 /// What a YOLO26 head found.
 struct Yolo26Objects {
   std::vector<VsaObject> objects;
-  std::optional<BadBox>
-      badBox;  ///< Set where a box or class id is NaN or infinite; decoding stopped there.
+  std::optional<BadBox> badBox;  ///< Set where no integer holds a box or class id.
 };
 
 /// The objects of an end-to-end YOLO26 head, one per row: x1, y1, x2, y2, score, class id; further

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <openvino/opsets/opset8.hpp>
 
@@ -24,7 +25,7 @@ class Folder {
 
  private:
   std::filesystem::path path_;
-  int count_ = 0;
+  std::atomic<int> count_ = 0;  // tests open networks on two threads
 };
 
 ov::Output<ov::Node> integers(const std::vector<int>& values) {

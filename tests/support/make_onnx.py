@@ -32,7 +32,7 @@ def write(name, inputs, outputs, nodes, constants=()):
 def constant(name, values, dimensions=None, inputs=None):
     """A network that answers any picture with the same numbers; dimensions: what it says of its output."""
     array = numpy.asarray(values, numpy.float32)
-    write(name, {"images": [1, 3, 64, 64]} if inputs is None else inputs, {"out": dimensions or list(array.shape)},
+    write(name, {"images": [1, 3, 64, 64]} if inputs is None else inputs, {"out": list(array.shape) if dimensions is None else dimensions},
           [helper.make_node("Identity", ["answer"], ["out"])], [("answer", array)])
 
 
@@ -46,12 +46,12 @@ constant("yolo5", numpy.array([box + [o] + score for box, o, score in zip(boxes,
 constant("yolo26", [[[22, 22, 42, 42, 0.5, 0], [22, 22, 42, 42, 0.5, 0.9], [1, 2, 3, 4, 0.6, 2], [-5, -5, 80, 80, 0.7, 1]]])
 constant("yolo26_short", numpy.ones((1, 2, 5)))
 
-# One candidate for each float of an 8 x 8 input, as wide as it is bright.
-count = 3 * 8 * 8
+# One candidate for each float of an input 8 wide and 4 high, with that float for its score.
+count = 3 * 4 * 8
 columns = numpy.full((1, 4, count), 2, numpy.float32)
 columns[0, 0] = numpy.arange(count) * 4
 columns[0, 1] = 1
-write("echo8", {"images": [1, 3, 8, 8]}, {"out": [1, 5, count]},
+write("echo8", {"images": [1, 3, 4, 8]}, {"out": [1, 5, count]},
       [helper.make_node("Reshape", ["images", "shape"], ["row"]),
        helper.make_node("Concat", ["boxes", "row"], ["out"], axis=1)],
       [("shape", numpy.array([1, 1, count])), ("boxes", columns)])
@@ -64,6 +64,14 @@ constant("dynamic_input", yolo8.T[None], inputs={"images": [1, 3, "h", "w"]})
 constant("rank_2_input", yolo8.T[None], inputs={"images": [3, 64]})
 constant("byte_input", yolo8.T[None], inputs={"images": ([1, 3, 64, 64], TensorProto.UINT8)})
 constant("rank_2_output", numpy.ones((6, 3)))
+constant("scalar_output", numpy.float32(1), dimensions=[])
+constant("one_plane", yolo8.T[None], inputs={"images": [1, 1, 64, 64]})
+graph = helper.make_graph(
+    [helper.make_node("SequenceConstruct", ["images"], ["out"])], "list_output",
+    [helper.make_tensor_value_info("images", TensorProto.FLOAT, [1, 3, 64, 64])],
+    [helper.make_tensor_sequence_value_info("out", TensorProto.FLOAT, [1, 3, 64, 64])])
+onnx.save(helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=8),
+          folder / "list_output.onnx")
 # An output whose size comes from the picture's brightness: 2 columns for black, 3 for white.
 for name, dimensions in (("breaks_its_word", [1, 6, 3]), ("dynamic_output", [1, 6, "n"])):
     write(name, {"images": [1, 3, 64, 64]}, {"out": dimensions},
