@@ -27,8 +27,8 @@ std::vector<int> cornersOf(const TextRegion& region) {
 
 TEST(TextRegions, ARegionGrowsAndIsMappedToTheFrame) {
   // Pixels 20..59 x 30..39: the rectangle through their centres is 39 x 9, which grows by
-  // 39 * 9 * 2 / 96 = 7.3125 on each side: x 12.6875..66.3125, y 22.6875..46.3125; twice that in
-  // the frame.
+  // 39 * 9 * 2 / 96 = 7.3125 on each side: x 12.6875..66.3125, y 22.6875..46.3125; in the
+  // frame twice and four times that.
   const cv::Mat map = mapWith({96, 64}, {{20, 30, 40, 10}});
   const TextRegions found = extractTextBoxes({}, map, {192, 256}, {96, 64});
   ASSERT_EQ(found.regions.size(), 1U);

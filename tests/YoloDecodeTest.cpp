@@ -51,6 +51,35 @@ TEST(Yolo8Decode, TakesTheFirstBestClassAboveTheThreshold) {
   EXPECT_FALSE(found.badBox);
 }
 
+TEST(FloatGrid, MaximaAreThoseOfOpenCv) {
+  cv::RNG random(3);
+  for (const cv::Size size : {cv::Size(1, 1), {700, 3}, {511, 20}, {1537, 80}, {5, 33}}) {
+    cv::Mat table(size, CV_32FC1);
+    // Few different values, so that there are ties.
+    random.fill(table, cv::RNG::UNIFORM, 0, 40);
+    table = table / 40.0F;
+    const FloatGrid grid{table.ptr<float>(), size.height, size.width};
+    const auto found = columnsAbove(grid, 0, size.height, 0.9F);
+    std::size_t next = 0;
+    for (int c = 0; c < size.width; ++c) {
+      double most = 0;
+      cv::Point place;
+      cv::minMaxLoc(table.col(c), nullptr, &most, nullptr, &place);
+      if (!(most > 0.9F)) continue;
+      ASSERT_LT(next, found.size());
+      EXPECT_EQ(found[next].column, c);
+      EXPECT_EQ(found[next].row, place.y);
+      EXPECT_EQ(found[next++].value, static_cast<float>(most));
+    }
+    EXPECT_EQ(next, found.size());
+    for (int r = 0; r < size.height; ++r) {
+      cv::Point place;
+      cv::minMaxLoc(table.row(r), nullptr, nullptr, nullptr, &place);
+      EXPECT_EQ(firstMaximum(grid.row(r), size.width), place.x);
+    }
+  }
+}
+
 TEST(Yolo8Decode, NoClassesNoColumnsAndANanThresholdGiveNothing) {
   const std::vector<float> output = {1, 1, 1, 1, 1};
   EXPECT_TRUE(decodeYolo8({output.data(), 4, 1}, 0, -1.0F).boxes.empty());

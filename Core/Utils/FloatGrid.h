@@ -20,14 +20,18 @@ struct FloatGrid {
 /// The place of the first maximum of `count` floats; 0 for none. NaN never is the maximum.
 int firstMaximum(const float* values, int count);
 
-/// The best row of every column within a band of rows.
-struct ColumnMaxima {
-  std::vector<float> values;  ///< Minus infinity where the band is empty or holds NaN only.
-  std::vector<int> rows;      ///< Counted from the first row of the band; the first of equals.
+/// A column of a table whose best value passes a threshold.
+struct ColumnMaximum {
+  int column;
+  int row;  ///< Counted from the first row of the band; the first of equals.
+  float value;
 };
 
-/// Maxima of each column over the rows `firstRow` to `firstRow + rowCount - 1`, which must lie in
-/// the grid. Reads the rows one after the other, as they lie in memory.
-ColumnMaxima bestPerColumn(FloatGrid grid, int firstRow, int rowCount);
+/// The columns whose maximum over the rows `firstRow` to `firstRow + rowCount - 1`, which must lie
+/// in the grid, is greater than `threshold`, from left to right. NaN never is the maximum. Reads
+/// the table row by row, as it lies in memory, and looks for the row of a maximum only where it
+/// passes.
+std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
+                                        float threshold);
 
 }  // namespace TolCompatibleLib

@@ -65,16 +65,12 @@ Candidates decodeYolo5(FloatGrid rows, int classCount, float objThreshold, float
 
 Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold) {
   Candidates found;
-  const ColumnMaxima best = bestPerColumn(columns, kBoxRows, classCount);
-  for (int i = 0; i < columns.cols; ++i) {
-    const float score = best.values[static_cast<std::size_t>(i)];
-    if (!(score > scoreThreshold)) continue;
-    const float centreX = columns.row(0)[i];
-    const float centreY = columns.row(1)[i];
+  for (const ColumnMaximum& best : columnsAbove(columns, kBoxRows, classCount, scoreThreshold)) {
+    const int i = best.column;
     const float width = columns.row(2)[i];
     const float height = columns.row(3)[i];
-    if (!found.add(centreX - 0.5F * width, centreY - 0.5F * height, width, height, score,
-                   best.rows[static_cast<std::size_t>(i)], i)) {
+    if (!found.add(columns.row(0)[i] - 0.5F * width, columns.row(1)[i] - 0.5F * height, width,
+                   height, best.value, best.row, i)) {
       break;
     }
   }
