@@ -74,15 +74,27 @@ std::vector<float> planesOf(const cv::Mat& image) {
 
 const cv::Size kOddSizes[] = {{1, 1}, {3, 1}, {1, 5}, {17, 9}, {64, 31}, {333, 127}};
 
-TEST(Planes, OfYoloNetworksAreThoseOfTheBlob) {
-  for (const cv::Size size : kOddSizes) {
-    const cv::Mat image = randomImage(size.width, size.height, 3);
-    const cv::Mat blob =
-        cv::dnn::blobFromImage(image, 0.00392156862745098, size, cv::Scalar(), true, false, CV_32F);
-    const auto count = static_cast<std::size_t>(3 * size.area());
-    const std::vector<float> expected(blob.ptr<float>(), blob.ptr<float>() + count);
-    EXPECT_EQ(filled(count, [&](float* planes) { fillUnitPlanes(image, planes); }), expected)
-        << size;
+TEST(Planes, OfYoloNetworksAreThoseOfTheLetterboxedBlob) {
+  // Portrait and landscape, larger and smaller than the input, rows and columns of one pixel.
+  cv::RNG random(29);
+  for (int round = 0; round < 120; ++round) {
+    const cv::Size input(random.uniform(1, 90), random.uniform(1, 90));
+    const cv::Size frame =
+        round < 6 ? kOddSizes[round] : cv::Size(random.uniform(1, 300), random.uniform(1, 300));
+    const cv::Mat image = randomImage(frame.width, frame.height, static_cast<std::uint64_t>(round));
+    LogCapture log;
+    const auto boxed = letterbox(image, input);
+    const auto count = static_cast<std::size_t>(3 * input.area());
+    std::optional<float> scale;
+    const std::vector<float> planes =
+        filled(count, [&](float* out) { scale = letterboxPlanes(image, input, out); });
+    ASSERT_EQ(boxed.has_value(), scale.has_value());
+    if (!boxed) continue;
+    EXPECT_EQ(*scale, boxed->scale);
+    const cv::Mat blob = cv::dnn::blobFromImage(boxed->canvas, 0.00392156862745098, input,
+                                                cv::Scalar(), true, false, CV_32F);
+    EXPECT_EQ(planes, std::vector<float>(blob.ptr<float>(), blob.ptr<float>() + count))
+        << frame << input;
   }
 }
 

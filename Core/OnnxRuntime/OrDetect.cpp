@@ -122,12 +122,11 @@ bool OrDetect::isOpen(std::source_location where) const {
 
 std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
                                                            std::source_location where) {
-  const std::optional<Letterbox> input = letterbox(image, inputSize, nullptr, where);
-  if (!input) return std::nullopt;
   const std::array<std::int64_t, 4> shape{1, 3, inputSize.height, inputSize.width};
   const std::array<int, 3> sizes{3, inputSize.height, inputSize.width};
   cv::Mat planes(static_cast<int>(sizes.size()), sizes.data(), CV_32FC1);
-  fillUnitPlanes(input->canvas, planes.ptr<float>());
+  const std::optional<float> scale = letterboxPlanes(image, inputSize, planes.ptr<float>(), where);
+  if (!scale) return std::nullopt;
 
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);
   const auto value = Ort::Value::CreateTensor<float>(memory, planes.ptr<float>(), planes.total(),
@@ -148,7 +147,7 @@ std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
     return std::nullopt;
   }
   const float* const floats = values.front().GetTensorData<float>();
-  return Answer{std::move(values), FloatGrid{floats, rows, cols}, input->scale};
+  return Answer{std::move(values), FloatGrid{floats, rows, cols}, *scale};
 }
 
 }  // namespace TolCompatibleLib

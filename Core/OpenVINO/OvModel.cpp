@@ -107,11 +107,9 @@ std::optional<float> OvModel<Interface>::inferLetterboxed(const VsaFrame* frame,
   if (!image) return std::nullopt;
   float* const planes = inputPlanes(where);
   if (planes == nullptr) return std::nullopt;
-  const std::optional<Letterbox> input = letterbox(*image, inputSize, nullptr, where);
-  if (!input) return std::nullopt;
-  fillUnitPlanes(input->canvas, planes);
-  inferRequest.infer();
-  return input->scale;
+  const std::optional<float> scale = letterboxPlanes(*image, inputSize, planes, where);
+  if (scale) inferRequest.infer();
+  return scale;
 }
 
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,

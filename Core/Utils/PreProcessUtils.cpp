@@ -8,6 +8,7 @@
 #include <cstring>
 #include <iterator>
 #include <limits>
+#include <numeric>
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
@@ -156,6 +157,12 @@ void fillPlanes(const cv::Mat& image, const ByteTables& tables, const PlaneOrder
   }
 }
 
+/// How a picture goes into a network's input.
+struct Fit {
+  cv::Size scaled;  ///< What it is scaled to, aspect ratio kept.
+  float scale;      ///< Takes network pixels to frame pixels.
+};
+
 /// `region` scaled to the width of the input and centred on a background.
 cv::Mat fitted(const cv::Mat& region, cv::Size size, const cv::Scalar& background) {
   // Deliberate: the width alone, so a region can become higher than the input; OpenCV refuses the
@@ -176,6 +183,38 @@ cv::Mat fitted(const cv::Mat& region, cv::Size size, const cv::Scalar& backgroun
 
 std::string sizeText(std::int64_t width, std::int64_t height) {
   return "width=" + std::to_string(width) + ",height=" + std::to_string(height);
+}
+
+std::optional<Fit> fitInto(cv::Size frame, cv::Size input, std::source_location where) {
+  const float ratioX = static_cast<float>(input.width) / static_cast<float>(frame.width);
+  const float ratioY = static_cast<float>(input.height) / static_cast<float>(frame.height);
+  const float ratio = ratioX <= ratioY ? ratioX : ratioY;
+  const cv::Size scaled(truncateToInt(static_cast<float>(frame.width) * ratio),
+                        truncateToInt(static_cast<float>(frame.height) * ratio));
+  if (scaled.width < 1 || scaled.height < 1) {
+    logError("frame leaves no pixel in the network input," + sizeText(frame.width, frame.height) +
+                 ",input_width=" + std::to_string(input.width) +
+                 ",input_height=" + std::to_string(input.height),
+             where);
+    return std::nullopt;
+  }
+  // Deliberate: the longer side over the input's height, whichever side limited the scaling. So the
+  // factor undoes the scaling for square inputs, and for others only where the height was the limit
+  // and is the longer side.
+  return Fit{scaled, static_cast<float>(std::max(frame.width, frame.height)) /
+                         static_cast<float>(input.height)};
+}
+
+/// Which of `length` pixels cv::resize takes for each of `scaled` ones by nearest-neighbour
+/// sampling: its own answer for a row of positions, so that it is right for any OpenCV.
+std::vector<int> sampledPositions(int length, int scaled) {
+  std::vector<int> positions(static_cast<std::size_t>(length));
+  std::iota(positions.begin(), positions.end(), 0);
+  std::vector<int> sampled(static_cast<std::size_t>(scaled));
+  cv::Mat row(1, scaled, CV_32SC1, sampled.data());
+  cv::resize(cv::Mat(1, length, CV_32SC1, positions.data()), row, row.size(), 0, 0,
+             cv::INTER_NEAREST);
+  return sampled;
 }
 
 }  // namespace
@@ -205,33 +244,45 @@ std::optional<cv::Mat> imageOf(const VsaFrame* frame, std::source_location where
 
 std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels,
                                    std::source_location where) {
-  const float ratioX = static_cast<float>(inputSize.width) / static_cast<float>(image.cols);
-  const float ratioY = static_cast<float>(inputSize.height) / static_cast<float>(image.rows);
-  const float ratio = ratioX <= ratioY ? ratioX : ratioY;
-  const cv::Size scaled(truncateToInt(static_cast<float>(image.cols) * ratio),
-                        truncateToInt(static_cast<float>(image.rows) * ratio));
-  if (scaled.width < 1 || scaled.height < 1) {
-    logError("frame leaves no pixel in the network input," + sizeText(image.cols, image.rows) +
-                 ",input_width=" + std::to_string(inputSize.width) +
-                 ",input_height=" + std::to_string(inputSize.height),
-             where);
-    return std::nullopt;
-  }
+  const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
+  if (!fit) return std::nullopt;
   cv::Mat canvas = pixels == nullptr ? cv::Mat(inputSize, image.type())
                                      : cv::Mat(inputSize, image.type(), pixels);
   canvas.setTo(cv::Scalar::all(0));
-  cv::Mat corner = canvas(cv::Rect({0, 0}, scaled));
-  cv::resize(image, corner, scaled, 0, 0, cv::INTER_NEAREST);
-  // Deliberate: the longer side over the input's height, whichever side limited the scaling. So the
-  // factor undoes the scaling for square inputs, and for others only where the height was the limit
-  // and is the longer side.
-  const float scale =
-      static_cast<float>(std::max(image.cols, image.rows)) / static_cast<float>(inputSize.height);
-  return Letterbox{canvas, scale};
+  cv::Mat corner = canvas(cv::Rect({0, 0}, fit->scaled));
+  cv::resize(image, corner, fit->scaled, 0, 0, cv::INTER_NEAREST);
+  return Letterbox{canvas, fit->scale};
 }
 
-void fillUnitPlanes(const cv::Mat& canvas, float* planes) {
-  fillPlanes(canvas, unitTables(), kRedFirst, planes, canvas.cols);
+std::optional<float> letterboxPlanes(const cv::Mat& image, cv::Size inputSize, float* planes,
+                                     std::source_location where) {
+  const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
+  if (!fit) return std::nullopt;
+  const std::vector<int> columns = sampledPositions(image.cols, fit->scaled.width);
+  const std::vector<int> rows = sampledPositions(image.rows, fit->scaled.height);
+  const std::array<float, 256>& table = unitTables()[0];  // the same for every channel
+  const auto width = static_cast<std::size_t>(inputSize.width);
+  const std::size_t plane = width * static_cast<std::size_t>(inputSize.height);
+  float* red = planes;
+  float* green = planes + plane;
+  float* blue = planes + 2 * plane;
+  for (std::size_t y = 0; y < rows.size(); ++y) {
+    const uchar* pixels = image.ptr<uchar>(rows[y]);
+    for (std::size_t x = 0; x < columns.size(); ++x) {
+      const uchar* pixel = pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]);
+      red[x] = table[pixel[2]];
+      green[x] = table[pixel[1]];
+      blue[x] = table[pixel[0]];
+    }
+    for (float* row : {red, green, blue}) std::fill(row + columns.size(), row + width, table[0]);
+    red += width;
+    green += width;
+    blue += width;
+  }
+  for (std::size_t p = 0; p < 3; ++p) {
+    std::fill(planes + p * plane + rows.size() * width, planes + (p + 1) * plane, table[0]);
+  }
+  return fit->scale;
 }
 
 cv::Size textInputSize(cv::Size frame, std::uint32_t limit) {

@@ -36,9 +36,11 @@ struct Letterbox {
 std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels = nullptr,
                                    std::source_location where = std::source_location::current());
 
-/// Writes `canvas` (8-bit BGR) as three planes, red first, of values 0 to 1.
-/// \param planes room for 3 * rows * cols floats.
-void fillUnitPlanes(const cv::Mat& canvas, float* planes);
+/// letterbox, with the canvas written as three planes, red first, of values 0 to 1 and without
+/// being made: the same bits as cv::dnn::blobFromImage gives of it. Returns the scale. \param
+/// planes room for 3 * inputSize.area() floats.
+std::optional<float> letterboxPlanes(const cv::Mat& image, cv::Size inputSize, float* planes,
+                                     std::source_location where = std::source_location::current());
 
 /// Size that the text detector scales a frame to: each side rounded up to a multiple of 32 after
 /// shrinking the frame so that its longer side is at most `limit`. Small frames are not enlarged.
