@@ -93,6 +93,7 @@ std::vector<cv::Point> cornersOf(const VsaObject& object) {
 
 void drawShape(const VsaShape& shape, const cv::Scalar& colour, int thickness, cv::Mat* picture) {
   std::vector<cv::Point> points;
+  points.reserve(shape.points.size());
   for (const VsaPoint& point : shape.points) points.push_back(pointAt(point.x, point.y));
   if (shape.tag == kVsaOutlineTag) {
     if (!points.empty()) cv::polylines(*picture, points, true, colour, thickness, cv::LINE_AA);
@@ -108,16 +109,26 @@ void drawShape(const VsaShape& shape, const cv::Scalar& colour, int thickness, c
   }
 }
 
+// Class, label of the classifier and text, as far as there are any. The class of a text region says
+// nothing, and its score nothing once the text is read.
 std::string labelOf(const VsaObject& object) {
-  if (object.textId >= 0 && !object.text.empty()) return printable(object.text);
-  char score[48];
-  std::snprintf(score, sizeof score, "%.2f", static_cast<double>(object.score));
-  std::string label = isTextRegion(object) ? "" : printable(object.className) + " ";
-  label += score;
-  if (object.classifyId >= 0) {
-    std::snprintf(score, sizeof score, " %.2f", static_cast<double>(object.classifyScore));
-    label += " | " + printable(object.classifyName) + score;
+  const bool read = object.textId >= 0 && !object.text.empty();
+  std::string label;
+  const auto add = [&label](const std::string& part) {
+    label += (label.empty() ? "" : " | ") + part;
+  };
+  const auto scored = [](const std::string& name, float score) {
+    char digits[48];
+    std::snprintf(digits, sizeof digits, "%.2f", static_cast<double>(score));
+    return (name.empty() ? "" : printable(name) + " ") + digits;
+  };
+  if (!isTextRegion(object)) {
+    add(scored(object.className, object.score));
+  } else if (!read) {
+    add(scored("", object.score));
   }
+  if (object.classifyId >= 0) add(scored(object.classifyName, object.classifyScore));
+  if (read) add(printable(object.text));
   return label;
 }
 

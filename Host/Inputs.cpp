@@ -26,6 +26,10 @@ constexpr std::array<std::string_view, 15> kVideos = {".3gp", ".avi", ".flv", ".
                                                       ".m4v", ".mkv", ".mov", ".mp4", ".mpeg",
                                                       ".mpg", ".mts", ".ogv", ".ts",  ".webm"};
 
+constexpr std::array<std::string_view, 15> kSounds = {".aac",  ".aif",  ".aiff", ".au",  ".caf",
+                                                      ".flac", ".m4a",  ".mka",  ".mp3", ".oga",
+                                                      ".ogg",  ".opus", ".w64",  ".wav", ".wma"};
+
 template <std::size_t size>
 bool hasExtension(const fs::path& path, const std::array<std::string_view, size>& extensions) {
   std::string extension = path.extension().string();
@@ -130,13 +134,14 @@ void expandPattern(const fs::path& base, fs::path::const_iterator part,
 }
 
 template <typename Iterator>
-std::vector<fs::path> mediaIn(const fs::path& folder) {
+std::vector<fs::path> mediaIn(const fs::path& folder, Media media) {
   std::vector<fs::path> files;
   for (const fs::directory_entry& entry : Iterator(folder)) {
     const fs::path& path = entry.path();
     std::error_code unused;
-    if ((hasExtension(path, kPictures) || hasExtension(path, kVideos)) &&
-        !fs::is_directory(path, unused)) {
+    const bool still =
+        media == Media::kSound ? hasExtension(path, kSounds) : hasExtension(path, kPictures);
+    if ((still || hasExtension(path, kVideos)) && !fs::is_directory(path, unused)) {
       files.push_back(path);
     }
   }
@@ -145,18 +150,21 @@ std::vector<fs::path> mediaIn(const fs::path& folder) {
 }
 
 // Adds a file or what is in a folder.
-void addPath(const fs::path& path, bool recursive, InputList* list) {
+void addPath(const fs::path& path, bool recursive, Media media, InputList* list) {
   std::error_code unused;
   if (!fs::is_directory(path, unused)) {
     list->inputs.push_back(path.string());
     return;
   }
   try {
-    const std::vector<fs::path> files = recursive ? mediaIn<fs::recursive_directory_iterator>(path)
-                                                  : mediaIn<fs::directory_iterator>(path);
+    const std::vector<fs::path> files = recursive
+                                            ? mediaIn<fs::recursive_directory_iterator>(path, media)
+                                            : mediaIn<fs::directory_iterator>(path, media);
     for (const fs::path& file : files) list->inputs.push_back(file.string());
     if (files.empty()) {
-      list->problems.push_back(path.string() + ": no picture or video in this folder");
+      list->problems.push_back(path.string() + ": no " +
+                               (media == Media::kSound ? "sound" : "picture") +
+                               " or video in this folder");
     }
   } catch (const fs::filesystem_error& error) {
     list->problems.push_back(path.string() + ": " + error.code().message());
@@ -209,12 +217,12 @@ int videoBackend() {
 
 }  // namespace
 
-InputList expandInputs(const std::vector<std::string>& arguments, bool recursive) {
+InputList expandInputs(const std::vector<std::string>& arguments, bool recursive, Media media) {
   InputList list;
   for (const std::string& argument : arguments) {
     std::error_code unused;
     if (isAddress(argument) || fs::exists(argument, unused) || !hasWildcard(argument)) {
-      addPath(argument, recursive, &list);
+      addPath(argument, recursive, media, &list);
       continue;
     }
     std::vector<fs::path> found;
@@ -223,13 +231,22 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
     expandPattern(pattern.root_path(), parts.begin(), parts.end(), &found);
     std::sort(found.begin(), found.end());
     if (found.empty()) list.problems.push_back(argument + ": no file matches this pattern");
-    for (const fs::path& path : found) addPath(path, recursive, &list);
+    for (const fs::path& path : found) addPath(path, recursive, media, &list);
   }
   return list;
 }
 
 bool isAddress(const std::string& input) {
   return input.find("://") != std::string::npos;
+}
+
+VsaFrame frameOf(const cv::Mat& picture) {
+  VsaFrame frame;
+  frame.kind = kVsaImageFrame;
+  frame.data = picture.data;
+  frame.width = static_cast<std::uint32_t>(picture.cols);
+  frame.height = static_cast<std::uint32_t>(picture.rows);
+  return frame;
 }
 
 Source::Source(const std::string& input) {

@@ -1,5 +1,8 @@
-// What the host works on: pictures, folders of them, patterns, videos and addresses of streams.
+// What the host works on: files, folders of them, patterns and addresses of streams; reads pictures
+// and videos.
 #pragma once
+
+#include <TolCompatible/TolCompatible.h>
 
 #include <cstdint>
 #include <opencv2/core.hpp>
@@ -14,12 +17,19 @@ struct InputList {
   std::vector<std::string> problems;  ///< One sentence for each argument that led to nothing.
 };
 
-/// Replaces folders by the pictures and videos in them and patterns (* ? [ ]) by what they match,
+/// What a folder is searched for.
+enum class Media { kPictures, kSound };  // videos are both
+
+/// Replaces folders by the files of that kind in them and patterns (* ? [ ]) by what they match,
 /// sorted. An argument that names an existing file is never taken for a pattern.
-InputList expandInputs(const std::vector<std::string>& arguments, bool recursive);
+InputList expandInputs(const std::vector<std::string>& arguments, bool recursive,
+                       Media media = Media::kPictures);
 
 /// Whether the input is an address such as "rtsp://camera/1" and no file.
 bool isAddress(const std::string& input);
+
+/// The record of a picture in 8-bit BGR without gaps, whose pixels it refers to.
+VsaFrame frameOf(const cv::Mat& picture);
 
 /// One opened input. The constructor and next() throw std::exception with a reason for people.
 class Source {

@@ -20,7 +20,7 @@ class Model {
   const ModelSpec& spec() const { return spec_; }
 
   /// Whether the model works on objects that earlier models found.
-  bool needsObjects() const { return spec_.config.category != "Detect"; }
+  bool needsObjects() const { return spec_.config.category != "Detect" && !spec_.takesSound(); }
 
   /// Runs the model on the frame; afterwards the text that it wrote is UTF-8. Returns what the
   /// library returned. Throws what the engines throw.

@@ -48,8 +48,9 @@ Output::Output(const std::string& folder, const std::string& fontFile,
     const fs::path parent = fs::absolute(input).parent_path();
     std::error_code unused;
     if (fs::equivalent(parent, folder_, unused)) {
-      throw std::runtime_error(folder + ": the input " + input +
-                               " lies in the output folder; choose another folder");
+      std::string sentence = folder;
+      sentence += ": the input " + input + " lies in the output folder; choose another folder";
+      throw std::runtime_error(sentence);
     }
   }
 }
@@ -60,7 +61,9 @@ fs::path Output::newFile(const std::string& input, const std::string& extension)
   std::string chosen = stem + extension;
   // Two inputs of one name get different outputs, also where case makes no difference to files.
   for (int number = 2; !used_.insert(lowerCase(chosen)).second; ++number) {
-    chosen = stem + "-" + std::to_string(number) + extension;
+    chosen = stem + '-';
+    chosen += std::to_string(number);
+    chosen += extension;
   }
   fs::path file = folder_ / chosen;
   fs::remove(file);

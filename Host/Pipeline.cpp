@@ -15,6 +15,7 @@
 #include <numeric>
 #include <optional>
 #include <string_view>
+#include <tuple>
 
 #include "Text.h"
 
@@ -25,7 +26,7 @@ namespace fs = std::filesystem;
 
 using Names = std::vector<std::string>;
 
-const Names kTopKeys = {"modelRoot", "models"};
+const Names kTopKeys = {"modelRoot", "models", "blockSeconds"};
 const Names kModelKeys = {"category",     "modelName",    "engine",        "device",
                           "modelFile",    "modelDir",     "modelRoot",     "classNames",
                           "classCount",   "inputWidth",   "inputHeight",   "scoreThreshold",
@@ -34,13 +35,13 @@ const Names kCategories = {"Detect", "Classify", "Track"};
 const Names kEngines = {"OpenVINO", "ONNXRuntime"};
 constexpr std::uint32_t kLargestSide = 65535;
 
-std::string quoted(const std::string& text) {
+std::string inQuotes(const std::string& text) {
   return '"' + printable(text) + '"';
 }
 
 std::string joined(const Names& names) {
   std::string list;
-  for (const std::string& name : names) list += (list.empty() ? "" : " or ") + quoted(name);
+  for (const std::string& name : names) list += (list.empty() ? "" : " or ") + inQuotes(name);
   return list;
 }
 
@@ -98,7 +99,7 @@ class Fields {
     if (!object_.isObject()) fail("must be an object, not " + kindOf(object_));
     for (const std::string& key : object_.getMemberNames()) {
       if (std::find(known.begin(), known.end(), key) == known.end()) {
-        fail("unknown key " + quoted(key) + suggestion(key, known));
+        fail("unknown key " + inQuotes(key) + suggestion(key, known));
       }
     }
   }
@@ -118,9 +119,9 @@ class Fields {
   }
 
   std::string oneOf(const char* key, const Names& choices) const {
-    const std::string value = text(key);
+    std::string value = text(key);
     if (std::find(choices.begin(), choices.end(), value) == choices.end()) {
-      fail(std::string(key) + " must be " + joined(choices) + ", not " + quoted(value) +
+      fail(std::string(key) + " must be " + joined(choices) + ", not " + inQuotes(value) +
            suggestion(value, choices));
     }
     return value;
@@ -137,10 +138,14 @@ class Fields {
 
   float share(const char* key) const {
     if (!has(key)) return 0.0F;
+    return static_cast<float>(number(key, 0.0, 1.0, "a number from 0 to 1"));
+  }
+
+  double number(const char* key, double least, double most, const char* wanted) const {
     if (!at(key).isNumeric()) wrongType(key, "a number");
     const double value = at(key).asDouble();
-    if (!(value >= 0.0 && value <= 1.0)) wrongNumber(key, "a number from 0 to 1");
-    return static_cast<float>(value);
+    if (!(value >= least && value <= most)) wrongNumber(key, wanted);
+    return value;
   }
 
   Names list(const char* key) const {
@@ -205,7 +210,7 @@ Json::Value parse(const std::string& path) {
 Names readNames(const Fields& fields, const fs::path& folder) {
   const std::string given = fields.at("classNames").asString();
   const std::optional<std::string> content = readFile(folder / pathOf(given));
-  if (!content) fields.fail("classNames: the file " + quoted(given) + " cannot be read");
+  if (!content) fields.fail("classNames: the file " + inQuotes(given) + " cannot be read");
   std::string_view rest = *content;
   if (rest.starts_with("\xEF\xBB\xBF")) rest.remove_prefix(3);
   Names names;
@@ -216,12 +221,12 @@ Names readNames(const Fields& fields, const fs::path& folder) {
     if (line.ends_with('\r')) line.remove_suffix(1);
     names.emplace_back(line);
     if (repairUtf8(line) != line) {
-      fields.fail("classNames: line " + std::to_string(names.size()) + " of " + quoted(given) +
+      fields.fail("classNames: line " + std::to_string(names.size()) + " of " + inQuotes(given) +
                   " is not UTF-8");
     }
   }
   while (!names.empty() && names.back().empty()) names.pop_back();
-  if (names.empty()) fields.fail("classNames: the file " + quoted(given) + " is empty");
+  if (names.empty()) fields.fail("classNames: the file " + inQuotes(given) + " is empty");
   return names;
 }
 
@@ -230,7 +235,7 @@ Names classNames(const Fields& fields, const fs::path& folder) {
   const Json::Value& value = fields.at("classNames");
   if (value.isString()) return readNames(fields, folder);
   if (!value.isArray()) fields.wrongType("classNames", "an array of strings or the path of a file");
-  const Names names = fields.list("classNames");
+  Names names = fields.list("classNames");
   if (names.empty()) fields.fail("classNames must not be empty");
   return names;
 }
@@ -240,7 +245,7 @@ std::set<std::string> wanted(const Fields& fields, const char* key, const Names&
   const Names chosen = fields.list(key);
   for (const std::string& name : chosen) {
     if (std::find(names.begin(), names.end(), name) == names.end()) {
-      fields.fail(std::string(key) + ": " + quoted(name) + " is not in classNames" +
+      fields.fail(std::string(key) + ": " + inQuotes(name) + " is not in classNames" +
                   suggestion(name, names));
     }
   }
@@ -267,7 +272,7 @@ void checkModelFile(const ModelSpec& spec, const Fields& fields) {
   if (config.engine == "OpenVINO") file += ".xml";
   std::error_code unused;
   if (!fs::is_regular_file(fs::path(file), unused)) {
-    fields.fail("there is no model file " + quoted(fs::path(file).lexically_normal().string()));
+    fields.fail("there is no model file " + inQuotes(fs::path(file).lexically_normal().string()));
   }
 }
 
@@ -301,7 +306,12 @@ ModelSpec readModel(const Json::Value& value, const std::string& place, const Fi
 }  // namespace
 
 bool ModelSpec::writesGbk() const {
-  return config.category == "Track" && config.classNames == Names{"paddleocr"};
+  return config.category == "Track" && config.modelName == "PaddleOCR" &&
+         config.classNames == Names{"paddleocr"};
+}
+
+bool ModelSpec::takesSound() const {
+  return config.category == "Classify" && config.modelName == "AudioNet";
 }
 
 std::string suggestion(const std::string& given, const std::vector<std::string>& candidates) {
@@ -313,24 +323,41 @@ std::string suggestion(const std::string& given, const std::vector<std::string>&
       distance(*nearest) > std::max<std::size_t>(2, given.size() / 3)) {
     return "";
   }
-  return "; did you mean " + quoted(*nearest) + "?";
+  return "; did you mean " + inQuotes(*nearest) + "?";
 }
 
-std::vector<ModelSpec> readPipeline(const std::string& path) {
+Pipeline readPipeline(const std::string& path) {
   const Json::Value root = parse(path);
   const Fields top(root, path, kTopKeys);
   const fs::path folder = fs::path(path).parent_path();
   if (!top.has("models")) top.fail("models is missing");
   if (!top.at("models").isArray()) top.wrongType("models", "an array");
   if (top.at("models").empty()) top.fail("models must not be empty");
-  std::vector<ModelSpec> specs;
+  Pipeline pipeline;
   for (const Json::Value& value : top.at("models")) {
-    const std::string index = "models[" + std::to_string(specs.size()) + "]";
-    ModelSpec spec = readModel(value, path + ": " + index, top, folder);
+    const std::string index = "models[" + std::to_string(pipeline.models.size()) + "]";
+    std::string place = path;
+    place += ": " + index;
+    ModelSpec spec = readModel(value, place, top, folder);
     spec.name = index + " " + printable(spec.config.modelName) + " (" + spec.config.category + ")";
-    specs.push_back(std::move(spec));
+    pipeline.models.push_back(std::move(spec));
   }
-  return specs;
+  const ModelSpec& first = pipeline.models.front();
+  pipeline.takesSound = first.takesSound();
+  for (const ModelSpec& spec : pipeline.models) {
+    if (spec.takesSound() != pipeline.takesSound) {
+      const auto& [sound, picture] =
+          pipeline.takesSound ? std::tie(first, spec) : std::tie(spec, first);
+      top.fail(sound.name + " takes sound and " + picture.name +
+               " takes pictures; they belong in two pipelines");
+    }
+  }
+  if (top.has("blockSeconds")) {
+    if (!pipeline.takesSound) top.fail("blockSeconds is for models that take sound");
+    pipeline.blockSeconds =
+        top.number("blockSeconds", 0.02, 60.0, "a number of seconds from 0.02 to 60");
+  }
+  return pipeline;
 }
 
 }  // namespace vsa

@@ -22,6 +22,14 @@ struct ModelSpec {
   /// Whether the model writes GBK: a text recogniser with the library's built-in dictionary. With
   /// any other dictionary the text is what the pipeline's classNames hold, which is UTF-8.
   bool writesGbk() const;
+  /// Whether the model takes blocks of sound instead of pictures.
+  bool takesSound() const;
+};
+
+struct Pipeline {
+  std::vector<ModelSpec> models;
+  bool takesSound = false;    ///< Whether all models take sound; else all take pictures.
+  double blockSeconds = 1.0;  ///< Length of a block of sound.
 };
 
 /// Something is wrong with the pipeline; the message is one sentence that begins with the place.
@@ -32,7 +40,7 @@ class PipelineError : public std::runtime_error {
 };
 
 /// Reads and checks a pipeline file, the files that it names included. Throws PipelineError.
-std::vector<ModelSpec> readPipeline(const std::string& path);
+Pipeline readPipeline(const std::string& path);
 
 /// "; did you mean ...?" with the candidate nearest to `given`; empty where none is near.
 std::string suggestion(const std::string& given, const std::vector<std::string>& candidates);

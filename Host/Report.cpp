@@ -113,6 +113,11 @@ Json::Value number(float value) {
   return std::strtod(buffer, nullptr);
 }
 
+// Seconds to three decimals.
+double milliseconds(double seconds) {
+  return std::round(seconds * 1000.0) / 1000.0;
+}
+
 Json::Value pair(int x, int y) {
   Json::Value value(Json::arrayValue);
   value.append(x);
@@ -194,26 +199,62 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
   Json::Value json(Json::objectValue);
   json["input"] = repairUtf8(info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
-  if (info.time) json["time"] = std::round(*info.time * 1000.0) / 1000.0;
+  if (info.time) json["time"] = milliseconds(*info.time);
   json["width"] = info.width;
   json["height"] = info.height;
   json["objects"] = Json::arrayValue;
   for (const VsaObject& object : objects) json["objects"].append(objectJson(object));
   for (const int model : info.failedModels) json["failedModels"].append(model);
+  return jsonLine(json);
+}
+
+std::string blockTable(const FrameInfo& info, const VsaFrame& block) {
+  std::string found;
+  for (const VsaObject& object : block.audioObjects) {
+    found +=
+        (found.empty() ? "" : ", ") + printable(object.className) + " " + fixed(object.score, 3);
+  }
+  if (found.empty()) {
+    found = block.audioClassified       ? "recognised " + fixed(block.audioScore, 3)
+            : info.failedModels.empty() ? "nothing"
+                                        : "failed";
+  }
+  const double start = info.time.value_or(0.0);
+  return printable(info.input) + ": " + fixed(start, 3) + " s to " +
+         fixed(start + info.duration, 3) + " s: " + found + "\n";
+}
+
+std::string blockJson(const FrameInfo& info, const VsaFrame& block) {
+  Json::Value json(Json::objectValue);
+  json["input"] = repairUtf8(info.input);
+  json["frame"] = static_cast<Json::Int64>(info.index);
+  json["time"] = milliseconds(info.time.value_or(0.0));
+  json["duration"] = milliseconds(info.duration);
+  json["classified"] = block.audioClassified;
+  json["score"] = number(block.audioScore);
+  json["objects"] = Json::arrayValue;
+  for (const VsaObject& object : block.audioObjects) {
+    json["objects"].append(objectJson(object)).removeMember("box");  // sound has no place
+  }
+  for (const int model : info.failedModels) json["failedModels"].append(model);
+  return jsonLine(json);
+}
+
+std::string jsonLine(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   builder["emitUTF8"] = true;
   builder["precision"] = 9;  // what a float needs at most
-  return Json::writeString(builder, json) + "\n";
+  return Json::writeString(builder, value) + "\n";
 }
 
 std::string summary(const Totals& totals) {
-  std::string text = counted(totals.inputs, "input") + ", " + counted(totals.frames, "frame") +
-                     ", " + counted(totals.objects, "object") + " in " + fixed(totals.seconds, 2) +
-                     " s";
+  std::string text = counted(totals.inputs, "input") + ", " +
+                     counted(totals.frames, totals.frameNoun) + ", " +
+                     counted(totals.objects, "object") + " in " + fixed(totals.seconds, 2) + " s";
   if (totals.frames > 0 && totals.seconds > 0.0) {
-    text +=
-        ", " + fixed(static_cast<double>(totals.frames) / totals.seconds, 2) + " frames a second";
+    text += ", " + fixed(static_cast<double>(totals.frames) / totals.seconds, 2) + " " +
+            totals.frameNoun + "s a second";
   }
   text += " (loading the models " + fixed(totals.loadingSeconds, 2) + " s)\n";
   for (const ModelTime& model : totals.models) {

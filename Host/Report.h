@@ -15,10 +15,11 @@ namespace vsa {
 struct FrameInfo {
   std::string input;
   std::int64_t index = 0;
-  std::optional<double> time;  ///< Seconds from the beginning; videos only.
+  std::optional<double> time;  ///< Seconds from the beginning; videos and sound only.
   int width = 0;
   int height = 0;
   std::vector<int> failedModels;  ///< Indices of models that failed or were skipped.
+  double duration = 0.0;          ///< Seconds of sound in a block of it.
 };
 
 /// Whether all four corners are set, which makes the object a text region.
@@ -34,6 +35,13 @@ Json::Value objectJson(const VsaObject& object);
 /// A frame as one line of JSON, the line break included.
 std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objects);
 
+/// What was recognised in a block of sound, as one line for people and as one line of JSON.
+std::string blockTable(const FrameInfo& info, const VsaFrame& block);
+std::string blockJson(const FrameInfo& info, const VsaFrame& block);
+
+/// The value in one line, the line break included.
+std::string jsonLine(const Json::Value& value);
+
 /// Time that one model took.
 struct ModelTime {
   std::string name;
@@ -45,6 +53,7 @@ struct Totals {
   std::int64_t inputs = 0;
   std::int64_t failedInputs = 0;
   std::int64_t frames = 0;
+  std::string frameNoun = "frame";  ///< What a frame is: of sound, a block.
   std::int64_t objects = 0;
   std::int64_t failedRuns = 0;
   double seconds = 0.0;         ///< From the first input to the end.

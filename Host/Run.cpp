@@ -3,7 +3,6 @@
 #include "Run.h"
 
 #include <TolCompatible/TolCompatible.h>
-#include <glog/logging.h>
 
 #include <chrono>
 #include <csignal>
@@ -15,12 +14,14 @@
 #include <opencv2/core/utils/logger.hpp>
 #include <optional>
 
+#include "Chain.h"
 #include "Console.h"
 #include "Inputs.h"
-#include "Model.h"
+#include "Log.h"
 #include "Output.h"
 #include "Pipeline.h"
 #include "Report.h"
+#include "Sound.h"
 #include "Text.h"
 
 namespace vsa {
@@ -30,10 +31,6 @@ namespace fs = std::filesystem;
 
 using Clock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point start) {
-  return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
 volatile std::sig_atomic_t interrupted = 0;
 
 // The first Ctrl-C ends the work after the frame at hand, the second one ends the program.
@@ -41,41 +38,6 @@ extern "C" void onInterrupt(int signal) {
   interrupted = 1;
   std::signal(signal, SIG_DFL);
 }
-
-// Shows the library's log lines on standard error: those that give the reason of a failure always,
-// the others when asked for. glog itself writes nothing.
-class LogToConsole : public google::LogSink {
- public:
-  LogToConsole(Console* console, bool verbose) : console_(console), verbose_(verbose) {
-    for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) {
-      google::SetLogDestination(severity, "");
-    }
-    google::SetStderrLogging(google::GLOG_FATAL);
-    google::AddLogSink(this);
-  }
-  ~LogToConsole() override { google::RemoveLogSink(this); }
-  LogToConsole(const LogToConsole&) = delete;
-  LogToConsole& operator=(const LogToConsole&) = delete;
-
-  void send(google::LogSeverity severity, const char* /*fullName*/, const char* /*baseName*/,
-            int /*line*/, const google::LogMessageTime& /*time*/, const char* message,
-            std::size_t length) override {
-    const std::string text = oneLine({message, length});
-    const bool isError = text.find("[E]") != std::string::npos || severity >= google::GLOG_ERROR;
-    // A video that fails tells the same for every frame.
-    if ((isError && text != last_) || verbose_) console_->note(text);
-    if (isError) last_ = text;
-    if (isError) ++errors_;
-  }
-
-  int errors() const { return errors_; }
-
- private:
-  Console* console_;
-  bool verbose_;
-  int errors_ = 0;
-  std::string last_;
-};
 
 // A file for JSON Lines, flushed line by line.
 class JsonFile {
@@ -114,13 +76,19 @@ class Run {
   int go() {
     InputList list;
     try {
-      const std::vector<ModelSpec> specs = readPipeline(options_.pipeline);
-      list = expandInputs(options_.inputs, options_.recursive);
+      pipeline_ = readPipeline(options_.pipeline);
+      if (pipeline_.takesSound && !options_.outputFolder.empty()) {
+        throw PipelineError(options_.pipeline,
+                            "--output draws pictures, and these models take sound");
+      }
+      totals_.frameNoun = pipeline_.takesSound ? "block" : "frame";
+      list = expandInputs(options_.inputs, options_.recursive,
+                          pipeline_.takesSound ? Media::kSound : Media::kPictures);
       if (!options_.outputFolder.empty()) {
         output_.emplace(options_.outputFolder, options_.fontFile, list.inputs);
       }
       if (!options_.jsonFile.empty()) jsonFile_.emplace(options_.jsonFile, options_, list.inputs);
-      if (!list.inputs.empty()) loadModels(specs);
+      if (!list.inputs.empty()) chain_ = std::make_unique<Chain>(pipeline_, &log_);
     } catch (const std::exception& error) {
       console_.note(error.what());
       return kUsageError;
@@ -141,7 +109,9 @@ class Run {
       console_.note(error.what());
       lost_ = true;
     }
-    totals_.seconds = secondsSince(start);
+    totals_.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (chain_) totals_.models = chain_->times();
+    if (chain_) totals_.loadingSeconds = chain_->loadingSeconds();
     console_.clear();
     if (!options_.quiet) std::fputs(summary(totals_).c_str(), stderr);
     if (interrupted != 0) return kInterrupted;
@@ -156,36 +126,16 @@ class Run {
 
   bool stopped() const { return interrupted != 0 || lost_; }
 
-  void loadModels(const std::vector<ModelSpec>& specs) {
-    const Clock::time_point start = Clock::now();
-    for (const ModelSpec& spec : specs) {
-      models_.push_back(std::make_unique<Model>(spec));
-      totals_.models.push_back({spec.name});
-    }
-    totals_.loadingSeconds = secondsSince(start);
-  }
-
   void processInput(const std::string& input) {
     ++totals_.inputs;
     failuresTold_ = 0;
     try {
-      Source source(input);
-      cv::Mat picture;
       FrameInfo info;
       info.input = input;
-      while (!stopped() && (options_.maxFrames == 0 || info.index < options_.maxFrames) &&
-             source.next(&picture)) {
-        if (source.isVideo()) info.time = source.time();
-        processFrame(source, &info, &picture);
-        ++info.index;
-      }
-      if (output_) output_->finish();
-      if (info.index == 0 && !stopped()) throw std::runtime_error("no frame can be read");
-      // Announced numbers of frames are estimates, so only a clear shortfall is worth a word.
-      if (source.frameCount() > info.index * 11 / 10 && info.index != options_.maxFrames &&
-          !stopped()) {
-        console_.note(input + ": the video ends after " + std::to_string(info.index) +
-                      " of about " + std::to_string(source.frameCount()) + " frames");
+      if (pipeline_.takesSound) {
+        processSound(&info);
+      } else {
+        processPictures(&info);
       }
     } catch (const ResultsLost&) {
       if (output_) output_->finish();
@@ -197,6 +147,45 @@ class Run {
     }
   }
 
+  // Whether one more frame is wanted of the input at hand.
+  bool wantsMore(const FrameInfo& info) const {
+    return !stopped() && (options_.maxFrames == 0 || info.index < options_.maxFrames);
+  }
+
+  void processPictures(FrameInfo* info) {
+    Source source(info->input);
+    cv::Mat picture;
+    while (wantsMore(*info) && source.next(&picture)) {
+      if (source.isVideo()) info->time = source.time();
+      processFrame(source, info, &picture);
+      ++info->index;
+    }
+    if (output_) output_->finish();
+    if (info->index == 0 && !stopped()) throw std::runtime_error("no frame can be read");
+    // Announced numbers of frames are estimates, so only a clear shortfall is worth a word.
+    if (source.frameCount() > info->index * 11 / 10 && info->index != options_.maxFrames &&
+        !stopped()) {
+      console_.note(info->input + ": the video ends after " + std::to_string(info->index) +
+                    " of about " + std::to_string(source.frameCount()) + " frames");
+    }
+  }
+
+  void processSound(FrameInfo* info) {
+    Sound sound(info->input, pipeline_.blockSeconds);
+    VsaFrame block;
+    while (wantsMore(*info) && sound.next(&block)) {
+      info->time = sound.time();
+      info->duration = sound.duration();
+      runModels(info, &block);
+      ++totals_.frames;
+      totals_.objects += std::ssize(block.audioObjects);
+      writeResults(options_.json || jsonFile_ ? blockJson(*info, block) : "",
+                   options_.json ? "" : blockTable(*info, block));
+      showProgress(sound.blockCount(), ++info->index);
+    }
+    if (info->index == 0 && !stopped()) throw std::runtime_error("there is no sound in this file");
+  }
+
   void inputFailed(const std::string& input, const std::string& reason) {
     if (output_) output_->finish();
     console_.note(input + ": " + oneLine(reason));
@@ -204,92 +193,65 @@ class Run {
   }
 
   void processFrame(const Source& source, FrameInfo* info, cv::Mat* picture) {
-    // The record refers to the pixels of the picture: 8-bit BGR, rows without gaps.
-    VsaFrame frame;
-    frame.kind = kVsaImageFrame;
-    frame.data = picture->data;
-    frame.width = static_cast<std::uint32_t>(picture->cols);
-    frame.height = static_cast<std::uint32_t>(picture->rows);
+    VsaFrame frame = frameOf(*picture);
     info->width = picture->cols;
     info->height = picture->rows;
     runModels(info, &frame);
 
     ++totals_.frames;
     totals_.objects += std::ssize(frame.objects);
-    std::string line;
-    if (options_.json || jsonFile_) line = frameJson(*info, frame.objects);
-    if (jsonFile_) {
-      try {
-        jsonFile_->write(line);
-      } catch (const std::exception& error) {
-        throw ResultsLost(error.what());
-      }
-    }
-    if (!console_.write(options_.json ? line
-                                      : frameTable(*info, frame.objects, console_.columns()))) {
-      lost_ = true;
-    }
+    writeResults(options_.json || jsonFile_ ? frameJson(*info, frame.objects) : "",
+                 options_.json ? "" : frameTable(*info, frame.objects, console_.columns()));
     if (output_) {
       output_->write(info->input, source.isVideo() ? source.frameRate() : 0.0, picture,
                      frame.objects);
     }
-    showProgress(source, info->index + 1);
+    showProgress(source.frameCount(), info->index + 1);
   }
 
-  // All models in their order. Once one has failed, those that work on its objects are skipped;
-  // detectors still run.
+  void writeResults(const std::string& json, const std::string& table) {
+    if (jsonFile_) {
+      try {
+        jsonFile_->write(json);
+      } catch (const std::exception& error) {
+        throw ResultsLost(error.what());
+      }
+    }
+    if (!console_.write(options_.json ? json : table)) lost_ = true;
+  }
+
   void runModels(FrameInfo* info, VsaFrame* frame) {
     info->failedModels.clear();
-    for (std::size_t i = 0; i < models_.size(); ++i) {
-      Model& model = *models_[i];
-      if (!info->failedModels.empty() && model.needsObjects()) {
-        info->failedModels.push_back(static_cast<int>(i));
-        continue;
-      }
-      std::string reason;
-      const int errorsBefore = log_.errors();
-      const Clock::time_point start = Clock::now();
-      try {
-        if (model.run(frame)) {
-          totals_.models[i].seconds += secondsSince(start);
-          ++totals_.models[i].runs;
-          continue;
-        }
-        reason = log_.errors() > errorsBefore
-                     ? "the model refused the frame"
-                     : "the model refused the frame without a reason; is it made for pictures?";
-      } catch (const std::exception& error) {
-        reason = oneLine(error.what());
-      }
-      info->failedModels.push_back(static_cast<int>(i));
-      modelFailed(*info, model, reason);
+    for (const Failure& failure : chain_->run(frame)) {
+      info->failedModels.push_back(failure.model);
+      if (!failure.reason.empty()) modelFailed(*info, failure);
     }
   }
 
-  void modelFailed(const FrameInfo& info, const Model& model, const std::string& reason) {
+  void modelFailed(const FrameInfo& info, const Failure& failure) {
     constexpr int kTold = 5;
     ++totals_.failedRuns;
     if (++failuresTold_ > kTold) return;
-    console_.note(info.input + ": frame " + std::to_string(info.index) + ": " + model.spec().name +
-                  ": " + reason);
+    console_.note(info.input + ": " + totals_.frameNoun + " " + std::to_string(info.index) + ": " +
+                  chain_->nameOf(failure.model) + ": " + failure.reason);
     if (failuresTold_ == kTold) {
       console_.note(info.input + ": further failures in this input are only counted");
     }
   }
 
-  void showProgress(const Source& source, std::int64_t framesDone) {
-    const std::int64_t count = source.frameCount();
+  void showProgress(std::int64_t count, std::int64_t framesDone) {
     const double ofInput =
         count > 0 ? static_cast<double>(framesDone) / static_cast<double>(count) : 0.0;
     console_.progress((static_cast<double>(input_) + ofInput) / static_cast<double>(inputCount_),
                       "input " + std::to_string(input_ + 1) + " of " + std::to_string(inputCount_) +
-                          ", frame " + std::to_string(framesDone));
+                          ", " + totals_.frameNoun + " " + std::to_string(framesDone));
   }
 
   const RunOptions& options_;
   Console& console_;
   const LogToConsole& log_;
-  std::vector<std::unique_ptr<Model>> models_;
+  Pipeline pipeline_;
+  std::unique_ptr<Chain> chain_;
   std::optional<Output> output_;
   std::optional<JsonFile> jsonFile_;
   Totals totals_;

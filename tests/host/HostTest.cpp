@@ -1,4 +1,5 @@
-// The parts of the example host: pipeline files, text, reports, inputs and drawing.
+// The parts of the example host: pipeline files, text, reports, inputs, sound, comparing and
+// drawing.
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -11,12 +12,15 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "Compare.h"
 #include "Draw.h"
 #include "Inputs.h"
 #include "Pipeline.h"
 #include "Report.h"
+#include "Sound.h"
 #include "Text.h"
 
 namespace vsa {
@@ -68,7 +72,10 @@ class PipelineTest : public HostFiles {
   std::string messageOf(const std::string& text) {
     const std::string path = write("p.json", text);
     try {
-      specs_ = readPipeline(path);
+      const Pipeline pipeline = readPipeline(path);
+      specs_ = pipeline.models;
+      takesSound_ = pipeline.takesSound;
+      blockSeconds_ = pipeline.blockSeconds;
       return "";
     } catch (const PipelineError& error) {
       const std::string message = error.what();
@@ -98,6 +105,8 @@ class PipelineTest : public HostFiles {
   }
 
   std::vector<ModelSpec> specs_;
+  bool takesSound_ = false;
+  double blockSeconds_ = 0.0;
 };
 
 TEST_F(PipelineTest, SaysWhatIsWrongWithTheFile) {
@@ -218,6 +227,46 @@ TEST_F(PipelineTest, FillsTheRecords) {
   EXPECT_EQ(specs_[1].name, "models[1] PaddleOCR (Track)");
   EXPECT_FALSE(specs_[0].writesGbk());
   EXPECT_TRUE(specs_[1].writesGbk());
+  EXPECT_FALSE(takesSound_);
+  // Another recogniser has no built-in dictionary.
+  ASSERT_EQ(messageOf(withChanges(
+                R"({"category": "Track", "modelName": "VsOCR", "classNames": ["paddleocr"]})")),
+            "");
+  EXPECT_FALSE(specs_[1].writesGbk());
+}
+
+TEST_F(PipelineTest, KeepsSoundAndPicturesApart) {
+  const std::string model = R"(, "engine": "OpenVINO", "modelRoot": "models", "modelFile": "net",
+                             "classNames": ["dog"]})";
+  const std::string sound = R"({"category": "Classify", "modelName": "AudioNet")" + model;
+  const std::string picture = R"({"category": "Classify", "modelName": "ResNet")" + model;
+  const auto numbered = [](const std::string& ofSound, const std::string& ofPictures) {
+    return "models[" + ofSound + "] AudioNet (Classify) takes sound and models[" + ofPictures +
+           "] ResNet (Classify) takes pictures; they belong in two pipelines";
+  };
+  const struct {
+    std::string members;
+    std::string message;
+  } kCases[] = {
+      {R"("models": [)" + sound + "]", ""},
+      {R"("blockSeconds": 0.25, "models": [)" + sound + ", " + sound + "]", ""},
+      {R"("models": [)" + sound + ", " + picture + "]", numbered("0", "1")},
+      {R"("models": [)" + picture + ", " + sound + "]", numbered("1", "0")},
+      {R"("blockSeconds": 1, "models": [)" + picture + "]",
+       "blockSeconds is for models that take sound"},
+      {R"("blockSeconds": "1", "models": [)" + sound + "]",
+       "blockSeconds must be a number, not a string"},
+      {R"("blockSeconds": 0, "models": [)" + sound + "]",
+       "blockSeconds must be a number of seconds from 0.02 to 60, not 0"},
+  };
+  for (const auto& [members, message] : kCases) {
+    EXPECT_EQ(messageOf("{" + members + "}"), message) << members;
+  }
+  ASSERT_EQ(messageOf("{" + kCases[0].members + "}"), "");
+  EXPECT_TRUE(takesSound_);
+  EXPECT_EQ(blockSeconds_, 1.0);
+  ASSERT_EQ(messageOf("{" + kCases[1].members + "}"), "");
+  EXPECT_EQ(blockSeconds_, 0.25);
 }
 
 TEST(TextTest, ConvertsAndRepairs) {
@@ -326,6 +375,60 @@ TEST(ReportTest, TableIsAligned) {
   EXPECT_EQ(frameTable(info, {region}, 80), start + "\n      " + region.text + "\n");
 }
 
+TEST(ReportTest, TellsWhatWasHeard) {
+  FrameInfo info;
+  info.input = "a.wav";
+  info.index = 2;
+  info.time = 1.0;
+  info.duration = 1.0 / 3.0;
+  VsaFrame block;
+  EXPECT_EQ(blockTable(info, block), "a.wav: 1.000 s to 1.333 s: nothing\n");
+  block.audioClassified = true;
+  block.audioScore = 0.9F;
+  block.audioObjects = {VsaObject(1, 1, 0, 0, 0, 0, 0.9F, 1, "犬"),
+                        VsaObject(1, 1, 0, 0, 0, 0, 0.5F, 0, "a\n")};
+  EXPECT_EQ(blockTable(info, block), "a.wav: 1.000 s to 1.333 s: 犬 0.900, a\uFFFD 0.500\n");
+  EXPECT_EQ(
+      blockJson(info, block),
+      R"({"classified":true,"duration":0.333,"frame":2,"input":"a.wav","objects":[)"
+      R"({"classId":1,"className":"犬","score":0.9},{"classId":0,"className":"a\n","score":0.5}],)"
+      R"("score":0.9,"time":1.0})"
+      "\n");
+  info.failedModels = {0};
+  EXPECT_EQ(blockTable(info, VsaFrame()), "a.wav: 1.000 s to 1.333 s: failed\n");
+  EXPECT_EQ(parse(blockJson(info, VsaFrame()))["failedModels"], parse("[0]"));
+}
+
+TEST(CompareTest, TakesTheBestObjectAndTheAngle) {
+  const auto reasonOf = [](const auto& call) -> std::string {
+    try {
+      call();
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "";
+  };
+  std::vector<VsaObject> objects;
+  EXPECT_EQ(reasonOf([&] { bestWithFeature(objects); }), "no object was found");
+  for (const float score : {std::nanf(""), 0.5F, 0.7F, 0.9F}) {
+    objects.emplace_back(9, 9, 0, 0, 5, 5, score, 0, "x");
+  }
+  EXPECT_NE(reasonOf([&] { bestWithFeature(objects); }).find("no object has a feature"),
+            std::string::npos);
+  for (const std::size_t i : {0U, 1U, 2U}) objects[i].feature = {1.0F};
+  EXPECT_EQ(bestWithFeature(objects).score, 0.7F);
+
+  EXPECT_DOUBLE_EQ(cosineSimilarity({3, 4}, {4, 3}), 24.0 / 25.0);
+  EXPECT_DOUBLE_EQ(cosineSimilarity({1e30F, 0}, {-1e-30F, 0}), -1.0);
+  EXPECT_DOUBLE_EQ(cosineSimilarity({1, 0, 0}, {0, 2, 5}), 0.0);
+  EXPECT_NE(reasonOf([] { cosineSimilarity({1, 2}, {1}); }).find("lengths"), std::string::npos);
+  EXPECT_NE(reasonOf([] { cosineSimilarity({0, 0}, {1, 2}); }).find("zeros"), std::string::npos);
+  EXPECT_NE(reasonOf([] {
+              cosineSimilarity({1, 2}, {1, std::nanf("")});
+            }).find("not finite"),
+            std::string::npos);
+}
+
 class InputTest : public HostFiles {};
 
 TEST_F(InputTest, ExpandsFoldersAndPatterns) {
@@ -359,6 +462,13 @@ TEST_F(InputTest, ExpandsFoldersAndPatterns) {
   EXPECT_EQ(expand("nothing"), "!");
   EXPECT_EQ(expand("none*"), "!");
   EXPECT_EQ(expandInputs({"rtsp://camera/?x=[1]*"}, false).inputs.size(), 1U);
+  write("in/c.WAV", "");
+  const auto sounds = [this](const char* name) {
+    return expandInputs({(folder_ / name).string()}, false, Media::kSound);
+  };
+  EXPECT_EQ(sounds("").inputs, std::vector<std::string>{(folder_ / "clip.mp4").string()});
+  EXPECT_EQ(sounds("in").inputs, std::vector<std::string>{(folder_ / "in/c.WAV").string()});
+  EXPECT_EQ(sounds("on").problems.size(), 1U);
 }
 
 TEST_F(InputTest, ReadsEveryKindOfPixels) {
@@ -386,6 +496,121 @@ TEST_F(InputTest, ReadsEveryKindOfPixels) {
         (folder_ / "none.png").string()}) {
     EXPECT_THROW(Source source(path), std::exception) << path;
   }
+}
+
+#if VSA_HAS_SNDFILE
+class SoundTest : public HostFiles {
+ protected:
+  template <typename Number>
+  static std::string bytesOf(const std::vector<Number>& numbers) {
+    const auto* bytes = reinterpret_cast<const char*>(numbers.data());
+    return {bytes, numbers.size() * sizeof(Number)};
+  }
+
+  // A WAV file; `code` is 1 for whole numbers and 3 for floats.
+  std::string wav(std::uint16_t code, std::uint16_t channels, std::uint16_t sampleBytes,
+                  const std::string& data, std::uint32_t rate = 100) {
+    const auto size = static_cast<std::uint32_t>(data.size());
+    const auto stride = static_cast<std::uint16_t>(channels * sampleBytes);
+    return write("sound.wav",
+                 "RIFF" + bytesOf<std::uint32_t>({36 + size}) + "WAVEfmt " +
+                     bytesOf<std::uint32_t>({16}) + bytesOf<std::uint16_t>({code, channels}) +
+                     bytesOf<std::uint32_t>({rate, rate * stride}) +
+                     bytesOf<std::uint16_t>({stride, static_cast<std::uint16_t>(8 * sampleBytes)}) +
+                     "data" + bytesOf<std::uint32_t>({size}) + data);
+  }
+
+  // All blocks of a file, one after the other, as numbers of the type that the record names.
+  template <typename Number>
+  static std::vector<Number> allOf(const std::string& path, int format) {
+    Sound sound(path, 0.05);
+    VsaFrame block;
+    std::vector<Number> numbers;
+    while (sound.next(&block)) {
+      EXPECT_EQ(block.audioSampleFmt, format);
+      EXPECT_EQ(block.audioSampleFmtByteNum, static_cast<int>(sizeof(Number)));
+      const auto* data = reinterpret_cast<const Number*>(block.audioData);
+      numbers.insert(numbers.end(), data,
+                     data + static_cast<std::size_t>(block.audioFrameSize) / sizeof(Number));
+    }
+    return numbers;
+  }
+};
+
+TEST_F(SoundTest, ComesInBlocksOfOneLength) {
+  // 12 samples of two channels at 100 a second: blocks of 5, 5 and 2.
+  std::vector<std::int16_t> samples;
+  for (std::int16_t i = 0; i < 24; ++i)
+    samples.push_back(static_cast<std::int16_t>(i * 1000 - 12000));
+  const std::string path = wav(1, 2, 2, bytesOf(samples));
+  Sound sound(path, 0.05);
+  EXPECT_EQ(sound.blockCount(), 3);
+  VsaFrame block;
+  for (int i = 0; i < 3; ++i) {
+    block.audioClassified = true;  // of the block before
+    block.audioObjects.resize(3);
+    ASSERT_TRUE(sound.next(&block));
+    EXPECT_EQ(block.kind, kVsaAudioFrame);
+    EXPECT_EQ(block.audioFrameSize, 20);
+    EXPECT_EQ(block.audioFrameMaxSize, 20);
+    EXPECT_EQ(block.audioSampleRate, 100);
+    EXPECT_EQ(block.audioNbSamples, 5);
+    EXPECT_EQ(block.pts, 50 * i);
+    EXPECT_EQ(block.audioFrameCount, i);
+    EXPECT_EQ(block.width * block.height, 1U);
+    EXPECT_FALSE(block.audioClassified);
+    EXPECT_TRUE(block.audioObjects.empty());
+    EXPECT_DOUBLE_EQ(sound.time(), 0.05 * i);
+    EXPECT_DOUBLE_EQ(sound.duration(), i < 2 ? 0.05 : 0.02);
+  }
+  EXPECT_FALSE(sound.next(&block));
+  samples.resize(30, 0);
+  EXPECT_EQ(allOf<std::int16_t>(path, 1), samples);
+}
+
+TEST_F(SoundTest, KeepsTheDepthOfTheSamples) {
+  EXPECT_EQ(allOf<std::int16_t>(wav(1, 1, 1, "\x80\xFF\x7F\x81\x80"), 1),
+            (std::vector<std::int16_t>{0, 0x7F00, -0x100, 0x100, 0}));
+  const std::string deep("\0\0\x40\1\0\0\0\0\x80\0\0\0\0\0\0", 15);
+  EXPECT_EQ(allOf<float>(wav(1, 1, 3, deep), 3),
+            (std::vector<float>{0.5F, 1.0F / (1 << 23), -1.0F, 0.0F, 0.0F}));
+  const std::vector<float> floats = {0.1F, -2.5F, 1e-20F, 0.0F, 1.0F};
+  EXPECT_EQ(allOf<float>(wav(3, 1, 4, bytesOf(floats)), 3), floats);
+}
+
+TEST_F(SoundTest, RefusesWhatIsNoSound) {
+  EXPECT_THROW(Sound((folder_ / "none.wav").string(), 1.0), std::runtime_error);
+  EXPECT_THROW(Sound(write("text.wav", "no sound"), 1.0), std::runtime_error);
+  EXPECT_THROW(Sound(write("empty.wav", ""), 1.0), std::runtime_error);
+  // What a header claims must not take the memory.
+  EXPECT_THROW(Sound(wav(3, 1000, 4, std::string(4000, 'x'), 655350), 60.0), std::runtime_error);
+  VsaFrame block;
+  EXPECT_FALSE(Sound(wav(1, 1, 2, ""), 1.0).next(&block));
+  EXPECT_TRUE(Sound(wav(1, 1, 2, "ab", 1), 0.02).next(&block));  // less than one sample
+  EXPECT_EQ(block.audioNbSamples, 1);
+}
+#endif
+
+TEST(DrawTest, LabelsTellAllThatIsKnown) {
+  // Paint on black and count: each further part makes the label longer.
+  const Painter painter("");
+  VsaObject object(600, 200, 10, 100, 590, 190, 0.5F, 3, "plate");
+  int covered = 0;
+  const auto grows = [&] {
+    cv::Mat picture = cv::Mat::zeros(200, 600, CV_8UC3);
+    painter.paint(&picture, {object});
+    const int before =
+        std::exchange(covered, cv::countNonZero(picture.rowRange(0, 98).reshape(1) > 0));
+    return covered > before;
+  };
+  EXPECT_TRUE(grows());
+  object.classifyId = 0;
+  object.classifyName = "yellow";
+  EXPECT_TRUE(grows());
+  object.textId = 0;
+  EXPECT_FALSE(grows());  // nothing was read
+  object.text = "AB 123";
+  EXPECT_TRUE(grows());
 }
 
 TEST(DrawTest, StaysInsideAndTurnsBoxes) {

@@ -1,10 +1,13 @@
-"""The program vsa from end to end, with the real text models.
+"""The program vsa from end to end, with the real text models and with tiny networks.
 
 VSA is the program, TOL_MODELS the folder of the models, TOL_PICTURES a folder of pictures with a text file of the
-true lines beside each.
+true lines beside each, TOL_NETWORKS the folder that make_networks.py wrote, TOL_PYTHON a Python with numpy.
 """
 
+import base64
+import http.server
 import json
+import math
 import os
 import pathlib
 import re
@@ -12,7 +15,9 @@ import shutil
 import signal
 import struct
 import subprocess
+import sys
 import tempfile
+import threading
 import time
 import unittest
 import zlib
@@ -20,6 +25,8 @@ import zlib
 VSA = os.environ["VSA"]
 MODELS = pathlib.Path(os.environ["TOL_MODELS"])
 PICTURES = pathlib.Path(os.environ["TOL_PICTURES"])
+NETWORKS = pathlib.Path(os.environ["TOL_NETWORKS"])
+EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
 
 
 def png(width, height, colour=(255, 255, 255)):
@@ -50,8 +57,8 @@ class Case(unittest.TestCase):
         ]
         self.write_pipeline()
 
-    def write_pipeline(self):
-        self.pipeline.write_text(json.dumps({"modelRoot": str(MODELS), "models": self.models}))
+    def write_pipeline(self, root=MODELS, **more):
+        self.pipeline.write_text(json.dumps({"modelRoot": str(root), "models": self.models, **more}))
 
     def file(self, name, content):
         path = self.folder / name
@@ -78,14 +85,15 @@ class Case(unittest.TestCase):
         content = b"AVI " + group(b"hdrl", headers) + group(b"movi", pixels)
         return self.file("film.avi", chunk(b"RIFF", content))
 
-    def vsa(self, *arguments, status=0):
-        done = subprocess.run([VSA, *map(str, arguments)], capture_output=True, timeout=120, cwd=self.folder)
+    def vsa(self, *arguments, status=0, **environment):
+        done = subprocess.run([VSA, *map(str, arguments)], capture_output=True, timeout=120, cwd=self.folder,
+                              env={**os.environ, **environment})
         self.out, self.err = done.stdout.decode(), done.stderr.decode()
         self.assertEqual(done.returncode, status, self.err)
         return self.out
 
-    def run_json(self, *inputs, status=0):
-        out = self.vsa("run", "--json", self.pipeline, *inputs, status=status)
+    def run_json(self, *inputs, status=0, **environment):
+        out = self.vsa("run", "--json", self.pipeline, *inputs, status=status, **environment)
         return [json.loads(line) for line in out.splitlines()]
 
 
@@ -93,7 +101,7 @@ class UsageTest(Case):
     needs_models = False
 
     def test_help_version_devices(self):
-        for arguments in (["--help"], ["run", "--help"]):
+        for arguments in (["--help"], ["run", "--help"], ["compare", "--help"]):
             text = self.vsa(*arguments)
             self.assertLessEqual(max(map(len, text.splitlines())), 80)
             self.assertIn("Exit status", text)
@@ -105,10 +113,18 @@ class UsageTest(Case):
     def test_wrong_usage(self):
         for arguments in ([], ["rnu"], ["run"], ["run", self.pipeline], ["run", "--jsn", self.pipeline, "x"],
                           ["run", "--max-frames", "0", self.pipeline, "x"],
-                          ["run", "--max-frames", "many", self.pipeline, "x"]):
+                          ["run", "--max-frames", "many", self.pipeline, "x"], ["compare", self.pipeline, "x"],
+                          ["compare", self.pipeline, "x", "y", "z"]):
             self.vsa(*arguments, status=2)
             self.assertEqual(self.out, "")
             self.assertNotEqual(self.err, "")
+
+    def test_pipelines_that_come_along(self):
+        for path in sorted(EXAMPLES.glob("pipelines/*.json")):
+            with self.subTest(path.name):
+                done = subprocess.run([VSA, "run", path, "none.png"], capture_output=True, timeout=120)
+                # All in order as far as the networks, which mostly are not there.
+                self.assertRegex(done.stderr.decode(), r"there is no model file|none.png: no such file")
 
 
 class ResultTest(Case):
@@ -238,6 +254,224 @@ class FailureTest(Case):
         self.assertEqual(before, picture.read_bytes())
         self.vsa("run", self.pipeline, "in", "--output", self.pipeline, status=2)
         self.vsa("run", self.pipeline, "in", "--output", "out", "--font", self.pipeline, status=2)
+
+
+class ChainTest(Case):
+    """A detector and what works on its objects, over pictures: a car and a person wherever one looks."""
+
+    needs_models = False
+
+    def setUp(self):
+        super().setUp()
+        self.detector = {"category": "Detect", "modelName": "YOLO26", "modelFile": "things",
+                         "classNames": ["car", "person"], "inputWidth": 64, "inputHeight": 64, "scoreThreshold": 0.5}
+        self.labels = {"category": "Classify", "modelName": "ResNet", "modelFile": "label",
+                       "classNames": ["red", "blue", "green"], "inputWidth": 32, "inputHeight": 32}
+        self.persons = {"category": "Track", "modelName": "DeepSort", "modelFile": "feature256", "classNames": ["x"],
+                        "inputWidth": 16, "inputHeight": 32}
+        self.faces = {**self.persons, "modelName": "VsFaceNet", "modelFile": "feature128", "inputHeight": 16}
+        self.reader = {"category": "Track", "modelName": "VsOCR", "modelFile": "plate", "inputWidth": 32,
+                       "inputHeight": 16, "classNames": ["", "七", "A", "b", "c", "d", "e", "f"]}
+
+    def use(self, *models):
+        self.models = [{"engine": "OpenVINO", **model} for model in models]
+        self.write_pipeline(NETWORKS)
+
+    def test_every_model_adds_its_part(self):
+        self.file("blue.png", png(64, 64, (0, 0, 255)))
+        self.use(self.detector, self.labels, self.persons, self.reader)
+        frame, = self.run_json("blue.png", "--output", "out")
+        car, person = frame["objects"]
+        self.assertEqual((car["className"], car["box"], car["score"]), ("car", [8, 4, 40, 28], 0.75))
+        self.assertEqual((person["className"], person["box"], person["score"]), ("person", [30, 10, 50, 44], 0.875))
+        for thing in (car, person):
+            self.assertEqual((thing["classifyName"], thing["classifyId"], thing["classifyScore"]), ("blue", 1, 0.75))
+            self.assertEqual((thing["text"], thing["textScore"]), ("七A七", 1))
+            self.assertEqual(len(thing["feature"]), 256)
+        self.assertRegex(self.vsa("run", self.pipeline, "blue.png"),
+                         r"(?m)^  1  0.750  car     8,4 40,28    blue 0.750  256 numbers  七A七$")
+        self.assertNotEqual((self.folder / "out/blue.png").read_bytes(), (self.folder / "blue.png").read_bytes())
+
+        self.use(self.detector, {**self.labels, "wantedLabels": ["red", "green"]}, self.faces)
+        self.assertEqual(self.run_json("blue.png")[0]["objects"], [])
+        self.use({**self.detector, "wantedClasses": ["car"]}, self.faces)
+        self.assertEqual([len(thing["feature"]) for thing in self.run_json("blue.png")[0]["objects"]], [128])
+
+    def test_compare(self):
+        self.file("blue.png", png(64, 64, (0, 0, 255)))
+        self.file("dark.png", png(64, 64, (0, 0, 250)))
+        self.file("red.png", png(64, 64, (255, 0, 0)))
+        for embedding in (self.persons, self.faces):
+            self.use(self.detector, embedding)
+            found = json.loads(self.vsa("compare", "--json", self.pipeline, "blue.png", "red.png"))
+            first, second = (thing["feature"] for thing in found["objects"])
+            cosine = sum(map(float.__mul__, first, second)) / math.hypot(*first) / math.hypot(*second)
+            self.assertAlmostEqual(found["similarity"], cosine, 6)
+            self.assertEqual([(thing["input"], thing["className"], thing["box"]) for thing in found["objects"]],
+                             [(name, "person", [30, 10, 50, 44]) for name in ("blue.png", "red.png")])
+            self.assertGreater(json.loads(self.vsa("compare", "-j", self.pipeline, "blue.png", "dark.png"))
+                               ["similarity"], max(0.9, cosine))
+            table = self.vsa("compare", self.pipeline, "blue.png", "red.png")
+            self.assertIn("person  30,10 50,44", table)
+            self.assertTrue(table.endswith(f"cosine similarity {cosine:.4f}\n"), table)
+
+    def test_compare_says_why_not(self):
+        self.file("blue.png", png(64, 64, (0, 0, 255)))
+        nothing = {**self.detector, "modelFile": "nothing"}
+        cases = [
+            ([nothing, self.persons], "blue.png", 1, r"blue.png: no object was found"),
+            ([self.detector], "blue.png", 1, r"blue.png: no object has a feature; .+"),
+            ([self.detector, {**self.persons, "modelFile": "zeros"}], "blue.png", 1, r"a feature is all zeros .+"),
+            ([self.detector, {**self.persons, "inputWidth": 17}], "blue.png", 1,
+             r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
+            ([self.detector, self.persons], "none.png", 1, r"none.png: no such file"),
+            ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2, r".+: models\[0\]: the library has no model .+"),
+            ([{**self.labels, "modelName": "AudioNet"}], "blue.png", 2, r".+: compare takes pictures, not sound"),
+        ]
+        for models, picture, status, sentence in cases:
+            with self.subTest(sentence):
+                self.use(*models)
+                self.vsa("compare", self.pipeline, "blue.png", picture, status=status)
+                self.assertEqual(self.out, "")
+                self.assertRegex(self.err, rf"(?m)^vsa: {sentence}$")
+
+
+class SoundTest(Case):
+    """Sound through a spectrogram service on port 9555, which is the tests' own."""
+
+    needs_models = False
+
+    def setUp(self):
+        super().setUp()
+        self.models = [{"category": "Classify", "modelName": "AudioNet", "engine": "OpenVINO", "modelFile": "pitch",
+                        "classNames": ["low", "high"], "inputWidth": 20, "inputHeight": 16, "scoreThreshold": 0.6}]
+        self.write_pipeline(NETWORKS, blockSeconds=0.2)
+
+    def wav(self, name, seconds, hertz=440, rate=16000, channels=1):
+        samples = [round(20000 * math.sin(2 * math.pi * hertz * i / rate)) for i in range(round(seconds * rate))]
+        self.pcm = b"".join(struct.pack("<h", sample) * channels for sample in samples)
+        header = struct.pack("<HHIIHH", 1, channels, rate, rate * channels * 2, channels * 2, 16)
+        return self.file(name, b"RIFF" + struct.pack("<I", 36 + len(self.pcm)) + b"WAVEfmt " +
+                         struct.pack("<I", 16) + header + b"data" + struct.pack("<I", len(self.pcm)) + self.pcm)
+
+    def serve(self, replies):
+        """A service that gives these replies in turn; self.asked are the requests."""
+        self.asked = asked = []
+        replies = iter(replies)
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_POST(self):
+                asked.append((self.path, json.loads(self.rfile.read(int(self.headers["Content-Length"])))))
+                body = json.dumps(next(replies)).encode()
+                self.send_response(200)
+                self.send_header("Content-Length", str(len(body)))
+                self.end_headers()
+                self.wfile.write(body)
+
+            def log_message(self, *_):
+                pass
+
+        server = http.server.HTTPServer(("127.0.0.1", 9555), Handler)
+        self.addCleanup(server.server_close)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.shutdown)
+
+    @staticmethod
+    def spectrum(low, high):
+        """The network makes of it: low + 100 for the first class, high + 100 for the second."""
+        rows = [[float(low)] * 20] * 8 + [[float(high)] * 20] * 8
+        return {"code": 1000, "msg": "", "mels": 16, "time_steps": 20, "mel_spec": rows}
+
+    def test_blocks_and_their_results(self):
+        self.wav("a.wav", 0.7, channels=2)
+        self.serve([self.spectrum(-100, -50), self.spectrum(-50, -50), {"code": 7, "msg": "no"},
+                    self.spectrum(-25, -75)])
+        frames = self.run_json("a.wav", status=1)
+        self.assertEqual([(frame["input"], frame["frame"], frame["time"], frame["duration"]) for frame in frames],
+                         [("a.wav", 0, 0, 0.2), ("a.wav", 1, 0.2, 0.2), ("a.wav", 2, 0.4, 0.2), ("a.wav", 3, 0.6, 0.1)])
+        self.assertEqual([(frame["classified"], frame["score"]) for frame in frames],
+                         [(True, 1), (False, 0), (False, 0), (True, 0.75)])
+        self.assertEqual([frame["objects"] for frame in frames],
+                         [[{"className": "high", "classId": 1, "score": 1}], [], [],
+                          [{"className": "low", "classId": 0, "score": 0.75}]])
+        self.assertEqual([frame.get("failedModels") for frame in frames], [None, None, [0], None])
+        self.assertRegex(self.err, r"(?m)^vsa: a.wav: block 2: models\[0\] AudioNet \(Classify\): .+$")
+        self.assertRegex(self.err, r"1 input, 4 blocks, 2 objects in")
+        for index, (path, request) in enumerate(self.asked):
+            self.assertEqual(path, "/api/audioToMelSpec")
+            wanted = {"pts": 200 * index, "audio_frame_count": index, "audio_frame_max_size": 12800,
+                      "audio_frame_size": 12800, "audio_sample_rate": 16000, "audio_nb_samples": 3200,
+                      "audio_sample_fmt": 1, "audio_sample_fmt_byte_num": 2}
+            self.assertEqual(wanted, {key: request[key] for key in wanted})
+        sent = b"".join(base64.b64decode(request["audio_pcm_base64"]) for _, request in self.asked)
+        self.assertEqual(sent, self.pcm + bytes(6400))
+
+    def test_table_and_limits(self):
+        self.wav("in/a.wav", 0.5)
+        self.file("in/b.png", png(4, 4))
+        self.serve([self.spectrum(0, -75), self.spectrum(-50, -50)])
+        self.assertEqual(self.vsa("run", self.pipeline, "in", "--max-frames", "2"),
+                         "in/a.wav: 0.000 s to 0.200 s: low 0.800\nin/a.wav: 0.200 s to 0.400 s: nothing\n")
+        self.vsa("run", self.pipeline, "in/a.wav", "--output", "out", status=2)
+        self.assertIn("--output draws pictures", self.err)
+        self.models.append({**self.models[0], "modelName": "ResNet"})
+        self.write_pipeline(NETWORKS)
+        self.vsa("run", self.pipeline, "in/a.wav", status=2)
+        self.assertIn("they belong in two pipelines", self.err)
+
+    def test_without_a_service(self):
+        self.models *= 2
+        self.write_pipeline(NETWORKS)
+        frame, = self.run_json(self.wav("a.wav", 0.2), status=1)
+        self.assertEqual((frame["classified"], frame["failedModels"]), (False, [0, 1]))
+        self.assertIn("9555", self.err)
+        self.assertIn("block 0: models[1] AudioNet (Classify): ", self.err)  # it needs nothing of the first one
+
+    @unittest.skipIf(os.name == "nt", "ffmpeg is run on POSIX only")
+    def test_sound_of_a_video(self):
+        # A program of that name takes ffmpeg's place and says what it was asked.
+        path = str(self.folder / "bin")
+        film = self.film(2)
+        self.file("bin/ffmpeg", f"""#!{sys.executable}
+import pathlib, struct, sys
+pathlib.Path("asked").write_text(" ".join(sys.argv[1:]))
+name = pathlib.Path(sys.argv[sys.argv.index("-i") + 1]).stem
+if name == "silent":
+    sys.exit("Stream map '0:a:0' matches no streams.")
+out = sys.stdout.buffer
+out.write(b".snd" + struct.pack(">IIIII", 24, 0xffffffff, 3, 1000, 1) + struct.pack(">300h", *range(300)))
+out.flush()
+if name == "broken":
+    sys.exit("film: the rest is damaged")
+""".encode()).chmod(0o755)
+        self.serve([self.spectrum(0, -75)] * 4)
+        frames = self.run_json(film, PATH=path)
+        self.assertEqual([frame["duration"] for frame in frames], [0.2, 0.1])
+        self.assertEqual((self.folder / "asked").read_text(),
+                         f"-nostdin -v error -i file:{film} -map 0:a:0 -c:a pcm_s16be -f au pipe:1")
+        sent = b"".join(base64.b64decode(request["audio_pcm_base64"]) for _, request in self.asked)
+        self.assertEqual(sent, struct.pack("<300h", *range(300)) + bytes(200))
+        for name, blocks, sentence in (("broken", 2, "ffmpeg cannot read the sound: film: the rest is damaged"),
+                                       ("silent", 0, "there is no sound in this file")):
+            film.rename(self.folder / f"{name}.avi")
+            film = self.folder / f"{name}.avi"
+            self.assertEqual(len(self.run_json(film, PATH=path, status=1)), blocks)
+            self.assertIn(f"vsa: {film}: {sentence}\n", self.err)
+        self.assertEqual(self.run_json(film, PATH=str(self.folder), status=1), [])
+        self.assertRegex(self.err, rf"vsa: {film}: .*the program ffmpeg.* is not on the PATH")
+
+    def test_with_the_example_service(self):
+        program = EXAMPLES / "melservice/melservice.py"
+        service = subprocess.Popen([os.environ["TOL_PYTHON"], program, "--mels", "16", "--steps", "20"],
+                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        self.addCleanup(service.stdout.close)
+        self.addCleanup(service.wait)
+        self.addCleanup(service.kill)
+        self.assertIn(b":9555/", service.stdout.readline())
+        self.wav("low.wav", 0.4, 250)
+        self.wav("high.wav", 0.4, 6000, 44100, 2)
+        frames = self.run_json("low.wav", "high.wav")
+        self.assertEqual([frame["objects"][0]["className"] for frame in frames], ["low", "low", "high", "high"])
 
 
 class StopTest(Case):

@@ -1,0 +1,32 @@
+// A sink of glog that picks out the library's "[E]" lines.
+#include "Log.h"
+
+#include "Text.h"
+
+namespace vsa {
+
+LogToConsole::LogToConsole(Console* console, bool verbose) : console_(console), verbose_(verbose) {
+  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) {
+    google::SetLogDestination(severity, "");
+  }
+  google::SetStderrLogging(google::GLOG_FATAL);
+  google::AddLogSink(this);
+}
+
+LogToConsole::~LogToConsole() {
+  google::RemoveLogSink(this);
+}
+
+void LogToConsole::send(google::LogSeverity severity, const char* /*fullName*/,
+                        const char* /*baseName*/, int /*line*/,
+                        const google::LogMessageTime& /*time*/, const char* message,
+                        std::size_t length) {
+  const std::string text = oneLine({message, length});
+  const bool isError = text.find("[E]") != std::string::npos || severity >= google::GLOG_ERROR;
+  // A video that fails tells the same for every frame.
+  if ((isError && text != last_) || verbose_) console_->note(text);
+  if (isError) last_ = text;
+  if (isError) ++errors_;
+}
+
+}  // namespace vsa

@@ -1,0 +1,35 @@
+// What the library logs, as far as people want to see it.
+#pragma once
+
+#include <glog/logging.h>
+
+#include <cstddef>
+#include <string>
+
+#include "Console.h"
+
+namespace vsa {
+
+/// Shows the library's log lines on standard error: those that give the reason of a failure always,
+/// the others when asked for. glog itself writes nothing.
+class LogToConsole : public google::LogSink {
+ public:
+  LogToConsole(Console* console, bool verbose);
+  ~LogToConsole() override;
+  LogToConsole(const LogToConsole&) = delete;
+  LogToConsole& operator=(const LogToConsole&) = delete;
+
+  void send(google::LogSeverity severity, const char* fullName, const char* baseName, int line,
+            const google::LogMessageTime& time, const char* message, std::size_t length) override;
+
+  /// Number of lines so far that tell of a failure.
+  int errors() const { return errors_; }
+
+ private:
+  Console* console_;
+  bool verbose_;
+  int errors_ = 0;
+  std::string last_;
+};
+
+}  // namespace vsa
