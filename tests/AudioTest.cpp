@@ -66,8 +66,8 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
 
   const std::string request = server.lastRequest();
   EXPECT_TRUE(request.starts_with("POST /api/audioToMelSpec HTTP/1.1\r\n")) << request;
-  for (const char* header : {"\r\nUser-Agent: vsrt_core;\r\n",
-                             "\r\nContent-Type: application/json;\r\n", "\r\nexpect: ;\r\n"}) {
+  for (const char* header :
+       {"\r\nUser-Agent: vsrt_core;\r\n", "\r\nContent-Type: application/json;\r\n", "\r\nexpect: ;\r\n"}) {
     EXPECT_NE(request.find(header), std::string::npos) << header;
   }
   const std::string body = request.substr(request.find("\r\n\r\n") + 4);
@@ -77,9 +77,9 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   EXPECT_EQ(json.size(), 9U);
   EXPECT_EQ(json["pts"].asInt64(), std::int64_t{1} << 40);
   EXPECT_EQ(json["audio_frame_count"].asInt64(), -7);
-  const std::pair<const char*, int> numbers[] = {
-      {"audio_frame_max_size", 4096}, {"audio_frame_size", 5}, {"audio_sample_rate", 48000},
-      {"audio_nb_samples", 2},        {"audio_sample_fmt", 1}, {"audio_sample_fmt_byte_num", 2}};
+  const std::pair<const char*, int> numbers[] = {{"audio_frame_max_size", 4096}, {"audio_frame_size", 5},
+                                                 {"audio_sample_rate", 48000},   {"audio_nb_samples", 2},
+                                                 {"audio_sample_fmt", 1},        {"audio_sample_fmt_byte_num", 2}};
   for (const auto& [key, value] : numbers) EXPECT_EQ(json[key].asInt(), value) << key;
   EXPECT_EQ(json["audio_pcm_base64"].asString(), "AQIDBAU=");
 
@@ -96,8 +96,8 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   EXPECT_EQ(AudioToMelSpec(server.address(), empty, matrix), 0);
   empty.audioFrameSize = -5;
   EXPECT_EQ(AudioToMelSpec(server.address(), empty, matrix), 0);
-  EXPECT_EQ(log.texts(), (Texts{"[E]audio block has no data,audio_frame_size=5",
-                                "[E]audio block has no data,audio_frame_size=-5"}));
+  EXPECT_EQ(log.texts(),
+            (Texts{"[E]audio block has no data,audio_frame_size=5", "[E]audio block has no data,audio_frame_size=-5"}));
 }
 
 struct ReplyCase {
@@ -135,16 +135,10 @@ TEST(AudioToMelSpec, TakesGoodRepliesAndNoOthers) {
       {"cut JSON", LoopbackServer::ok(good.substr(0, 30)), 0, {}},
       {"no JSON", LoopbackServer::ok("<html>"), 0, {}},
       {"UTF-16", LoopbackServer::ok(std::string("{\0\"\0c\0", 6)), 0, {}},
-      {"Latin-1 in a string",
-       LoopbackServer::ok("{\"code\": 1000, \"msg\": \"\xE4\", \"mel_spec\": [[1]]}"),
-       0,
-       {}},
+      {"Latin-1 in a string", LoopbackServer::ok("{\"code\": 1000, \"msg\": \"\xE4\", \"mel_spec\": [[1]]}"), 0, {}},
       {"a number no type holds", body(R"(, "mel_spec": [[1e400]])"), 0, {}},
       {"code as text", LoopbackServer::ok(R"({"code": "1000", "msg": ""})"), 0, {"[E]parse error"}},
-      {"code too large",
-       LoopbackServer::ok(R"({"code": 99999999999, "msg": ""})"),
-       0,
-       {"[E]parse error"}},
+      {"code too large", LoopbackServer::ok(R"({"code": 99999999999, "msg": ""})"), 0, {"[E]parse error"}},
       {"no message", LoopbackServer::ok(R"({"code": 1000})"), 0, {"[E]parse error"}},
       {"an array", LoopbackServer::ok(R"([1000])"), 0, {"[E]parse error"}},
       {"null", LoopbackServer::ok("null"), 0, {"[E]parse error"}},
@@ -160,10 +154,7 @@ TEST(AudioToMelSpec, TakesGoodRepliesAndNoOthers) {
       {"negative mels", body(R"(, "mels": -1, "mel_spec": [])"), 0, {"[E]mels out of range"}},
       {"huge mels", body(R"(, "mels": 2000000000, "mel_spec": [])"), 0, {"[E]mels out of range"}},
       {"mels as text", body(R"(, "mels": "2", "mel_spec": [])"), 0, {"[E]mels out of range"}},
-      {"huge steps",
-       body(R"(, "time_steps": 99999999999, "mel_spec": [])"),
-       0,
-       {"[E]time_steps out of range"}},
+      {"huge steps", body(R"(, "time_steps": 99999999999, "mel_spec": [])"), 0, {"[E]time_steps out of range"}},
       {"nested deeply",
        LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": )" + std::string(2000000, '[')),
        0,
@@ -216,10 +207,8 @@ TEST(PostJson, TellsWhyATransferFailed) {
 struct AudioBench {
   explicit AudioBench(const std::vector<float>& scores, std::size_t classCount = 3)
       : server(LoopbackServer::ok(spectrogram("[[1, 2, 3], [4, 5, 6]]")), 9555),
-        model("Classify", "AudioNet",
-              writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
-                return ov::OutputVector{scores.empty() ? reshaped(input, {1, -1})
-                                                       : floats({1, scores.size()}, scores)};
+        model("Classify", "AudioNet", writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
+                return ov::OutputVector{scores.empty() ? reshaped(input, {1, -1}) : floats({1, scores.size()}, scores)};
               })) {
     model.setInput(3, 2);
     model.setClasses({"bark", "siren", "glass"});
@@ -308,8 +297,7 @@ TEST(OvClassifyAudioNet, FillsEachPlaneWithTheRowsAndZeros) {
   AudioBench bench({}, 18);
   for (int i = 3; i < 18; ++i) bench.model.config.classNames.push_back(std::to_string(i));
   bench.model.config.classNames.resize(18);
-  for (const std::string& name : bench.model.config.classNames)
-    bench.frame.wantedLabels.insert(name);
+  for (const std::string& name : bench.model.config.classNames) bench.frame.wantedLabels.insert(name);
   const std::pair<std::string, float> cases[] = {
       {"[[1, 2, 9], [4, 5, 6]]", 9.0F / 81.0F},      // 27 three times; the greatest is in place 2
       {"[[1, 2, 9], [4]]", 9.0F / 48.0F},            // what no row fills is 0, not the last block's
@@ -338,9 +326,8 @@ TEST(OvClassifyAudioNet, FailsWithoutAService) {
   VsaFrame frame = audioFrame(pcm);
   LogCapture log;
   EXPECT_FALSE(VsaModelClassify(&model.context, &frame));
-  EXPECT_EQ(log.texts(),
-            Texts{"[E]curl_easy_perform error: url=http://127.0.0.1:9555/api/audioToMelSpec, "
-                  "Couldn't connect to server"});
+  EXPECT_EQ(log.texts(), Texts{"[E]curl_easy_perform error: url=http://127.0.0.1:9555/api/audioToMelSpec, "
+                               "Couldn't connect to server"});
 }
 
 }  // namespace

@@ -97,9 +97,9 @@ TEST(EntryPoints, NullPointersGiveOneErrorLine) {
   EXPECT_FALSE(VsaModelFeature(&model.context, nullptr));
   EXPECT_FALSE(VsaHardwareDecodeInit(nullptr));
   VsaGetDeviceSet(nullptr);
-  EXPECT_EQ(log.texts(), (Texts{"[E]context is null", "[E]config is null", "[E]context is null",
-                                "[E]context has no models", "[E]context has no models",
-                                "[E]context is null", "[E]device set is null"}));
+  EXPECT_EQ(log.texts(),
+            (Texts{"[E]context is null", "[E]config is null", "[E]context is null", "[E]context has no models",
+                   "[E]context has no models", "[E]context is null", "[E]device set is null"}));
 }
 
 TEST(EntryPoints, CodecsReportFailureSilently) {
@@ -139,10 +139,8 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
 
 TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
   LogCapture log;
-  const char* const cases[][3] = {{"yolo", "best", "root/yolo/best"},
-                                  {"", "best", "root//best"},
-                                  {"yolo", "", "root/yolo/"},
-                                  {"", "", "root"}};
+  const char* const cases[][3] = {
+      {"yolo", "best", "root/yolo/best"}, {"", "best", "root//best"}, {"yolo", "", "root/yolo/"}, {"", "", "root"}};
   for (const auto& [folder, file, path] : cases) {
     TestModel model("Detect", "YOLO8", "root");
     model.config.modelDir = folder;
@@ -185,8 +183,7 @@ TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
 
 TEST(Devices, AnyGpuAddsTheAggregateName) {
   const std::pair<std::vector<std::string>, VsaDeviceSet> cases[] = {
-      {{"CPU", "GPU.0", "GPU.1"},
-       {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
+      {{"CPU", "GPU.0", "GPU.1"}, {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
       {{"GPU"}, {"OpenVINO-GPU"}},
       {{"GP", "NPU"}, {"OpenVINO-GP", "OpenVINO-NPU"}},
       {{}, {}},
@@ -209,9 +206,8 @@ TEST(Records, ObjectsClampTheirBoxAndStartWithTheirDefaults) {
     EXPECT_EQ(made.angle, -1.0F);
     EXPECT_EQ(made.classifyScore, 0.0F);
     EXPECT_EQ(made.textScore, 0.0F);
-    for (const int unset :
-         {made.cornerX2, made.cornerY2, made.cornerX3, made.cornerY3, made.reserved88,
-          made.classifyId, made.textId, made.reserved204, made.reserved208, made.reserved240}) {
+    for (const int unset : {made.cornerX2, made.cornerY2, made.cornerX3, made.cornerY3, made.reserved88,
+                            made.classifyId, made.textId, made.reserved204, made.reserved208, made.reserved240}) {
       EXPECT_EQ(unset, -1);
     }
     for (const int word : made.reserved244) EXPECT_EQ(word, 0);

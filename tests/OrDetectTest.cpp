@@ -41,10 +41,7 @@ TEST(OrDetect, DecodesEachFamily) {
   const Case cases[] = {
       {"YOLO8", "yolo8", {{23, 22, 43, 42}, {6, 6, 10, 10}}, {0.75F, 0.3F}},
       {"YOLO5", "yolo5", {{22, 22, 42, 42}, {6, 6, 10, 10}}, {0.9F, 0.5F}},
-      {"YOLO26",
-       "yolo26",
-       {{22, 22, 42, 42}, {22, 22, 42, 42}, {0, 0, 64, 64}},
-       {0.5F, 0.5F, 0.7F}},
+      {"YOLO26", "yolo26", {{22, 22, 42, 42}, {22, 22, 42, 42}, {0, 0, 64, 64}}, {0.5F, 0.5F, 0.7F}},
   };
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
@@ -54,8 +51,7 @@ TEST(OrDetect, DecodesEachFamily) {
     LogCapture log;
     EXPECT_TRUE(model.detect(frame));
     EXPECT_EQ(boxesOf(frame), c.boxes) << c.model;
-    for (std::size_t i = 0; i < frame.objects.size(); ++i)
-      EXPECT_EQ(frame.objects[i].score, c.scores.at(i));
+    for (std::size_t i = 0; i < frame.objects.size(); ++i) EXPECT_EQ(frame.objects[i].score, c.scores.at(i));
     VsaFrame nothingWanted = frameOf(image);
     EXPECT_TRUE(model.detect(nothingWanted));
     EXPECT_TRUE(nothingWanted.objects.empty());
@@ -77,8 +73,7 @@ TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
     }
     const std::vector<LogLine> lines = log.take();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[0].text,
-              "[I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU");
+    EXPECT_EQ(lines[0].text, "[I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU");
     EXPECT_EQ(lines[1].text, "[I]");
     for (const LogLine& line : lines) EXPECT_EQ(line.file, "Core/OnnxRuntime/OrDetect" + name);
   }
@@ -92,10 +87,8 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
       {"dynamic_input", "input_height=-1,input_width=-1"},
       {"rank_2_input", "network input is no picture,type=1,element=1,dimensions=[3,64]"},
       {"dynamic_output", "network output has no fixed size,[1,6,-1]"},
-      {"rank_2_output",
-       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
-      {"scalar_output",
-       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
+      {"rank_2_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
+      {"scalar_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
       {"list_output", "network output is no float tensor of rank 3,type=2,element=0,dimensions=[]"},
   };
   cv::Mat image = randomImage(64, 64);
@@ -169,8 +162,7 @@ TEST(BothEngines, AgreeOnTheSameNetworkAndFrame) {
     TestModel ir("Detect", name, path(file));
     for (TestModel* model : {static_cast<TestModel*>(&onnx), &ir}) {
       model->setInput(side, side == 8 ? 4 : side);
-      model->setClasses(side == 8 ? std::vector<std::string>{"a"}
-                                  : std::vector<std::string>{"a", "b"});
+      model->setClasses(side == 8 ? std::vector<std::string>{"a"} : std::vector<std::string>{"a", "b"});
       ASSERT_TRUE(model->init());
     }
     for (std::uint64_t seed = 1; seed < 6; ++seed) {

@@ -137,11 +137,9 @@ TEST(OvDetectYolo8, ShowsTheNetworkTheLetterboxedFrameToTheBit) {
     const float scale = static_cast<float>(std::max(size.width, size.height)) / kHeight;
     std::vector<float> seen(3 * kWidth * kHeight, 0.0F);
     const int columns = static_cast<int>(seen.size());
-    std::vector<int> placeOf(
-        static_cast<std::size_t>(4.0F * static_cast<float>(columns) * scale) + 2, -1);
+    std::vector<int> placeOf(static_cast<std::size_t>(4.0F * static_cast<float>(columns) * scale) + 2, -1);
     for (int i = 0; i < columns; ++i) {
-      placeOf[static_cast<std::size_t>(
-          std::max(0, static_cast<int>(static_cast<float>(4 * i - 1) * scale)))] = i;
+      placeOf[static_cast<std::size_t>(std::max(0, static_cast<int>(static_cast<float>(4 * i - 1) * scale)))] = i;
     }
     std::size_t bright = 0;
     for (const VsaObject& object : frame.objects) {
@@ -149,8 +147,8 @@ TEST(OvDetectYolo8, ShowsTheNetworkTheLetterboxedFrameToTheBit) {
       ++bright;
     }
     const auto input = TolCompatibleLib::letterbox(image, {kWidth, kHeight});
-    const cv::Mat blob = cv::dnn::blobFromImage(
-        input->canvas, 0.00392156862745098, {kWidth, kHeight}, cv::Scalar(), true, false, CV_32F);
+    const cv::Mat blob = cv::dnn::blobFromImage(input->canvas, 0.00392156862745098, {kWidth, kHeight}, cv::Scalar(),
+                                                true, false, CV_32F);
     const std::vector<float> expected(blob.ptr<float>(), blob.ptr<float>() + columns);
     EXPECT_EQ(seen, expected) << size;
     EXPECT_GT(bright, 0U);
@@ -187,9 +185,8 @@ TEST(OvDetectYolo8, RefusesOutputsThatDoNotFit) {
   VsaFrame frame = frameOf(image, {"a"});
   frame.objects.resize(1);
   for (const Case& c : cases) {
-    TestModel model(
-        "Detect", "YOLO8",
-        writeConstant({1, 3, 64, 64}, c.output, std::vector<float>(ov::shape_size(c.output), 1)));
+    TestModel model("Detect", "YOLO8",
+                    writeConstant({1, 3, 64, 64}, c.output, std::vector<float>(ov::shape_size(c.output), 1)));
     model.setInput(64, 64);
     model.setClasses({"a"});
     model.config.classCount = c.classCount;
@@ -197,10 +194,10 @@ TEST(OvDetectYolo8, RefusesOutputsThatDoNotFit) {
     expectRefused(model, frame, c.line);
     expectRefused(model, frame, c.line);
   }
-  TestModel integers("Detect", "YOLO8", writeNetwork({1, 3, 64, 64}, [](const auto&) {
-                       return ov::OutputVector{ov::opset8::Constant::create(
-                           ov::element::i32, {1, 5, 1}, {1, 1, 1, 1, 1})};
-                     }));
+  TestModel integers(
+      "Detect", "YOLO8", writeNetwork({1, 3, 64, 64}, [](const auto&) {
+        return ov::OutputVector{ov::opset8::Constant::create(ov::element::i32, {1, 5, 1}, {1, 1, 1, 1, 1})};
+      }));
   integers.setInput(64, 64);
   integers.setClasses({"a"});
   ASSERT_TRUE(integers.init());
@@ -241,8 +238,7 @@ TEST(OvDetectYolo8, RefusesFramesWithoutPixelsAndRunsTheNextOne) {
   ASSERT_TRUE(model.init());
   cv::Mat image = randomImage(64, 64);
   const VsaFrame good = frameOf(image, {"a"});
-  const auto refused = [&](void* data, std::uint32_t width, std::uint32_t height,
-                           const std::string& line) {
+  const auto refused = [&](void* data, std::uint32_t width, std::uint32_t height, const std::string& line) {
     VsaFrame frame = good;
     frame.data = data;
     frame.width = width;
@@ -252,8 +248,7 @@ TEST(OvDetectYolo8, RefusesFramesWithoutPixelsAndRunsTheNextOne) {
   refused(nullptr, 64, 64, "[E]frame data is null");
   refused(image.data, 0, 64, "[E]frame has no pixels,width=0,height=64");
   refused(image.data, 64, 0, "[E]frame has no pixels,width=64,height=0");
-  refused(image.data, 0xFFFFFFFFU, 0xFFFFFFFFU,
-          "[E]frame is too large,width=4294967295,height=4294967295");
+  refused(image.data, 0xFFFFFFFFU, 0xFFFFFFFFU, "[E]frame is too large,width=4294967295,height=4294967295");
   refused(image.data, 0x10000, 0x10000, "[E]frame is too large,width=65536,height=65536");
   refused(image.data, 4000, 1,
           "[E]frame leaves no pixel in the network "
@@ -273,8 +268,7 @@ TEST(OvDetectYolo8, RefusesFramesWithoutPixelsAndRunsTheNextOne) {
 
 TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
   // Centre x is red over red: 1 where the frame is red, NaN where it is black.
-  TestModel model("Detect", "YOLO8",
-                  writeNetwork({1, 3, 8, 8}, [](const ov::Output<ov::Node>& input) {
+  TestModel model("Detect", "YOLO8", writeNetwork({1, 3, 8, 8}, [](const ov::Output<ov::Node>& input) {
                     const auto red = reshaped(sliced(reshaped(input, {192}), 0, 0, 1), {1, 1, 1});
                     const auto one = std::make_shared<ov::opset8::Divide>(red, red);
                     return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
@@ -297,10 +291,8 @@ TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
 }
 
 TEST(OvDetectYolo8, ClassesWithoutANameAreLeftOutAfterSuppression) {
-  TestModel model(
-      "Detect", "YOLO8",
-      constantDetector(
-          {{32, 32, 20, 20, 0.5F, 0}, {33, 32, 20, 20, 0, 0.75F}, {8, 8, 4, 4, 0.5F, 0}}));
+  TestModel model("Detect", "YOLO8",
+                  constantDetector({{32, 32, 20, 20, 0.5F, 0}, {33, 32, 20, 20, 0, 0.75F}, {8, 8, 4, 4, 0.5F, 0}}));
   model.setInput(64, 64);
   model.setClasses({"cat"});
   model.config.classCount = 2;

@@ -116,10 +116,8 @@ TEST(OvDetectors, RefuseOutputsOfAnotherSize) {
       {"YOLO8-Seg", {1, 35, 3}, 0xFFFFFFFFU, "[E]Yolo8-Seg dimensions error:35"},
   };
   for (const Case& c : cases) {
-    Bench bench(
-        c.model,
-        writeConstant({1, 3, 64, 64}, c.output, std::vector<float>(ov::shape_size(c.output), 0.1F)),
-        {"a"});
+    Bench bench(c.model, writeConstant({1, 3, 64, 64}, c.output, std::vector<float>(ov::shape_size(c.output), 0.1F)),
+                {"a"});
     bench.model.config.classCount = c.classCount;
     EXPECT_EQ(bench.run(), c.line == nullptr) << c.model << c.output;
     EXPECT_EQ(bench.lines, c.line == nullptr ? Texts{} : Texts{c.line});
@@ -132,9 +130,8 @@ TEST(OvDetectors, RefuseFramesAndNetworksThatDoNotFit) {
     Bench bench(name, writeConstant({1, 3, 32, 32}, {1, 1, 1}, {1}), {"a"});
     EXPECT_FALSE(bench.run());
     const bool bytes = std::string(name) == "YOLO5";
-    EXPECT_EQ(bench.lines,
-              Texts{bytes ? "[E]network input is u8[1,32,32,3],expected u8[1,64,64,3]"
-                          : "[E]network input is f32[1,3,32,32],expected f32[1,3,64,64]"});
+    EXPECT_EQ(bench.lines, Texts{bytes ? "[E]network input is u8[1,32,32,3],expected u8[1,64,64,3]"
+                                       : "[E]network input is f32[1,3,32,32],expected f32[1,3,64,64]"});
     bench.frame.data = nullptr;
     EXPECT_FALSE(bench.run());
     EXPECT_EQ(bench.lines, Texts{"[E]frame data is null"});
@@ -170,8 +167,8 @@ TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
   // the others.
   const auto network = writeNetwork({1, 3, 64, 64}, [](const ov::Output<ov::Node>& input) {
     const auto corner = reshaped(sliced(sliced(input, 2, 0, 1), 3, 0, 1), {1, 1, 3});
-    return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
-        ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), corner}, 2)};
+    return ov::OutputVector{
+        std::make_shared<ov::opset8::Concat>(ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), corner}, 2)};
   });
   Bench bench("YOLO5", network, {"green", "red"});
   bench.model.config.scoreThreshold = 0.1F;
@@ -183,11 +180,11 @@ TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
 }
 
 TEST(OvDetectYolo26, ScalesEachCornerAndKeepsRowOrder) {
-  Bench bench("YOLO26",
-              rowsNetwork({{1.4F, 2.6F, 10.3F, 20.2F, 0.5F, 1},
-                           {1.4F, 2.6F, 10.3F, 20.2F, 0.9F, 0},
-                           {-5, -5, 80, 80, 0.7F, 1}}),
-              {"a", "b"});
+  Bench bench(
+      "YOLO26",
+      rowsNetwork(
+          {{1.4F, 2.6F, 10.3F, 20.2F, 0.5F, 1}, {1.4F, 2.6F, 10.3F, 20.2F, 0.9F, 0}, {-5, -5, 80, 80, 0.7F, 1}}),
+      {"a", "b"});
   EXPECT_TRUE(bench.run());
   EXPECT_EQ(bench.boxes(), (Boxes{{2, 5, 20, 40}, {2, 5, 20, 40}, {0, 0, 128, 128}}));
   Bench bad("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}}), {"a"});
@@ -220,8 +217,7 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   EXPECT_TRUE(bench.run());
   ASSERT_EQ(bench.frame.objects.size(), 1U);
   const VsaObject& object = bench.frame.objects[0];
-  EXPECT_EQ(boxOf(object),
-            (std::vector<int>{43, 43, 84, 84}));  // (32 - 10.3) * 2 = 43.4, 41.2 wide
+  EXPECT_EQ(boxOf(object), (std::vector<int>{43, 43, 84, 84}));  // (32 - 10.3) * 2 = 43.4, 41.2 wide
   EXPECT_EQ(object.className, "person");
   EXPECT_EQ(object.classId, 0);
   ASSERT_EQ(object.shapes.size(), 1U);
@@ -247,16 +243,14 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   none.model.config.classCount = 0;
   EXPECT_TRUE(none.run());
   EXPECT_TRUE(none.frame.objects.at(0).shapes.at(0).points.empty());
-  Bench bad("YOLO8-POSE", rowsNetwork(turned({{32, 32, 20, 20, 0.5F, 1, kNan, 0, 1, 1, 1}})),
-            {"thing"});
+  Bench bad("YOLO8-POSE", rowsNetwork(turned({{32, 32, 20, 20, 0.5F, 1, kNan, 0, 1, 1, 1}})), {"thing"});
   bad.model.config.classCount = 2;
   EXPECT_FALSE(bad.run());
   EXPECT_EQ(bad.lines.size(), 1U);
 }
 
 /// Prototypes of 16 x 12, each 10 inside its rectangles and -10 elsewhere.
-std::vector<float> prototypesOf(const std::vector<std::vector<cv::Rect>>& masks,
-                                std::size_t count = 32) {
+std::vector<float> prototypesOf(const std::vector<std::vector<cv::Rect>>& masks, std::size_t count = 32) {
   std::vector<float> planes(count * 192, -10.0F);
   for (std::size_t i = 0; i < masks.size(); ++i) {
     cv::Mat plane(12, 16, CV_32FC1, planes.data() + i * 192);
@@ -280,15 +274,13 @@ std::string segmentationNetwork(const Table& rows, const std::vector<float>& pro
 
 TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
   using namespace TolCompatibleLib;
-  const std::vector<float> prototypes =
-      prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
+  const std::vector<float> prototypes = prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
   Bench bench("YOLO8-Seg",
-              segmentationNetwork({{9, 9, 9, 9, 0.1F, 0.2F},  // below the threshold
-                                   {28.5F, 22.5F, 11, 23, 0,
-                                    0.9F},  // a mask that goes on outside its box, and a dot
-                                   {50, 10, 8, 8, 0.8F, 0},    // no mask pixel above one half
-                                   {60, 44, 30, 30, 0.7F, 0},  // over the corner
-                                   {90, 90, 8, 8, 0.6F, 0}},   // outside
+              segmentationNetwork({{9, 9, 9, 9, 0.1F, 0.2F},         // below the threshold
+                                   {28.5F, 22.5F, 11, 23, 0, 0.9F},  // a mask that goes on outside its box, and a dot
+                                   {50, 10, 8, 8, 0.8F, 0},          // no mask pixel above one half
+                                   {60, 44, 30, 30, 0.7F, 0},        // over the corner
+                                   {90, 90, 8, 8, 0.6F, 0}},         // outside
                                   prototypes),
               {"a", "b"});
   bench.model.setInput(64, 48);
@@ -326,9 +318,8 @@ TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
 
 TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {
   const Table rows = {{24, 28, 16, 16, 0.9F}};
-  const std::pair<std::size_t, const char*> cases[] = {
-      {16, "[E]Yolo8-Seg mask coeffs dimensions error:16"},
-      {64, "[E]Yolo8-Seg mask coeffs dimensions error:64"}};
+  const std::pair<std::size_t, const char*> cases[] = {{16, "[E]Yolo8-Seg mask coeffs dimensions error:16"},
+                                                       {64, "[E]Yolo8-Seg mask coeffs dimensions error:64"}};
   for (const auto& [count, line] : cases) {
     Bench bench("YOLO8-Seg", segmentationNetwork(rows, prototypesOf({}, count)), {"a"});
     bench.model.setInput(64, 48);

@@ -26,9 +26,8 @@ TEST(BestClass, IsTheFirstMaximumAndItsShareOfThePositiveScores) {
     int classId;
     float score;
   };
-  const Case cases[] = {
-      {{1, 3}, 1, 0.75F},       {{2, 2, -4}, 0, 0.5F},   {{-3, -1, -2}, 1, 1.0F}, {{0, 0}, 0, 1.0F},
-      {{kNan, 1, 3}, 2, 0.75F}, {{kNan, kNan}, 0, 1.0F}, {{5}, 0, 1.0F},          {{}, -1, 1.0F}};
+  const Case cases[] = {{{1, 3}, 1, 0.75F},       {{2, 2, -4}, 0, 0.5F},   {{-3, -1, -2}, 1, 1.0F}, {{0, 0}, 0, 1.0F},
+                        {{kNan, 1, 3}, 2, 0.75F}, {{kNan, kNan}, 0, 1.0F}, {{5}, 0, 1.0F},          {{}, -1, 1.0F}};
   for (const Case& c : cases) {
     const ClassScore best = bestClass(c.scores);
     EXPECT_EQ(best.classId, c.classId);
@@ -93,8 +92,7 @@ TEST(OvClassifyResNet, ClassifiesEveryObjectAndDropsTheOthers) {
 }
 
 TEST(OvClassifyResNet, ScoresMayEqualTheThreshold) {
-  const auto kept = [](const std::vector<float>& scores, float threshold,
-                       std::vector<std::string> names) {
+  const auto kept = [](const std::vector<float>& scores, float threshold, std::vector<std::string> names) {
     TestModel model("Classify", "ResNet", writeConstant({1, 3, 8, 8}, {1, scores.size()}, scores));
     model.setInput(8, 8);
     model.setClasses(std::move(names));
@@ -139,21 +137,15 @@ TEST(ObjectModels, LeaveTheListAsItWasWhenARunFails) {
     const char* line;
   };
   const Case cases[] = {
-      {"Classify", "ResNet", VsaModelClassify, 2,
-       "[E]network output is f32[1,2],expected f32 of at least 3"},
-      {"Track", "DeepSort", VsaModelFeature, 255,
-       "[E]network output is f32[1,255],expected f32 of at least 256"},
-      {"Track", "VsFaceNet", VsaModelFeature, 127,
-       "[E]network output is f32[1,127],expected f32 of at least 128"},
-      {"Track", "VsOCR", VsaModelFeature, 0,
-       "[E]network output is i32[1,5],expected f32 of at least 5"},
+      {"Classify", "ResNet", VsaModelClassify, 2, "[E]network output is f32[1,2],expected f32 of at least 3"},
+      {"Track", "DeepSort", VsaModelFeature, 255, "[E]network output is f32[1,255],expected f32 of at least 256"},
+      {"Track", "VsFaceNet", VsaModelFeature, 127, "[E]network output is f32[1,127],expected f32 of at least 128"},
+      {"Track", "VsOCR", VsaModelFeature, 0, "[E]network output is i32[1,5],expected f32 of at least 5"},
   };
   for (const Case& c : cases) {
     const auto network = writeNetwork({1, 3, 8, 8}, [&](const ov::Output<ov::Node>&) {
-      if (c.shortOutput > 0)
-        return ov::OutputVector{floats({1, c.shortOutput}, std::vector<float>(c.shortOutput, 1))};
-      return ov::OutputVector{
-          ov::opset8::Constant::create(ov::element::i32, {1, 5}, std::vector<int>(5, 1))};
+      if (c.shortOutput > 0) return ov::OutputVector{floats({1, c.shortOutput}, std::vector<float>(c.shortOutput, 1))};
+      return ov::OutputVector{ov::opset8::Constant::create(ov::element::i32, {1, 5}, std::vector<int>(5, 1))};
     });
     TestModel model(c.category, c.name, network);
     model.setInput(8, 8);
@@ -163,20 +155,17 @@ TEST(ObjectModels, LeaveTheListAsItWasWhenARunFails) {
     expectUntouched(model, thirds.frame, c.run, c.line);
 
     // A region outside the picture, behind good ones; and a network of another size.
-    TestModel good(c.category, c.name,
-                   writeConstant({1, 3, 8, 8}, {1, 1, 300}, std::vector<float>(300, 1)));
+    TestModel good(c.category, c.name, writeConstant({1, 3, 8, 8}, {1, 1, 300}, std::vector<float>(300, 1)));
     good.setInput(8, 8);
     good.setClasses({"a", "b", "c"});
     ASSERT_TRUE(good.init());
     thirds.frame.objects.push_back(boxObject(50, 0, 70, 20));
     thirds.frame.objects.back().right = 70;
     expectUntouched(good, thirds.frame, c.run, "");
-    TestModel other(c.category, c.name,
-                    writeConstant({1, 3, 16, 8}, {1, 300}, std::vector<float>(300, 1)));
+    TestModel other(c.category, c.name, writeConstant({1, 3, 16, 8}, {1, 300}, std::vector<float>(300, 1)));
     other.setInput(8, 8);
     ASSERT_TRUE(other.init());
-    expectUntouched(other, thirds.frame, c.run,
-                    "[E]network input is f32[1,3,16,8],expected f32[1,3,8,8]");
+    expectUntouched(other, thirds.frame, c.run, "[E]network input is f32[1,3,16,8],expected f32[1,3,8,8]");
     thirds.frame.objects.pop_back();
     thirds.frame.wantedLabels = {"a"};
     EXPECT_TRUE(c.run(&good.context, &thirds.frame));
@@ -186,11 +175,9 @@ TEST(ObjectModels, LeaveTheListAsItWasWhenARunFails) {
 
 /// A network whose output is its input from float `begin` on.
 std::string echoFrom(int width, int height, int begin, bool dynamic = false) {
-  const ov::PartialShape shape =
-      dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
+  const ov::PartialShape shape = dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
   return writeNetwork(shape, [&](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{
-        sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
+    return ov::OutputVector{sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
   });
 }
 
@@ -201,16 +188,14 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
     std::size_t length;
   };
   const cv::Size input(16, 24);  // 1152 floats, of which the network gives all but the first 700
-  for (const Case& c :
-       {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
+  for (const Case& c : {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
     for (const bool dynamic : {false, true}) {
       TestModel model("Track", c.name, echoFrom(input.width, input.height, 700, dynamic));
       model.setInput(16, 24);
       ASSERT_TRUE(model.init());
       cv::Mat image = randomImage(60, 50, 23);
       VsaFrame frame = frameOf(image);
-      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50),
-                       boxObject(5, 5, 9, 7)};
+      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50), boxObject(5, 5, 9, 7)};
       frame.objects[1].feature.assign(1000, 5.0F);
       for (int run = 0; run < 2; ++run) {
         EXPECT_TRUE(model.feature(frame));
@@ -218,8 +203,8 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
         for (const VsaObject& object : frame.objects) {
           std::vector<float> planes(static_cast<std::size_t>(3 * input.area()));
           c.fit(regionOf(image, object), input, planes.data());
-          const std::vector<float> expected(
-              planes.begin() + 700, planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
+          const std::vector<float> expected(planes.begin() + 700,
+                                            planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
           EXPECT_EQ(object.feature, expected);
         }
       }

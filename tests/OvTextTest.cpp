@@ -17,9 +17,8 @@ const ov::PartialShape kAnySize{1, 3, -1, -1};
 
 /// A text detector that takes the first plane of its input for the probability.
 std::string firstPlaneDetector() {
-  return writeNetwork(kAnySize, [](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{sliced(input, 1, 0, 1)};
-  });
+  return writeNetwork(kAnySize,
+                      [](const ov::Output<ov::Node>& input) { return ov::OutputVector{sliced(input, 1, 0, 1)}; });
 }
 
 std::vector<int> cornersOf(const VsaObject& o) {
@@ -103,9 +102,8 @@ TEST(OvDetectPaddleOCR, RefusesMapsThatAreNone) {
       {{0, 1, 32, 32}, "[E]network output is too short,[0,1,32,32]"},
   };
   for (const auto& [shape, line] : cases) {
-    TestModel model(
-        "Detect", "PaddleOCR",
-        writeConstant(kAnySize, shape, std::vector<float>(ov::shape_size(shape), 0.9F)));
+    TestModel model("Detect", "PaddleOCR",
+                    writeConstant(kAnySize, shape, std::vector<float>(ov::shape_size(shape), 0.9F)));
     ASSERT_TRUE(model.init());
     cv::Mat image = randomImage(64, 64);
     VsaFrame frame = frameOf(image);
@@ -117,8 +115,7 @@ TEST(OvDetectPaddleOCR, RefusesMapsThatAreNone) {
 }
 
 TEST(OvDetectPaddleOCR, ANetworkOfAFixedSizeIsTheEnginesToRefuse) {
-  TestModel model("Detect", "PaddleOCR",
-                  writeConstant({1, 3, 32, 32}, {1, 1, 32, 32}, std::vector<float>(1024, 0.9F)));
+  TestModel model("Detect", "PaddleOCR", writeConstant({1, 3, 32, 32}, {1, 1, 32, 32}, std::vector<float>(1024, 0.9F)));
   ASSERT_TRUE(model.init());
   cv::Mat large = randomImage(64, 64);
   VsaFrame frame = frameOf(large);
@@ -231,8 +228,8 @@ TEST(OvFeaturePaddleOCR, RegionsWithoutPixelsAreDropped) {
   const int most = std::numeric_limits<int>::max();
   const int least = std::numeric_limits<int>::min();
   for (const VsaObject& degenerate :
-       {boxObject(5, 5, 5, 20), boxObject(20, 20, 5, 5), boxObject(500, 0, 600, 40),
-        boxObject(-40, 0, 0, 40), boxObject(0, 0, 40, -3), boxObject(most, most, least, least)}) {
+       {boxObject(5, 5, 5, 20), boxObject(20, 20, 5, 5), boxObject(500, 0, 600, 40), boxObject(-40, 0, 0, 40),
+        boxObject(0, 0, 40, -3), boxObject(most, most, least, least)}) {
     frame.objects.push_back(degenerate);
     frame.objects.push_back(boxObject(least, 0, most, most));
   }
@@ -269,8 +266,7 @@ TEST(OvFeaturePaddleOCR, OneNameChoosesTheBuiltInDictionary) {
 }
 
 TEST(OvFeaturePaddleOCR, RefusedOutputsLeaveTheListAsItWas) {
-  TestModel model("Track", "PaddleOCR",
-                  writeConstant({1, 3, 48, 320}, {40, 3}, std::vector<float>(120, 1)));
+  TestModel model("Track", "PaddleOCR", writeConstant({1, 3, 48, 320}, {40, 3}, std::vector<float>(120, 1)));
   model.setClasses({"blank", "g", "r"});
   ASSERT_TRUE(model.init());
   cv::Mat image = bands({kGreen, kRed});

@@ -67,8 +67,7 @@ std::vector<float> planesOf(const cv::Mat& image) {
   std::vector<cv::Mat> channels;
   cv::split(image, channels);
   std::vector<float> planes;
-  for (const cv::Mat& channel : channels)
-    planes.insert(planes.end(), channel.begin<float>(), channel.end<float>());
+  for (const cv::Mat& channel : channels) planes.insert(planes.end(), channel.begin<float>(), channel.end<float>());
   return planes;
 }
 
@@ -79,22 +78,19 @@ TEST(Planes, OfYoloNetworksAreThoseOfTheLetterboxedBlob) {
   cv::RNG random(29);
   for (int round = 0; round < 120; ++round) {
     const cv::Size input(random.uniform(1, 90), random.uniform(1, 90));
-    const cv::Size frame =
-        round < 6 ? kOddSizes[round] : cv::Size(random.uniform(1, 300), random.uniform(1, 300));
+    const cv::Size frame = round < 6 ? kOddSizes[round] : cv::Size(random.uniform(1, 300), random.uniform(1, 300));
     const cv::Mat image = randomImage(frame.width, frame.height, static_cast<std::uint64_t>(round));
     LogCapture log;
     const auto boxed = letterbox(image, input);
     const auto count = static_cast<std::size_t>(3 * input.area());
     std::optional<float> scale;
-    const std::vector<float> planes =
-        filled(count, [&](float* out) { scale = letterboxPlanes(image, input, out); });
+    const std::vector<float> planes = filled(count, [&](float* out) { scale = letterboxPlanes(image, input, out); });
     ASSERT_EQ(boxed.has_value(), scale.has_value());
     if (!boxed) continue;
     EXPECT_EQ(*scale, boxed->scale);
-    const cv::Mat blob = cv::dnn::blobFromImage(boxed->canvas, 0.00392156862745098, input,
-                                                cv::Scalar(), true, false, CV_32F);
-    EXPECT_EQ(planes, std::vector<float>(blob.ptr<float>(), blob.ptr<float>() + count))
-        << frame << input;
+    const cv::Mat blob =
+        cv::dnn::blobFromImage(boxed->canvas, 0.00392156862745098, input, cv::Scalar(), true, false, CV_32F);
+    EXPECT_EQ(planes, std::vector<float>(blob.ptr<float>(), blob.ptr<float>() + count)) << frame << input;
   }
 }
 
@@ -159,15 +155,11 @@ TEST(Planes, OfTheImageClassifierMixUpTheStatisticsOfRedAndBlue) {
          {std::tuple{2, 0.406F, 0.225F}, {1, 0.456F, 0.224F}, {0, 0.485F, 0.229F}}) {
       for (int y = 0; y < target.height; ++y) {
         for (int x = 0; x < target.width; ++x) {
-          expected.push_back(
-              (static_cast<float>(resized.at<cv::Vec3b>(y, x)[channel]) / 255.0F - mean) /
-              deviation);
+          expected.push_back((static_cast<float>(resized.at<cv::Vec3b>(y, x)[channel]) / 255.0F - mean) / deviation);
         }
       }
     }
-    EXPECT_EQ(filled(expected.size(),
-                     [&](float* planes) { fillClassifierPlanes(region, target, planes); }),
-              expected);
+    EXPECT_EQ(filled(expected.size(), [&](float* planes) { fillClassifierPlanes(region, target, planes); }), expected);
   }
 }
 
@@ -187,14 +179,12 @@ TEST(Planes, OfEmbeddingsAreFittedByTheWidthAndCentred) {
       const int top = (c.input.height - c.scaled.height) / 2;
       const int left = (c.input.width - c.scaled.width) / 2;
       cv::copyMakeBorder(image, image, top, c.input.height - c.scaled.height - top, left,
-                         c.input.width - c.scaled.width - left, cv::BORDER_CONSTANT,
-                         cv::Scalar(grey, grey, grey, 0));
+                         c.input.width - c.scaled.width - left, cv::BORDER_CONSTANT, cv::Scalar(grey, grey, grey, 0));
       image.convertTo(image, CV_32FC3, 0.00392156862745098);
       return image;
     };
     const auto count = static_cast<std::size_t>(3 * c.input.area());
-    EXPECT_EQ(filled(count, [&](float* planes) { FitToInput(region, c.input, planes); }),
-              planesRedFirst(literal(128)));
+    EXPECT_EQ(filled(count, [&](float* planes) { FitToInput(region, c.input, planes); }), planesRedFirst(literal(128)));
     cv::Mat normalised = literal(114);
     cv::subtract(normalised, cv::Scalar(0.406F, 0.456F, 0.485F), normalised);
     cv::divide(normalised, cv::Scalar(0.225F, 0.224F, 0.229F), normalised);
@@ -214,18 +204,14 @@ TEST(Planes, OfTheSecondRecogniserUseTheFoldedConstants) {
   cv::Mat resized;
   cv::resize(region, resized, target, 0, 0, cv::INTER_LINEAR);
   std::vector<float> expected;
-  for (const auto& [channel, factor, offset] : {std::tuple{2, 0.017124755F, 2.117904F},
-                                                {1, 0.017507004F, 2.0357141F},
-                                                {0, 0.017429195F, 1.8044444F}}) {
+  for (const auto& [channel, factor, offset] :
+       {std::tuple{2, 0.017124755F, 2.117904F}, {1, 0.017507004F, 2.0357141F}, {0, 0.017429195F, 1.8044444F}}) {
     for (int i = 0; i < target.area(); ++i) {
-      const volatile float product =
-          static_cast<float>(resized.ptr<cv::Vec3b>()[i][channel]) * factor;
+      const volatile float product = static_cast<float>(resized.ptr<cv::Vec3b>()[i][channel]) * factor;
       expected.push_back(product - offset);
     }
   }
-  EXPECT_EQ(
-      filled(expected.size(), [&](float* planes) { PrepareOcrInput(region, target, planes); }),
-      expected);
+  EXPECT_EQ(filled(expected.size(), [&](float* planes) { PrepareOcrInput(region, target, planes); }), expected);
 }
 
 TEST(Regions, OutsideThePictureAreOpenCvsToRefuse) {

@@ -16,10 +16,9 @@ TEST(Dictionary, HoldsThePublishedListInGbk) {
   const CharacterDictionary dictionary = CharacterDictionary::builtIn();
   ASSERT_EQ(dictionary.size(), 6624U);
   const std::pair<std::size_t, const char*> entries[] = {
-      {0, "blank"}, {1, "'"},           {2, "\xC1\xC6"},   {18, "\xE3\xEA"}, {19, "\xBC\xC6"},
-      {25, "2"},    {26, "0"},          {27, "8"},         {28, "-"},        {29, "7"},
-      {31, ">"},    {32, ":"},          {33, "]"},         {34, ","},        {93, "1"},
-      {94, "3"},    {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
+      {0, "blank"}, {1, "'"},  {2, "\xC1\xC6"}, {18, "\xE3\xEA"}, {19, "\xBC\xC6"},   {25, "2"},
+      {26, "0"},    {27, "8"}, {28, "-"},       {29, "7"},        {31, ">"},          {32, ":"},
+      {33, "]"},    {34, ","}, {93, "1"},       {94, "3"},        {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
   for (const auto& [index, text] : entries) EXPECT_EQ(dictionary[index], text) << index;
 
   std::array<int, 3> byLength{};
@@ -66,8 +65,7 @@ TEST(CtcGreedyDecode, TheFirstOfEqualsWinsAndNanNever) {
   const std::vector<float> scores = {0, 1, 1, kNan, kNan, kNan, kNan, 1, 2, 1, 1, 1};
   EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 3}, letters), "ab");
   EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 0}, letters), "");
-  EXPECT_EQ(CtcGreedyDecode({scores.data(), 1, 3}, CharacterDictionary(std::vector<std::string>{})),
-            "");
+  EXPECT_EQ(CtcGreedyDecode({scores.data(), 1, 3}, CharacterDictionary(std::vector<std::string>{})), "");
 }
 
 TEST(OcrLayout, IsToldByTheShape) {

@@ -56,8 +56,7 @@ TEST(TextRegions, ThresholdsAreStrictForPixelsAndInclusiveForRegions) {
   const cv::Rect region(10, 10, 30, 20);
   const auto count = [&](float probability, float boxThreshold) {
     params.boxThreshold = boxThreshold;
-    return extractTextBoxes(params, mapWith(size, {region}, probability), size, size)
-        .regions.size();
+    return extractTextBoxes(params, mapWith(size, {region}, probability), size, size).regions.size();
   };
   EXPECT_EQ(count(0.3F, 0.1F), 0U);  // a pixel must be above 0.3
   EXPECT_EQ(count(std::nextafter(0.3F, 1.0F), 0.1F), 1U);
@@ -79,8 +78,7 @@ TEST(TextRegions, SmallOnesAreDropped) {
   // With a smaller ratio it would stay below 5.
   TextBoxParams params;
   params.unclipRatio = 1.0F;
-  EXPECT_EQ(extractTextBoxes(params, mapWith(size, {{10, 10, 4, 4}}), size, size).regions.size(),
-            0U);
+  EXPECT_EQ(extractTextBoxes(params, mapWith(size, {{10, 10, 4, 4}}), size, size).regions.size(), 0U);
 }
 
 TEST(TextRegions, AtMostSoManyContoursAreLookedAt) {

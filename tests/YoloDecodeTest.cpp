@@ -105,13 +105,12 @@ TEST(Yolo8Decode, ABoxThatNoIntegerHoldsIsReportedOnlyWhenItsScorePasses) {
 
 TEST(Yolo5Decode, ObjectnessCountsTwiceAndClassScoresOnce) {
   // centre x, centre y, width, height, objectness, two class scores
-  const std::vector<float> output = {
-      10, 10, 5, 5, 0.5F,  0.25F, 0.3F,   // kept: objectness may equal its threshold
-      10, 10, 5, 5, 0.49F, 0.9F,  0.9F,   // objectness too small
-      10, 10, 5, 5, 0.9F,  0.25F, 0.1F,   // the best class only equals the threshold
-      10, 10, 5, 5, kNan,  0.9F,  0.9F,   //
-      10, 10, 5, 5, 0.9F,  kNan,  kNan,   //
-      20, 20, 3, 3, 0.6F,  0.7F,  0.7F};  // ties go to the lower class
+  const std::vector<float> output = {10, 10, 5, 5, 0.5F,  0.25F, 0.3F,   // kept: objectness may equal its threshold
+                                     10, 10, 5, 5, 0.49F, 0.9F,  0.9F,   // objectness too small
+                                     10, 10, 5, 5, 0.9F,  0.25F, 0.1F,   // the best class only equals the threshold
+                                     10, 10, 5, 5, kNan,  0.9F,  0.9F,   //
+                                     10, 10, 5, 5, 0.9F,  kNan,  kNan,   //
+                                     20, 20, 3, 3, 0.6F,  0.7F,  0.7F};  // ties go to the lower class
   const Candidates found = decodeYolo5({output.data(), 6, 7}, 2, 0.5F, 0.25F);
   EXPECT_EQ(found.places, (std::vector<int>{0, 5}));
   EXPECT_EQ(found.classIds, (std::vector<int>{1, 0}));
@@ -125,8 +124,7 @@ TEST(Yolo8PoseDecode, BoxesAreScaledBeforeTheyAreTruncated) {
   const std::vector<float> output = {5.3F, 5.3F, 5.3F, 5.3F, 3, 3, 3, 3, 0.5F, 0.25F};
   const Candidates found = decodeYolo8Pose({output.data(), 5, 2}, 0.25F, 3.0F);
   ASSERT_EQ(found.places, (std::vector<int>{0}));
-  EXPECT_EQ(found.boxes[0],
-            cv::Rect(11, 11, 9, 9));  // (5.3 - 1.5) * 3 = 11.4; truncating first would give 9
+  EXPECT_EQ(found.boxes[0], cv::Rect(11, 11, 9, 9));  // (5.3 - 1.5) * 3 = 11.4; truncating first would give 9
 }
 
 struct Yolo26Case {
@@ -160,8 +158,7 @@ TEST(Yolo26Decode, ClassIdsAreTruncatedAndCheckedAndNothingIsSuppressed) {
     output.insert(output.end(), c.row.begin(), c.row.end());
     if (c.classId >= 0) expected.push_back(c.classId);
   }
-  const Yolo26Objects found =
-      decodeYolo26({output.data(), static_cast<int>(std::size(cases)), 6}, 1.5F, config, frame);
+  const Yolo26Objects found = decodeYolo26({output.data(), static_cast<int>(std::size(cases)), 6}, 1.5F, config, frame);
   EXPECT_FALSE(found.badBox);
   std::vector<int> classIds;
   for (const VsaObject& object : found.objects) classIds.push_back(object.classId);
@@ -169,9 +166,8 @@ TEST(Yolo26Decode, ClassIdsAreTruncatedAndCheckedAndNothingIsSuppressed) {
   EXPECT_EQ(found.objects.at(0).left, 15);
   EXPECT_EQ(found.objects.at(0).bottom, 30);
 
-  for (const std::vector<float>& bad : {std::vector<float>{1, 1, 2, kInf, 0.5F, 0},
-                                        {1, 1, 2, 2, 0.5F, kNan},
-                                        {1, 1, 2, 2, 0.5F, 1e30F}}) {
+  for (const std::vector<float>& bad :
+       {std::vector<float>{1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}, {1, 1, 2, 2, 0.5F, 1e30F}}) {
     EXPECT_TRUE(decodeYolo26({bad.data(), 1, 6}, 1.0F, config, frame).badBox);
   }
   // Corners the wrong way round are clamped and no more; columns past the sixth are not read.

@@ -33,8 +33,8 @@ class HostFiles : public testing::Test {
  protected:
   HostFiles() {
     const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    folder_ = fs::temp_directory_path() / ("HostTest-" + std::string(test->name()) + "-" +
-                                           std::to_string(std::random_device()()));
+    folder_ = fs::temp_directory_path() /
+              ("HostTest-" + std::string(test->name()) + "-" + std::to_string(std::random_device()()));
     fs::remove_all(folder_);
     fs::create_directories(folder_);
   }
@@ -116,13 +116,11 @@ TEST_F(PipelineTest, SaysWhatIsWrongWithTheFile) {
   } kCases[] = {
       {"", "line 1, column 1: Syntax error: value, object or array expected."},
       {"{\"models\":\n  [,]}", "line 2, column 4: Syntax error: value, object or array expected."},
-      {"{\n \"models\": [] \"x\": 1}",
-       "line 2, column 15: Missing ',' or '}' in object declaration"},
+      {"{\n \"models\": [] \"x\": 1}", "line 2, column 15: Missing ',' or '}' in object declaration"},
       {"{} x", "line 1, column 4: Extra non-whitespace after JSON value."},
       {"[]", "must be an object, not an array"},
       {"{}", "models is missing"},
-      {R"({"modelroot": "x", "models": []})",
-       R"(unknown key "modelroot"; did you mean "modelRoot"?)"},
+      {R"({"modelroot": "x", "models": []})", R"(unknown key "modelroot"; did you mean "modelRoot"?)"},
       {R"({"models": {}})", "models must be an array, not an object"},
       {R"({"models": []})", "models must not be empty"},
       {R"({"models": [7]})", "models[0]: must be an object, not a number"},
@@ -152,25 +150,21 @@ TEST_F(PipelineTest, SaysWhatIsWrongWithAModel) {
       {R"({"inputWidth": true})", "inputWidth must be a number, not true or false"},
       {R"({"inputWidth": 640.5})", "inputWidth must be a whole number from 0 to 65535, not 640.5"},
       {R"({"inputHeight": -1})", "inputHeight must be a whole number from 0 to 65535, not -1"},
-      {R"({"inputHeight": 65536})",
-       "inputHeight must be a whole number from 0 to 65535, not 65536"},
+      {R"({"inputHeight": 65536})", "inputHeight must be a whole number from 0 to 65535, not 65536"},
       {R"({"inputHeight": 65535, "inputWidth": 640.0})", ""},
-      {R"({"classCount": 4294967297})",
-       "classCount must be a whole number from 0 to 2147483647, not 4294967297"},
+      {R"({"classCount": 4294967297})", "classCount must be a whole number from 0 to 2147483647, not 4294967297"},
       {R"({"scoreThreshold": 1.5})", "scoreThreshold must be a number from 0 to 1, not 1.5"},
       {R"({"nmsThreshold": -0.25})", "nmsThreshold must be a number from 0 to 1, not -0.25"},
       {R"({"objThreshold": {}})", "objThreshold must be a number, not an object"},
       {R"({"classNames": null})", "classNames is missing"},
       {R"({"classNames": []})", "classNames must not be empty"},
-      {R"({"classNames": 80})",
-       "classNames must be an array of strings or the path of a file, not a number"},
+      {R"({"classNames": 80})", "classNames must be an array of strings or the path of a file, not a number"},
       {R"({"classNames": ["a", 1]})", "classNames[1] must be a string, not a number"},
       {R"({"classNames": "none.txt"})", R"(classNames: the file "none.txt" cannot be read)"},
       {R"({"classNames": "models"})", R"(classNames: the file "models" cannot be read)"},
       {R"({"classNames": "empty.txt"})", R"(classNames: the file "empty.txt" is empty)"},
       {R"({"classNames": "gbk.txt"})", R"(classNames: line 2 of "gbk.txt" is not UTF-8)"},
-      {R"({"wantedClasses": ["cat"]})",
-       R"(wantedClasses: "cat" is not in classNames; did you mean "car"?)"},
+      {R"({"wantedClasses": ["cat"]})", R"(wantedClasses: "cat" is not in classNames; did you mean "car"?)"},
       {R"({"wantedLabels": "car"})", "wantedLabels must be an array of strings, not a string"},
   };
   for (const auto& [changes, message] : kCases) {
@@ -229,9 +223,7 @@ TEST_F(PipelineTest, FillsTheRecords) {
   EXPECT_TRUE(specs_[1].writesGbk());
   EXPECT_FALSE(takesSound_);
   // Another recogniser has no built-in dictionary.
-  ASSERT_EQ(messageOf(withChanges(
-                R"({"category": "Track", "modelName": "VsOCR", "classNames": ["paddleocr"]})")),
-            "");
+  ASSERT_EQ(messageOf(withChanges(R"({"category": "Track", "modelName": "VsOCR", "classNames": ["paddleocr"]})")), "");
   EXPECT_FALSE(specs_[1].writesGbk());
 }
 
@@ -252,10 +244,8 @@ TEST_F(PipelineTest, KeepsSoundAndPicturesApart) {
       {R"("blockSeconds": 0.25, "models": [)" + sound + ", " + sound + "]", ""},
       {R"("models": [)" + sound + ", " + picture + "]", numbered("0", "1")},
       {R"("models": [)" + picture + ", " + sound + "]", numbered("1", "0")},
-      {R"("blockSeconds": 1, "models": [)" + picture + "]",
-       "blockSeconds is for models that take sound"},
-      {R"("blockSeconds": "1", "models": [)" + sound + "]",
-       "blockSeconds must be a number, not a string"},
+      {R"("blockSeconds": 1, "models": [)" + picture + "]", "blockSeconds is for models that take sound"},
+      {R"("blockSeconds": "1", "models": [)" + sound + "]", "blockSeconds must be a number, not a string"},
       {R"("blockSeconds": 0, "models": [)" + sound + "]",
        "blockSeconds must be a number of seconds from 0.02 to 60, not 0"},
   };
@@ -332,19 +322,17 @@ TEST(ReportTest, JsonHoldsEveryFilledField) {
   info.width = 100;
   info.height = 80;
   info.failedModels = {1};
-  EXPECT_EQ(
-      frameJson(info, {object}),
-      R"({"failedModels":[1],"frame":3,"height":80,"input":"a\"�.png","objects":[{"angle":0.5,)"
-      R"("classId":2,"className":"bad �\n","classifyId":0,"classifyName":"猫","classifyScore":null,)"
-      R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
-      R"("shapes":[{"points":[[1,2],[-3,4]],"tag":5},{"points":[],"tag":10}],"text":"字",)"
-      R"("textScore":1.0}],"time":0.333,"width":100})"
-      "\n");
+  EXPECT_EQ(frameJson(info, {object}),
+            R"({"failedModels":[1],"frame":3,"height":80,"input":"a\"�.png","objects":[{"angle":0.5,)"
+            R"("classId":2,"className":"bad �\n","classifyId":0,"classifyName":"猫","classifyScore":null,)"
+            R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
+            R"("shapes":[{"points":[[1,2],[-3,4]],"tag":5},{"points":[],"tag":10}],"text":"字",)"
+            R"("textScore":1.0}],"time":0.333,"width":100})"
+            "\n");
   info.time.reset();
   info.failedModels.clear();
   info.input = "b";
-  EXPECT_EQ(frameJson(info, {}),
-            "{\"frame\":3,\"height\":80,\"input\":\"b\",\"objects\":[],\"width\":100}\n");
+  EXPECT_EQ(frameJson(info, {}), "{\"frame\":3,\"height\":80,\"input\":\"b\",\"objects\":[],\"width\":100}\n");
 }
 
 TEST(ReportTest, TableIsAligned) {
@@ -385,15 +373,13 @@ TEST(ReportTest, TellsWhatWasHeard) {
   EXPECT_EQ(blockTable(info, block), "a.wav: 1.000 s to 1.333 s: nothing\n");
   block.audioClassified = true;
   block.audioScore = 0.9F;
-  block.audioObjects = {VsaObject(1, 1, 0, 0, 0, 0, 0.9F, 1, "犬"),
-                        VsaObject(1, 1, 0, 0, 0, 0, 0.5F, 0, "a\n")};
+  block.audioObjects = {VsaObject(1, 1, 0, 0, 0, 0, 0.9F, 1, "犬"), VsaObject(1, 1, 0, 0, 0, 0, 0.5F, 0, "a\n")};
   EXPECT_EQ(blockTable(info, block), "a.wav: 1.000 s to 1.333 s: 犬 0.900, a\uFFFD 0.500\n");
-  EXPECT_EQ(
-      blockJson(info, block),
-      R"({"classified":true,"duration":0.333,"frame":2,"input":"a.wav","objects":[)"
-      R"({"classId":1,"className":"犬","score":0.9},{"classId":0,"className":"a\n","score":0.5}],)"
-      R"("score":0.9,"time":1.0})"
-      "\n");
+  EXPECT_EQ(blockJson(info, block),
+            R"({"classified":true,"duration":0.333,"frame":2,"input":"a.wav","objects":[)"
+            R"({"classId":1,"className":"犬","score":0.9},{"classId":0,"className":"a\n","score":0.5}],)"
+            R"("score":0.9,"time":1.0})"
+            "\n");
   info.failedModels = {0};
   EXPECT_EQ(blockTable(info, VsaFrame()), "a.wav: 1.000 s to 1.333 s: failed\n");
   EXPECT_EQ(parse(blockJson(info, VsaFrame()))["failedModels"], parse("[0]"));
@@ -413,8 +399,7 @@ TEST(CompareTest, TakesTheBestObjectAndTheAngle) {
   for (const float score : {std::nanf(""), 0.5F, 0.7F, 0.9F}) {
     objects.emplace_back(9, 9, 0, 0, 5, 5, score, 0, "x");
   }
-  EXPECT_NE(reasonOf([&] { bestWithFeature(objects); }).find("no object has a feature"),
-            std::string::npos);
+  EXPECT_NE(reasonOf([&] { bestWithFeature(objects); }).find("no object has a feature"), std::string::npos);
   for (const std::size_t i : {0U, 1U, 2U}) objects[i].feature = {1.0F};
   EXPECT_EQ(bestWithFeature(objects).score, 0.7F);
 
@@ -423,17 +408,14 @@ TEST(CompareTest, TakesTheBestObjectAndTheAngle) {
   EXPECT_DOUBLE_EQ(cosineSimilarity({1, 0, 0}, {0, 2, 5}), 0.0);
   EXPECT_NE(reasonOf([] { cosineSimilarity({1, 2}, {1}); }).find("lengths"), std::string::npos);
   EXPECT_NE(reasonOf([] { cosineSimilarity({0, 0}, {1, 2}); }).find("zeros"), std::string::npos);
-  EXPECT_NE(reasonOf([] {
-              cosineSimilarity({1, 2}, {1, std::nanf("")});
-            }).find("not finite"),
-            std::string::npos);
+  EXPECT_NE(reasonOf([] { cosineSimilarity({1, 2}, {1, std::nanf("")}); }).find("not finite"), std::string::npos);
 }
 
 class InputTest : public HostFiles {};
 
 TEST_F(InputTest, ExpandsFoldersAndPatterns) {
-  for (const char* name : {"b.PNG", "a1.jpg", "a2.jpg", "a[1].jpg", ".hidden.png", "notes.txt",
-                           "你.png", "clip.mp4", "in/c.png", "in/deep/d.png", "on/c.png"}) {
+  for (const char* name : {"b.PNG", "a1.jpg", "a2.jpg", "a[1].jpg", ".hidden.png", "notes.txt", "你.png", "clip.mp4",
+                           "in/c.png", "in/deep/d.png", "on/c.png"}) {
     write(name, "");
   }
   fs::create_directories(folder_ / "nothing");
@@ -491,9 +473,8 @@ TEST_F(InputTest, ReadsEveryKindOfPixels) {
     EXPECT_FALSE(source.next(&frame));
   }
   // More pixels than OpenCV allows, and files that are no pictures, are told by exceptions.
-  for (const std::string& path :
-       {write("bomb.pgm", "P5 60000 60000 255 x"), write("a1.png", "text"), write("n.txt", "text"),
-        (folder_ / "none.png").string()}) {
+  for (const std::string& path : {write("bomb.pgm", "P5 60000 60000 255 x"), write("a1.png", "text"),
+                                  write("n.txt", "text"), (folder_ / "none.png").string()}) {
     EXPECT_THROW(Source source(path), std::exception) << path;
   }
 }
@@ -508,16 +489,15 @@ class SoundTest : public HostFiles {
   }
 
   // A WAV file; `code` is 1 for whole numbers and 3 for floats.
-  std::string wav(std::uint16_t code, std::uint16_t channels, std::uint16_t sampleBytes,
-                  const std::string& data, std::uint32_t rate = 100) {
+  std::string wav(std::uint16_t code, std::uint16_t channels, std::uint16_t sampleBytes, const std::string& data,
+                  std::uint32_t rate = 100) {
     const auto size = static_cast<std::uint32_t>(data.size());
     const auto stride = static_cast<std::uint16_t>(channels * sampleBytes);
-    return write("sound.wav",
-                 "RIFF" + bytesOf<std::uint32_t>({36 + size}) + "WAVEfmt " +
-                     bytesOf<std::uint32_t>({16}) + bytesOf<std::uint16_t>({code, channels}) +
-                     bytesOf<std::uint32_t>({rate, rate * stride}) +
-                     bytesOf<std::uint16_t>({stride, static_cast<std::uint16_t>(8 * sampleBytes)}) +
-                     "data" + bytesOf<std::uint32_t>({size}) + data);
+    return write("sound.wav", "RIFF" + bytesOf<std::uint32_t>({36 + size}) + "WAVEfmt " + bytesOf<std::uint32_t>({16}) +
+                                  bytesOf<std::uint16_t>({code, channels}) +
+                                  bytesOf<std::uint32_t>({rate, rate * stride}) +
+                                  bytesOf<std::uint16_t>({stride, static_cast<std::uint16_t>(8 * sampleBytes)}) +
+                                  "data" + bytesOf<std::uint32_t>({size}) + data);
   }
 
   // All blocks of a file, one after the other, as numbers of the type that the record names.
@@ -530,8 +510,7 @@ class SoundTest : public HostFiles {
       EXPECT_EQ(block.audioSampleFmt, format);
       EXPECT_EQ(block.audioSampleFmtByteNum, static_cast<int>(sizeof(Number)));
       const auto* data = reinterpret_cast<const Number*>(block.audioData);
-      numbers.insert(numbers.end(), data,
-                     data + static_cast<std::size_t>(block.audioFrameSize) / sizeof(Number));
+      numbers.insert(numbers.end(), data, data + static_cast<std::size_t>(block.audioFrameSize) / sizeof(Number));
     }
     return numbers;
   }
@@ -540,8 +519,7 @@ class SoundTest : public HostFiles {
 TEST_F(SoundTest, ComesInBlocksOfOneLength) {
   // 12 samples of two channels at 100 a second: blocks of 5, 5 and 2.
   std::vector<std::int16_t> samples;
-  for (std::int16_t i = 0; i < 24; ++i)
-    samples.push_back(static_cast<std::int16_t>(i * 1000 - 12000));
+  for (std::int16_t i = 0; i < 24; ++i) samples.push_back(static_cast<std::int16_t>(i * 1000 - 12000));
   const std::string path = wav(1, 2, 2, bytesOf(samples));
   Sound sound(path, 0.05);
   EXPECT_EQ(sound.blockCount(), 3);
@@ -572,8 +550,7 @@ TEST_F(SoundTest, KeepsTheDepthOfTheSamples) {
   EXPECT_EQ(allOf<std::int16_t>(wav(1, 1, 1, "\x80\xFF\x7F\x81\x80"), 1),
             (std::vector<std::int16_t>{0, 0x7F00, -0x100, 0x100, 0}));
   const std::string deep("\0\0\x40\1\0\0\0\0\x80\0\0\0\0\0\0", 15);
-  EXPECT_EQ(allOf<float>(wav(1, 1, 3, deep), 3),
-            (std::vector<float>{0.5F, 1.0F / (1 << 23), -1.0F, 0.0F, 0.0F}));
+  EXPECT_EQ(allOf<float>(wav(1, 1, 3, deep), 3), (std::vector<float>{0.5F, 1.0F / (1 << 23), -1.0F, 0.0F, 0.0F}));
   const std::vector<float> floats = {0.1F, -2.5F, 1e-20F, 0.0F, 1.0F};
   EXPECT_EQ(allOf<float>(wav(3, 1, 4, bytesOf(floats)), 3), floats);
 }
@@ -599,8 +576,7 @@ TEST(DrawTest, LabelsTellAllThatIsKnown) {
   const auto grows = [&] {
     cv::Mat picture = cv::Mat::zeros(200, 600, CV_8UC3);
     painter.paint(&picture, {object});
-    const int before =
-        std::exchange(covered, cv::countNonZero(picture.rowRange(0, 98).reshape(1) > 0));
+    const int before = std::exchange(covered, cv::countNonZero(picture.rowRange(0, 98).reshape(1) > 0));
     return covered > before;
   };
   EXPECT_TRUE(grows());
@@ -634,9 +610,7 @@ TEST(DrawTest, StaysInsideAndTurnsBoxes) {
   turned.angle = static_cast<float>(CV_PI / 2);
   cv::Mat picture = cv::Mat::zeros(400, 400, CV_8UC3);
   painter.paint(&picture, {turned});
-  const auto drawn = [&picture](int x, int y) {
-    return cv::norm(picture.at<cv::Vec3b>(y, x)) > 100.0;
-  };
+  const auto drawn = [&picture](int x, int y) { return cv::norm(picture.at<cv::Vec3b>(y, x)) > 100.0; };
   EXPECT_TRUE(drawn(190, 250));
   EXPECT_TRUE(drawn(210, 150));
   EXPECT_FALSE(drawn(120, 190));

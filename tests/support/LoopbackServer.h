@@ -27,8 +27,7 @@ class LoopbackServer {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* const any = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (bind(listener_, any, size) != 0 || listen(listener_, 8) != 0 ||
-        getsockname(listener_, any, &size) != 0) {
+    if (bind(listener_, any, size) != 0 || listen(listener_, 8) != 0 || getsockname(listener_, any, &size) != 0) {
       close(listener_);
       throw std::runtime_error("the port cannot be listened on");
     }
@@ -87,8 +86,7 @@ class LoopbackServer {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
       for (std::size_t sent = 0; sent < answer.size();) {
-        const ssize_t done =
-            send(connection, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
+        const ssize_t done = send(connection, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
         if (done <= 0) break;
         sent += static_cast<std::size_t>(done);
       }

@@ -13,8 +13,7 @@ namespace op = ov::opset8;
 /// A folder of this process, removed when it ends.
 class Folder {
  public:
-  Folder()
-      : path_(std::filesystem::temp_directory_path() / ("networks" + std::to_string(getpid()))) {
+  Folder() : path_(std::filesystem::temp_directory_path() / ("networks" + std::to_string(getpid()))) {
     std::filesystem::create_directories(path_);
   }
   ~Folder() {
@@ -34,8 +33,7 @@ ov::Output<ov::Node> integers(const std::vector<int>& values) {
 
 }  // namespace
 
-std::string writeNetwork(const ov::PartialShape& input, const Body& body,
-                         ov::element::Type inputType) {
+std::string writeNetwork(const ov::PartialShape& input, const Body& body, ov::element::Type inputType) {
   static Folder folder;
   const auto parameter = std::make_shared<op::Parameter>(inputType, input);
   const auto model = std::make_shared<ov::Model>(body(parameter), ov::ParameterVector{parameter});
@@ -44,10 +42,8 @@ std::string writeNetwork(const ov::PartialShape& input, const Body& body,
   return path;
 }
 
-std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output,
-                          const std::vector<float>& values) {
-  return writeNetwork(
-      input, [&](const ov::Output<ov::Node>&) { return ov::OutputVector{floats(output, values)}; });
+std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output, const std::vector<float>& values) {
+  return writeNetwork(input, [&](const ov::Output<ov::Node>&) { return ov::OutputVector{floats(output, values)}; });
 }
 
 ov::Output<ov::Node> floats(const ov::Shape& shape, const std::vector<float>& values) {
@@ -63,6 +59,5 @@ ov::Output<ov::Node> transposed(const ov::Output<ov::Node>& value, const std::ve
 }
 
 ov::Output<ov::Node> sliced(const ov::Output<ov::Node>& value, int axis, int begin, int end) {
-  return std::make_shared<op::Slice>(value, integers({begin}), integers({end}), integers({1}),
-                                     integers({axis}));
+  return std::make_shared<op::Slice>(value, integers({begin}), integers({end}), integers({1}), integers({axis}));
 }

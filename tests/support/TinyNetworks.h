@@ -15,8 +15,7 @@ std::string writeNetwork(const ov::PartialShape& input, const Body& body,
                          ov::element::Type inputType = ov::element::f32);
 
 /// A network that ignores its input and returns `values`.
-std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output,
-                          const std::vector<float>& values);
+std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output, const std::vector<float>& values);
 
 /// Nodes for bodies.
 ov::Output<ov::Node> floats(const ov::Shape& shape, const std::vector<float>& values);
