@@ -232,7 +232,7 @@ void base64(benchmark::State& state) {
     Base64Encode(bytes.data(), bytes.size(), text);
     benchmark::DoNotOptimize(text.data());
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(bytes.size()));
 }
 BENCHMARK(base64)->Unit(benchmark::kMicrosecond);
 

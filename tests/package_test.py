@@ -49,6 +49,8 @@ class Package(unittest.TestCase):
         includes = re.findall(r"#include <(.*)>", header.read_text())
         self.assertTrue(all("." not in name and "/" not in name for name in includes), includes)
 
+        self.assertIn((SOURCE / "examples/host/main.cpp").read_text(), (SOURCE / "README.md").read_text())
+
         picture = pathlib.Path(self.folder.name) / "grey.ppm"
         picture.write_bytes(b"P6 64 48 255\n" + bytes([128]) * (64 * 48 * 3))
         missing = subprocess.run([build / "ReadText", "nowhere", picture], capture_output=True, text=True)
