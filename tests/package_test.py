@@ -40,6 +40,9 @@ class Package(unittest.TestCase):
     def test_the_shared_object_has_a_name_of_its_major_version(self):
         self.assertRegex(output("readelf", "-d", self.library), r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
 
+    def test_the_installed_host_finds_the_installed_library(self):
+        self.assertIn("pub20240113", output(self.prefix / "bin/vsa", "--version"))
+
     def test_a_host_builds_and_runs_with_the_package_alone(self):
         build = pathlib.Path(self.folder.name) / "host"
         output("cmake", "-S", SOURCE / "examples/host", "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}",

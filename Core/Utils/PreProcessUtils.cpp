@@ -431,7 +431,10 @@ std::optional<std::size_t> countIn(const Json::Value& reply, const char* key) {
   const Json::Value& value = reply[key];
   if (value.isNull()) return 0;
   if (!value.isInt() || value.asInt() < 0 || value.asInt() > kMost) {
-    logError(std::string(key) + " out of range");
+    constexpr std::size_t kShown = 40;  // a reply may hold anything
+    const bool isShown = value.isConvertibleTo(Json::stringValue);
+    logError(std::string(key) + " out of range:" +
+             (isShown ? value.asString().substr(0, kShown) : std::string("no number")));
     return std::nullopt;
   }
   return static_cast<std::size_t>(value.asInt());

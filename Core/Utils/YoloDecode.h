@@ -18,8 +18,9 @@ namespace TolCompatibleLib {
 /// Numbers of a candidate that no integer can hold.
 struct BadBox {
   int place;  ///< Row or column of the output.
-  std::array<float, 4>
-      numbers;  ///< The box as it was to be truncated, or width, height, score and class id.
+  /// The box as it was to be truncated; where the class id is bad, width, height, score and class
+  /// id.
+  std::array<float, 4> numbers;
 };
 
 /// Parallel lists, in the order of the output.
