@@ -13,7 +13,7 @@ class Model {
   /// cannot load it.
   explicit Model(const ModelSpec& spec);
   ~Model();
-  // The context points to the specification's record, so a model stays where it is.
+  // The context points to the configuration in spec_, so a model stays where it is.
   Model(const Model&) = delete;
   Model& operator=(const Model&) = delete;
 
