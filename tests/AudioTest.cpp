@@ -131,11 +131,13 @@ TEST(AudioToMelSpec, TakesGoodRepliesAndNoOthers) {
            good + "\r\n0\r\n\r\n",
        1,
        {}},
+      {"more rows said than sent", body(R"(, "mels": 1000001, "mel_spec": [[1]])"), 1, {}},
+      {"the least float, as it is printed", body(R"(, "mel_spec": [[-3.4028235e+38]])"), 1, {}},
       {"no body", LoopbackServer::ok(""), 0, {}},
       {"cut JSON", LoopbackServer::ok(good.substr(0, 30)), 0, {}},
       {"no JSON", LoopbackServer::ok("<html>"), 0, {}},
       {"UTF-16", LoopbackServer::ok(std::string("{\0\"\0c\0", 6)), 0, {}},
-      {"Latin-1 in a string", LoopbackServer::ok("{\"code\": 1000, \"msg\": \"\xE4\", \"mel_spec\": [[1]]}"), 0, {}},
+      {"a message in GBK", LoopbackServer::ok("{\"code\": 1000, \"msg\": \"\xB3\xC9\", \"mel_spec\": [[1]]}"), 1, {}},
       {"a number no type holds", body(R"(, "mel_spec": [[1e400]])"), 0, {}},
       {"code as text", LoopbackServer::ok(R"({"code": "1000", "msg": ""})"), 0, {"[E]parse error"}},
       {"code too large", LoopbackServer::ok(R"({"code": 99999999999, "msg": ""})"), 0, {"[E]parse error"}},
@@ -196,7 +198,7 @@ TEST(PostJson, TellsWhyATransferFailed) {
   EXPECT_FALSE(failure(server.address()).empty());
   server.setAnswer("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nxyz\r\n");
   EXPECT_FALSE(failure(server.address()).empty());
-  server.setAnswer(LoopbackServer::ok(std::string(std::size_t{17} << 20, ' ')));
+  server.setAnswer(LoopbackServer::ok(std::string(std::size_t{33} << 20, ' ')));
   EXPECT_EQ(failure(server.address()), "Failed writing received data to disk/application");
   server.setAnswer("");
   const auto start = std::chrono::steady_clock::now();
@@ -209,10 +211,11 @@ TEST(PostJson, TellsWhyATransferFailed) {
 /// The service that the audio classifier calls, and a model whose network gives the scores that the
 /// test chose, or for no scores what it was shown.
 struct AudioBench {
-  explicit AudioBench(const std::vector<float>& scores, std::size_t classCount = 3)
+  explicit AudioBench(const std::vector<float>& scores, std::size_t classCount = 3, int plane = 0)
       : server(LoopbackServer::ok(spectrogram("[[1, 2, 3], [4, 5, 6]]")), 9555),
         model("Classify", "AudioNet", writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
-                return ov::OutputVector{scores.empty() ? reshaped(input, {1, -1}) : floats({1, scores.size()}, scores)};
+                return ov::OutputVector{scores.empty() ? reshaped(sliced(input, 1, plane, plane + 1), {1, -1})
+                                                       : floats({1, scores.size()}, scores)};
               })) {
     model.setInput(3, 2);
     model.setClasses({"bark", "siren", "glass"});
@@ -248,6 +251,8 @@ TEST(OvClassifyAudioNet, ReportsTheBestClassOfABlock) {
   ASSERT_EQ(bench.frame.audioObjects.size(), 1U);
   const VsaObject& object = bench.frame.audioObjects[0];
   EXPECT_EQ(boxOf(object), (std::vector<int>{320, 240, 320, 240}));
+  EXPECT_EQ(object.imageWidth, 641);
+  EXPECT_EQ(object.imageHeight, 480);
   EXPECT_EQ(object.className, "siren");
   EXPECT_EQ(object.classId, 1);
   EXPECT_EQ(object.score, 0.75F);
@@ -258,7 +263,11 @@ TEST(OvClassifyAudioNet, ReportsTheBestClassOfABlock) {
   bench.frame.width = 0;
   EXPECT_TRUE(bench.run());
   EXPECT_TRUE(bench.frame.audioClassified);
+  bench.frame.width = 641;
+  bench.frame.height = 0;
+  EXPECT_TRUE(bench.run());
   EXPECT_EQ(bench.frame.audioObjects.size(), 1U);
+  bench.frame.height = 480;
 
   // What does not pass leaves the frame as it was.
   bench.frame.audioClassified = false;
@@ -296,23 +305,23 @@ TEST(OvClassifyAudioNet, ChecksTheNumberOfRowsAndTheFirstOnesLength) {
 }
 
 TEST(OvClassifyAudioNet, FillsEachPlaneWithTheRowsAndZeros) {
-  // The network shows its whole input, 18 floats, as scores; only the place of the greatest can be
-  // seen.
-  AudioBench bench({}, 18);
-  for (int i = 3; i < 18; ++i) bench.model.config.classNames.push_back(std::to_string(i));
-  bench.model.config.classNames.resize(18);
-  for (const std::string& name : bench.model.config.classNames) bench.frame.wantedLabels.insert(name);
-  const std::pair<std::string, float> cases[] = {
-      {"[[1, 2, 9], [4, 5, 6]]", 9.0F / 81.0F},      // 27 three times; the greatest is in place 2
-      {"[[1, 2, 9], [4]]", 9.0F / 48.0F},            // what no row fills is 0, not the last block's
-      {"[[1, 2, 9], [4, 5, 6, 100]]", 9.0F / 81.0F}  // what goes past the plane is left out
-  };
-  bench.model.config.scoreThreshold = 0.0F;
-  for (const auto& [rows, score] : cases) {
-    bench.server.setAnswer(LoopbackServer::ok(AudioBench::spectrogram(rows)));
-    EXPECT_TRUE(bench.run());
-    EXPECT_FLOAT_EQ(bench.frame.audioScore, score) << rows;
-    EXPECT_EQ(bench.frame.audioObjects.back().classId, 2);
+  // The networks show one plane of their input, 6 floats, as scores.
+  for (int plane = 0; plane < 3; ++plane) {
+    AudioBench bench({}, 6, plane);
+    bench.model.config.classNames = {"a", "b", "c", "d", "e", "f"};
+    bench.frame.wantedLabels = {"a", "b", "c", "d", "e", "f"};
+    bench.model.config.scoreThreshold = 0.0F;
+    const std::pair<std::string, float> cases[] = {
+        {"[[1, 2, 9], [4, 5, 6]]", 9.0F / 27.0F},
+        {"[[1, 2, 9], [4]]", 9.0F / 16.0F},            // what no row fills is 0, not the last block's
+        {"[[1, 2, 9], [4, 5, 6, 100]]", 9.0F / 27.0F}  // what goes past the plane is left out
+    };
+    for (const auto& [rows, score] : cases) {
+      bench.server.setAnswer(LoopbackServer::ok(AudioBench::spectrogram(rows)));
+      EXPECT_TRUE(bench.run());
+      EXPECT_FLOAT_EQ(bench.frame.audioScore, score) << rows;
+      EXPECT_EQ(bench.frame.audioObjects.back().classId, 2);
+    }
   }
 }
 

@@ -120,7 +120,11 @@ void expectUntouched(TestModel& model, VsaFrame& frame, bool (*run)(VsaModelCont
     EXPECT_THROW(run(&model.context, &frame), std::exception);
   } else {
     EXPECT_FALSE(run(&model.context, &frame));
-    EXPECT_EQ(log.texts(), Texts{line});
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_EQ(lines[0].text, line);
+    const std::string kind = model.config.category == "Classify" ? "OvClassify" : "OvFeature";
+    EXPECT_EQ(lines[0].file, "Core/OpenVINO/" + kind + model.config.modelName);
   }
   EXPECT_EQ(frame.objects.size(), count);
   for (const VsaObject& object : frame.objects) {

@@ -52,6 +52,10 @@ TEST(Letterbox, RefusesAPictureOfWhichNothingWouldBeLeft) {
   EXPECT_FALSE(letterbox(randomImage(8, 8), {0, 640}));
   EXPECT_EQ(log.take().size(), 3U);
   EXPECT_TRUE(letterbox(randomImage(640, 1), {640, 640}));
+  // Here the scaled width, in single precision, comes out one pixel wider than the input.
+  std::vector<float> planes(std::size_t{3} * 10000001 + 1, 7.0F);
+  EXPECT_TRUE(letterboxPlanes(randomImage(1148, 1), {10000001, 1}, planes.data()).has_value());
+  EXPECT_EQ(planes.back(), 7.0F);
 }
 
 std::vector<float> filled(std::size_t count, const std::function<void(float*)>& fill) {

@@ -80,6 +80,22 @@ TEST(FloatGrid, MaximaAreThoseOfOpenCv) {
   }
 }
 
+TEST(FloatGrid, MaximaBelowZeroAndBesideNanAreFound) {
+  for (const int count : {1, 16, 17, 31, 33}) {
+    std::vector<float> values(static_cast<std::size_t>(count), -2.0F);
+    EXPECT_EQ(firstMaximum(values.data(), count), 0);
+    values.back() = -1.0F;
+    values.front() = count > 1 ? kNan : -1.0F;
+    EXPECT_EQ(firstMaximum(values.data(), count), count - 1);
+    const FloatGrid column{values.data(), count, 1};
+    ASSERT_EQ(columnsAbove(column, count - 1, 1, -1.5F).size(), 1U);
+    EXPECT_EQ(columnsAbove(column, 0, count, -1.5F).at(0).row, count - 1);
+  }
+  EXPECT_EQ(firstMaximum(nullptr, 0), 0);
+  const std::vector<float> zeros = {-1.0F, -0.0F, 0.0F};
+  EXPECT_EQ(firstMaximum(zeros.data(), 3), 1);
+}
+
 TEST(Yolo8Decode, NoClassesNoColumnsAndANanThresholdGiveNothing) {
   const std::vector<float> output = {1, 1, 1, 1, 1};
   EXPECT_TRUE(decodeYolo8({output.data(), 4, 1}, 0, -1.0F).boxes.empty());

@@ -80,6 +80,7 @@ bool OvClassifyAudioNet::run(VsaFrame* frame) {
   const auto scores = firstFloats(output, config->classCount);
   if (!scores) return false;
   const ClassScore best = bestClass(*scores);
+  // A score that is no number (of infinite scores) does not pass, as with pictures.
   if (best.score < config->scoreThreshold || std::isnan(best.score)) return true;
   const std::string* label = wantedName(best.classId, *config, frame->wantedLabels);
   if (label == nullptr) return true;

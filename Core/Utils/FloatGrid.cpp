@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <limits>
 
 namespace TolCompatibleLib {
@@ -22,7 +23,7 @@ int firstMaximum(const float* values, int count) {
   lanes.fill(kLeast);
   constexpr int kLanes = static_cast<int>(lanes.size());
   int i = 0;
-  for (; i + kLanes <= count; i += kLanes) {
+  for (; count - i >= kLanes; i += kLanes) {
     for (std::size_t lane = 0; lane < lanes.size(); ++lane) {
       lanes[lane] = greater(lanes[lane], values[static_cast<std::size_t>(i) + lane]);
     }
@@ -38,9 +39,9 @@ std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCou
                                         float threshold) {
   std::vector<ColumnMaximum> found;
   // As many columns at a time as leave their maxima in the processor's nearest cache.
-  constexpr int kBlock = 512;
+  constexpr std::int64_t kBlock = 512;
   std::array<float, kBlock> best;
-  for (int begin = 0; begin < grid.cols; begin += kBlock) {
+  for (std::int64_t begin = 0; begin < grid.cols; begin += kBlock) {
     const auto width = static_cast<std::size_t>(std::min(kBlock, grid.cols - begin));
     std::fill_n(best.begin(), width, kLeast);
     for (int r = 0; r < rowCount; ++r) {
@@ -49,7 +50,7 @@ std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCou
     }
     for (std::size_t c = 0; c < width; ++c) {
       if (!(best[c] > threshold)) continue;
-      const int column = begin + static_cast<int>(c);
+      const int column = static_cast<int>(begin) + static_cast<int>(c);
       int row = 0;
       while (grid.row(firstRow + row)[column] != best[c]) ++row;
       found.push_back({column, row, best[c]});

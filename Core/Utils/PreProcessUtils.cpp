@@ -5,15 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <iterator>
 #include <limits>
+#include <new>
 #include <numeric>
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 #include <string>
-#include <string_view>
 
 #include "Utils/Log.h"
 #include "Utils/Numbers.h"
@@ -189,8 +188,10 @@ std::optional<Fit> fitInto(cv::Size frame, cv::Size input, std::source_location 
   const float ratioX = static_cast<float>(input.width) / static_cast<float>(frame.width);
   const float ratioY = static_cast<float>(input.height) / static_cast<float>(frame.height);
   const float ratio = ratioX <= ratioY ? ratioX : ratioY;
-  const cv::Size scaled(truncateToInt(static_cast<float>(frame.width) * ratio),
-                        truncateToInt(static_cast<float>(frame.height) * ratio));
+  // From 2^23 pixels on the product can be rounded up past the input.
+  const cv::Size scaled(
+      std::min(truncateToInt(static_cast<float>(frame.width) * ratio), input.width),
+      std::min(truncateToInt(static_cast<float>(frame.height) * ratio), input.height));
   if (scaled.width < 1 || scaled.height < 1) {
     logError("frame leaves no pixel in the network input," + sizeText(frame.width, frame.height) +
                  ",input_width=" + std::to_string(input.width) +
@@ -391,43 +392,10 @@ std::string spectrogramRequest(const VsaFrame& frame) {
 
 namespace {
 
-/// Whether `text` is well-formed UTF-8 (RFC 3629).
-bool isUtf8(std::string_view text) {
-  std::size_t i = 0;
-  const auto at = [&](std::size_t place) { return static_cast<unsigned char>(text[place]); };
-  while (i < text.size()) {
-    const unsigned char lead = at(i);
-    std::size_t more = 0;
-    unsigned char low = 0x80;
-    unsigned char high = 0xBF;
-    if (lead >= 0xC2 && lead <= 0xDF) {
-      more = 1;
-    } else if (lead >= 0xE0 && lead <= 0xEF) {
-      more = 2;
-      if (lead == 0xE0) low = 0xA0;
-      if (lead == 0xED) high = 0x9F;
-    } else if (lead >= 0xF0 && lead <= 0xF4) {
-      more = 3;
-      if (lead == 0xF0) low = 0x90;
-      if (lead == 0xF4) high = 0x8F;
-    } else if (lead >= 0x80) {
-      return false;
-    }
-    if (more >= text.size() - i) return false;
-    for (std::size_t k = 1; k <= more; ++k) {
-      if (at(i + k) < low || at(i + k) > high) return false;
-      low = 0x80;
-      high = 0xBF;
-    }
-    i += more + 1;
-  }
-  return true;
-}
-
 /// A count of the reply, 0 where it is missing; nothing, after one "[E]" line, where it cannot be
 /// one.
 std::optional<std::size_t> countIn(const Json::Value& reply, const char* key) {
-  constexpr int kMost = 1'000'000;
+  constexpr int kMost = 1 << 24;
   const Json::Value& value = reply[key];
   if (value.isNull()) return 0;
   if (!value.isInt() || value.asInt() < 0 || value.asInt() > kMost) {
@@ -450,9 +418,9 @@ std::optional<MelSpectrogram> rowsIn(const Json::Value& spectrogram, std::size_t
     std::vector<float> row;
     if (isTable) row.reserve(std::min<std::size_t>(steps, values.size()));
     for (Json::ArrayIndex i = 0; isTable && i < values.size(); ++i) {
-      constexpr double kMost = std::numeric_limits<float>::max();
-      isTable = values[i].isNumeric() && std::abs(values[i].asDouble()) <= kMost;
-      if (isTable) row.push_back(static_cast<float>(values[i].asDouble()));
+      const float number = values[i].isNumeric() ? values[i].asFloat() : NAN;
+      isTable = std::isfinite(number);
+      if (isTable) row.push_back(number);
     }
     rows.push_back(std::move(row));
   }
@@ -479,7 +447,6 @@ std::optional<MelSpectrogram> spectrogramIn(const std::string& text) {
              ",msg=" + reply["msg"].asString());
     return std::nullopt;
   }
-  if (!isUtf8(text)) return std::nullopt;  // the parser lets it pass, but it is no JSON
   if (!countIn(reply, "mels")) return std::nullopt;
   const std::optional<std::size_t> steps = countIn(reply, "time_steps");
   if (!steps) return std::nullopt;
@@ -496,17 +463,19 @@ int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpe
   }
   std::string text;
   if (!PostJson(baseAddress + "/api/audioToMelSpec", spectrogramRequest(frame), text)) return 0;
-  std::optional<MelSpectrogram> rows;
+  // A reply must not throw through the library.
   try {
-    rows = spectrogramIn(text);
+    std::optional<MelSpectrogram> rows = spectrogramIn(text);
+    if (!rows) return 0;
+    matrix.insert(matrix.end(), std::make_move_iterator(rows->begin()),
+                  std::make_move_iterator(rows->end()));
+    return 1;
   } catch (const Json::Exception&) {
-    // Nested deeper than the parser goes: no JSON for us. A reply must not throw through the
-    // library.
+    return 0;  // nested deeper than the parser goes: no JSON for us
+  } catch (const std::bad_alloc&) {
+    logError("reply takes too much memory,bytes=" + std::to_string(text.size()));
+    return 0;
   }
-  if (!rows) return 0;
-  matrix.insert(matrix.end(), std::make_move_iterator(rows->begin()),
-                std::make_move_iterator(rows->end()));
-  return 1;
 }
 
 }  // namespace TolCompatibleLib

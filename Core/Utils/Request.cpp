@@ -11,7 +11,7 @@ namespace {
 
 /// A spectrogram takes a few megabytes; a service that goes on and on must not take the host's
 /// memory.
-constexpr std::size_t kMostBytes = std::size_t{16} << 20;
+constexpr std::size_t kMostBytes = std::size_t{32} << 20;
 
 /// Called by curl with `count` bytes (`size` is always 1).
 std::size_t receive(char* data, std::size_t size, std::size_t count, void* response) {

@@ -6,7 +6,7 @@
 
 namespace TolCompatibleLib {
 
-/// Sends `body` to `url` by POST and appends the reply's body to `response`, at most 16 MiB of it.
+/// Sends `body` to `url` by POST and appends the reply's body to `response`, at most 32 MiB of it.
 /// True when the transfer was completed, whatever the HTTP status; false after one "[E]" line
 /// otherwise. Takes no proxy from the environment. Initialises and ends curl for itself, which is
 /// safe beside other threads where curl is (7.84 and later). \param limit for connecting, and for
