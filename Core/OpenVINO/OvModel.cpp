@@ -15,18 +15,23 @@ ov::CompiledModel compileAsStored(ov::Core& core, const std::string& file,
 
 namespace {
 
-void refuseInput(const ov::Output<const ov::Node>& input, const std::string& expected,
-                 const std::source_location& where) {
-  logError("network input is " + input.get_element_type().to_string() +
-               input.get_partial_shape().to_string() + ",expected " + expected,
-           where);
+/// \param layout the expected input with H and W in place of the configured sizes.
+void refuseInput(const ov::Output<const ov::Node>& input, std::string_view layout,
+                 const VsaModelConfig& config, const std::source_location& where) {
+  std::string text = "network input is " + input.get_element_type().to_string() +
+                     input.get_partial_shape().to_string() + ",expected ";
+  for (const char c : layout) {
+    if (c == 'H' || c == 'W') {
+      text += std::to_string(c == 'H' ? config.inputHeight : config.inputWidth);
+    } else {
+      text += c;
+    }
+  }
+  logError(text, where);
 }
 
-/// "f32[1,3,640,640]", with the numbers of the configuration.
-std::string planesText(const VsaModelConfig& config) {
-  return "f32[1,3," + std::to_string(config.inputHeight) + ',' + std::to_string(config.inputWidth) +
-         ']';
-}
+constexpr std::string_view kPlanes = "f32[1,3,H,W]";
+constexpr std::string_view kPixels = "u8[1,H,W,3]";
 
 }  // namespace
 
@@ -61,11 +66,11 @@ OvModel<Interface>::~OvModel() {
 
 template <class Interface>
 void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialShape& shape,
-                                      const std::string& expected, std::source_location where) {
+                                      std::string_view layout, std::source_location where) {
   const ov::Output<const ov::Node> input = compiledModel.input();
   // A size too large for an int would stand for any size in `shape`.
   if (inputSize.empty() || input.get_element_type() != type || input.get_partial_shape() != shape) {
-    refuseInput(input, expected, where);
+    refuseInput(input, layout, *this->config, where);
     return nullptr;
   }
   return inferRequest.get_input_tensor().data();
@@ -73,17 +78,14 @@ void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialS
 
 template <class Interface>
 float* OvModel<Interface>::inputPlanes(std::source_location where) {
-  return static_cast<float*>(inputMemory(ov::element::f32,
-                                         {1, 3, inputSize.height, inputSize.width},
-                                         planesText(*this->config), where));
+  return static_cast<float*>(
+      inputMemory(ov::element::f32, {1, 3, inputSize.height, inputSize.width}, kPlanes, where));
 }
 
 template <class Interface>
 std::uint8_t* OvModel<Interface>::inputPixels(std::source_location where) {
-  const std::string expected = "u8[1," + std::to_string(this->config->inputHeight) + ',' +
-                               std::to_string(this->config->inputWidth) + ",3]";
   return static_cast<std::uint8_t*>(
-      inputMemory(ov::element::u8, {1, inputSize.height, inputSize.width, 3}, expected, where));
+      inputMemory(ov::element::u8, {1, inputSize.height, inputSize.width, 3}, kPixels, where));
 }
 
 template <class Interface>
@@ -92,7 +94,7 @@ float* OvModel<Interface>::shapedInputPlanes(std::source_location where) {
   const ov::PartialShape wanted{1, 3, inputSize.height, inputSize.width};
   if (inputSize.empty() || input.get_element_type() != ov::element::f32 ||
       !input.get_partial_shape().compatible(wanted)) {
-    refuseInput(input, planesText(*this->config), where);
+    refuseInput(input, kPlanes, *this->config, where);
     return nullptr;
   }
   ov::Tensor tensor = inferRequest.get_input_tensor(0);

@@ -62,8 +62,8 @@ class OvModel : public Interface {
   cv::Size inputSize;  ///< As configured: width, height.
 
  private:
-  void* inputMemory(ov::element::Type type, const ov::PartialShape& shape,
-                    const std::string& expected, std::source_location where);
+  void* inputMemory(ov::element::Type type, const ov::PartialShape& shape, std::string_view layout,
+                    std::source_location where);
 };
 
 /// The last two dimensions of an output of `rank` dimensions, seen as a table; earlier ones are not
