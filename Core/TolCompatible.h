@@ -1,24 +1,26 @@
-// Public interface of TolCompatibleLib: neural networks for video and audio analysis behind one
-// flat set of calls.
-//
-// A host fills a VsaModelConfig and a VsaModelContext, calls VsaModelInit, hands VsaFrame records
-// to VsaModelDetect, VsaModelClassify or VsaModelFeature, reads the results out of the frame, and
-// calls VsaModelRelease.
-//
-// Memory: the host owns every record; only VsaModelSet and the models in it belong to the library,
-// from VsaModelInit to VsaModelRelease. Records hold standard-library members, so host and library
-// must be built with the same standard library and, on Windows, the same dynamic runtime; the
-// assertions at the end of this file stop a host that is not.
-//
-// Threads: calls on one context must not overlap; different contexts are independent of each other.
-// The library starts no thread and takes no lock of its own. (The inference engines keep worker
-// threads.)
-//
-// Errors: a call returns false after one "[E]" line in the host's glog, written at glog's
-// information severity. (Frames of the other kind, and calls that no model is there for, are
-// refused silently.) Exceptions of the engines and of OpenCV are not caught: they leave
-// VsaModelInit, the three run calls and VsaGetDeviceSet as ov::Exception, Ort::Exception,
-// cv::Exception or std::exception, and the model keeps working on the next frame.
+/// \file
+/// Public interface of TolCompatibleLib: neural networks for video and audio analysis behind one
+/// flat set of calls.
+///
+/// A host fills a VsaModelConfig and a VsaModelContext, calls VsaModelInit, hands VsaFrame records
+/// to VsaModelDetect, VsaModelClassify or VsaModelFeature, reads the results out of the frame, and
+/// calls VsaModelRelease.
+///
+/// Memory: the host owns every record; only VsaModelSet and the models in it belong to the library,
+/// from VsaModelInit to VsaModelRelease. Records hold standard-library members, so host and library
+/// must be built with the same standard library and, on Windows, the same dynamic runtime; the
+/// assertions at the end of this file stop a host that is not. Members named reservedN only keep
+/// their places; the library neither reads nor writes them.
+///
+/// Threads: calls on one context must not overlap; different contexts are independent of each
+/// other. The library starts no thread and takes no lock of its own. (The inference engines keep
+/// worker threads.)
+///
+/// Errors: a call returns false after one "[E]" line in the host's glog, written at glog's
+/// information severity. (Frames of the other kind, and calls that no model is there for, are
+/// refused silently.) Exceptions of the engines and of OpenCV are not caught: they leave
+/// VsaModelInit, the three run calls and VsaGetDeviceSet as ov::Exception, Ort::Exception,
+/// cv::Exception or std::exception, and the model keeps working on the next frame.
 #pragma once
 
 #include <cstddef>
@@ -27,6 +29,8 @@
 #include <string>
 #include <vector>
 
+/// \def VSA_API
+/// Marks an entry point: exported by the library, imported by hosts.
 #if !defined(_WIN32)
 #define VSA_API __attribute__((visibility("default")))
 #elif defined(TolCompatibleLib_EXPORTS)
@@ -46,21 +50,23 @@ inline constexpr char kVsaInterfaceVersion[] = "pub20240113";
 
 /// Values of VsaFrame::kind.
 inline constexpr std::uint32_t kVsaImageFrame = 0;
-inline constexpr std::uint32_t kVsaAudioFrame = 1;
+inline constexpr std::uint32_t kVsaAudioFrame = 1;  ///< \copydoc kVsaImageFrame
 
 /// Values of VsaShape::tag: key points of a pose, outline polygon of a segmented object.
 inline constexpr std::int32_t kVsaKeyPointsTag = 5;
-inline constexpr std::int32_t kVsaOutlineTag = 10;
+inline constexpr std::int32_t kVsaOutlineTag = 10;  ///< \copydoc kVsaKeyPointsTag
 
 /// A point of the frame in pixels, x to the right and y down. Not clamped to the frame.
 struct VsaPoint {
-  std::int32_t x = 0;
-  std::int32_t y = 0;
+  std::int32_t x = 0;  ///< Column.
+  std::int32_t y = 0;  ///< Row.
 };
 
 /// A list of points with a tag that says what they are (kVsaKeyPointsTag, kVsaOutlineTag).
 struct VsaShape {
-  std::int32_t tag = 0;
+  std::int32_t tag = 0;  ///< kVsaKeyPointsTag or kVsaOutlineTag.
+  /// Key points: all of the network's, in its order, whether seen or not. Outline: the corners of
+  /// one closed polygon.
   std::vector<VsaPoint> points;
 };
 
@@ -96,10 +102,10 @@ struct VsaObject {
   std::int32_t bottom = 0;  ///< At most imageHeight; of a text region, y of corner 1.
   std::int32_t cornerX2 =
       -1;  ///< Corner 2 (bottom right) of a text region; -1 for every other model.
-  std::int32_t cornerY2 = -1;
+  std::int32_t cornerY2 = -1;  ///< Likewise.
   std::int32_t cornerX3 =
       -1;  ///< Corner 3 (bottom left) of a text region; -1 for every other model.
-  std::int32_t cornerY3 = -1;
+  std::int32_t cornerY3 = -1;  ///< Likewise.
   float angle =
       -1.0F;  ///< Rotation of an oriented box as the network gave it; -1 for every other model.
   float score = 0.0F;        ///< Confidence of the detector.
@@ -184,19 +190,21 @@ struct VsaFrame {
       0;  ///< Columns of the image; for audio, of the picture that the sound belongs to, or 0.
   std::uint32_t height = 0;  ///< Rows, likewise.
   std::uint32_t reserved44 = 0;
+  /// Audio: this and the fields down to audioFrameCount go to the spectrogram service as they are;
+  /// the library itself uses audioFrameSize alone. Here the room of the host's buffer in bytes.
   std::int32_t audioFrameMaxSize = 0;
   std::uint32_t reserved52 = 0;
   const std::uint8_t* audioData =
       nullptr;  ///< Audio: audioFrameSize bytes of PCM. Only read, only during a call.
   unsigned char reserved64[16] = {};
-  std::int32_t audioFrameSize = 0;  ///< Audio: number of bytes at audioData.
-  std::int32_t audioSampleRate = 0;
-  std::int32_t audioNbSamples = 0;
-  std::int32_t audioSampleFmt = 0;
-  std::int32_t audioSampleFmtByteNum = 0;
-  std::int64_t pts = 0;
+  std::int32_t audioFrameSize = 0;   ///< Audio: number of bytes at audioData, 0 or more.
+  std::int32_t audioSampleRate = 0;  ///< Audio: samples a second of each channel.
+  std::int32_t audioNbSamples = 0;   ///< Audio: samples of each channel in the block.
+  std::int32_t audioSampleFmt = 0;   ///< Audio: code of the sample format, as the service knows it.
+  std::int32_t audioSampleFmtByteNum = 0;  ///< Audio: bytes of one sample of one channel.
+  std::int64_t pts = 0;                    ///< Audio: time of the block, in the host's own units.
   unsigned char reserved112[8] = {};
-  std::int64_t audioFrameCount = 0;
+  std::int64_t audioFrameCount = 0;  ///< Audio: number of the block in its stream.
   /// Detectors report only objects whose class name is in here, so an empty set yields none. (The
   /// pose and the text detector report all.) Classes that are left out still suppress what they
   /// overlap.
@@ -216,9 +224,9 @@ struct VsaFrame {
 /// The models of a context; made by VsaModelInit, freed by VsaModelRelease. At most one pointer is
 /// set.
 struct VsaModelSet {
-  TolCompatibleLib::VsaDetect* detect = nullptr;
-  TolCompatibleLib::VsaFeature* feature = nullptr;
-  TolCompatibleLib::VsaClassify* classify = nullptr;
+  TolCompatibleLib::VsaDetect* detect = nullptr;      ///< Run by VsaModelDetect.
+  TolCompatibleLib::VsaFeature* feature = nullptr;    ///< Run by VsaModelFeature.
+  TolCompatibleLib::VsaClassify* classify = nullptr;  ///< Run by VsaModelClassify.
 };
 
 /// The host's handle for one model.
@@ -277,10 +285,15 @@ VSA_API void VsaGetDeviceSet(VsaDeviceSet* devices);
 /// take a record whose version lies where VsaModelContext has it, and log an "[E]" line when it is
 /// not kVsaInterfaceVersion; the others read nothing and take null.
 VSA_API bool VsaHardwareDecodeInit(void* context);
+/// Always false; see VsaHardwareDecodeInit.
 VSA_API bool VsaHardwareDecode(void* context, void* frame);
+/// Does nothing; see VsaHardwareDecodeInit.
 VSA_API void VsaHardwareDecodeRelease(void* context);
+/// See VsaHardwareDecodeInit.
 VSA_API bool VsaHardwareEncodeInit(void* context);
+/// Always false; see VsaHardwareDecodeInit.
 VSA_API bool VsaHardwareEncode(void* context, void* frame);
+/// Does nothing; see VsaHardwareDecodeInit.
 VSA_API void VsaHardwareEncodeRelease(void* context);
 
 }  // extern "C"

@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "OnnxRuntime/OrDetect.h"
+#include "Utils/PreProcessUtils.h"
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
 
@@ -23,13 +26,6 @@ struct OnnxModel : TestModel {
     setClasses({"a", "b"});
   }
 };
-
-std::vector<std::vector<int>> boxesOf(const VsaFrame& frame) {
-  std::vector<std::vector<int>> boxes;
-  for (const VsaObject& object : frame.objects) boxes.push_back(boxOf(object));
-  return boxes;
-}
-using Boxes = std::vector<std::vector<int>>;
 
 TEST(OrDetect, DecodesEachFamily) {
   struct Case {
@@ -177,6 +173,17 @@ TEST(BothEngines, AgreeOnTheSameNetworkAndFrame) {
         EXPECT_EQ(first.objects[i].score, second.objects[i].score);
         EXPECT_EQ(first.objects[i].className, second.objects[i].className);
       }
+      if (side != 8) continue;
+      // Candidate i of this network lies at 4 i - 1 and has float i of the input for its score.
+      std::vector<float> planes(std::size_t{3} * 8 * 4);
+      const auto scale = TolCompatibleLib::letterboxPlanes(image, {8, 4}, planes.data());
+      std::map<int, float> expected, shown;
+      for (std::size_t k = 0; k < planes.size(); ++k) {
+        const float left = static_cast<float>(4 * static_cast<int>(k) - 1) * *scale;
+        if (planes[k] > 0.25F) expected[std::max(0, static_cast<int>(left))] = planes[k];
+      }
+      for (const VsaObject& object : first.objects) shown[object.left] = object.score;
+      EXPECT_EQ(shown, expected);
     }
   }
 }

@@ -1,4 +1,4 @@
-// The built-in dictionary, and reading text out of scores.
+// The built-in dictionary, and how a network lays out its scores. LiteralTest compares the texts read.
 
 #include "Utils/TextDecode.h"
 
@@ -6,7 +6,7 @@
 
 #include <array>
 #include <cstdint>
-#include <limits>
+#include <tuple>
 
 namespace {
 
@@ -36,38 +36,6 @@ TEST(Dictionary, HoldsThePublishedListInGbk) {
   EXPECT_EQ(checksum, 2547496953U);
 }
 
-/// Scores in which class `best[t]` wins step t.
-std::vector<float> scoresOf(const std::vector<int>& best, int classes) {
-  std::vector<float> scores(best.size() * static_cast<std::size_t>(classes), 0.1F);
-  for (std::size_t t = 0; t < best.size(); ++t) {
-    scores[t * static_cast<std::size_t>(classes) + static_cast<std::size_t>(best[t])] = 0.9F;
-  }
-  return scores;
-}
-
-TEST(CtcGreedyDecode, MergesRepetitionsAndSkipsBlanksAndUnknownClasses) {
-  const CharacterDictionary letters({"-", "a", "b", "c", "d", "e", "f", "g"});
-  const std::pair<std::vector<int>, std::string> cases[] = {{{0, 5, 5, 0, 5, 7, 7}, "eeg"},
-                                                            {{}, ""},
-                                                            {{0, 0, 0}, ""},
-                                                            {{1, 1, 2, 2, 1}, "aba"},
-                                                            {{8, 1, 9, 1, 8}, "aa"},
-                                                            {{1, 8, 8, 1}, "aa"}};
-  for (const auto& [best, text] : cases) {
-    const std::vector<float> scores = scoresOf(best, 10);
-    EXPECT_EQ(CtcGreedyDecode({scores.data(), static_cast<int>(best.size()), 10}, letters), text);
-  }
-}
-
-TEST(CtcGreedyDecode, TheFirstOfEqualsWinsAndNanNever) {
-  const CharacterDictionary letters({"-", "a", "b"});
-  constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-  const std::vector<float> scores = {0, 1, 1, kNan, kNan, kNan, kNan, 1, 2, 1, 1, 1};
-  EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 3}, letters), "ab");
-  EXPECT_EQ(CtcGreedyDecode({scores.data(), 4, 0}, letters), "");
-  EXPECT_EQ(CtcGreedyDecode({scores.data(), 1, 3}, CharacterDictionary(std::vector<std::string>{})), "");
-}
-
 TEST(OcrLayout, IsToldByTheShape) {
   struct Case {
     std::vector<std::size_t> shape;
@@ -91,26 +59,18 @@ TEST(OcrLayout, IsToldByTheShape) {
       EXPECT_STREQ(found.error, c.error);
       continue;
     }
+    const OcrLayout& layout = found.layout;
+    EXPECT_EQ(std::tie(layout.steps, layout.classes, layout.stepStride, layout.classStride),
+              std::tie(c.steps, c.classes, c.stepStride, c.classStride));
     EXPECT_EQ(found.error, nullptr);
-    EXPECT_EQ(found.layout.steps, c.steps);
-    EXPECT_EQ(found.layout.classes, c.classes);
-    EXPECT_EQ(found.layout.stepStride, c.stepStride);
-    EXPECT_EQ(found.layout.classStride, c.classStride);
   }
 }
 
-TEST(DecodeOcr, FollowsTheLayoutAndTheAlphabetOnly) {
-  const std::vector<std::string> alphabet = {"-", "a", "b", "c"};
-  const std::vector<float> rows = scoresOf({3, 3, 0, 3, 1, 4}, 5);
-  EXPECT_EQ(decodeOcr(rows.data(), {6, 5, 5, 1}, alphabet), "cca");  // class 4 has no letter
-  std::vector<float> columns(rows.size());
-  for (std::size_t t = 0; t < 6; ++t) {
-    for (std::size_t c = 0; c < 5; ++c) columns[c * 6 + t] = rows[t * 5 + c];
-  }
-  EXPECT_EQ(decodeOcr(columns.data(), {6, 5, 1, 6}, alphabet), "cca");
-  EXPECT_EQ(decodeOcr(rows.data(), {0, 5, 5, 1}, alphabet), "");
-  EXPECT_EQ(decodeOcr(rows.data(), {30, 1, 1, 1}, alphabet), "");
-  EXPECT_EQ(decodeOcr(nullptr, {std::size_t{1} << 60, 0, 0, 1}, alphabet), "");
+TEST(DecodeOcr, KnowsNoLetterPastTheAlphabetAndNoTextWithoutClasses) {
+  const float scores[] = {0, 1, 0, 0, 0, 1, 0, 1, 0};  // classes 1, 2 and 1
+  EXPECT_EQ(decodeOcr(scores, {3, 3, 3, 1}, {"-", "a"}), "aa");
+  EXPECT_EQ(decodeOcr(scores, {9, 1, 1, 1}, {"-", "a"}), "");
+  EXPECT_EQ(decodeOcr(nullptr, {std::size_t{1} << 60, 0, 0, 1}, {"-", "a"}), "");
 }
 
 }  // namespace

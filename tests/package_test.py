@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import tempfile
 import unittest
@@ -20,14 +21,10 @@ def output(*command, **options):
 class Package(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory()
-        cls.prefix = pathlib.Path(cls.folder.name) / "prefix"
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        cls.prefix = cls.folder / "prefix"
         output("cmake", "--install", BUILD, "--prefix", cls.prefix)
         cls.library = next(cls.prefix.glob("lib*/**/libTolCompatibleLib.so"))
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.folder.cleanup()
 
     def test_only_the_declared_entry_points_are_exported(self):
         symbols = output("nm", "-D", "--defined-only", self.library).split("\n")
@@ -44,24 +41,44 @@ class Package(unittest.TestCase):
         self.assertIn("pub20240113", output(self.prefix / "bin/vsa", "--version"))
 
     def test_a_host_builds_and_runs_with_the_package_alone(self):
-        build = pathlib.Path(self.folder.name) / "host"
-        output("cmake", "-S", SOURCE / "examples/host", "-B", build, f"-DCMAKE_PREFIX_PATH={self.prefix}",
-               "-DCMAKE_CXX_FLAGS=-Wall -Wextra -Wpedantic -Werror")
-        output("cmake", "--build", build)
-        header = self.prefix / "include/TolCompatible/TolCompatible.h"
+        folder = self.folder
+        moved = folder / "moved"
+        output("cp", "-a", self.prefix, moved)
+        host = SOURCE / "examples/host"
+        header = moved / "include/TolCompatible/TolCompatible.h"
         includes = re.findall(r"#include <(.*)>", header.read_text())
         self.assertTrue(all("." not in name and "/" not in name for name in includes), includes)
+        self.assertIn((host / "main.cpp").read_text(), (SOURCE / "README.md").read_text())
 
-        self.assertIn((SOURCE / "examples/host/main.cpp").read_text(), (SOURCE / "README.md").read_text())
+        warnings = "-Wall -Wextra -Wpedantic -Werror"
+        output("cmake", "-S", host, "-B", folder / "host", f"-DCMAKE_PREFIX_PATH={moved}",
+               f"-DCMAKE_CXX_FLAGS={warnings}")
+        output("cmake", "--build", folder / "host")
+        programs = [folder / "host/ReadText"]
+        engines = moved if list(moved.glob("lib*/**/TolCompatible/libopenvino.so.*")) else ""  # bundled?
+        if shutil.which("pkg-config"):
+            package = next(moved.glob("lib*/**/pkgconfig"))
+            flags = output("pkg-config", "--cflags", "--libs", "TolCompatibleLib",
+                           env={**os.environ, "PKG_CONFIG_PATH": str(package)})
+            self.assertNotIn(str(self.prefix), flags)
+            programs.append(folder / "ReadText")
+            output("c++", "-std=c++17", *warnings.split(), host / "main.cpp", "-o", programs[-1], *flags.split(),
+                   f"-Wl,-rpath,{package.parent}")
 
-        picture = pathlib.Path(self.folder.name) / "grey.ppm"
+        picture = folder / "grey.ppm"
         picture.write_bytes(b"P6 64 48 255\n" + bytes([128]) * (64 * 48 * 3))
-        missing = subprocess.run([build / "ReadText", "nowhere", picture], capture_output=True, text=True)
-        self.assertEqual(missing.returncode, 1)  # the engine's exception was caught
-        self.assertIn("nowhere", missing.stderr)
         models = os.environ.get("TOL_MODELS", "")
-        if pathlib.Path(models, "text/detection.xml").exists():
-            self.assertEqual(output(build / "ReadText", models, picture), "")
+        for program in programs:
+            loaded = output("ldd", program)
+            self.assertIn(f"{moved}/lib", loaded)
+            self.assertNotIn("not found", loaded)
+            for name in ("openvino", "onnxruntime", "tbb"):
+                self.assertRegex(loaded, rf"lib{name}\.so\S* => {engines}/")
+            missing = subprocess.run([program, "nowhere", picture], capture_output=True, text=True)
+            self.assertEqual(missing.returncode, 1)  # the engine's exception was caught
+            self.assertIn("nowhere", missing.stderr)
+            if pathlib.Path(models, "text/detection.xml").exists():
+                self.assertEqual(output(program, models, picture), "")
 
 
 if __name__ == "__main__":

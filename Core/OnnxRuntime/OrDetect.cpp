@@ -123,14 +123,15 @@ bool OrDetect::isOpen(std::source_location where) const {
 std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
                                                            std::source_location where) {
   const std::array<std::int64_t, 4> shape{1, 3, inputSize.height, inputSize.width};
-  const std::array<int, 3> sizes{3, inputSize.height, inputSize.width};
-  cv::Mat planes(static_cast<int>(sizes.size()), sizes.data(), CV_32FC1);
-  const std::optional<float> scale = letterboxPlanes(image, inputSize, planes.ptr<float>(), where);
+  const std::size_t count = std::size_t{3} * static_cast<std::size_t>(inputSize.height) *
+                            static_cast<std::size_t>(inputSize.width);
+  if (planes_ == nullptr) planes_ = std::make_unique_for_overwrite<float[]>(count);
+  const std::optional<float> scale = letterboxPlanes(image, inputSize, planes_.get(), where);
   if (!scale) return std::nullopt;
 
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);
-  const auto value = Ort::Value::CreateTensor<float>(memory, planes.ptr<float>(), planes.total(),
-                                                     shape.data(), shape.size());
+  const auto value =
+      Ort::Value::CreateTensor<float>(memory, planes_.get(), count, shape.data(), shape.size());
   const char* const inputName = inputNames.front().c_str();
   const char* const outputName = outputNames.front().c_str();
   std::vector<Ort::Value> values =

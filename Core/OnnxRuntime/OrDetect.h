@@ -67,6 +67,9 @@ class OrDetect : public VsaDetect {
   bool fits(std::source_location where);
 
   OutputLayout layout_;
+  /// The network's input. Kept between runs, as fresh memory costs a fault for every page. No
+  /// matrix: OpenCV loses the memory of one that it cannot complete.
+  std::unique_ptr<float[]> planes_;
 };
 
 /// A path for ONNX Runtime: each byte becomes one character, as a signed byte and without decoding,

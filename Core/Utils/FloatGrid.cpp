@@ -44,7 +44,19 @@ std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCou
   for (std::int64_t begin = 0; begin < grid.cols; begin += kBlock) {
     const auto width = static_cast<std::size_t>(std::min(kBlock, grid.cols - begin));
     std::fill_n(best.begin(), width, kLeast);
-    for (int r = 0; r < rowCount; ++r) {
+    int r = 0;
+    // Four rows at a time, which spares the maxima three of four ways from and to memory.
+    for (; rowCount - r >= 4; r += 4) {
+      const float* first = grid.row(firstRow + r) + begin;
+      const float* second = first + grid.cols;
+      const float* third = second + grid.cols;
+      const float* fourth = third + grid.cols;
+      for (std::size_t c = 0; c < width; ++c) {
+        best[c] =
+            greater(greater(greater(greater(best[c], first[c]), second[c]), third[c]), fourth[c]);
+      }
+    }
+    for (; r < rowCount; ++r) {
       const float* values = grid.row(firstRow + r) + begin;
       for (std::size_t c = 0; c < width; ++c) best[c] = greater(best[c], values[c]);
     }

@@ -5,8 +5,10 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstring>
 #include <iterator>
 #include <limits>
+#include <memory>
 #include <new>
 #include <numeric>
 #include <opencv2/dnn.hpp>
@@ -218,6 +220,19 @@ std::vector<int> sampledPositions(int length, int scaled) {
   return sampled;
 }
 
+/// Copies the pixels at `columns`, in ascending order, of a row of `width` pixels of three bytes.
+void copyPixels(const uchar* pixels, int width, const std::vector<int>& columns, uchar* out) {
+  // Four bytes are copied faster than three. The fourth is the next pixel's, on both sides, so
+  // there has to be one.
+  std::size_t x = 0;
+  for (; x + 1 < columns.size() && columns[x] < width - 1; ++x) {
+    std::memcpy(out + 3 * x, pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]), 4);
+  }
+  for (; x < columns.size(); ++x) {
+    std::memcpy(out + 3 * x, pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]), 3);
+  }
+}
+
 }  // namespace
 
 std::optional<cv::Mat> imageOf(const VsaFrame* frame, std::source_location where) {
@@ -249,9 +264,14 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, voi
   if (!fit) return std::nullopt;
   cv::Mat canvas = pixels == nullptr ? cv::Mat(inputSize, image.type())
                                      : cv::Mat(inputSize, image.type(), pixels);
-  canvas.setTo(cv::Scalar::all(0));
-  cv::Mat corner = canvas(cv::Rect({0, 0}, fit->scaled));
-  cv::resize(image, corner, fit->scaled, 0, 0, cv::INTER_NEAREST);
+  const std::vector<int> columns = sampledPositions(image.cols, fit->scaled.width);
+  const std::vector<int> rows = sampledPositions(image.rows, fit->scaled.height);
+  for (int y = 0; y < fit->scaled.height; ++y) {
+    uchar* const row = canvas.ptr<uchar>(y);
+    copyPixels(image.ptr<uchar>(rows[static_cast<std::size_t>(y)]), image.cols, columns, row);
+    std::fill(row + 3 * columns.size(), row + canvas.step[0], uchar{0});
+  }
+  canvas.rowRange(fit->scaled.height, canvas.rows).setTo(cv::Scalar::all(0));
   return Letterbox{canvas, fit->scale};
 }
 
@@ -374,7 +394,7 @@ void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& tex
   std::fill(text.begin() + static_cast<std::ptrdiff_t>(place), text.end(), '=');
 }
 
-std::string spectrogramRequest(const VsaFrame& frame) {
+std::string spectrogramRequest(const VsaFrame& frame) try {
   std::string pcm;
   Base64Encode(frame.audioData, static_cast<std::size_t>(frame.audioFrameSize), pcm);
   Json::Value request;
@@ -387,7 +407,16 @@ std::string spectrogramRequest(const VsaFrame& frame) {
   request["audio_sample_fmt"] = frame.audioSampleFmt;
   request["audio_sample_fmt_byte_num"] = frame.audioSampleFmtByteNum;
   request["audio_pcm_base64"] = pcm;
-  return request.toStyledString();
+  // Not toStyledString: the stream in it goes on without a word where memory runs out, so that the
+  // service would get a part of the request.
+  std::ostringstream text;
+  text.exceptions(std::ios::badbit);
+  const std::unique_ptr<Json::StreamWriter> writer(Json::StreamWriterBuilder().newStreamWriter());
+  writer->write(request, &text);
+  text << '\n';
+  return text.str();
+} catch (const Json::Exception&) {
+  throw std::bad_alloc();  // jsoncpp has an exception of its own for it
 }
 
 namespace {
@@ -429,12 +458,13 @@ std::optional<MelSpectrogram> rowsIn(const Json::Value& spectrogram, std::size_t
   return std::nullopt;
 }
 
-/// The spectrogram in the service's reply; nothing where there is none.
+}  // namespace
+
 std::optional<MelSpectrogram> spectrogramIn(const std::string& text) {
   Json::Value reply;
   Json::String problems;
-  std::istringstream stream(text);
-  if (!Json::parseFromStream(Json::CharReaderBuilder(), stream, &reply, &problems) ||
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  if (!reader->parse(text.data(), text.data() + text.size(), &reply, &problems) ||
       !problems.empty()) {
     return std::nullopt;
   }
@@ -453,16 +483,16 @@ std::optional<MelSpectrogram> spectrogramIn(const std::string& text) {
   return rowsIn(reply["mel_spec"], *steps);
 }
 
-}  // namespace
-
-int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix) {
+int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix,
+                   std::chrono::milliseconds limit) {
   if (frame.kind != kVsaAudioFrame) return 0;
   if (frame.audioFrameSize < 0 || (frame.audioFrameSize > 0 && frame.audioData == nullptr)) {
     logError("audio block has no data,audio_frame_size=" + std::to_string(frame.audioFrameSize));
     return 0;
   }
   std::string text;
-  if (!PostJson(baseAddress + "/api/audioToMelSpec", spectrogramRequest(frame), text)) return 0;
+  if (!PostJson(baseAddress + "/api/audioToMelSpec", spectrogramRequest(frame), text, limit))
+    return 0;
   // A reply must not throw through the library.
   try {
     std::optional<MelSpectrogram> rows = spectrogramIn(text);

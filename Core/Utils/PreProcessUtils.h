@@ -6,6 +6,7 @@
 // the network's input: same bits, one pass.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <opencv2/core.hpp>
 #include <optional>
@@ -14,6 +15,7 @@
 #include <vector>
 
 #include "TolCompatible.h"
+#include "Utils/Request.h"
 
 namespace TolCompatibleLib {
 
@@ -89,11 +91,16 @@ std::string spectrogramRequest(const VsaFrame& frame);
 /// Rows of a spectrogram, one per mel band.
 using MelSpectrogram = std::vector<std::vector<float>>;
 
+/// The spectrogram in the service's reply; nothing where there is none, after one "[E]" line unless
+/// the reply is no JSON. Throws Json::Exception for a reply nested deeper than jsoncpp reads.
+std::optional<MelSpectrogram> spectrogramIn(const std::string& text);
+
 /// Asks the mel-spectrogram service at `baseAddress` ("http://host:port") for the spectrogram of an
 /// audio frame and appends its rows to `matrix`, whose rows need not be of one length. Returns 1,
-/// or 0 with `matrix` as it was, after one
-/// "[E]" line (none for a frame of another kind and for a reply that is no JSON). Throws nothing of
-/// the reply's making.
-int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix);
+/// or 0 with `matrix` as it was, after one "[E]" line (none for a frame of another kind and for a
+/// reply that is no JSON). Throws nothing of the reply's making. \param limit for the whole
+/// transfer.
+int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix,
+                   std::chrono::milliseconds limit = kRequestLimit);
 
 }  // namespace TolCompatibleLib

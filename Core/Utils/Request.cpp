@@ -37,7 +37,7 @@ struct CurlSession {
 }  // namespace
 
 bool PostJson(const std::string& url, const std::string& body, std::string& response,
-              std::chrono::seconds limit) {
+              std::chrono::milliseconds limit) {
   const CurlSession session;
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> handle(curl_easy_init(),
                                                                    curl_easy_cleanup);
@@ -59,23 +59,30 @@ bool PostJson(const std::string& url, const std::string& body, std::string& resp
     headers.reset(longer);
   }
   std::string received;
-  CURL* const curl = handle.get();
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers.get());
-  curl_easy_setopt(curl, CURLOPT_HEADER, 0L);
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_POST, 1L);
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-  curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-  curl_easy_setopt(curl, CURLOPT_VERBOSE, 0L);
-  curl_easy_setopt(curl, CURLOPT_READFUNCTION, nullptr);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, receive);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &received);
-  curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-  curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, static_cast<long>(limit.count()));
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, static_cast<long>(limit.count()));
-  curl_easy_setopt(curl, CURLOPT_PROXY, "");
-  const CURLcode code = curl_easy_perform(curl);
+  // An option that is lost would change what is sent, and where: without the last one, through a
+  // proxy of the environment.
+  CURLcode code = CURLE_OK;
+  const auto set = [&](CURLoption option, auto value) {
+    if (curl_easy_setopt(handle.get(), option, value) == CURLE_OUT_OF_MEMORY) {
+      code = CURLE_OUT_OF_MEMORY;
+    }
+  };
+  set(CURLOPT_HTTPHEADER, headers.get());
+  set(CURLOPT_HEADER, 0L);
+  set(CURLOPT_URL, url.c_str());
+  set(CURLOPT_POST, 1L);
+  set(CURLOPT_POSTFIELDS, body.c_str());
+  set(CURLOPT_SSL_VERIFYPEER, 0L);
+  set(CURLOPT_SSL_VERIFYHOST, 0L);
+  set(CURLOPT_VERBOSE, 0L);
+  set(CURLOPT_READFUNCTION, nullptr);
+  set(CURLOPT_WRITEFUNCTION, receive);
+  set(CURLOPT_WRITEDATA, &received);
+  set(CURLOPT_NOSIGNAL, 1L);
+  set(CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(limit.count()));
+  set(CURLOPT_TIMEOUT_MS, static_cast<long>(limit.count()));
+  set(CURLOPT_PROXY, "");
+  if (code == CURLE_OK) code = curl_easy_perform(handle.get());
   response += received;
   if (code == CURLE_OK) return true;
   logError("curl_easy_perform error: url=" + url + ", " + curl_easy_strerror(code));

@@ -44,23 +44,22 @@ float polygonScore(const std::array<cv::Point2f, 4>& corners, const cv::Mat& map
     maxX = std::max(maxX, corner.x);
     maxY = std::max(maxY, corner.y);
   }
-  const float left = std::max(std::floor(minX), 0.0F);
-  const float top = std::max(std::floor(minY), 0.0F);
-  const float right = std::min(std::ceil(maxX), static_cast<float>(map.cols - 1));
-  const float bottom = std::min(std::ceil(maxY), static_cast<float>(map.rows - 1));
-  const int width = truncateToInt(right - left + 1.0F);
-  const int height = truncateToInt(bottom - top + 1.0F);
-  if (width < 1 || height < 1) return 0.0F;
+  const int left = std::max(truncateToInt(std::floor(minX)), 0);
+  const int top = std::max(truncateToInt(std::floor(minY)), 0);
+  const int right = std::min(truncateToInt(std::ceil(maxX)), map.cols - 1);
+  const int bottom = std::min(truncateToInt(std::ceil(maxY)), map.rows - 1);
+  if (left > right || top > bottom) return 0.0F;
 
-  const cv::Rect box(truncateToInt(left), truncateToInt(top), width, height);
-  if (box.x + width > map.cols || box.y + height > map.rows) return 0.0F;
+  const cv::Rect box(left, top, right - left + 1, bottom - top + 1);
   std::array<cv::Point, 4> inBox;
   std::transform(corners.begin(), corners.end(), inBox.begin(), [&](const cv::Point2f& corner) {
-    return cv::Point(truncateToInt(corner.x - left), truncateToInt(corner.y - top));
+    return cv::Point(truncateToInt(corner.x - static_cast<float>(left)),
+                     truncateToInt(corner.y - static_cast<float>(top)));
   });
   cv::Mat mask = cv::Mat::zeros(box.size(), CV_8UC1);
-  cv::fillPoly(mask, std::vector<std::vector<cv::Point>>{{inBox.begin(), inBox.end()}},
-               cv::Scalar(1));
+  const cv::Point* polygon = inBox.data();
+  const int count = static_cast<int>(inBox.size());
+  cv::fillPoly(mask, &polygon, &count, /*ncontours=*/1, cv::Scalar(1));
   return static_cast<float>(cv::mean(map(box), mask)[0]);
 }
 

@@ -7,17 +7,32 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 
+/// What the service does with a connection.
+struct Answer {
+  Answer(std::string text) : bytes(std::move(text)) {}  // NOLINT(google-explicit-constructor)
+  Answer(const char* text) : bytes(text) {}             // NOLINT(google-explicit-constructor)
+
+  std::string bytes;                    // none: the service never answers
+  std::chrono::milliseconds pause{0};   // after each byte
+  std::size_t blanks = 0;               // sent after the bytes
+  bool resets = false;                  // ends by a reset of the connection
+  std::size_t requestBytes = SIZE_MAX;  // at most so many are read before
+};
+
 class LoopbackServer {
  public:
   /// Listens on `port`, or on any free one for 0.
-  explicit LoopbackServer(std::string answer, std::uint16_t port = 0) : answer_(std::move(answer)) {
+  explicit LoopbackServer(Answer answer, std::uint16_t port = 0) : answer_(std::move(answer)) {
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
     const int yes = 1;
     setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
@@ -45,7 +60,7 @@ class LoopbackServer {
 
   std::string address() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
-  void setAnswer(std::string answer) {
+  void setAnswer(Answer answer) {
     const std::lock_guard lock(mutex_);
     answer_ = std::move(answer);
   }
@@ -71,48 +86,60 @@ class LoopbackServer {
     while (!stopped_) {
       const int connection = accept(listener_, nullptr, nullptr);
       if (connection < 0) return;
-      const std::string request = receive(connection);
-      std::string answer;
+      Answer answer("");
+      {
+        const std::lock_guard lock(mutex_);
+        answer = answer_;
+      }
+      const std::string request = receive(connection, answer.requestBytes);
       {
         const std::lock_guard lock(mutex_);
         request_ = request;
         ++count_;
-        answer = answer_;
       }
-      // An empty answer stands for a service that never gives one.
-      while (answer.empty() && !stopped_ && recv(connection, nullptr, 0, MSG_PEEK) == 0) {
+      // Until the client goes away.
+      while (answer.bytes.empty() && !answer.resets && !stopped_ && recv(connection, nullptr, 0, MSG_PEEK) == 0) {
         char byte = 0;
         if (recv(connection, &byte, 1, MSG_DONTWAIT) == 0) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
-      for (std::size_t sent = 0; sent < answer.size();) {
-        const ssize_t done = send(connection, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
-        if (done <= 0) break;
-        sent += static_cast<std::size_t>(done);
+      bool isOpen = true;
+      for (std::size_t sent = 0; isOpen && !stopped_ && sent < answer.bytes.size();) {
+        const std::size_t most = answer.pause.count() > 0 ? 1 : answer.bytes.size() - sent;
+        const ssize_t done = send(connection, answer.bytes.data() + sent, most, MSG_NOSIGNAL);
+        isOpen = done > 0;
+        sent += isOpen ? static_cast<std::size_t>(done) : 0;
+        std::this_thread::sleep_for(answer.pause);
       }
+      const std::string blanks(std::min<std::size_t>(answer.blanks, 65536), ' ');
+      for (std::size_t sent = 0; isOpen && sent < answer.blanks; sent += blanks.size()) {
+        isOpen = send(connection, blanks.data(), blanks.size(), MSG_NOSIGNAL) > 0;
+      }
+      const linger atOnce{1, 0};
+      if (answer.resets) setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
       close(connection);
     }
   }
 
-  /// Headers, and as many bytes of body as they announce.
-  static std::string receive(int connection) {
+  /// Headers, and as many bytes of body as they announce; `most` bytes of it all.
+  static std::string receive(int connection, std::size_t most) {
     std::string request;
-    std::size_t expected = std::string::npos;
+    std::size_t expected = most;
     char buffer[4096];
     while (request.size() < expected) {
-      const ssize_t count = recv(connection, buffer, sizeof buffer, 0);
+      const ssize_t count = recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
       if (count <= 0) break;
       request.append(buffer, static_cast<std::size_t>(count));
       const std::size_t end = request.find("\r\n\r\n");
       const std::size_t length = request.find("Content-Length: ");
       if (end != std::string::npos && length < end) {
-        expected = end + 4 + std::stoul(request.substr(length + 16));
+        expected = std::min(most, end + 4 + std::stoul(request.substr(length + 16)));
       }
     }
     return request;
   }
 
-  std::string answer_;
+  Answer answer_;
   std::string request_;
   int count_ = 0;
   int listener_ = -1;

@@ -34,6 +34,11 @@ struct TestModel {
     config.classNames = std::move(names);
   }
   bool init() { return VsaModelInit(&context); }
+  /// The call of the model's category.
+  bool run(VsaFrame* frame) {
+    if (config.category == "Detect") return VsaModelDetect(&context, frame);
+    return config.category == "Track" ? VsaModelFeature(&context, frame) : VsaModelClassify(&context, frame);
+  }
   bool detect(VsaFrame& frame) { return VsaModelDetect(&context, &frame); }
   bool feature(VsaFrame& frame) { return VsaModelFeature(&context, &frame); }
 
@@ -58,7 +63,44 @@ inline cv::Mat randomImage(int width, int height, std::uint64_t seed = 1) {
   return image;
 }
 
+/// All that a run may have written, byte for byte.
+inline std::string bytesOf(const VsaFrame& frame) {
+  std::string bytes;
+  const auto put = [&](const auto&... value) {
+    (bytes.append(reinterpret_cast<const char*>(&value), sizeof value), ...);
+  };
+  put(frame.audioClassified, frame.audioScore);
+  for (const auto* list : {&frame.objects, &frame.audioObjects}) {
+    put(list->size());
+    for (const VsaObject& o : *list) {
+      put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2, o.cornerX3,
+          o.cornerY3);
+      put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore, o.feature.size());
+      for (const auto* text : {&o.className, &o.classifyName, &o.text}) put(text->size()), bytes += *text;
+      for (const VsaShape& shape : o.shapes) {
+        put(shape.tag, shape.points.size());
+        for (const VsaPoint& point : shape.points) put(point.x, point.y);
+      }
+      for (const float number : o.feature) put(number);
+    }
+  }
+  return bytes;
+}
+
+/// An object whose box is as given, off the frame or not.
+inline VsaObject boxObject(int left, int top, int right, int bottom, const std::string& name = "") {
+  VsaObject object(1, 1, 0, 0, 1, 1, 0.5F, 3, name);
+  object.left = left, object.top = top, object.right = right, object.bottom = bottom;
+  return object;
+}
+
 /// left, top, right, bottom
 inline std::vector<int> boxOf(const VsaObject& object) {
   return {object.left, object.top, object.right, object.bottom};
+}
+using Boxes = std::vector<std::vector<int>>;
+inline Boxes boxesOf(const VsaFrame& frame) {
+  Boxes boxes;
+  for (const VsaObject& object : frame.objects) boxes.push_back(boxOf(object));
+  return boxes;
 }

@@ -1,0 +1,195 @@
+#include "Networks.h"
+
+#include <algorithm>
+#include <chrono>
+#include <opencv2/imgproc.hpp>
+#include <openvino/opsets/opset8.hpp>
+#include <random>
+
+#include "support/TinyNetworks.h"
+
+namespace {
+
+namespace op = ov::opset8;
+using Node = ov::Output<ov::Node>;
+
+/// Layers of random weights.
+class Layers {
+ public:
+  Node weighted(const Node& x, std::size_t in, std::size_t out, std::size_t kernel,
+                std::size_t stride) {
+    const auto pad = static_cast<std::ptrdiff_t>(kernel / 2);
+    return std::make_shared<op::Convolution>(
+        x, weights({out, in, kernel, kernel}), ov::Strides{stride, stride},
+        ov::CoordinateDiff{pad, pad}, ov::CoordinateDiff{pad, pad}, ov::Strides{1, 1});
+  }
+  Node convolved(const Node& x, std::size_t in, std::size_t out, std::size_t stride) {
+    return std::make_shared<op::Swish>(weighted(x, in, out, 3, stride));
+  }
+  Node repeated(Node x, std::size_t channels, int times) {
+    for (int i = 0; i < times; ++i) x = convolved(x, channels, channels, 1);
+    return x;
+  }
+  Node yoloHead(const Node& x, std::size_t channels) {
+    const Node logits = weighted(convolved(x, channels, 64, 1), 64, kClasses + 4, 1, 1);
+    const Node scores =
+        std::make_shared<op::Sigmoid>(std::make_shared<op::Subtract>(logits, floats({1}, {9.0F})));
+    return reshaped(scores, {1, kClasses + 4, -1});
+  }
+  Node weights(const ov::Shape& shape) {
+    std::vector<float> values(ov::shape_size(shape));
+    std::uniform_real_distribution<float> small(-0.05F, 0.05F);
+    for (float& value : values) value = small(random_);
+    return floats(shape, values);
+  }
+
+ private:
+  std::mt19937 random_{1};
+};
+
+/// Random numbers of 0 to 1, the same for every output.
+class Unit {
+ public:
+  float operator()() { return distribution_(random_); }
+  int below(int end) { return static_cast<int>(random_() % static_cast<unsigned>(end)); }
+
+ private:
+  std::mt19937 random_{1};
+  std::uniform_real_distribution<float> distribution_{0.0F, 1.0F};
+};
+
+}  // namespace
+
+std::string writeYoloLike() {
+  Layers layers;
+  return writeNetwork({1, 3, kSide, kSide}, [&layers](const Node& input) {
+    const auto stem = layers.convolved(layers.convolved(input, 3, 16, 2), 16, 32, 2);
+    const auto x = layers.repeated(stem, 32, 2);
+    const auto fine = layers.repeated(layers.convolved(x, 32, 64, 2), 64, 4);
+    const auto middle = layers.repeated(layers.convolved(fine, 64, 128, 2), 128, 4);
+    const auto coarse = layers.repeated(layers.convolved(middle, 128, 256, 2), 256, 2);
+    return ov::OutputVector{std::make_shared<op::Concat>(
+        ov::OutputVector{layers.yoloHead(fine, 64), layers.yoloHead(middle, 128),
+                         layers.yoloHead(coarse, 256)},
+        2)};
+  });
+}
+
+std::string writePlainNetwork(const PlainNetwork& network) {
+  Layers layers;
+  const ov::PartialShape shape{1, 3, network.input.height, network.input.width};
+  return writeNetwork(shape, [&](const Node& input) {
+    std::size_t channels = network.channels;
+    Node x = layers.convolved(layers.convolved(input, 3, channels, 2), channels, channels, 2);
+    x = layers.repeated(x, channels, network.depth - 1);
+    for (int stage = 1; stage < 4; ++stage, channels *= 2) {
+      x = layers.repeated(layers.convolved(x, channels, 2 * channels, 2), 2 * channels,
+                          network.depth - 1);
+    }
+    const Node axes = op::Constant::create(ov::element::i64, {2}, {2, 3});
+    const Node mean = std::make_shared<op::ReduceMean>(x, axes, false);
+    std::size_t numbers = 1;
+    for (const int side : network.output) numbers *= static_cast<std::size_t>(side);
+    const Node full = std::make_shared<op::MatMul>(mean, layers.weights({channels, numbers}));
+    return ov::OutputVector{reshaped(full, network.output)};
+  });
+}
+
+std::vector<float> yolo8Output(int classes, int further, int candidates, int count) {
+  Unit unit;
+  const auto columns = static_cast<std::size_t>(candidates);
+  std::vector<float> output(static_cast<std::size_t>(4 + classes + further) * columns);
+  for (float& value : output) value = 0.2F * unit();
+  for (std::size_t i = 0; i < columns; ++i) {
+    for (std::size_t row = 0; row < 2; ++row) output[row * columns + i] = 640.0F * unit();
+    for (std::size_t row = 2; row < 4; ++row) output[row * columns + i] = 20.0F + 100.0F * unit();
+    if (unit.below(candidates) >= count) continue;
+    output[static_cast<std::size_t>(4 + unit.below(classes)) * columns + i] = 0.3F + 0.6F * unit();
+  }
+  return output;
+}
+
+std::vector<float> yolo5Output(int count) {
+  Unit unit;
+  constexpr std::size_t kColumns = kClasses + 5;
+  std::vector<float> output(kYolo5Rows * kColumns);
+  for (float& value : output) value = 0.2F * unit();
+  for (std::size_t i = 0; i < kYolo5Rows; ++i) {
+    float* const row = output.data() + i * kColumns;
+    row[0] = 640.0F * unit();
+    row[1] = 640.0F * unit();
+    row[2] = row[3] = 20.0F + 100.0F * unit();
+    if (unit.below(kYolo5Rows) >= count) continue;
+    row[4] = row[5 + unit.below(kClasses)] = 0.3F + 0.6F * unit();
+  }
+  return output;
+}
+
+std::vector<float> poseOutput(int count) {
+  Unit unit;
+  std::vector<float> output(std::size_t{56} * kCandidates);
+  for (float& value : output) value = 300.0F * unit();
+  float* const scores = output.data() + std::ptrdiff_t{4} * kCandidates;
+  for (int i = 0; i < kCandidates; ++i) {
+    scores[i] = unit.below(kCandidates) < count ? 0.5F + 0.4F * unit() : 0.1F;
+  }
+  return output;
+}
+
+std::vector<float> yolo26Output(int count) {
+  std::vector<float> output;
+  for (int i = 0; i < 300; ++i) {
+    const auto place = static_cast<float>(i);
+    output.insert(output.end(), {place, place, place + 50, place + 50, i < count ? 0.5F : 0.1F,
+                                 static_cast<float>(i % kClasses)});
+  }
+  return output;
+}
+
+Masks randomMasks(int count, int least, int most) {
+  Unit unit;
+  constexpr std::size_t kPlane = std::size_t{kMaskSide} * kMaskSide;
+  Masks masks;
+  masks.prototypes.resize(TolCompatibleLib::kMaskCoefficients * kPlane);
+  for (std::size_t k = 0; k < TolCompatibleLib::kMaskCoefficients; ++k) {
+    cv::Mat coarse(8, 8, CV_32FC1);
+    for (float& value : cv::Mat_<float>(coarse)) value = 2.0F * unit() - 1.0F;
+    cv::Mat plane(kMaskSide, kMaskSide, CV_32FC1, masks.prototypes.data() + k * kPlane);
+    cv::resize(coarse, plane, plane.size(), 0, 0, cv::INTER_CUBIC);
+  }
+  for (int i = 0; i < count; ++i) {
+    for (float& value : masks.coefficients.emplace_back()) value = 2.0F * unit() - 1.0F;
+    const cv::Size size(least + unit.below(most - least), least + unit.below(most - least));
+    masks.boxes.emplace_back(
+        cv::Point(unit.below(kSide - size.width), unit.below(kSide - size.height)), size);
+  }
+  return masks;
+}
+
+cv::Mat textMap(int count) {
+  cv::Mat map = cv::Mat::zeros(544, 960, CV_32FC1);
+  for (int i = 0; i < count; ++i) {
+    const int row = i / 5;
+    const cv::Point2f centre(100.0F + 185.0F * static_cast<float>(i % 5),
+                             30.0F + 52.0F * static_cast<float>(row));
+    const cv::RotatedRect line(centre, {140, 18}, static_cast<float>(i % 7) - 3.0F);
+    std::array<cv::Point2f, 4> corners;
+    line.points(corners.data());
+    cv::fillPoly(map, std::vector<std::vector<cv::Point>>{{corners.begin(), corners.end()}},
+                 cv::Scalar(0.9));
+  }
+  return map;
+}
+
+double milliseconds(const std::function<void()>& work) {
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
+      .count();
+}
+
+double medianOf(std::vector<double> values) {
+  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
+                   values.end());
+  return values[values.size() / 2];
+}

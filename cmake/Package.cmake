@@ -1,0 +1,106 @@
+# What is installed and packed: the library, its header, its CMake package and pkg-config file, and with
+# TOL_BUNDLE_ENGINES the engines' files too, so that the result runs where no engine is installed.
+
+# Windows looks for libraries beside the program; elsewhere the engines get a folder of their own below the library's,
+# so that in /usr/lib they neither hide nor replace the system's (libtbb.so.12 is Debian's too).
+if(WIN32)
+  set(engine_folder ${CMAKE_INSTALL_BINDIR})
+else()
+  set(engine_folder ${CMAKE_INSTALL_LIBDIR}/TolCompatible)
+endif()
+
+set(onnxruntime_target ONNXRuntime::ONNXRuntime)
+if(TARGET onnxruntime::onnxruntime)  # from a CMake package of its own
+  set(onnxruntime_target onnxruntime::onnxruntime)
+endif()
+foreach(property IMPORTED_LOCATION_RELEASE IMPORTED_LOCATION_NONE IMPORTED_LOCATION)
+  get_target_property(onnxruntime_file ${onnxruntime_target} ${property})
+  if(onnxruntime_file)
+    break()
+  endif()
+endforeach()
+
+# Plug-ins and readers of model files are loaded by name, so no list of dependencies has them. Of the readers the library
+# needs the one of IR files alone.
+set(TOL_BUNDLE_EXCLUDE "intel_[gn]pu_plugin" CACHE STRING
+  "Regular expression of engine files that TOL_BUNDLE_ENGINES leaves out")
+file(GLOB engine_files "${openvino_folder}/*")
+list(FILTER engine_files INCLUDE REGEX "/(lib)?(openvino|tbb|hwloc)[^/]*\\.(dll|so[.0-9]*)$")
+list(FILTER engine_files EXCLUDE REGEX "openvino_c\\.|/[^/]*(gguf|jax|onnx|paddle|pytorch|tensorflow|lite)_frontend")
+if(TOL_BUNDLE_EXCLUDE)
+  list(FILTER engine_files EXCLUDE REGEX "${TOL_BUNDLE_EXCLUDE}")
+endif()
+
+if(TOL_BUNDLE_ENGINES)
+  if(NOT engine_files MATCHES "intel_cpu_plugin" OR NOT onnxruntime_file)
+    message(FATAL_ERROR "TOL_BUNDLE_ENGINES needs OpenVINO from its wheel or archive and ONNX Runtime's library file")
+  endif()
+  install(FILES ${engine_files} DESTINATION ${engine_folder})
+  # A wheel's libonnxruntime.so.1.31.1 is looked for as libonnxruntime.so.1.
+  get_filename_component(onnxruntime_real "${onnxruntime_file}" REALPATH)
+  get_filename_component(onnxruntime_name "${onnxruntime_real}" NAME)
+  string(REGEX REPLACE "(\\.so\\.[0-9]+).*" "\\1" onnxruntime_name "${onnxruntime_name}")
+  install(FILES "${onnxruntime_real}" DESTINATION ${engine_folder} RENAME ${onnxruntime_name})
+  # Who passes the engines on passes their licences on.
+  get_filename_component(onnxruntime_folder "${onnxruntime_real}/../.." ABSOLUTE)
+  file(GLOB openvino_licences "${openvino_folder}/../../openvino-*.dist-info/licenses")
+  install(DIRECTORY ${openvino_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/openvino)
+  file(GLOB onnxruntime_licences "${onnxruntime_folder}/LICENSE*" "${onnxruntime_folder}/ThirdPartyNotices.txt")
+  install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime)
+  set(TOL_ENGINE_RPATH "")
+else()
+  # The engines are looked for beside the library first, then where they were found now.
+  set(TOL_ENGINE_RPATH "${openvino_folder}")
+  if(onnxruntime_file)
+    get_filename_component(onnxruntime_folder "${onnxruntime_file}" DIRECTORY)
+    list(APPEND TOL_ENGINE_RPATH "${onnxruntime_folder}")
+  endif()
+endif()
+set_target_properties(TolCompatibleLib PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/TolCompatible;${TOL_ENGINE_RPATH}")
+
+set(TOL_DEPENDENCY_SET "")
+if(WIN32)
+  # Programs of the build tree run where they are made: everything that they load is put beside them.
+  add_custom_command(TARGET TolCompatibleLib POST_BUILD
+    COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_RUNTIME_DLLS:TolCompatibleLib> ${engine_files}
+      $<TARGET_FILE_DIR:TolCompatibleLib>
+    COMMAND_EXPAND_LISTS)
+  set(TOL_DEPENDENCY_SET RUNTIME_DEPENDENCY_SET TolDependencies)
+  install(RUNTIME_DEPENDENCY_SET TolDependencies
+    PRE_EXCLUDE_REGEXES "^api-ms-" "^ext-ms-" POST_EXCLUDE_REGEXES "[Ss]ystem32[/\\]"
+    DIRECTORIES $<TARGET_FILE_DIR:TolCompatibleLib> DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+install(TARGETS TolCompatibleLib EXPORT TolCompatibleLib ${TOL_DEPENDENCY_SET}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES Core/TolCompatible.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TolCompatible)
+install(FILES README.md NOTICE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+
+set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/TolCompatibleLib)
+install(EXPORT TolCompatibleLib NAMESPACE TolCompatibleLib:: DESTINATION ${package_folder}
+  FILE TolCompatibleLibConfig.cmake)
+write_basic_package_version_file(TolCompatibleLibConfigVersion.cmake COMPATIBILITY SameMinorVersion)
+install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLibConfigVersion.cmake" DESTINATION ${package_folder})
+file(RELATIVE_PATH prefix_from_pc "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+configure_file(cmake/TolCompatibleLib.pc.in TolCompatibleLib.pc @ONLY)
+install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLib.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# cpack: one package with everything in it.
+set(CPACK_PACKAGE_NAME tolcompatiblelib)
+set(CPACK_PACKAGE_VENDOR "TolCompatibleLib developers")
+set(CPACK_PACKAGE_CONTACT "TolCompatibleLib developers")
+set(CPACK_RESOURCE_FILE_README "${PROJECT_SOURCE_DIR}/README.md")
+set(CPACK_VERBATIM_VARIABLES ON)
+if(WIN32)
+  set(CPACK_GENERATOR ZIP)
+else()
+  set(CPACK_GENERATOR "TGZ;DEB")
+  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+  set(CPACK_DEBIAN_PACKAGE_SECTION libs)
+  # The Debian libraries are found from the files themselves, those of the engines among the package's own.
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${openvino_folder}" "${PROJECT_BINARY_DIR}")
+  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-wqy-microhei, ffmpeg")
+endif()
+include(CPack)

@@ -1,0 +1,191 @@
+// All models of OpenVINO together, but for the audio classifier: how they name themselves and what they refuse.
+
+#include <gtest/gtest.h>
+
+#include <openvino/opsets/opset8.hpp>
+
+#include "support/LogCapture.h"
+#include "support/TestHost.h"
+#include "support/TinyNetworks.h"
+
+namespace {
+
+using Texts = std::vector<std::string>;
+
+struct Listed {
+  const char *category, *name, *className;
+};
+constexpr Listed kModels[] = {
+    {"Detect", "YOLO26", "OvDetectYolo26"},        {"Detect", "YOLO8", "OvDetectYolo8"},
+    {"Detect", "YOLO8-POSE", "OvDetectYolo8Pose"}, {"Detect", "YOLO8-OBB", "OvDetectYolo8Obb"},
+    {"Detect", "YOLO8-Seg", "OvDetectYolo8Seg"},   {"Detect", "YOLO5", "OvDetectYolo5"},
+    {"Detect", "PaddleOCR", "OvDetectPaddleOCR"},  {"Classify", "ResNet", "OvClassifyResNet"},
+    {"Track", "DeepSort", "OvFeatureDeepSort"},    {"Track", "VsFaceNet", "OvFeatureVsFaceNet"},
+    {"Track", "VsOCR", "OvFeatureVsOCR"},          {"Track", "PaddleOCR", "OvFeaturePaddleOCR"}};
+const ov::PartialShape kInput{1, 3, 64, 64};
+
+/// The model of a class on an input of 64 x 64, opened; and a frame with two objects, of which a refusal changes
+/// nothing.
+struct Bench : TestModel {
+  Bench(const Listed& row, const std::string& network, std::uint32_t classCount = 2)
+      : TestModel(row.category, row.name, network), className(row.className), image(randomImage(64, 64)) {
+    fresh = frameOf(image, {"a", "b"});
+    fresh.objects = {VsaObject(64, 64, 5, 5, 40, 40, 0.5F, 0, "a"), VsaObject(64, 64, 0, 0, 64, 64, 0.5F, 1, "b")};
+    setInput(64, 64);
+    setClasses({"a", "b"});
+    config.classCount = classCount;
+    EXPECT_TRUE(init());
+  }
+  void expectRefused(VsaFrame frame, const std::string& line) {
+    const std::string before = bytesOf(frame);
+    LogCapture log;
+    EXPECT_FALSE(run(&frame)) << className << line;
+    EXPECT_EQ(bytesOf(frame), before) << className << line;
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_EQ(lines.size(), 1U) << className << line;
+    EXPECT_EQ(lines[0].text, "[E]" + line);
+    EXPECT_EQ(lines[0].file, "Core/OpenVINO/" + className);
+  }
+
+  std::string className;
+  cv::Mat image;
+  VsaFrame fresh;
+};
+
+std::string networkOf(const ov::PartialShape& input, const ov::Shape& output, ov::element::Type inputType,
+                      ov::element::Type outputType = ov::element::f32) {
+  const auto body = [&](const ov::Output<ov::Node>&) {
+    const std::vector<float> values(ov::shape_size(output), 0.1F);
+    return ov::OutputVector{ov::opset8::Constant::create(outputType, output, values)};
+  };
+  return writeNetwork(input, body, inputType);
+}
+
+TEST(OvModels, NameThemselvesInTheLog) {
+  const std::string network = writeConstant(kInput, {1, 1, 6}, std::vector<float>(6, 1));
+  for (const Listed& row : kModels) {
+    LogCapture log;
+    { const Bench bench(row, network); }
+    const std::vector<LogLine> lines = log.take();
+    ASSERT_GE(lines.size(), 3U);
+    EXPECT_EQ(lines[0].text, std::string("[I]") + row.className + "()");
+    EXPECT_EQ(lines[1].text, "[I]modelPath=" + network + ",device=CPU");
+    EXPECT_EQ(lines.back().text, std::string("[I]~") + row.className + "()");
+    for (const LogLine& line : lines) EXPECT_EQ(line.file, std::string("Core/OpenVINO/") + row.className);
+  }
+}
+
+TEST(OvModels, RefuseOutputsThatDoNotFit) {
+  constexpr std::uint32_t kHuge = 0xFFFFFFFFU;
+  struct Case {
+    std::string className;
+    ov::Shape output;
+    std::uint32_t classCount;
+    const char* line;  ///< Null where the run is all right.
+    ov::element::Type type = ov::element::f32;
+  };
+  const Case cases[] = {
+      {"OvDetectYolo8", {1, 6, 2}, 1, "Yolo8 dimensions error:6"},
+      {"OvDetectYolo8", {1, 6, 2}, 3, "Yolo8 dimensions error:6"},
+      {"OvDetectYolo8", {1, 6, 2}, kHuge, "Yolo8 dimensions error:6"},
+      {"OvDetectYolo8", {1, 3, 2}, kHuge, "Yolo8 dimensions error:3"},
+      {"OvDetectYolo8", {6, 2}, 2, "network output is f32[6,2],expected f32 of rank 3"},
+      {"OvDetectYolo8", {1, 6, 2, 1}, 2, "network output is f32[1,6,2,1],expected f32 of rank 3"},
+      {"OvDetectYolo8", {1, 6, 1}, 2, "network output is i32[1,6,1],expected f32 of rank 3", ov::element::i32},
+      {"OvDetectYolo8", {1, 6, 0}, 2, nullptr},
+      {"OvDetectYolo5", {1, 3, 6}, 2, "Yolo5 dimensions error:6"},
+      {"OvDetectYolo5", {1, 3, 8}, 2, "Yolo5 dimensions error:8"},
+      {"OvDetectYolo5", {1, 3, 4}, kHuge, "Yolo5 dimensions error:4"},
+      {"OvDetectYolo5", {1, 0, 7}, 2, nullptr},
+      {"OvDetectYolo5", {3, 7}, 2, "network output is f32[3,7],expected f32 of rank 3"},
+      {"OvDetectYolo26", {1, 3, 5}, 2, "Yolo26 dimensions error:5"},
+      {"OvDetectYolo26", {1, 0, 6}, 2, nullptr},
+      {"OvDetectYolo26", {1, 3, 6, 1}, 2, "network output is f32[1,3,6,1],expected f32 of rank 3"},
+      {"OvDetectYolo8Obb", {1, 6, 3}, 2, "Yolo8-Obb dimensions error:6"},
+      {"OvDetectYolo8Obb", {1, 4, 3}, kHuge, "Yolo8-Obb dimensions error:4"},
+      {"OvDetectYolo8Pose", {1, 56, 1}, 1, nullptr},
+      {"OvDetectYolo8Pose", {1, 56, 1}, 17, nullptr},
+      {"OvDetectYolo8Pose", {1, 56, 1}, 2, "Yolo8-Pose dimensions error:56"},
+      {"OvDetectYolo8Pose", {1, 5, 1}, 0, nullptr},
+      {"OvDetectYolo8Pose", {1, 2, 1}, kHuge, "Yolo8-Pose dimensions error:2"},
+      {"OvDetectYolo8Seg", {1, 6, 3}, 2, "Yolo8-Seg dimensions error:6"},
+      {"OvDetectYolo8Seg", {1, 35, 3}, kHuge, "Yolo8-Seg dimensions error:35"},
+      {"OvDetectPaddleOCR", {1, 64, 64}, 2, "network output is f32[1,64,64],expected f32 of rank 4"},
+      {"OvDetectPaddleOCR", {1, 1, 0, 64}, 2, "network output is empty,[1,1,0,64]"},
+      {"OvDetectPaddleOCR", {0, 1, 64, 64}, 2, "network output is too short,[0,1,64,64]"},
+      {"OvFeaturePaddleOCR", {40, 3}, 2, "network output is f32[40,3],expected f32 of rank 3"},
+      {"OvClassifyResNet", {1, 2}, 3, "network output is f32[1,2],expected f32 of at least 3"},
+      {"OvFeatureDeepSort", {1, 255}, 2, "network output is f32[1,255],expected f32 of at least 256"},
+      {"OvFeatureVsFaceNet", {1, 127}, 2, "network output is f32[1,127],expected f32 of at least 128"},
+      {"OvFeatureVsOCR", {1, 5}, 2, "network output is i32[1,5],expected f32 of at least 5", ov::element::i32},
+  };
+  for (const Case& c : cases) {
+    const auto* const row = std::ranges::find(kModels, c.className, &Listed::className);
+    Bench bench(*row, networkOf(kInput, c.output, ov::element::f32, c.type), c.classCount);
+    if (c.line == nullptr) {
+      LogCapture log;
+      EXPECT_TRUE(bench.run(&bench.fresh)) << c.className << c.output;
+      EXPECT_EQ(bench.fresh.objects.size(), 2U);
+      EXPECT_EQ(log.texts(), Texts{});
+      continue;
+    }
+    bench.expectRefused(bench.fresh, c.line);
+    bench.expectRefused(bench.fresh, c.line);
+  }
+}
+
+TEST(OvModels, RefuseANetworkInputThatIsNotTheConfiguredOne) {
+  struct Case {
+    ov::PartialShape shape;
+    ov::element::Type type;
+    std::string text;
+  };
+  const Case cases[] = {{{1, 3, 32, 32}, ov::element::f32, "f32[1,3,32,32]"},
+                        {{1, 3, 64, 128}, ov::element::f32, "f32[1,3,64,128]"},
+                        {{1, 64, 64, 3}, ov::element::f32, "f32[1,64,64,3]"},
+                        {{1, 3, 64, 64}, ov::element::u8, "u8[1,3,64,64]"},
+                        {{-1, 3, 64, 64}, ov::element::f32, "f32[?,3,64,64]"}};
+  for (const Case& c : cases) {
+    Bench bench(kModels[1], networkOf(c.shape, {1, 6, 1}, c.type));
+    bench.expectRefused(bench.fresh, "network input is " + c.text + ",expected f32[1,3,64,64]");
+  }
+  for (const Listed& row : kModels) {
+    const std::string name = row.name;
+    if (name == "PaddleOCR") continue;  // the engine's to refuse
+    Bench bench(row, networkOf(cases[0].shape, {1, 300}, cases[0].type));
+    bench.expectRefused(bench.fresh, name == "YOLO5" ? "network input is u8[1,32,32,3],expected u8[1,64,64,3]"
+                                                     : "network input is f32[1,3,32,32],expected f32[1,3,64,64]");
+  }
+}
+
+TEST(OvModels, RefuseFramesWithoutPixels) {
+  const std::string network = writeConstant(kInput, {1, 300}, std::vector<float>(300, 1));
+  for (const Listed& row : kModels) {
+    Bench bench(row, network);
+    const auto refused = [&](void* data, std::uint32_t width, std::uint32_t height, const std::string& line) {
+      VsaFrame frame = bench.fresh;
+      frame.data = data;
+      frame.width = width;
+      frame.height = height;
+      bench.expectRefused(frame, line);
+    };
+    void* const data = bench.image.data;
+    refused(nullptr, 64, 64, "frame data is null");
+    refused(data, 0, 64, "frame has no pixels,width=0,height=64");
+    refused(data, 64, 0, "frame has no pixels,width=64,height=0");
+    refused(data, 0xFFFFFFFFU, 0xFFFFFFFFU, "frame is too large,width=4294967295,height=4294967295");
+    refused(data, 0x10000, 0x10000, "frame is too large,width=65536,height=65536");
+    if (std::string_view(row.name).starts_with("YOLO")) {
+      refused(data, 4000, 1,
+              "frame leaves no pixel in the network input,width=4000,height=1,input_width=64,input_height=64");
+    }
+    LogCapture log;
+    EXPECT_FALSE(bench.run(nullptr));
+    EXPECT_EQ(log.texts(), Texts{"[E]frame is null"});
+    bench.fresh.kind = kVsaAudioFrame;
+    EXPECT_FALSE(bench.run(&bench.fresh));
+    EXPECT_EQ(log.texts(), Texts{});
+  }
+}
+
+}  // namespace

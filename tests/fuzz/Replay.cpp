@@ -1,0 +1,27 @@
+// Runs the targets on the stored inputs, a folder for each target, without libFuzzer.
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+#include "fuzz/Fuzz.h"
+
+int main(int argc, char** argv) {
+  if (argc != 2) return 2;
+  prepareTargets();
+  int count = 0;
+  for (const auto& folder : std::filesystem::directory_iterator(argv[1])) {
+    if (!chooseTarget(folder.path().filename().string())) return 1;
+    for (const auto& file : std::filesystem::directory_iterator(folder)) {
+      std::printf("%s\n", file.path().c_str());  // the last line names the input that ends the program
+      std::fflush(stdout);
+      std::ifstream stream(file.path(), std::ios::binary);
+      const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});
+      LLVMFuzzerTestOneInput(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size());
+      ++count;
+    }
+  }
+  return count > 0 ? 0 : 1;
+}

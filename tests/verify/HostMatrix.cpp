@@ -1,0 +1,138 @@
+// A host with nothing but the public header and the engines' exception types. verify/hosts compiles
+// it with each compiler and calls it once for each way of loading the library.
+//
+// Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
+//
+// NETWORKS holds yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what went wrong and,
+// as its last line, how many expectations held; the exit code is 0 when all did.
+#define ORT_API_MANUAL_INIT  // the types alone: ONNX Runtime is not linked
+#include <dlfcn.h>
+#include <glog/logging.h>
+#include <onnxruntime_cxx_api.h>
+
+#include <atomic>
+#include <iostream>
+#include <openvino/core/except.hpp>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+
+#include "TolCompatible.h"
+
+namespace {
+
+int held = 0;
+int failed = 0;
+void expect(bool right, const std::string& what) {
+  ++(right ? held : failed);
+  if (!right) std::cout << "FAULT: " << what << "\n";
+}
+
+struct Library {
+  Library(const char* file, const std::string& mode) {
+    const int flags = mode == "global" ? RTLD_GLOBAL : mode == "deepbind" ? RTLD_LOCAL | RTLD_DEEPBIND : RTLD_LOCAL;
+    // A linked library is there already, among the symbols of the program itself.
+    handle = dlopen(mode == "linked" ? nullptr : file, RTLD_NOW | flags);
+    if (handle == nullptr) throw std::runtime_error(dlerror());
+    init = find<decltype(VsaModelInit)>("VsaModelInit");
+    detect = find<decltype(VsaModelDetect)>("VsaModelDetect");
+    release = find<decltype(VsaModelRelease)>("VsaModelRelease");
+  }
+  template <class Function>
+  Function* find(const char* name) const {
+    void* const symbol = dlsym(handle, name);
+    if (symbol == nullptr) throw std::runtime_error(dlerror());
+    return reinterpret_cast<Function*>(symbol);
+  }
+
+  void* handle;
+  decltype(VsaModelInit)* init;
+  decltype(VsaModelDetect)* detect;
+  decltype(VsaModelRelease)* release;
+};
+
+/// The host's own log: counts the library's lines.
+struct Sink : google::LogSink {
+  void send(google::LogSeverity, const char* file, const char*, int, const google::LogMessageTime&, const char*,
+            size_t) override {
+    lines += std::string(file).starts_with("Core/");
+  }
+  std::atomic<int> lines = 0;
+};
+
+struct Model {
+  Model(const std::string& engine, const std::string& path, const std::string& device) {
+    config.engine = engine;
+    config.category = "Detect";
+    config.modelName = "YOLO8";
+    config.device = device;
+    config.classNames = {"a", "b"};
+    config.classCount = 2;
+    config.inputWidth = config.inputHeight = 64;
+    config.scoreThreshold = 0.25F;
+    config.nmsThreshold = 0.5F;
+    context.version = kVsaInterfaceVersion;
+    context.config = &config;
+    context.modelRoot = path;
+  }
+  VsaModelConfig config;
+  VsaModelContext context;
+};
+
+template <class Exception>
+bool throws(const Library& library, Model& model) {
+  try {
+    library.init(&model.context);
+  } catch (const Exception& error) {
+    return std::string(error.what()).size() > 1 && model.context.models == nullptr;
+  } catch (...) {
+  }
+  return false;
+}
+
+void check(const Library& library, const std::string& networks) {
+  Sink sink;
+  google::AddLogSink(&sink);
+  using Throws = bool (*)(const Library&, Model&);
+  const std::tuple<std::string, std::string, std::string, Throws> faults[] = {
+      {"OpenVINO", "nowhere", "CPU", throws<ov::Exception>},
+      {"OpenVINO", networks + "/yolo8", "NONE", throws<ov::Exception>},
+      {"ONNXRuntime", "nowhere", "CPU", throws<Ort::Exception>},
+  };
+  for (const auto& [engine, path, device, throwsTyped] : faults) {
+    Model model(engine, path, device);
+    const std::string what = engine + " with " + path + " on " + device;
+    expect(throwsTyped(library, model), what + ", by the engine's type");
+    expect(throws<std::exception>(library, model), what + ", as std::exception");
+    library.release(&model.context);
+  }
+  for (const std::string engine : {"OpenVINO", "ONNXRuntime"}) {
+    Model model(engine, networks + (engine == "OpenVINO" ? "/yolo8" : "/yolo8.onnx"), "CPU");
+    std::string pixels(std::size_t{3} * 64 * 64, '\x40');
+    VsaFrame frame;
+    frame.data = pixels.data();
+    frame.width = frame.height = 64;
+    frame.wantedClasses = {"a", "b"};
+    expect(library.init(&model.context) && library.detect(&model.context, &frame), engine + " runs");
+    expect(frame.objects.size() == 2 && frame.objects[0].className == "b", engine + " finds the two objects");
+    library.release(&model.context);
+    library.release(&model.context);
+    expect(model.context.models == nullptr, engine + " is released, twice");
+    expect(!library.detect(&model.context, &frame) && frame.objects.size() == 2, engine + " is not run after that");
+  }
+  google::RemoveLogSink(&sink);
+  expect(sink.lines >= 10, "the host's sink got " + std::to_string(sink.lines) + " lines of the library");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  if (argc != 5) throw std::runtime_error("usage: HostMatrix LIBRARY MODE GLOG NETWORKS");
+  if (argv[3] == std::string("initialised")) google::InitGoogleLogging(argv[0]);
+  check(Library(argv[1], argv[2]), argv[4]);
+  std::cout << held << " of " << held + failed << "\n";
+  return failed > 0 ? 1 : 0;
+} catch (const std::exception& error) {
+  std::cerr << "HostMatrix: " << error.what() << "\n";
+  return 1;
+}
