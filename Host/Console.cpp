@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <iostream>
 
 #include "Text.h"
 
@@ -12,6 +13,7 @@
 #include <io.h>
 #include <windows.h>
 #else
+#include <poll.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -52,9 +54,20 @@ bool Console::write(std::string_view text) {
   return outputWorks_;
 }
 
+bool Console::waitForInput() {
+#if !defined(_WIN32)
+  // Unlike a read, poll() is not begun again after a signal.
+  pollfd input{STDIN_FILENO, POLLIN, 0};
+  if (std::cin.rdbuf()->in_avail() <= 0 && poll(&input, 1, -1) < 0) return errno != EINTR;
+#endif
+  return true;
+}
+
 void Console::note(const std::string& sentence) {
   clear();
-  std::fprintf(stderr, "vsa: %s\n", repairUtf8(sentence).c_str());
+  std::string text = "vsa: " + repairUtf8(sentence);
+  if (errorIsTerminal_) text = wrapped(text, 5, kColumns - 1);
+  std::fprintf(stderr, "%s\n", text.c_str());
 }
 
 void Console::progress(double share, const std::string& text) {

@@ -16,7 +16,11 @@ class Console {
   /// cannot be written, for example because the reader of a pipe has gone.
   bool write(std::string_view text);
 
-  /// Writes "vsa: ..." to standard error.
+  /// Waits until there is something to read on standard input, or its end; false where a signal
+  /// came first.
+  static bool waitForInput();
+
+  /// Writes "vsa: ..." to standard error, on a terminal in lines of its width.
   void note(const std::string& sentence);
 
   /// Shows how far the work is (0 to 1), on a terminal and after the first second only.

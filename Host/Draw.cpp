@@ -70,27 +70,6 @@ cv::Point pointAt(double x, double y) {
   return {limited(x), limited(y)};
 }
 
-// Corners of the object: the quadrilateral of a text region, else the box, turned about its centre
-// where it has an angle (in radians).
-std::vector<cv::Point> cornersOf(const VsaObject& object) {
-  if (isTextRegion(object)) {
-    return {pointAt(object.left, object.top), pointAt(object.right, object.bottom),
-            pointAt(object.cornerX2, object.cornerY2), pointAt(object.cornerX3, object.cornerY3)};
-  }
-  const double centreX = (0.0 + object.left + object.right) / 2;
-  const double centreY = (0.0 + object.top + object.bottom) / 2;
-  const double angle = object.angle == -1.0F || !std::isfinite(object.angle) ? 0.0 : object.angle;
-  std::vector<cv::Point> corners;
-  for (const auto& [x, y] :
-       {cv::Point2d(object.left, object.top), cv::Point2d(object.right, object.top),
-        cv::Point2d(object.right, object.bottom), cv::Point2d(object.left, object.bottom)}) {
-    corners.push_back(
-        pointAt(centreX + (x - centreX) * std::cos(angle) - (y - centreY) * std::sin(angle),
-                centreY + (x - centreX) * std::sin(angle) + (y - centreY) * std::cos(angle)));
-  }
-  return corners;
-}
-
 void drawShape(const VsaShape& shape, const cv::Scalar& colour, int thickness, cv::Mat* picture) {
   std::vector<cv::Point> points;
   points.reserve(shape.points.size());
@@ -180,6 +159,25 @@ Place placeLabel(const cv::Size& size, const cv::Rect& object, const cv::Size& p
 }
 
 }  // namespace
+
+std::vector<cv::Point> cornersOf(const VsaObject& object) {
+  if (isTextRegion(object)) {
+    return {pointAt(object.left, object.top), pointAt(object.right, object.bottom),
+            pointAt(object.cornerX2, object.cornerY2), pointAt(object.cornerX3, object.cornerY3)};
+  }
+  const double centreX = (0.0 + object.left + object.right) / 2;
+  const double centreY = (0.0 + object.top + object.bottom) / 2;
+  const double angle = object.angle == -1.0F || !std::isfinite(object.angle) ? 0.0 : object.angle;
+  std::vector<cv::Point> corners;
+  for (const auto& [x, y] :
+       {cv::Point2d(object.left, object.top), cv::Point2d(object.right, object.top),
+        cv::Point2d(object.right, object.bottom), cv::Point2d(object.left, object.bottom)}) {
+    corners.push_back(
+        pointAt(centreX + (x - centreX) * std::cos(angle) - (y - centreY) * std::sin(angle),
+                centreY + (x - centreX) * std::sin(angle) + (y - centreY) * std::cos(angle)));
+  }
+  return corners;
+}
 
 // Letters through FreeType where OpenCV has it and a font is found, else OpenCV's own strokes.
 class Painter::Font {

@@ -11,6 +11,10 @@
 
 namespace vsa {
 
+/// Corners of the object in its picture, limited to what OpenCV can draw: the quadrilateral of a
+/// text region, else the box, turned about its centre where it has an angle (in radians).
+std::vector<cv::Point> cornersOf(const VsaObject& object);
+
 class Painter {
  public:
   /// `fontFile` is a TrueType or OpenType font; empty looks in the usual places for one with

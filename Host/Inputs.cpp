@@ -178,7 +178,11 @@ cv::Mat toBgr8(const cv::Mat& source) {
   const double scale = source.depth() == CV_16U                               ? 1.0 / 257.0
                        : source.depth() == CV_32F || source.depth() == CV_64F ? 255.0
                                                                               : 1.0;
-  source.convertTo(picture, CV_8U, scale);
+  if (source.depth() == CV_8U) {
+    picture = source;
+  } else {
+    source.convertTo(picture, CV_8U, scale);
+  }
   if (picture.channels() == 1) {
     cv::cvtColor(picture, picture, cv::COLOR_GRAY2BGR);
   } else if (picture.channels() == 4) {
@@ -196,12 +200,51 @@ cv::Mat toBgr8(const cv::Mat& source) {
   return picture;
 }
 
-cv::Mat readPicture(const std::string& path) {
+void checkSize(std::int64_t width, std::int64_t height, std::int64_t maxPixels) {
+  if (width <= 0 || height <= 0 || height <= maxPixels / width) return;
+  throw std::runtime_error("its " + std::to_string(width) + " x " + std::to_string(height) +
+                           " pixels are more than the limit of " + std::to_string(maxPixels));
+}
+
+// While it lives, OpenCV gets no memory for more than so many pixels at once. A decoder reads the
+// header, asks for the memory and decodes only then, so this is one check for all kinds of files.
+class PixelLimit : public cv::MatAllocator {
+ public:
+  explicit PixelLimit(std::int64_t maxPixels) : maxPixels_(maxPixels) {
+    cv::Mat::setDefaultAllocator(this);
+  }
+  ~PixelLimit() override { cv::Mat::setDefaultAllocator(&inner_); }
+  PixelLimit(const PixelLimit&) = delete;
+  PixelLimit& operator=(const PixelLimit&) = delete;
+
+  cv::UMatData* allocate(int dimensions, const int* sizes, int type, void* data, std::size_t* step,
+                         cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    if (dimensions == 2) checkSize(sizes[1], sizes[0], maxPixels_);
+    return inner_.allocate(dimensions, sizes, type, data, step, flags, usage);
+  }
+  bool allocate(cv::UMatData* data, cv::AccessFlag flags, cv::UMatUsageFlags usage) const override {
+    return inner_.allocate(data, flags, usage);
+  }
+  void deallocate(cv::UMatData* data) const override { inner_.deallocate(data); }
+
+ private:
+  cv::MatAllocator& inner_ = *cv::Mat::getDefaultAllocator();
+  std::int64_t maxPixels_;
+};
+
+cv::Mat readPicture(const std::string& path, std::int64_t maxPixels) {
   // Reading in colour turns a photograph upright, reading unchanged keeps transparency; each kind
   // of file has one of the two.
   constexpr std::array<std::string_view, 4> kTransparent = {".png", ".tif", ".tiff", ".webp"};
   const bool transparent = hasExtension(path, kTransparent);
-  const cv::Mat picture = cv::imread(path, transparent ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR);
+  cv::Mat picture;
+  try {
+    const PixelLimit limit(maxPixels);
+    picture = cv::imread(path, transparent ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR);
+  } catch (const cv::Exception& error) {
+    if (error.func != "validateInputImageSize") throw;
+    throw std::runtime_error("its header claims more pixels than OpenCV reads");
+  }
   if (picture.empty()) throw std::runtime_error("the picture is damaged");
   return toBgr8(picture);
 }
@@ -236,6 +279,21 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
   return list;
 }
 
+Line readLine(std::istream* stream, std::size_t most, std::string* line) {
+  constexpr int kEnd = std::char_traits<char>::eof();
+  line->clear();
+  std::streambuf* bytes = stream->rdbuf();
+  bool tooLong = false;
+  int byte = bytes->sbumpc();
+  if (byte == kEnd) return Line::kEnd;
+  for (; byte != kEnd && byte != '\n'; byte = bytes->sbumpc()) {
+    tooLong = tooLong || line->size() == most;
+    if (!tooLong) line->push_back(static_cast<char>(byte));
+  }
+  if (line->ends_with('\r')) line->pop_back();
+  return tooLong ? Line::kTooLong : Line::kRead;
+}
+
 bool isAddress(const std::string& input) {
   return input.find("://") != std::string::npos;
 }
@@ -249,12 +307,14 @@ VsaFrame frameOf(const cv::Mat& picture) {
   return frame;
 }
 
-Source::Source(const std::string& input) {
+Source::Source(const std::string& input, std::int64_t maxPixels) : maxPixels_(maxPixels) {
   if (!isAddress(input)) {
     std::error_code unused;
     if (!fs::exists(input, unused)) throw std::runtime_error("no such file");
+    // A pipe or device may have no end, and OpenCV opens its inputs more than once.
+    if (!fs::is_regular_file(input, unused)) throw std::runtime_error("this is no regular file");
     if (cv::haveImageReader(input)) {
-      picture_ = readPicture(input);
+      picture_ = readPicture(input, maxPixels);
       return;
     }
     if (hasExtension(input, kPictures)) {
@@ -266,12 +326,15 @@ Source::Source(const std::string& input) {
                                  ? "the stream cannot be opened"
                                  : "this is neither a picture nor a video that OpenCV can read");
   }
+  checkSize(static_cast<std::int64_t>(video_.get(cv::CAP_PROP_FRAME_WIDTH)),
+            static_cast<std::int64_t>(video_.get(cv::CAP_PROP_FRAME_HEIGHT)), maxPixels);
 }
 
 bool Source::next(cv::Mat* frame) {
   if (isVideo()) {
     cv::Mat decoded;
     if (!video_.read(decoded) || decoded.empty()) return false;
+    checkSize(decoded.cols, decoded.rows, maxPixels_);  // a stream may change its size on the way
     *frame = toBgr8(decoded);
   } else if (framesRead_ == 0) {
     *frame = picture_;

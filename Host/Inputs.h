@@ -5,6 +5,7 @@
 #include <TolCompatible/TolCompatible.h>
 
 #include <cstdint>
+#include <istream>
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
 #include <string>
@@ -25,16 +26,29 @@ enum class Media { kPictures, kSound };  // videos are both
 InputList expandInputs(const std::vector<std::string>& arguments, bool recursive,
                        Media media = Media::kPictures);
 
+/// What readLine() met.
+enum class Line { kRead, kTooLong, kEnd };
+
+/// Reads a line without its line break ("\n" or "\r\n"). Of one that is longer than `most` bytes
+/// the beginning is kept and the rest passed over.
+Line readLine(std::istream* stream, std::size_t most, std::string* line);
+
 /// Whether the input is an address such as "rtsp://camera/1" and no file.
 bool isAddress(const std::string& input);
 
 /// The record of a picture in 8-bit BGR without gaps, whose pixels it refers to.
 VsaFrame frameOf(const cv::Mat& picture);
 
+/// Most pixels of a picture or frame unless told otherwise: room for every camera there is, and 600
+/// MB as the library wants them.
+inline constexpr std::int64_t kMaxPixels = 200'000'000;
+
 /// One opened input. The constructor and next() throw std::exception with a reason for people.
 class Source {
  public:
-  explicit Source(const std::string& input);
+  /// Pictures and frames of more than `maxPixels` pixels are refused, pictures before their pixels
+  /// are decoded.
+  explicit Source(const std::string& input, std::int64_t maxPixels = kMaxPixels);
 
   /// Gives the next frame as 8-bit BGR in rows without gaps; false at the end.
   bool next(cv::Mat* frame);
@@ -48,6 +62,7 @@ class Source {
   double time() const;
 
  private:
+  std::int64_t maxPixels_;
   cv::Mat picture_;
   cv::VideoCapture video_;
   std::int64_t framesRead_ = 0;

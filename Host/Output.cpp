@@ -34,30 +34,28 @@ std::string lowerCase(std::string text) {
 
 }  // namespace
 
-Output::Output(const std::string& folder, const std::string& fontFile,
-               const std::vector<std::string>& inputs)
-    : folder_(folder), painter_(fontFile) {
+OutputFolder::OutputFolder(const std::string& path) : path_(path) {
   std::error_code error;
-  fs::create_directories(folder_, error);
-  if (!fs::is_directory(folder_)) {
-    throw std::runtime_error(folder + ": the folder cannot be made" +
+  fs::create_directories(path_, error);
+  if (!fs::is_directory(path_)) {
+    throw std::runtime_error(path + ": the folder cannot be made" +
                              (error ? " (" + error.message() + ")" : ""));
-  }
-  for (const std::string& input : inputs) {
-    if (isAddress(input)) continue;
-    const fs::path parent = fs::absolute(input).parent_path();
-    std::error_code unused;
-    if (fs::equivalent(parent, folder_, unused)) {
-      std::string sentence = folder;
-      sentence += ": the input " + input + " lies in the output folder; choose another folder";
-      throw std::runtime_error(sentence);
-    }
   }
 }
 
-fs::path Output::newFile(const std::string& input, const std::string& extension) {
+void OutputFolder::refuse(const std::string& input) const {
+  if (isAddress(input)) return;
+  std::error_code unused;
+  if (fs::equivalent(fs::absolute(input).parent_path(), path_, unused)) {
+    throw std::runtime_error(path_.string() + ": the input " + input +
+                             " lies in the output folder; choose another folder");
+  }
+}
+
+fs::path OutputFolder::newFile(const std::string& input, const std::string& suffix,
+                               const std::string& extension) {
   const fs::path name = isAddress(input) ? fs::path(nameOfAddress(input)) : fs::path(input);
-  const std::string stem = name.stem().string();
+  const std::string stem = name.stem().string() + suffix;
   std::string chosen = stem + extension;
   // Two inputs of one name get different outputs, also where case makes no difference to files.
   for (int number = 2; !used_.insert(lowerCase(chosen)).second; ++number) {
@@ -65,7 +63,7 @@ fs::path Output::newFile(const std::string& input, const std::string& extension)
     chosen += std::to_string(number);
     chosen += extension;
   }
-  fs::path file = folder_ / chosen;
+  fs::path file = path_ / chosen;
   fs::remove(file);
   return file;
 }
@@ -82,12 +80,12 @@ void Output::write(const std::string& input, double frameRate, cv::Mat* frame,
   }
   std::string extension = fs::path(input).extension().string();
   if (extension.empty() || !cv::haveImageWriter("name" + extension)) extension = ".png";
-  const std::string file = newFile(input, extension).string();
+  const std::string file = folder_.newFile(input, "", extension).string();
   if (!cv::imwrite(file, *frame)) throw std::runtime_error(file + " cannot be written");
 }
 
 void Output::openVideo(const std::string& input, double frameRate, const cv::Size& size) {
-  const std::string file = newFile(input, ".mp4").string();
+  const std::string file = folder_.newFile(input, "", ".mp4").string();
   videoSize_ = size;
   // H.264, which every player knows, where there is an encoder; MPEG-4 part 2 is nearly always
   // there.
@@ -102,6 +100,24 @@ void Output::openVideo(const std::string& input, double frameRate, const cv::Siz
 
 void Output::finish() {
   video_.release();
+}
+
+std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
+                                    const std::vector<VsaObject>& objects, OutputFolder* folder) {
+  std::vector<std::string> files;
+  for (const VsaObject& object : objects) {
+    std::string& file = files.emplace_back();
+    cv::Rect place = cv::boundingRect(cornersOf(object));
+    --place.width, --place.height;  // corners lie between pixels
+    place &= cv::Rect(cv::Point(0, 0), frame.size());
+    if (place.empty()) continue;
+    std::string suffix = "-";
+    if (info.time) suffix.append(std::to_string(info.index)).append("-");
+    suffix += std::to_string(files.size());
+    file = folder->newFile(info.input, suffix, ".png").string();
+    if (!cv::imwrite(file, frame(place))) throw std::runtime_error(file + " cannot be written");
+  }
+  return files;
 }
 
 }  // namespace vsa

@@ -1,4 +1,4 @@
-// Annotated pictures and videos in a folder of their own.
+// Annotated pictures and videos, and pictures of single objects, each kind in a folder of its own.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -11,15 +11,37 @@
 #include <vector>
 
 #include "Draw.h"
+#include "Report.h"
 
 namespace vsa {
 
+/// A folder that takes files named after inputs and never harms an input.
+class OutputFolder {
+ public:
+  /// Makes the folder. Throws std::runtime_error where that fails.
+  explicit OutputFolder(const std::string& path);
+
+  const std::filesystem::path& path() const { return path_; }
+
+  /// Throws std::runtime_error where the input lies in the folder.
+  void refuse(const std::string& input) const;
+
+  /// The path of a new file: the name of the input, `suffix`, a number where that is taken.
+  std::filesystem::path newFile(const std::string& input, const std::string& suffix,
+                                const std::string& extension);
+
+ private:
+  std::filesystem::path path_;
+  std::set<std::string> used_;
+};
+
 class Output {
  public:
-  /// Makes the folder. Throws std::runtime_error where that fails, where an input lies in it, or
-  /// for an unusable font.
-  Output(const std::string& folder, const std::string& fontFile,
-         const std::vector<std::string>& inputs);
+  /// Throws std::runtime_error for an unusable folder or font.
+  Output(const std::string& folder, const std::string& fontFile)
+      : folder_(folder), painter_(fontFile) {}
+
+  const OutputFolder& folder() const { return folder_; }
 
   /// Writes the annotated frame of an input: a picture file, or the next frame of a video whose
   /// `frameRate` is not 0. Throws std::exception with a reason. `frame` is drawn into.
@@ -30,14 +52,18 @@ class Output {
   void finish();
 
  private:
-  std::filesystem::path newFile(const std::string& input, const std::string& extension);
   void openVideo(const std::string& input, double frameRate, const cv::Size& size);
 
-  std::filesystem::path folder_;
+  OutputFolder folder_;
   Painter painter_;
-  std::set<std::string> used_;
   cv::VideoWriter video_;
   cv::Size videoSize_;
 };
+
+/// Writes the objects of a frame as PNG files named after input, frame (of a video) and number of
+/// the object from 1. Gives their paths in the order of the objects, "" for one that has no pixel
+/// in the frame. Throws std::runtime_error where one cannot be written.
+std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
+                                    const std::vector<VsaObject>& objects, OutputFolder* folder);
 
 }  // namespace vsa

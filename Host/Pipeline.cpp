@@ -5,15 +5,14 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <numeric>
-#include <optional>
 #include <string_view>
 #include <tuple>
 
@@ -34,9 +33,12 @@ const Names kModelKeys = {"category",     "modelName",    "engine",        "devi
 const Names kCategories = {"Detect", "Classify", "Track"};
 const Names kEngines = {"OpenVINO", "ONNXRuntime"};
 constexpr std::uint32_t kLargestSide = 65535;
+// Of a pipeline file or a file of class names; the largest dictionaries in use have some 100 kB.
+constexpr std::size_t kLargestFile = std::size_t{16} << 20;
 
 std::string inQuotes(const std::string& text) {
-  return '"' + printable(text) + '"';
+  constexpr std::size_t kMost = 200;
+  return '"' + printable(text.substr(0, kMost)) + (text.size() > kMost ? "...\"" : "\"");
 }
 
 std::string joined(const Names& names) {
@@ -82,13 +84,20 @@ std::string kindOf(const Json::Value& value) {
   }
 }
 
-std::optional<std::string> readFile(const fs::path& path) {
+// The content of a file in `*content`, or what is wrong with the file.
+std::string readFile(const fs::path& path, std::string* content) {
   std::error_code unused;
-  if (fs::is_directory(path, unused)) return std::nullopt;
   std::ifstream file(path, std::ios::binary);
-  std::string content{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-  if (!file.is_open() || file.bad()) return std::nullopt;
-  return content;
+  if (fs::is_directory(path, unused) || !file.is_open()) return " cannot be read";
+  // A size is known of files alone, so pipes and devices are read up to the limit.
+  std::array<char, 1 << 16> block;
+  while (file.read(block.data(), block.size()), file.gcount() > 0) {
+    content->append(block.data(), static_cast<std::size_t>(file.gcount()));
+    if (content->size() > kLargestFile) {
+      return " is larger than " + std::to_string(kLargestFile >> 20) + " MiB";
+    }
+  }
+  return file.bad() ? " cannot be read" : "";
 }
 
 // The members of one JSON object, each checked as it is read.
@@ -177,8 +186,9 @@ class Fields {
 };
 
 Json::Value parse(const std::string& path) {
-  const std::optional<std::string> content = readFile(fs::path(path));
-  if (!content) throw PipelineError(path, "the file cannot be read");
+  std::string content;
+  const std::string problem = readFile(fs::path(path), &content);
+  if (!problem.empty()) throw PipelineError(path, "the file" + problem);
   Json::CharReaderBuilder builder;
   builder["failIfExtra"] = true;
   builder["rejectDupKeys"] = true;
@@ -187,9 +197,9 @@ Json::Value parse(const std::string& path) {
   std::string errors;
   bool good = false;
   try {
-    good = reader->parse(content->data(), content->data() + content->size(), &root, &errors);
-  } catch (const Json::Exception& error) {  // nested too deep
-    errors = error.what();
+    good = reader->parse(content.data(), content.data() + content.size(), &root, &errors);
+  } catch (const Json::Exception&) {
+    throw PipelineError(path, "arrays or objects are nested too deep");
   }
   if (good) return root;
   // jsoncpp writes "* Line 3, Column 5\n  What is wrong.\n" for each error; the first one is the
@@ -209,9 +219,10 @@ Json::Value parse(const std::string& path) {
 // space or an empty name; only empty lines at the end are dropped.
 Names readNames(const Fields& fields, const fs::path& folder) {
   const std::string given = fields.at("classNames").asString();
-  const std::optional<std::string> content = readFile(folder / pathOf(given));
-  if (!content) fields.fail("classNames: the file " + inQuotes(given) + " cannot be read");
-  std::string_view rest = *content;
+  std::string content;
+  const std::string problem = readFile(folder / pathOf(given), &content);
+  if (!problem.empty()) fields.fail("classNames: the file " + inQuotes(given) + problem);
+  std::string_view rest = content;
   if (rest.starts_with("\xEF\xBB\xBF")) rest.remove_prefix(3);
   Names names;
   while (!rest.empty()) {
@@ -243,8 +254,9 @@ Names classNames(const Fields& fields, const fs::path& folder) {
 std::set<std::string> wanted(const Fields& fields, const char* key, const Names& names) {
   if (!fields.has(key)) return {names.begin(), names.end()};
   const Names chosen = fields.list(key);
+  const std::set<std::string> known(names.begin(), names.end());
   for (const std::string& name : chosen) {
-    if (std::find(names.begin(), names.end(), name) == names.end()) {
+    if (!known.contains(name)) {
       fields.fail(std::string(key) + ": " + inQuotes(name) + " is not in classNames" +
                   suggestion(name, names));
     }
@@ -272,7 +284,17 @@ void checkModelFile(const ModelSpec& spec, const Fields& fields) {
   if (config.engine == "OpenVINO") file += ".xml";
   std::error_code unused;
   if (!fs::is_regular_file(fs::path(file), unused)) {
-    fields.fail("there is no model file " + inQuotes(fs::path(file).lexically_normal().string()));
+    std::string advice;
+    if (config.engine == "OpenVINO") {
+      const fs::path named = file.substr(0, file.size() - 4);
+      const bool isThere = fs::is_regular_file(named, unused);
+      if (isThere && named.extension() == ".xml") advice = "; leave \".xml\" out of modelFile";
+      if (isThere && named.extension() == ".onnx") {
+        advice = "; for the .onnx file set \"engine\": \"ONNXRuntime\"";
+      }
+    }
+    fields.fail("there is no model file " + inQuotes(fs::path(file).lexically_normal().string()) +
+                advice);
   }
 }
 
@@ -297,6 +319,9 @@ ModelSpec readModel(const Json::Value& value, const std::string& place, const Fi
   config.nmsThreshold = fields.share("nmsThreshold");
   config.objThreshold = fields.share("objThreshold");
   spec.modelRoot = modelRoot(fields, top, folder);
+  if (fields.at("classNames").isString()) {
+    spec.namesFile = (folder / pathOf(fields.text("classNames"))).string();
+  }
   spec.wantedClasses = wanted(fields, "wantedClasses", config.classNames);
   spec.wantedLabels = wanted(fields, "wantedLabels", config.classNames);
   checkModelFile(spec, fields);
@@ -315,6 +340,8 @@ bool ModelSpec::takesSound() const {
 }
 
 std::string suggestion(const std::string& given, const std::vector<std::string>& candidates) {
+  constexpr std::size_t kLongest = 100;  // longer ones are no slip of the keyboard
+  if (given.size() > kLongest) return "";
   const auto distance = [&given](const std::string& name) { return editDistance(given, name); };
   const auto nearest =
       std::min_element(candidates.begin(), candidates.end(),

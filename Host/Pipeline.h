@@ -16,6 +16,7 @@ struct ModelSpec {
   std::string name;   ///< For people: "models[0] PaddleOCR (Detect)".
   VsaModelConfig config;
   std::string modelRoot;
+  std::string namesFile;  ///< The file that classNames names; empty where they are a list.
   std::set<std::string> wantedClasses;
   std::set<std::string> wantedLabels;
 

@@ -89,18 +89,21 @@ std::vector<Column> tableColumns(const std::vector<VsaObject>& objects) {
 void appendRow(const std::vector<Column>& columns, const std::vector<int>& widths,
                const std::vector<std::string>& cells, int limit, std::string* table) {
   std::string line;
+  const auto endLine = [&] {
+    line.erase(line.find_last_not_of(' ') + 1);
+    *table += line + "\n";
+    line = "    ";
+  };
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const int width = displayWidth(cells[i]);
     const auto padding = static_cast<std::size_t>(std::max(0, widths[i] - width));
-    if (limit > 0 && columns[i].head == "text" && displayWidth(line) + 2 + width > limit) {
-      line += "\n      " + cells[i];
-    } else {
-      line += "  " + (columns[i].right ? std::string(padding, ' ') + cells[i]
-                                       : cells[i] + std::string(padding, ' '));
-    }
+    // All rows are broken before the same columns, but for the text, whose length is open.
+    const int needed = columns[i].head == "text" ? width : widths[i];
+    if (i > 0 && limit > 0 && displayWidth(line) + 2 + needed > limit) endLine();
+    line += "  " + (columns[i].right ? std::string(padding, ' ') + cells[i]
+                                     : cells[i] + std::string(padding, ' '));
   }
-  line.erase(line.find_last_not_of(' ') + 1);
-  *table += line + "\n";
+  endLine();
 }
 
 // JSON has no NaN and no infinity. The shortest decimal that gives the float again goes through a
@@ -203,8 +206,18 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
   json["width"] = info.width;
   json["height"] = info.height;
   json["objects"] = Json::arrayValue;
-  for (const VsaObject& object : objects) json["objects"].append(objectJson(object));
+  for (std::size_t i = 0; i < objects.size(); ++i) {
+    Json::Value& entry = json["objects"].append(objectJson(objects[i]));
+    if (i < info.crops.size() && !info.crops[i].empty()) entry["crop"] = repairUtf8(info.crops[i]);
+  }
   for (const int model : info.failedModels) json["failedModels"].append(model);
+  return jsonLine(json);
+}
+
+std::string errorJson(const std::string& input, const std::string& reason) {
+  Json::Value json(Json::objectValue);
+  json["input"] = repairUtf8(input);
+  json["error"] = repairUtf8(reason);
   return jsonLine(json);
 }
 

@@ -18,15 +18,16 @@ struct FrameInfo {
   std::optional<double> time;  ///< Seconds from the beginning; videos and sound only.
   int width = 0;
   int height = 0;
-  std::vector<int> failedModels;  ///< Indices of models that failed or were skipped.
-  double duration = 0.0;          ///< Seconds of sound in a block of it.
+  std::vector<int> failedModels;        ///< Indices of models that failed or were skipped.
+  double duration = 0.0;                ///< Seconds of sound in a block of it.
+  std::vector<std::string> crops = {};  ///< A file for each object, "" for none; or empty.
 };
 
 /// Whether all four corners are set, which makes the object a text region.
 bool isTextRegion(const VsaObject& object);
 
 /// The objects of a frame in aligned columns. Where `columns` is not 0, a line that would be longer
-/// is broken before its text.
+/// is broken before the column that does not fit.
 std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& objects, int columns);
 
 /// The filled fields of an object under the record's own names; strings valid, numbers finite.
@@ -34,6 +35,9 @@ Json::Value objectJson(const VsaObject& object);
 
 /// A frame as one line of JSON, the line break included.
 std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objects);
+
+/// What went wrong with an input, as one line of JSON.
+std::string errorJson(const std::string& input, const std::string& reason);
 
 /// What was recognised in a block of sound, as one line for people and as one line of JSON.
 std::string blockTable(const FrameInfo& info, const VsaFrame& block);

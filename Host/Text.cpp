@@ -163,6 +163,29 @@ int displayWidth(std::string_view utf8) {
   return width;
 }
 
+std::string wrapped(std::string_view utf8, int indent, int columns) {
+  std::string text;
+  int used = 0;
+  for (std::size_t start = 0; start < utf8.size();) {
+    const std::size_t letter = std::min(utf8.find_first_not_of(' ', start), utf8.size());
+    const std::size_t end = std::min(utf8.find(' ', letter), utf8.size());
+    const std::string_view word = utf8.substr(letter, end - letter);
+    const int blanks = static_cast<int>(letter - start);
+    const int width = displayWidth(word);
+    if (columns > 0 && used > indent && used + blanks + width > columns) {
+      text += '\n';
+      text.append(static_cast<std::size_t>(indent), ' ');
+      used = indent + width;
+    } else {
+      text.append(letter - start, ' ');
+      used += blanks + width;
+    }
+    text += word;
+    start = end;
+  }
+  return text;
+}
+
 std::string oneLine(std::string_view message) {
   constexpr std::size_t kLongest = 400;
   std::string sentence;

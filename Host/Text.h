@@ -31,6 +31,10 @@ std::string gbkToUtf8(std::string_view gbk);
 /// Terminal columns that the text takes: two for a wide character, none for a combining one.
 int displayWidth(std::string_view utf8);
 
+/// The text in lines of at most `columns` (0: in one line), broken at spaces; later lines are set
+/// in by `indent` spaces. A word that is longer, such as a path, stays whole.
+std::string wrapped(std::string_view utf8, int indent, int columns);
+
 /// One sentence out of an exception's message: no line breaks, no lines that only say where it was
 /// thrown, not longer than a paragraph.
 std::string oneLine(std::string_view message);

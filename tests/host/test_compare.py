@@ -1,4 +1,4 @@
-"""Tests of examples/text/compare.py: python3 -m unittest tests/host/test_compare.py"""
+"""The example that compares what was read with the true texts."""
 
 import contextlib
 import io
@@ -14,52 +14,41 @@ import compare  # noqa: E402
 
 
 def frame(name, *texts):
-    return json.dumps({"input": f"some/folder/{name}.png",
-                       "objects": [{"text": text, "score": 0.9} for text in texts]})
+    return json.dumps({"input": f"some/folder/{name}.png", "objects": [{"text": text, "score": 0.9} for text in texts]})
 
 
 class CompareTest(unittest.TestCase):
     def setUp(self):
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.truth = pathlib.Path(folder.name)
+        self.truth = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
     def run_on(self, *frames, options=()):
         output = io.StringIO()
         with contextlib.redirect_stderr(io.StringIO()):
-            status = compare.main(["-", str(self.truth), *options],
-                                  stdin=io.StringIO("\n".join(frames)), stdout=output)
+            status = compare.main(["-", str(self.truth), *options], stdin=io.StringIO("\n".join(frames)), stdout=output)
         return status, output.getvalue()
 
     def write(self, name, *lines):
         (self.truth / f"{name}.txt").write_text("\n".join(lines) + "\n", encoding="utf-8")
 
     def test_edit_distance(self):
-        for a, b, edits in (("", "", 0), ("", "abc", 3), ("abc", "abc", 0), ("abcd", "bcd", 1),
-                            ("kitten", "sitting", 3), ("营业时间", "营业时问", 1)):
+        for a, b, edits in (("", "", 0), ("", "abc", 3), ("abcd", "bcd", 1), ("kitten", "sitting", 3)):
             self.assertEqual(compare.edit_distance(a, b), edits, (a, b))
             self.assertEqual(compare.edit_distance(b, a), edits, (b, a))
 
     def test_counts(self):
-        # Two lines as they are (order and blanks aside), one with one of four characters wrong,
-        # one not read at all, and a read line that belongs to none.
+        # Two lines as they are, one with a wrong character of four, one not read, and one that belongs to none.
         picture = compare.Comparison("p", ["Open daily", "营业时间", "12.50", "谢谢惠顾", ""],
                                      ["12.50", "营业时问", "Opendaily", "zzz"])
         self.assertEqual((picture.lines, picture.found), (4, 3))
         self.assertEqual((picture.characters, picture.right), (9 + 4 + 5 + 4, 9 + 3 + 5))
-        self.assertEqual(picture.misread, [("营业时间", "营业时问")])
-        self.assertEqual(picture.missed, ["谢谢惠顾"])
-        self.assertEqual(picture.extra, ["zzz"])
-
-    def test_pairs_are_one_to_one_and_best_first(self):
+        self.assertEqual((picture.misread, picture.missed, picture.extra),
+                         ([("营业时间", "营业时问")], ["谢谢惠顾"], ["zzz"]))
         # 19.90 resembles both; it belongs to its equal although another true line comes first.
         picture = compare.Comparison("p", ["19.80", "19.90"], ["19.90"])
         self.assertEqual((picture.right, picture.missed, picture.misread), (5, ["19.80"], []))
         # A line read twice counts once, the second is extra.
         picture = compare.Comparison("p", ["12.50"], ["12.50", "12.50"])
         self.assertEqual((picture.right, picture.extra), (5, ["12.50"]))
-
-    def test_right_is_never_negative(self):
         # Twice as long is the longest that can be paired; all its surplus counts as edits.
         self.assertEqual(compare.Comparison("p", ["ab"], ["abxy"]).right, 0)
         self.assertEqual(compare.Comparison("p", ["ab"], ["abxyz"]).found, 0)
@@ -69,29 +58,19 @@ class CompareTest(unittest.TestCase):
         self.write("two", "谢谢")
         frames = (frame("one", "abcd", "1239"), frame("two", "谢谢"))
         status, output = self.run_on(*frames)
-        self.assertEqual(status, 0)
-        self.assertEqual(output.splitlines()[3].split(),
-                         ["total", "3", "3", "10", "9", "90.00", "%"])
+        self.assertEqual((status, output.splitlines()[3].split()), (0, ["total", "3", "3", "10", "9", "90.00", "%"]))
         self.assertIn("  true    1234\n  read    1239\n", output)
         self.assertLessEqual(max(map(len, output.splitlines())), 80)
-        self.assertEqual(self.run_on(*frames, options=["--minimum", "0.9"])[0], 0)
-        self.assertEqual(self.run_on(*frames, options=["--minimum", "0.91"])[0], 1)
-
-    def test_a_picture_without_result_is_not_passed_over(self):
-        self.write("one", "abcd")
-        self.write("two", "efgh")
+        for minimum, status in (("0.9", 0), ("0.91", 1)):
+            self.assertEqual(self.run_on(*frames, options=["--minimum", minimum])[0], status)
+        # A picture without result is not passed over.
         options = ["--minimum", "0.9"]
-        self.assertEqual(self.run_on(frame("one", "abcd"), options=options)[0], 1)
-        options.append("--only-given")
-        self.assertEqual(self.run_on(frame("one", "abcd"), options=options)[0], 0)
+        self.assertEqual(self.run_on(frame("two", "谢谢"), options=options)[0], 1)
+        self.assertEqual(self.run_on(frame("two", "谢谢"), options=[*options, "--only-given"])[0], 0)
 
     def test_unusable_input(self):
         self.assertEqual(self.run_on(frame("one", "abcd"))[0], 2)  # no true texts at all
         self.write("one", "abcd")
-        for bad in ("not json", "[]", '{"input": "one.png"}', '{"objects": []}',
-                    frame("other", "x"), '{"input": "one.png", "objects": [{"text": 3}]}'):
+        for bad in ("not json", "[]", '{"input": "one.png"}', '{"objects": []}', frame("other", "x"),
+                    '{"input": "one.png", "objects": [{"text": 3}]}'):
             self.assertEqual(self.run_on(bad)[0], 2, bad)
-
-
-if __name__ == "__main__":
-    unittest.main()

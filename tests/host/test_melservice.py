@@ -2,6 +2,7 @@
 
 import base64
 import cmath
+import contextlib
 import http.client
 import json
 import math
@@ -38,38 +39,17 @@ def direct(samples, rate, mels, band, step):
     return 10 * math.log10(max(power, 1e-10))
 
 
-def tone(hertz, rate, seconds=0.5):
-    return numpy.sin(2 * numpy.pi * hertz * numpy.arange(round(seconds * rate)) / rate)
-
-
 class SpectrogramTest(unittest.TestCase):
     def test_equals_the_direct_sum(self):
         noise = numpy.random.default_rng(1)
-        for rate in (8000, 11025, 16000):
-            samples = noise.uniform(-1, 1, 700)
+        # More sound than the steps take, less, and hardly any.
+        for rate in (8000, 11025, 16000, 44100):
+            samples = noise.uniform(-1, 1, 1200)
             found = melservice.mel_spectrogram(samples, rate, 24, 10)
             self.assertEqual(found.shape, (24, 10))
-            for band, step in ((0, 0), (5, 1), (11, 3), (23, 2), (17, 4), (8, 6)):
+            for band, step in ((0, 0), (5, 1), (11, 2), (23, 2), (17, 4), (8, 7), (2, 9)):
                 self.assertAlmostEqual(found[band, step], direct(samples, rate, 24, band, step), 6,
                                        f"{rate} {band} {step}")
-
-    def test_a_tone_is_in_its_band_at_every_rate(self):
-        edges = 700 * (10 ** (numpy.linspace(0, 2595 * math.log10(1 + 8000 / 700), 130) / 2595) - 1)
-        for hertz in (250, 1000, 3500):
-            figures = []
-            for rate in (8000, 16000, 44100, 48000):
-                column = melservice.mel_spectrogram(tone(hertz, rate), rate, 128, 50)[:, 20]
-                self.assertEqual(column.argmax(), abs(edges[1:-1] - hertz).argmin(), f"{hertz} {rate}")
-                figures.append(column.max())
-            self.assertLess(max(figures) - min(figures), 0.1)
-            self.assertLess(abs(figures[0]), 5, "full scale is near 0 dB")
-
-    def test_steps_are_filled_and_cut(self):
-        samples = tone(1000, 16000)
-        whole = melservice.mel_spectrogram(samples, 16000, 40, 60)
-        self.assertTrue((whole[:, 50:] == -100).all())
-        self.assertTrue((whole[:, :50].max(axis=0) > -20).all())
-        self.assertTrue((melservice.mel_spectrogram(samples, 16000, 40, 7) == whole[:, :7]).all())
         self.assertTrue((melservice.filters(128, 16000, 2000).sum(axis=1) > 0).all(), "no band without a line")
 
 
@@ -98,13 +78,12 @@ class ServiceTest(unittest.TestCase):
         return {key: value for key, value in request.items() if value is not None}
 
     def test_every_format_gives_the_same(self):
-        left, right = tone(500, 16000, 0.1), tone(3000, 16000, 0.1)
+        left, right = (numpy.sin(2 * numpy.pi * hertz * numpy.arange(1600) / 16000) for hertz in (500, 3000))
         wanted = melservice.mel_spectrogram((left + right) / 2, 16000, 16, 20)
         for code, kind, planar in ((1, "<i2", False), (3, "<f4", False), (6, "<i2", True), (8, "<f4", True)):
             both = numpy.stack([left, right], axis=0 if planar else 1)
             pcm = (both * 32767).astype(kind) if kind == "<i2" else both.astype(kind)
-            reply = self.ask(self.request(pcm.tobytes(), audio_sample_fmt=code,
-                                          audio_sample_fmt_byte_num=pcm.itemsize))
+            reply = self.ask(self.request(pcm.tobytes(), audio_sample_fmt=code, audio_sample_fmt_byte_num=pcm.itemsize))
             self.assertEqual((reply["code"], reply["mels"], reply["time_steps"]), (1000, 16, 20), reply["msg"])
             loud = wanted > -50  # below, 16 bits are too few to agree
             self.assertLess(numpy.abs(numpy.array(reply["mel_spec"]) - wanted)[loud].max(), 0.05)
@@ -137,17 +116,11 @@ class ServiceTest(unittest.TestCase):
             body = b"GET /secret HTTP/1.1\r\n\r\n"
             client.sendall(b"POST / HTTP/1.1\r\nContent-Length: %d\r\n\r\n" % len(body) + body)
             replies = b""
-            try:
+            with contextlib.suppress(ConnectionResetError):  # as some of the body was not read
                 while part := client.recv(4096):
                     replies += part
-            except ConnectionResetError:  # as some of the body was not read
-                pass
             self.assertEqual(replies.count(b"HTTP/1.1 "), 1)
         # One that goes away.
         with socket.create_connection(("127.0.0.1", self.server.server_port)) as client:
             client.sendall(f"POST {melservice.PATH} HTTP/1.1\r\nContent-Length: 5000\r\n\r\n{{".encode())
         self.assertEqual(self.ask(self.request())["code"], 1000)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -1,7 +1,7 @@
 """The program vsa from end to end, with the real text models and with tiny networks.
 
 VSA is the program, TOL_MODELS the folder of the models, TOL_PICTURES a folder of pictures with a text file of the
-true lines beside each, TOL_NETWORKS the folder that make_networks.py wrote, TOL_PYTHON a Python with numpy.
+true lines beside each, TOL_NETWORKS the folder that make_networks.py wrote.
 """
 
 import base64
@@ -10,6 +10,7 @@ import json
 import math
 import os
 import pathlib
+import random
 import re
 import shutil
 import signal
@@ -22,18 +23,22 @@ import time
 import unittest
 import zlib
 
+import jsonschema
+
 VSA = os.environ["VSA"]
 MODELS = pathlib.Path(os.environ["TOL_MODELS"])
 PICTURES = pathlib.Path(os.environ["TOL_PICTURES"])
 NETWORKS = pathlib.Path(os.environ["TOL_NETWORKS"])
-EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples"
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+EXAMPLES = ROOT / "examples"
+SCHEMA = jsonschema.Draft202012Validator(json.loads((ROOT / "docs/vsa-output.schema.json").read_text("utf-8")))
 
 
-def png(width, height, colour=(255, 255, 255)):
+def png(width, height, colour=(255, 255, 255), rows=None):
     def chunk(kind, data):
         return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
 
-    rows = (b"\0" + bytes(colour) * width) * height
+    rows = (b"\0" + bytes(colour) * width) * height if rows is None else rows
     header = struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)
     return b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", header) + chunk(b"IDAT", zlib.compress(rows)) + chunk(b"IEND", b"")
 
@@ -44,9 +49,7 @@ class Case(unittest.TestCase):
     def setUp(self):
         if self.needs_models and not (MODELS / "text/recognition.xml").is_file():
             self.skipTest(f"the text models are not in {MODELS}; run scripts/setup")
-        folder = tempfile.TemporaryDirectory()
-        self.addCleanup(folder.cleanup)
-        self.folder = pathlib.Path(folder.name)
+        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         self.pipeline = self.folder / "text.json"
         common = {"modelName": "PaddleOCR", "engine": "OpenVINO", "modelDir": "text"}
         self.models = [
@@ -70,20 +73,8 @@ class Case(unittest.TestCase):
         return self.file(name, (PICTURES / "sign.png").read_bytes())
 
     def film(self, frames):
-        """A video that every OpenCV reads: motion pictures of portable pixels, raw in AVI, 64 x 48 at 10 a second."""
-        width, height = 64, 48
-        size = width * height * 3
-        def chunk(kind, data):
-            return kind + struct.pack("<I", len(data)) + data
-        def group(kind, data):
-            return chunk(b"LIST", kind + data)
-        main = struct.pack("<14I", 100000, size * 10, 0, 0, frames, 0, 1, size, width, height, 0, 0, 0, 0)
-        stream = b"vidsDIB " + struct.pack("<10I4H", 0, 0, 0, 1, 10, 0, frames, size, 0, size, 0, 0, width, height)
-        form = struct.pack("<IiiHHIIiiII", 40, width, height, 1, 24, 0, size, 0, 0, 0, 0)
-        headers = chunk(b"avih", main) + group(b"strl", chunk(b"strh", stream) + chunk(b"strf", form))
-        pixels = chunk(b"00db", b"\xc0" * size) * frames
-        content = b"AVI " + group(b"hdrl", headers) + group(b"movi", pixels)
-        return self.file("film.avi", chunk(b"RIFF", content))
+        """A grey video of raw pixels, 64 x 48 at 10 a second."""
+        return self.file("film.y4m", b"YUV4MPEG2 W64 H48 F10:1 C420\n" + (b"FRAME\n" + b"\x80" * 4608) * frames)
 
     def vsa(self, *arguments, status=0, **environment):
         done = subprocess.run([VSA, *map(str, arguments)], capture_output=True, timeout=120, cwd=self.folder,
@@ -92,29 +83,52 @@ class Case(unittest.TestCase):
         self.assertEqual(done.returncode, status, self.err)
         return self.out
 
+    def terminal(self, *arguments):
+        """What a terminal shows, in lines that fit it."""
+        shown, terminal = os.openpty()
+        self.addCleanup(os.close, shown)
+        subprocess.run([VSA, *map(str, arguments)], cwd=self.folder, stdout=terminal, stderr=terminal, timeout=60)
+        os.close(terminal)
+        text = os.read(shown, 1 << 16).decode().replace("\r\n", "\n")
+        self.assertLessEqual(max(map(len, text.splitlines())), 80, text)
+        return text
+
     def run_json(self, *inputs, status=0, **environment):
-        out = self.vsa("run", "--json", self.pipeline, *inputs, status=status, **environment)
-        return [json.loads(line) for line in out.splitlines()]
+        return self.lines(self.vsa("run", "--json", self.pipeline, *inputs, status=status, **environment))
+
+    @staticmethod
+    def lines(text):
+        """The JSON of each line, all of it as the schema says."""
+        found = [json.loads(line) for line in text.splitlines()]
+        for line in found:
+            SCHEMA.validate(line)
+        return found
 
 
 class UsageTest(Case):
     needs_models = False
 
     def test_help_version_devices(self):
-        for arguments in (["--help"], ["run", "--help"], ["compare", "--help"]):
-            text = self.vsa(*arguments)
+        manual = (ROOT / "docs/vsa.1").read_text("utf-8")
+        for command in ([], ["run"], ["compare"], ["doctor"], ["compare-engines"], ["bench"]):
+            text = self.vsa(*command, "--help")
             self.assertLessEqual(max(map(len, text.splitlines())), 80)
             self.assertIn("Exit status", text)
+            for option in re.findall(r"--([a-z-]+)", text):
+                self.assertIn("Fl -" + option.replace("-", r"\-"), manual)
         self.assertRegex(self.vsa("--version"), r"^vsa \d+\.\d+\.\d+ \(library interface pub\d+\)\n$")
-        devices = self.vsa("devices").splitlines()
-        self.assertIn("OpenVINO-CPU", devices)
-        self.assertIn("ONNXRuntime-CPU", devices)
+        self.assertLessEqual({"OpenVINO-CPU", "ONNXRuntime-CPU"}, set(self.vsa("devices").splitlines()))
+
+    @unittest.skipUnless(shutil.which("mandoc"), "mandoc is not installed")
+    def test_manual_page(self):
+        done = subprocess.run(["mandoc", "-Tlint", "-Wwarning", ROOT / "docs/vsa.1"], capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
 
     def test_wrong_usage(self):
-        for arguments in ([], ["rnu"], ["run"], ["run", self.pipeline], ["run", "--jsn", self.pipeline, "x"],
-                          ["run", "--max-frames", "0", self.pipeline, "x"],
-                          ["run", "--max-frames", "many", self.pipeline, "x"], ["compare", self.pipeline, "x"],
-                          ["compare", self.pipeline, "x", "y", "z"]):
+        run = lambda *options: ["run", *options, self.pipeline, "x"]
+        for arguments in ([], ["rnu"], ["run"], ["run", self.pipeline], run("--jsn"), run("--max-frames", "0"),
+                          run("--max-frames", "many"), run("--max-side", "0"), run("--max-pixels", "715827883"),
+                          run("--stdin"), ["compare", self.pipeline, "x"], ["compare", self.pipeline, "x", "y", "z"]):
             self.vsa(*arguments, status=2)
             self.assertEqual(self.out, "")
             self.assertNotEqual(self.err, "")
@@ -129,12 +143,11 @@ class UsageTest(Case):
 
 class ResultTest(Case):
     def test_reads_the_true_lines(self):
-        frame, = self.run_json(PICTURES / "sign.png")
+        frame, = self.run_json(self.sign())
         self.assertEqual((frame["frame"], frame["width"], frame["height"]), (0, 900, 680))
         self.assertNotIn("time", frame)
         # Neither spaces nor full-width punctuation are what the host is tested for.
-        def plain(line):
-            return "".join(re.findall(r"\w", line))
+        plain = lambda line: "".join(re.findall(r"\w", line))
         read = {plain(thing["text"]) for thing in frame["objects"]}
         true = {plain(line) for line in (PICTURES / "sign.txt").read_text("utf-8").splitlines()}
         self.assertGreaterEqual(len(read & true), len(true) - 1, f"{read} {true}")
@@ -142,30 +155,11 @@ class ResultTest(Case):
             self.assertEqual([len(corner) for corner in thing["corners"]], [2] * 4)
             self.assertGreaterEqual(thing["score"], 0.6)
             self.assertEqual((thing["className"], thing["textScore"]), ("text", 1))
-
-    def test_table_tells_the_same_as_json(self):
-        frame, = self.run_json(self.sign())
-        table = self.vsa("run", self.pipeline, "sign.png", "--json-file", "out.jsonl")
-        self.assertIn(f"sign.png: 900 x 680, {len(frame['objects'])} objects\n", table)
-        for thing in frame["objects"]:
-            corners = " ".join(f"{x},{y}" for x, y in thing["corners"])
-            self.assertRegex(table, rf"(?m)^ +\d+  {thing['score']:.3f}  {corners} +{re.escape(thing['text'])}$")
+        self.vsa("run", self.pipeline, "sign.png", "--json-file", "out.jsonl")
         self.assertRegex(self.err, r"1 input, 1 frame, \d+ objects in")
         self.assertEqual(json.loads((self.folder / "out.jsonl").read_text("utf-8"))["objects"], frame["objects"])
         self.vsa("run", "--quiet", self.pipeline, "sign.png")
         self.assertEqual(self.err, "")
-
-    def test_folders_patterns_and_empty_pictures(self):
-        self.file("in/2.png", png(40, 30))
-        self.file("in/1.PNG", png(1, 1))
-        self.file("in/notes.txt", b"no picture")
-        self.file("in/deep/3.png", png(30, 40))
-        names = lambda frames: [pathlib.Path(frame["input"]).as_posix() for frame in frames]
-        frames = self.run_json("in")
-        self.assertEqual(names(frames), ["in/1.PNG", "in/2.png"])
-        self.assertEqual([frame["objects"] for frame in frames], [[], []])
-        self.assertEqual(names(self.run_json("--recursive", "in")), ["in/1.PNG", "in/2.png", "in/deep/3.png"])
-        self.assertEqual(names(self.run_json("in/[12].*", "in/2.png")), ["in/1.PNG", "in/2.png", "in/2.png"])
 
     def test_annotated_pictures(self):
         inputs = [self.sign("a/sign.png"), self.sign("b/sign.png"), self.file("b/blank.png", png(50, 20))]
@@ -174,8 +168,7 @@ class ResultTest(Case):
         (self.folder / "out").mkdir()
         (self.folder / "out/blank.png").symlink_to(inputs[2])
         self.vsa("run", self.pipeline, *inputs, "--output", "out")
-        written = sorted(path.name for path in (self.folder / "out").iterdir())
-        self.assertEqual(written, ["blank.png", "sign-2.png", "sign.png"])
+        self.assertEqual(sorted(os.listdir(self.folder / "out")), ["blank.png", "sign-2.png", "sign.png"])
         self.assertEqual(before, [path.read_bytes() for path in inputs])
         first, second = ((self.folder / "out" / name).read_bytes() for name in ("sign.png", "sign-2.png"))
         self.assertEqual(first, second)
@@ -185,78 +178,13 @@ class ResultTest(Case):
 
     def test_video(self):
         film = self.film(6)
-        frames = self.run_json(film, "--output", "out")
+        frames = self.run_json(film)
         self.assertEqual([frame["frame"] for frame in frames], list(range(6)))
         self.assertEqual([round(frame["time"], 2) for frame in frames], [0, 0.1, 0.2, 0.3, 0.4, 0.5])
-        self.assertEqual(len(self.run_json(self.folder / "out/film.mp4")), 6)
         self.assertEqual(len(self.run_json(film, "--max-frames", "2")), 2)
 
 
-class FailureTest(Case):
-    def test_unreadable_inputs_are_told_and_the_others_done(self):
-        good = self.file("good.png", png(40, 30))
-        bad = [self.file("text1.png", b"no picture"), self.file("empty.jpg", b""), self.file("film.mp4", b"no film"),
-               self.file("cut.png", png(400, 300)[:60]), self.file("bomb.png", png(1, 1).replace(
-                   struct.pack(">II", 1, 1), struct.pack(">II", 1 << 30, 1 << 30))), self.folder / "none.png",
-               self.folder / "none*.png"]
-        (self.folder / "nothing").mkdir()
-        frames = self.run_json(*bad, self.folder / "nothing", good, status=1)
-        self.assertEqual([frame["input"] for frame in frames], [str(good)])
-        for path in [*bad, self.folder / "nothing"]:
-            self.assertRegex(self.err, rf"(?m)^vsa: {re.escape(str(path))}: .+$")
-        self.assertRegex(self.err, r"9 inputs, 1 frame, ")
-        self.assertIn("8 inputs failed", self.err)
-
-    def assert_pipeline_refused(self, sentence):
-        self.vsa("run", self.pipeline, "good.png", status=2)
-        self.assertEqual(self.out, "")
-        self.assertEqual(len(self.err.splitlines()), 1, self.err)
-        self.assertRegex(self.err, rf"^vsa: {re.escape(str(self.pipeline))}: {sentence}\n$")
-
-    def test_pipelines_that_cannot_be_loaded(self):
-        self.file("good.png", png(40, 30))
-        recogniser = dict(self.models[1])
-        cases = [
-            ({"inputWith": 3}, r'models\[1\]: unknown key "inputWith"; did you mean "inputWidth"\?'),
-            ({"modelName": "NoSuchNetwork"}, r'models\[1\]: the library has no model "NoSuchNetwork" .*'),
-            ({"modelFile": "nothing"}, r'models\[1\]: there is no model file ".*nothing\.xml"'),
-            ({"device": "NOWHERE"}, r"models\[1\]: the model cannot be loaded: .*NOWHERE.*"),
-            ({"modelRoot": str(self.folder), "modelDir": "", "modelFile": "broken"},
-             r"models\[1\]: the model cannot be loaded: .+"),
-        ]
-        self.file("broken.xml", b'<?xml version="1.0"?><net name="x" version="11"><layers><layer/></layers></net>')
-        for change, sentence in cases:
-            with self.subTest(change):
-                self.models[1] = {**recogniser, **change}
-                self.write_pipeline()
-                self.assert_pipeline_refused(sentence)
-        self.pipeline.write_text('{"models":\n [}')
-        self.assert_pipeline_refused("line 2, column 3: .+")
-
-    def test_a_model_that_fails_on_a_frame(self):
-        # The recogniser's network is no text detector: the library refuses what comes out of it.
-        self.models[0]["modelFile"] = "recognition"
-        self.write_pipeline()
-        self.sign()
-        frames = self.run_json("sign.png", status=1)
-        self.assertEqual(frames[0]["failedModels"], [0, 1])
-        self.assertEqual(frames[0]["objects"], [])
-        self.assertRegex(self.err, r"(?m)^vsa: sign.png: frame 0: models\[0\] PaddleOCR \(Detect\): .+$")
-        self.assertNotIn("frame 0: models[1]", self.err)
-
-    def test_inputs_are_never_overwritten(self):
-        picture = self.sign("in/sign.png")
-        before = picture.read_bytes()
-        (self.folder / "link").symlink_to(self.folder / "in")
-        for arguments in (["--output", "in"], ["--output", "link"], ["--json-file", picture],
-                          ["--json-file", self.pipeline]):
-            self.vsa("run", self.pipeline, "in", *arguments, status=2)
-        self.assertEqual(before, picture.read_bytes())
-        self.vsa("run", self.pipeline, "in", "--output", self.pipeline, status=2)
-        self.vsa("run", self.pipeline, "in", "--output", "out", "--font", self.pipeline, status=2)
-
-
-class ChainTest(Case):
+class ChainCase(Case):
     """A detector and what works on its objects, over pictures: a car and a person wherever one looks."""
 
     needs_models = False
@@ -277,17 +205,17 @@ class ChainTest(Case):
         self.models = [{"engine": "OpenVINO", **model} for model in models]
         self.write_pipeline(NETWORKS)
 
+
+class ChainTest(ChainCase):
     def test_every_model_adds_its_part(self):
         self.file("blue.png", png(64, 64, (0, 0, 255)))
         self.use(self.detector, self.labels, self.persons, self.reader)
         frame, = self.run_json("blue.png", "--output", "out")
-        car, person = frame["objects"]
-        self.assertEqual((car["className"], car["box"], car["score"]), ("car", [8, 4, 40, 28], 0.75))
-        self.assertEqual((person["className"], person["box"], person["score"]), ("person", [30, 10, 50, 44], 0.875))
-        for thing in (car, person):
-            self.assertEqual((thing["classifyName"], thing["classifyId"], thing["classifyScore"]), ("blue", 1, 0.75))
-            self.assertEqual((thing["text"], thing["textScore"]), ("七A七", 1))
-            self.assertEqual(len(thing["feature"]), 256)
+        self.assertEqual([len(thing.pop("feature")) for thing in frame["objects"]], [256, 256])
+        more = {"classifyName": "blue", "classifyId": 1, "classifyScore": 0.75, "text": "七A七", "textScore": 1}
+        self.assertEqual(frame["objects"], [
+            {"className": "car", "classId": 0, "box": [8, 4, 40, 28], "score": 0.75, **more},
+            {"className": "person", "classId": 1, "box": [30, 10, 50, 44], "score": 0.875, **more}])
         self.assertRegex(self.vsa("run", self.pipeline, "blue.png"),
                          r"(?m)^  1  0.750  car     8,4 40,28    blue 0.750  256 numbers  七A七$")
         self.assertNotEqual((self.folder / "out/blue.png").read_bytes(), (self.folder / "blue.png").read_bytes())
@@ -297,20 +225,38 @@ class ChainTest(Case):
         self.use({**self.detector, "wantedClasses": ["car"]}, self.faces)
         self.assertEqual([len(thing["feature"]) for thing in self.run_json("blue.png")[0]["objects"]], [128])
 
-    def test_compare(self):
+        box = {"box": [8, 16, 40, 32], "score": 0.75, "classId": 0, "className": "car"}
+        outline = [[9, 16], [8, 17], [8, 30], [9, 31], [38, 31], [39, 30], [39, 17], [38, 16]]
+        for name, network, more in (
+                ("YOLO8-OBB", "turned", {"angle": 0.5}),
+                ("YOLO8-POSE", "points", {"shapes": [{"tag": 5, "points": [[10, 20], [30, 20], [20, 28]]}]}),
+                ("YOLO8-Seg", "outline", {"shapes": [{"tag": 10, "points": outline}]})):
+            self.use({**self.detector, "modelName": name, "modelFile": network,
+                      "classCount": 3 if network == "points" else 2, "nmsThreshold": 0.5})
+            self.assertEqual(self.run_json("blue.png")[0]["objects"], [{**box, **more}])
+
+    @unittest.skipIf(os.name == "nt", "needs a POSIX terminal")
+    def test_terminal_and_pipe(self):
         self.file("blue.png", png(64, 64, (0, 0, 255)))
-        self.file("dark.png", png(64, 64, (0, 0, 250)))
-        self.file("red.png", png(64, 64, (255, 0, 0)))
+        long = [f"{colour} and much more to say about it" for colour in ("red", "blue", "green")]
+        self.use(self.detector, {**self.labels, "classNames": long}, self.persons, self.reader)
+        text = self.terminal("run", self.pipeline, "none.png", "blue.png", "-q")
+        piped = self.vsa("run", self.pipeline, "blue.png", "-q")
+        self.assertEqual(len(piped.splitlines()), 4, piped)
+        self.assertNotRegex(piped, r"[\r\x1b]")
+        self.assertEqual(text.split("objects\n")[1].split(), piped.split("objects\n")[1].split())
+
+    def test_compare(self):
+        for name, colour in (("blue.png", (0, 0, 255)), ("red.png", (255, 0, 0))):
+            self.file(name, png(64, 64, colour))
         for embedding in (self.persons, self.faces):
             self.use(self.detector, embedding)
-            found = json.loads(self.vsa("compare", "--json", self.pipeline, "blue.png", "red.png"))
+            found, = self.lines(self.vsa("compare", "--json", self.pipeline, "blue.png", "red.png"))
             first, second = (thing["feature"] for thing in found["objects"])
             cosine = sum(map(float.__mul__, first, second)) / math.hypot(*first) / math.hypot(*second)
             self.assertAlmostEqual(found["similarity"], cosine, 6)
             self.assertEqual([(thing["input"], thing["className"], thing["box"]) for thing in found["objects"]],
                              [(name, "person", [30, 10, 50, 44]) for name in ("blue.png", "red.png")])
-            self.assertGreater(json.loads(self.vsa("compare", "-j", self.pipeline, "blue.png", "dark.png"))
-                               ["similarity"], max(0.9, cosine))
             table = self.vsa("compare", self.pipeline, "blue.png", "red.png")
             self.assertIn("person  30,10 50,44", table)
             self.assertTrue(table.endswith(f"cosine similarity {cosine:.4f}\n"), table)
@@ -318,7 +264,7 @@ class ChainTest(Case):
     def test_compare_says_why_not(self):
         self.file("blue.png", png(64, 64, (0, 0, 255)))
         nothing = {**self.detector, "modelFile": "nothing"}
-        cases = [
+        for models, picture, status, sentence in [
             ([nothing, self.persons], "blue.png", 1, r"blue.png: no object was found"),
             ([self.detector], "blue.png", 1, r"blue.png: no object has a feature; .+"),
             ([self.detector, {**self.persons, "modelFile": "zeros"}], "blue.png", 1, r"a feature is all zeros .+"),
@@ -327,13 +273,270 @@ class ChainTest(Case):
             ([self.detector, self.persons], "none.png", 1, r"none.png: no such file"),
             ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2, r".+: models\[0\]: the library has no model .+"),
             ([{**self.labels, "modelName": "AudioNet"}], "blue.png", 2, r".+: compare takes pictures, not sound"),
-        ]
-        for models, picture, status, sentence in cases:
+        ]:
             with self.subTest(sentence):
                 self.use(*models)
                 self.vsa("compare", self.pipeline, "blue.png", picture, status=status)
                 self.assertEqual(self.out, "")
                 self.assertRegex(self.err, rf"(?m)^vsa: {sentence}$")
+
+
+class PipelineTest(ChainCase):
+    """What is said of pipeline files that cannot be used."""
+
+    def refused(self, sentence):
+        """A regular expression; nothing else is said."""
+        self.vsa("run", self.pipeline, "none.png", status=2)
+        self.assertEqual(self.out, "")
+        self.assertRegex(self.err, rf"^vsa: {re.escape(str(self.pipeline))}: {sentence}\n$")
+
+    def test_files(self):
+        with open(self.folder / "huge", "wb") as huge:
+            huge.truncate(1 << 30)
+        for text, sentence in (
+                ("", r"line 1, column 1: Syntax error: value, object or array expected\."),
+                ('{"models":\n  [,]}', r"line 2, column 4: Syntax error: value, object or array expected\."),
+                ('{\n "models": [] "x": 1}', "line 2, column 15: Missing ',' or '}' in object declaration"),
+                ("{} x", r"line 1, column 4: Extra non-whitespace after JSON value\."),
+                ("[]", "must be an object, not an array"), ("{}", "models is missing"),
+                ('{"modelroot": "x", "models": []}', r'unknown key "modelroot"; did you mean "modelRoot"\?'),
+                ('{"models": {}}', "models must be an array, not an object"),
+                ('{"models": []}', "models must not be empty"),
+                ('{"models": [7]}', r"models\[0\]: must be an object, not a number"),
+                (f'{{"{"k" * 10**6}": 1}}', r'unknown key "k{200}\.{3}"'),
+                ('{"models": ' + "[" * 10000 + "]" * 10000 + "}", "arrays or objects are nested too deep"),
+                (None, "the file is larger than 16 MiB")):
+            with self.subTest(sentence):
+                self.pipeline.write_text(text) if text is not None else os.link(self.folder / "huge", self.pipeline)
+                start = time.monotonic()
+                self.refused(sentence)
+                self.assertLess(time.monotonic() - start, 20)
+                self.pipeline.unlink()
+        self.refused("the file cannot be read")
+        self.file("huge.txt", b"x" * (16 * 2**20 + 1))
+        self.use({**self.detector, "classNames": "huge.txt"})
+        self.refused(r'models\[0\]: classNames: the file "huge.txt" is larger than 16 MiB')
+
+    def test_models(self):
+        self.file("gbk.txt", b"ok\n\xc4\xe3\n")
+        self.file("empty.txt", b"\n")
+        self.file("broken.xml", b'<?xml version="1.0"?><net name="x" version="11"><layers><layer/></layers></net>')
+        number, path, fails = "must be a number from 0 to 1, not", "the path of a file", "the model cannot be loaded: "
+        whole, missing = "must be a whole number from 0 to", rf'there is no model file "{re.escape(str(self.folder))}/'
+        for changes, sentence in (
+                ({"inputWith": 640}, r'unknown key "inputWith"; did you mean "inputWidth"\?'),
+                ({"zzzzzzzz": 640}, 'unknown key "zzzzzzzz"'), ({"category": None}, "category is missing"),
+                ({"category": 3}, "category must be a string, not a number"),
+                ({"category": "detect"}, 'category must be "Detect" or "Classify" or "Track", not "detect"; '
+                                         r'did you mean "Detect"\?'),
+                ({"engine": "Caffe"}, 'engine must be "OpenVINO" or "ONNXRuntime", not "Caffe"'),
+                ({"inputWidth": True}, "inputWidth must be a number, not true or false"),
+                ({"inputWidth": 640.5}, rf"inputWidth {whole} 65535, not 640\.5"),
+                ({"inputHeight": 65536}, f"inputHeight {whole} 65535, not 65536"),
+                ({"classCount": 4294967297}, f"classCount {whole} 2147483647, not 4294967297"),
+                ({"scoreThreshold": 1.5}, rf"scoreThreshold {number} 1\.5"),
+                ({"nmsThreshold": -0.25}, rf"nmsThreshold {number} -0\.25"),
+                ({"classNames": None}, "classNames is missing"), ({"classNames": []}, "classNames must not be empty"),
+                ({"classNames": 80}, f"classNames must be an array of strings or {path}, not a number"),
+                ({"classNames": ["a", 1]}, r"classNames\[1\] must be a string, not a number"),
+                ({"classNames": "none.txt"}, 'classNames: the file "none.txt" cannot be read'),
+                ({"classNames": "."}, r'classNames: the file "\." cannot be read'),
+                ({"classNames": "empty.txt"}, 'classNames: the file "empty.txt" is empty'),
+                ({"classNames": "gbk.txt"}, 'classNames: line 2 of "gbk.txt" is not UTF-8'),
+                ({"wantedClasses": ["cat"]}, r'wantedClasses: "cat" is not in classNames; did you mean "car"\?'),
+                ({"wantedLabels": "car"}, "wantedLabels must be an array of strings, not a string"),
+                ({"modelName": "NoSuchNetwork"}, 'the library has no model "NoSuchNetwork" .*'),
+                ({"device": "NOWHERE"}, rf"{fails}.*NOWHERE.*"),
+                ({"modelRoot": ".", "modelFile": "broken"}, f"{fails}.+"),
+                # The library's rule for paths: root, folder and name with slashes between, or the root alone.
+                ({"modelRoot": ".", "modelFile": "other"}, rf'{missing}other\.xml"'),
+                ({"modelRoot": ".", "modelDir": "deep"}, rf'{missing}deep/things\.xml"'),
+                ({"modelRoot": ".", "engine": "ONNXRuntime"}, f'{missing}things"'),
+                ({"modelFile": "", "modelRoot": "nets"}, rf'{missing}nets\.xml"')):
+            with self.subTest(sentence):
+                changed = {**self.detector, **changes}
+                self.use(self.detector, {key: value for key, value in changed.items() if value is not None})
+                self.refused(r"models\[1\]: " + sentence)
+
+    def test_sound_and_pictures(self):
+        sound = {**self.labels, "modelName": "AudioNet"}
+        seconds = "blockSeconds must be a number"
+        for models, more, sentence in (
+                ((sound, self.labels), {}, r"models\[0\] AudioNet \(Classify\) takes sound and models\[1\] ResNet "
+                                           r"\(Classify\) takes pictures; they belong in two pipelines"),
+                ((self.labels,), {"blockSeconds": 1}, "blockSeconds is for models that take sound"),
+                ((sound,), {"blockSeconds": "1"}, f"{seconds}, not a string"),
+                ((sound,), {"blockSeconds": 0}, rf"{seconds} of seconds from 0\.02 to 60, not 0")):
+            with self.subTest(sentence):
+                self.use(*models)
+                self.write_pipeline(NETWORKS, **more)
+                self.refused(sentence)
+
+
+class RunTest(ChainCase):
+    """What the options of vsa run do to inputs and results."""
+
+    def setUp(self):
+        super().setUp()
+        self.use(self.detector)
+        self.file("blue.png", png(64, 64, (0, 0, 255)))
+
+    def test_standard_input_is_answered_line_by_line(self):
+        self.file("in/large.png", png(128, 64))
+        self.file("in/other.png", png(64, 64))
+        process = subprocess.Popen([VSA, "run", "--stdin", "-q", self.pipeline], cwd=self.folder,
+                                   stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.kill)
+        no_path = ("this line is no path", None)
+        for line, *answers in (
+                (b"blue.png", (None, 64)), (b"none.png\r", ("no such file", None)), (b"",),
+                (b"in", (None, 128), (None, 64)), (b"none*", ("no file matches this pattern", None)),
+                (b"\xff.png", ("no such file", None)), (b"blue.png\0x", no_path), (b"x" * 1000000, no_path),
+                (b"blue.png", (None, 64))):
+            process.stdin.write(line + b"\n")
+            process.stdin.flush()
+            for answer in answers:
+                found, = self.lines(process.stdout.readline().decode())
+                self.assertEqual((found.get("error"), found.get("width")), answer)
+                if len(answers) == 1 and answer != no_path:
+                    self.assertEqual(found["input"], line.decode(errors="replace").strip())
+        out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, out), (1, b""))
+        self.assertEqual(len(err.splitlines()), 5, err)
+
+    def test_recorded_objects(self):
+        self.file("other.png", png(128, 64))
+        self.use(self.detector, self.reader)
+        whole = self.run_json("blue.png", "other.png")
+        self.use(self.detector)
+        self.vsa("run", self.pipeline, "blue.png", "other.png", "--json-file", "found.jsonl")
+        self.use(self.reader)
+        self.assertEqual(self.run_json("blue.png", "other.png", "--objects", "found.jsonl"), whole)
+        found, error = (self.folder / "found.jsonl").read_bytes(), b'{"input":"blue.png","error":"x"}\n'
+        for name, content, status, sentence in (
+                ("wide", found.replace(b'"width":64', b'"width":65'), 1, "blue.png: in wide frame 0 has 65 x 64 .+"),
+                ("other", error, 1, "blue.png: frame 0 is not in other"),
+                ("deep", error + b"[" * 100000, 2, "deep: line 2: .+"), ("text", b"x", 2, "text: line 1: this is no JSON"),
+                ("none", None, 2, "none: the file cannot be read"),
+                ("box", b'{"input":"a","frame":0,"width":9,"height":9,"objects":[{"box":[1]}]}', 2,
+                 "box: line 1: an array is missing or has another length")):
+            if content is not None:
+                self.file(name, content)
+            self.vsa("run", self.pipeline, "blue.png", "--objects", name, status=status)
+            self.assertRegex(self.err, rf"(?m)^vsa: {sentence}$")
+
+    def test_a_model_that_fails_on_a_frame(self):
+        # A network of labels is no detector: the library refuses what comes out of it.
+        self.use({**self.detector, "modelFile": "label", "inputWidth": 32, "inputHeight": 32}, self.reader)
+        frame, = self.run_json("blue.png", status=1)
+        self.assertEqual((frame["failedModels"], frame["objects"]), ([0, 1], []))
+        self.assertRegex(self.err, r"(?m)^vsa: blue.png: frame 0: models\[0\] YOLO26 \(Detect\): .+$")
+        self.assertNotIn("frame 0: models[1]", self.err)
+
+    def test_inputs_are_never_overwritten(self):
+        before = self.file("in/blue.png", png(64, 64)).read_bytes()
+        (self.folder / "link").symlink_to(self.folder / "in")
+        for arguments in (["--output", "in"], ["--output", "link"], ["--json-file", "in/blue.png"],
+                          ["--json-file", self.pipeline], ["--output", self.pipeline],
+                          ["--output", "out", "--font", self.pipeline]):
+            self.vsa("run", self.pipeline, "in", *arguments, status=2)
+        self.assertEqual(before, (self.folder / "in/blue.png").read_bytes())
+
+    def test_chosen_shrunk_and_cut_out(self):
+        self.file("big.png", png(640, 320))
+        frame, = self.run_json("big.png", "--max-side", "64", "--crops", "crops", "--output", "out")
+        self.assertEqual([(thing["box"], thing["crop"]) for thing in frame["objects"]],
+                         [([80, 40, 400, 280], "crops/big-1.png"), ([300, 100, 500, 320], "crops/big-2.png")])
+        sizes = [struct.unpack(">II", (self.folder / name).read_bytes()[16:24])
+                 for name in ("crops/big-1.png", "crops/big-2.png", "out/big.png")]
+        self.assertEqual(sizes, [(320, 240), (200, 220), (640, 320)])
+        for only, names in (("person", ["person"]), ("person,car", ["car", "person"])):
+            frame, = self.lines(self.vsa("run", "-j", "--only", only, self.pipeline, "blue.png"))
+            self.assertEqual([thing["className"] for thing in frame["objects"]], names)
+        for options, sentence in ((["--only", "cra"], '--only: .* "cra"; did you mean "car"'),
+                                  (["--crops", "x", "--output", "x"], "need a folder each"),
+                                  (["--crops", "."], "lies in the output folder")):
+            self.vsa("run", self.pipeline, "blue.png", *options, status=2)
+            self.assertRegex(self.err, sentence)
+
+    def test_absurd_inputs_are_refused_and_the_others_done(self):
+        bmp = lambda side: b"BM" + struct.pack("<IHHIIiiHHIIiiII", 54, 0, 0, 54, 40, side, side, 1, 24, *[0] * 6)
+        photo = (PICTURES / "hike.jpg").read_bytes()
+        start = re.search(rb"\xff[\xc0\xc2]..\x08", photo, re.DOTALL).end()
+        jpeg = lambda side: photo[:start] + struct.pack(">HH", side, side) + photo[start + 4:]
+        self.file("good.png", png(10, 10000))
+        (self.folder / "nothing").mkdir()
+        os.mkfifo(self.folder / "pipe.png")
+        limit, header = "its 20000 x 20000 pixels are more than the limit of 200000000", "its header claims more .+"
+        cases = {"a.png": (png(100000, 100000, rows=b""), header), "b.png": (png(20000, 20000, rows=b""), limit),
+                 "c.bmp": (bmp(100000), header), "d.bmp": (bmp(20000), limit), "e.jpg": (jpeg(60000), header),
+                 "f.jpg": (jpeg(20000), limit), "g.pgm": (b"P5 20000 20000 255 x", limit),
+                 "film.y4m": (self.film(3).read_bytes(), "its 64 x 48 pixels are more than the limit of 3000"),
+                 "cut.y4m": (self.film(9).read_bytes()[:300], "no frame can be read"),
+                 "text.png": (b"no picture", ".+"), "void.jpg": (b"", ".+"), "text.mp4": (b"no film", ".+"), "cut.png": (png(400, 300)[:60], ".+"),
+                 "none.png": (None, "no such file"), "none*.png": (None, ".+"), "nothing": (None, ".+"),
+                 "pipe.png": (None, "this is no regular file")}
+        for name, (content, sentence) in cases.items():
+            if content is not None:
+                self.file(name, content)
+            most = 3000 if name == "film.y4m" else 200000000
+            done = self.run_json(name, "good.png", "--max-pixels", most, status=1)
+            self.assertEqual(len(done), most > 10 * 10000, name)
+            self.assertRegex(self.err, rf"(?m)^vsa: {re.escape(name)}: {sentence}$")
+            self.assertIn("1 input failed" if done else "2 inputs failed", self.err)
+        (self.folder / "deep/er").mkdir(parents=True)
+        for name in ("deep/er/loop", "deep/self"):
+            (self.folder / name).symlink_to(self.folder / "deep")
+        self.file("deep/er/1.png", png(1, 1))
+        self.assertEqual(len(self.run_json("deep", "--recursive")), 1)
+
+
+class RayTest(ChainCase):
+    def start(self, *options):
+        python = pathlib.Path(os.environ["TOL_RAY_PYTHON"])
+        if not python.is_file():
+            self.skipTest(f"Ray is not installed ({python} is missing); run scripts/setup")
+        process = subprocess.Popen(
+            [python, EXAMPLES / "ray/vsa_ray.py", "--vsa", self.folder / "vsa", "--workers", "2", "--cores", "1",
+             *options, self.pipeline], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            env={**os.environ, "HOME": str(self.folder), "RAY_TMPDIR": str(self.folder), "RAY_AUTH_MODE": "disabled"})
+        self.addCleanup(process.kill)
+        return process
+
+    def test_a_killed_process_loses_and_doubles_nothing(self):
+        self.use(self.detector, self.reader)
+        names = [self.file(f"{i}.png", png(1500 + 10 * i, 1000)) for i in range(80)] + [self.folder / "none.png"]
+        plain = self.vsa("run", "--json", self.pipeline, *names, status=1).splitlines(True)
+        (self.folder / "started").mkdir()
+        # Takes the place of vsa and leaves its process id.
+        self.file("vsa", f'#!/bin/sh\ntouch "{self.folder}/started/$$"\nexec "{VSA}" "$@"\n'.encode()).chmod(0o755)
+        process = self.start()
+        process.stdin.write("".join(f"{name}\n" for name in names).encode())
+        process.stdin.close()
+        first = process.stdout.readline()
+        os.kill(int(min(os.listdir(self.folder / "started"))), signal.SIGKILL)
+        lines = [line.decode() for line in (first, *process.stdout)]
+        process.stdout.close()
+        self.assertEqual(process.wait(timeout=60), 1)
+        self.assertEqual(lines[:-1], plain)
+        self.assertEqual(json.loads(lines[-1]), {"error": "no such file", "input": str(names[-1])})
+        self.assertEqual(len(os.listdir(self.folder / "started")), 3)  # one of two was started again
+
+    def test_whatever_fails_on_a_picture_the_others_are_answered(self):
+        self.file("vsa", b"""#!/bin/sh
+while read -r path; do
+  case $path in hang*) sleep 1000 ;; die*) exit 3 ;; lose*) kill -9 $PPID ;; folder) echo '{"input":"folder/a"}' ;; esac
+  case $path in bytes*) path=$(printf 'bytes\357\277\275') ;; esac
+  echo '{"input":"'$path'"}'
+done
+""").chmod(0o755)
+        more = [[b"%d.png" % (4 * i + j) for j in range(4)] for i in range(5)]
+        bad = {b"hang": "vsa failed 3 times", b"die": "vsa failed 3 times", b"lose": "the worker failed 3 times",
+               b"folder": "this is not one picture; list the files of a folder instead", b"bytes\xff": None}
+        names = [name for some, path in zip(more, bad) for name in (*some, path)]
+        out, _ = self.start("--seconds", "2").communicate(b"\n".join(names), timeout=100)
+        self.assertEqual([(line["input"], line.get("error")) for line in map(json.loads, out.splitlines())],
+                         [(name.decode(errors="replace"), bad.get(name)) for name in names])
 
 
 class SoundTest(Case):
@@ -347,12 +550,14 @@ class SoundTest(Case):
                         "classNames": ["low", "high"], "inputWidth": 20, "inputHeight": 16, "scoreThreshold": 0.6}]
         self.write_pipeline(NETWORKS, blockSeconds=0.2)
 
-    def wav(self, name, seconds, hertz=440, rate=16000, channels=1):
-        samples = [round(20000 * math.sin(2 * math.pi * hertz * i / rate)) for i in range(round(seconds * rate))]
-        self.pcm = b"".join(struct.pack("<h", sample) * channels for sample in samples)
-        header = struct.pack("<HHIIHH", 1, channels, rate, rate * channels * 2, channels * 2, 16)
-        return self.file(name, b"RIFF" + struct.pack("<I", 36 + len(self.pcm)) + b"WAVEfmt " +
-                         struct.pack("<I", 16) + header + b"data" + struct.pack("<I", len(self.pcm)) + self.pcm)
+    def wav(self, name, pcm, rate=16000, channels=1, code=1, size=2):
+        """`code` is 1 for whole numbers and 3 for floats, `size` the bytes of a sample."""
+        header = struct.pack("<HHIIHH", code, channels, rate, rate * channels * size, channels * size, 8 * size)
+        return self.file(name, b"RIFF" + struct.pack("<I", 36 + len(pcm)) + b"WAVEfmt " + struct.pack("<I", 16) +
+                         header + b"data" + struct.pack("<I", len(pcm)) + pcm)
+
+    def sent(self):
+        return b"".join(base64.b64decode(request["audio_pcm_base64"]) for _, request in self.asked)
 
     def serve(self, replies):
         """A service that gives these replies in turn; self.asked are the requests."""
@@ -368,8 +573,7 @@ class SoundTest(Case):
                 self.end_headers()
                 self.wfile.write(body)
 
-            def log_message(self, *_):
-                pass
+            log_message = lambda *_: None
 
         server = http.server.HTTPServer(("127.0.0.1", 9555), Handler)
         self.addCleanup(server.server_close)
@@ -383,46 +587,65 @@ class SoundTest(Case):
         return {"code": 1000, "msg": "", "mels": 16, "time_steps": 20, "mel_spec": rows}
 
     def test_blocks_and_their_results(self):
-        self.wav("a.wav", 0.7, channels=2)
-        self.serve([self.spectrum(-100, -50), self.spectrum(-50, -50), {"code": 7, "msg": "no"},
+        samples = random.Random(1).randbytes(44800)  # 0.7 s
+        self.wav("a.wav", samples, channels=2)
+        self.serve([self.spectrum(-50, -50), self.spectrum(-100, -50), {"code": 7, "msg": "no"},
                     self.spectrum(-25, -75)])
         frames = self.run_json("a.wav", status=1)
         self.assertEqual([(frame["input"], frame["frame"], frame["time"], frame["duration"]) for frame in frames],
                          [("a.wav", 0, 0, 0.2), ("a.wav", 1, 0.2, 0.2), ("a.wav", 2, 0.4, 0.2), ("a.wav", 3, 0.6, 0.1)])
         self.assertEqual([(frame["classified"], frame["score"]) for frame in frames],
-                         [(True, 1), (False, 0), (False, 0), (True, 0.75)])
+                         [(False, 0), (True, 1), (False, 0), (True, 0.75)])
         self.assertEqual([frame["objects"] for frame in frames],
-                         [[{"className": "high", "classId": 1, "score": 1}], [], [],
+                         [[], [{"className": "high", "classId": 1, "score": 1}], [],
                           [{"className": "low", "classId": 0, "score": 0.75}]])
         self.assertEqual([frame.get("failedModels") for frame in frames], [None, None, [0], None])
         self.assertRegex(self.err, r"(?m)^vsa: a.wav: block 2: models\[0\] AudioNet \(Classify\): .+$")
         self.assertRegex(self.err, r"1 input, 4 blocks, 2 objects in")
         for index, (path, request) in enumerate(self.asked):
             self.assertEqual(path, "/api/audioToMelSpec")
-            wanted = {"pts": 200 * index, "audio_frame_count": index, "audio_frame_max_size": 12800,
-                      "audio_frame_size": 12800, "audio_sample_rate": 16000, "audio_nb_samples": 3200,
-                      "audio_sample_fmt": 1, "audio_sample_fmt_byte_num": 2}
-            self.assertEqual(wanted, {key: request[key] for key in wanted})
-        sent = b"".join(base64.b64decode(request["audio_pcm_base64"]) for _, request in self.asked)
-        self.assertEqual(sent, self.pcm + bytes(6400))
+            self.assertLessEqual({"pts": 200 * index, "audio_frame_count": index, "audio_frame_max_size": 12800,
+                                  "audio_frame_size": 12800, "audio_sample_rate": 16000, "audio_nb_samples": 3200,
+                                  "audio_sample_fmt": 1, "audio_sample_fmt_byte_num": 2}.items(), request.items())
+        self.assertEqual(self.sent(), samples + bytes(6400))
+
+    def test_every_depth_of_samples(self):
+        # Blocks of 4 samples: 8 bits become 16, 24 bits become floats, floats stay.
+        floats = struct.pack("<4f", 0.1, -2.5, 1e-20, 1)
+        cases = ((1, 1, b"\x80\xff\x7f\x81", 1, struct.pack("<4h", 0, 0x7f00, -0x100, 0x100)),
+                 (1, 3, b"\0\0\x40\1\0\0\0\0\x80", 3, struct.pack("<4f", 0.5, 2**-23, -1, 0)),
+                 (3, 4, floats, 3, floats))
+        self.serve([self.spectrum(0, -75)] * 3)
+        self.run_json(*(self.wav(f"{size}.wav", data, 20, 1, code, size) for code, size, data, *_ in cases))
+        self.assertEqual([(request["audio_sample_fmt"], request["audio_sample_fmt_byte_num"])
+                          for _, request in self.asked], [(1, 2), (3, 4), (3, 4)])
+        self.assertEqual(self.sent(), b"".join(data for *_, data in cases))
+
+    def test_what_is_no_sound(self):
+        # The last claims blocks of more memory than there is.
+        bad = ["none.wav", self.file("text.wav", b"no sound"), self.file("void.wav", b""),
+               self.wav("huge.wav", bytes(4000), 655350, 1000, 3, 4)]
+        self.serve([self.spectrum(0, -75)])
+        frames = self.run_json(*bad, self.wav("empty.wav", b""), self.wav("short.wav", b"ab", 1), status=1)
+        self.assertEqual([frame["input"] for frame in frames], [str(self.folder / "short.wav")])
+        self.assertEqual(self.asked[0][1]["audio_nb_samples"], 1)
+        self.assertIn("6 inputs, 1 block, ", self.err)
+        self.assertIn("5 inputs failed", self.err)
 
     def test_table_and_limits(self):
-        self.wav("in/a.wav", 0.5)
+        self.wav("in/a.wav", bytes(16000))
         self.file("in/b.png", png(4, 4))
         self.serve([self.spectrum(0, -75), self.spectrum(-50, -50)])
         self.assertEqual(self.vsa("run", self.pipeline, "in", "--max-frames", "2"),
                          "in/a.wav: 0.000 s to 0.200 s: low 0.800\nin/a.wav: 0.200 s to 0.400 s: nothing\n")
-        self.vsa("run", self.pipeline, "in/a.wav", "--output", "out", status=2)
-        self.assertIn("--output draws pictures", self.err)
-        self.models.append({**self.models[0], "modelName": "ResNet"})
-        self.write_pipeline(NETWORKS)
-        self.vsa("run", self.pipeline, "in/a.wav", status=2)
-        self.assertIn("they belong in two pipelines", self.err)
+        for option, sentence in (("--output", "draws pictures"), ("--crops", "is for pictures")):
+            self.vsa("run", self.pipeline, "in/a.wav", option, "out", status=2)
+            self.assertIn(f"{option} {sentence}", self.err)
 
     def test_without_a_service(self):
         self.models *= 2
         self.write_pipeline(NETWORKS)
-        frame, = self.run_json(self.wav("a.wav", 0.2), status=1)
+        frame, = self.run_json(self.wav("a.wav", bytes(6400)), status=1)
         self.assertEqual((frame["classified"], frame["failedModels"]), (False, [0, 1]))
         self.assertIn("9555", self.err)
         self.assertIn("block 0: models[1] AudioNet (Classify): ", self.err)  # it needs nothing of the first one
@@ -449,35 +672,20 @@ if name == "broken":
         self.assertEqual([frame["duration"] for frame in frames], [0.2, 0.1])
         self.assertEqual((self.folder / "asked").read_text(),
                          f"-nostdin -v error -i file:{film} -map 0:a:0 -c:a pcm_s16be -f au pipe:1")
-        sent = b"".join(base64.b64decode(request["audio_pcm_base64"]) for _, request in self.asked)
-        self.assertEqual(sent, struct.pack("<300h", *range(300)) + bytes(200))
+        self.assertEqual(self.sent(), struct.pack("<300h", *range(300)) + bytes(200))
         for name, blocks, sentence in (("broken", 2, "ffmpeg cannot read the sound: film: the rest is damaged"),
                                        ("silent", 0, "there is no sound in this file")):
-            film.rename(self.folder / f"{name}.avi")
-            film = self.folder / f"{name}.avi"
+            film.rename(self.folder / f"{name}.y4m")
+            film = self.folder / f"{name}.y4m"
             self.assertEqual(len(self.run_json(film, PATH=path, status=1)), blocks)
             self.assertIn(f"vsa: {film}: {sentence}\n", self.err)
         self.assertEqual(self.run_json(film, PATH=str(self.folder), status=1), [])
         self.assertRegex(self.err, rf"vsa: {film}: .*the program ffmpeg.* is not on the PATH")
 
-    def test_with_the_example_service(self):
-        program = EXAMPLES / "melservice/melservice.py"
-        service = subprocess.Popen([os.environ["TOL_PYTHON"], program, "--mels", "16", "--steps", "20"],
-                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-        self.addCleanup(service.stdout.close)
-        self.addCleanup(service.wait)
-        self.addCleanup(service.kill)
-        self.assertIn(b":9555/", service.stdout.readline())
-        self.wav("low.wav", 0.4, 250)
-        self.wav("high.wav", 0.4, 6000, 44100, 2)
-        frames = self.run_json("low.wav", "high.wav")
-        self.assertEqual([frame["objects"][0]["className"] for frame in frames], ["low", "low", "high", "high"])
-
 
 class StopTest(Case):
     def start(self, *arguments):
-        process = subprocess.Popen([VSA, "run", str(self.pipeline), *map(str, arguments)], stdout=subprocess.PIPE,
-                                   stderr=subprocess.PIPE)
+        process = subprocess.Popen([VSA, "run", self.pipeline, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(process.stderr.close)
         self.addCleanup(process.kill)
         return process
@@ -510,7 +718,3 @@ class StopTest(Case):
         self.sign()
         self.vsa("run", self.pipeline, "sign.png", "--json-file", "/dev/full", status=1)
         self.assertIn("/dev/full: the file cannot be written", self.err)
-
-
-if __name__ == "__main__":
-    unittest.main()
