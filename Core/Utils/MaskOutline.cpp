@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <opencv2/imgproc.hpp>
+#include <optional>
 
 #include "Utils/Numbers.h"
 
@@ -27,50 +28,142 @@ cv::Rect cropOf(const cv::Rect& box, cv::Size mask, cv::Size input) {
   return {x0, y0, x1 - x0, y1 - y0};
 }
 
-/// Probability of every mask pixel of `crop`, row by row.
-cv::Mat probabilitiesIn(const cv::Rect& crop, const MaskPrototypes& prototypes,
-                        const MaskCoefficients& coefficients) {
+/// Writes the probability of every pixel of `crop` to `probabilities`, which has its size.
+void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
+                       const MaskCoefficients& coefficients, cv::Mat probabilities) {
   const auto width = static_cast<std::size_t>(crop.width);
   const auto stride = static_cast<std::size_t>(prototypes.size.width);
   const std::size_t plane = stride * static_cast<std::size_t>(prototypes.size.height);
-  cv::Mat logits = cv::Mat::zeros(crop.size(), CV_32FC1);
-  for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
+  // OpenCV computes exponentials of short rows by another formula than those of long ones. So that
+  // a mask does not depend on the size of its box, short ones are lengthened.
+  constexpr int kLongEnough = 64;
+  cv::Mat sums = cv::Mat::zeros(1, std::max(crop.area(), kLongEnough), CV_32FC1);
+  // Four prototypes at a time, which spares the sums three of four ways from and to memory.
+  static_assert(kMaskCoefficients % 4 == 0);
+  for (std::size_t k = 0; k < kMaskCoefficients; k += 4) {
+    const float* const c = coefficients.data() + k;
     for (int y = 0; y < crop.height; ++y) {
-      const float* prototype = prototypes.data + k * plane +
-                               static_cast<std::size_t>(crop.y + y) * stride +
-                               static_cast<std::size_t>(crop.x);
-      float* row = logits.ptr<float>(y);
-      for (std::size_t x = 0; x < width; ++x) row[x] += coefficients[k] * prototype[x];
+      const float* const first = prototypes.data + k * plane +
+                                 static_cast<std::size_t>(crop.y + y) * stride +
+                                 static_cast<std::size_t>(crop.x);
+      const float* const second = first + plane;
+      const float* const third = second + plane;
+      const float* const fourth = third + plane;
+      float* const row = sums.ptr<float>() + static_cast<std::size_t>(y) * width;
+      // Subtracted, as it is the exponential of the negative sum that is wanted.
+      for (std::size_t x = 0; x < width; ++x) {
+        row[x] =
+            (((row[x] - c[0] * first[x]) - c[1] * second[x]) - c[2] * third[x]) - c[3] * fourth[x];
+      }
     }
   }
-  // OpenCV computes short rows by another formula than long ones. So that a mask does not depend on
-  // the size of its box, short ones are lengthened.
-  constexpr int kLongEnough = 64;
-  const int count = static_cast<int>(logits.total());
-  cv::Mat negated = cv::Mat::zeros(1, std::max(count, kLongEnough), CV_32FC1);
-  const cv::Mat flat = logits.reshape(1, 1);
-  cv::Mat sameLength = negated.colRange(0, count);
-  flat.convertTo(sameLength, CV_32FC1, -1.0);
-  cv::Mat exponential;
-  cv::exp(negated, exponential);
-  cv::Mat probabilities;
-  cv::divide(1.0, exponential + 1.0, probabilities);
-  return probabilities.colRange(0, count).clone().reshape(1, crop.height);
+  cv::exp(sums, sums);
+  const float* exponential = sums.ptr<float>();
+  for (int y = 0; y < crop.height; ++y, exponential += width) {
+    float* const row = probabilities.ptr<float>(y);
+    for (std::size_t x = 0; x < width; ++x) row[x] = 1.0F / (1.0F + exponential[x]);
+  }
 }
 
-/// The part of the mask that has to be resized for `crop`. Where the input is the mask's size times
-/// a power of two, sample positions are exact, so a border of one pixel round the crop gives the
-/// same numbers as the whole mask.
-cv::Rect areaFor(const cv::Rect& crop, cv::Size mask, cv::Size input) {
-  const cv::Rect whole({0, 0}, mask);
-  const auto isPowerOfTwo = [](int size, int of) {
+/// How many pixels of the input lie on a mask pixel; nothing but where they are two or more and a
+/// power of two in both directions. Sample positions of bilinear interpolation are exact then, so a
+/// part of the mask with a border of one pixel gives the same numbers as the whole of it.
+std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
+  const auto isExact = [](int size, int of) {
     const int ratio = size / of;
-    return ratio * of == size && (ratio & (ratio - 1)) == 0;
+    return ratio >= 2 && ratio * of == size && (ratio & (ratio - 1)) == 0;
   };
-  if (!isPowerOfTwo(input.width, mask.width) || !isPowerOfTwo(input.height, mask.height)) {
-    return whole;
+  if (!isExact(input.width, mask.width) || !isExact(input.height, mask.height)) return std::nullopt;
+  return cv::Size(input.width / mask.width, input.height / mask.height);
+}
+
+/// Numbers as close as this to one half are on neither side of it for sure: four roundings of
+/// numbers up to 1.
+constexpr float kUnsure = 2.5e-7F;
+
+/// Where `mask` is above one half once it is resized.
+cv::Mat aboveHalf(const cv::Mat& mask, cv::Size size) {
+  cv::Mat resized;
+  cv::resize(mask, resized, size, 0, 0, cv::INTER_LINEAR);
+  cv::Mat above;
+  cv::compare(resized, 0.5, above, cv::CMP_GT);
+  return above;
+}
+
+/// Fills the `ratio` pixels of `above` from `at` on, which lie between two values of `upper` and
+/// two of `lower`.
+inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::Size ratio,
+                     cv::Mat& above) {
+  const float stepX = 1.0F / static_cast<float>(ratio.width);
+  const float stepY = 1.0F / static_cast<float>(ratio.height);
+  float closest = 1.0F;
+  for (int y = 0; y < ratio.height; ++y) {
+    const float down = (static_cast<float>(y) + 0.5F) * stepY;
+    const float left = upper[0] * (1.0F - down) + lower[0] * down;
+    const float right = upper[1] * (1.0F - down) + lower[1] * down;
+    uchar* const row = above.ptr<uchar>(at.y + y) + at.x;
+    for (int x = 0; x < ratio.width; ++x) {
+      const float along = (static_cast<float>(x) + 0.5F) * stepX;
+      const float over = left * (1.0F - along) + right * along - 0.5F;
+      row[x] = over > 0.0F ? 255 : 0;
+      closest = std::min(closest, std::abs(over));
+    }
   }
-  return cv::Rect(crop.x - 1, crop.y - 1, crop.width + 2, crop.height + 2) & whole;
+  if (closest > kUnsure) return;
+  // The order of roundings decides, which is OpenCV's own.
+  const cv::Mat corners = (cv::Mat_<float>(2, 2) << upper[0], upper[1], lower[0], lower[1]);
+  const cv::Rect inner({ratio.width / 2, ratio.height / 2}, ratio);
+  aboveHalf(corners, ratio * 2)(inner).copyTo(above(cv::Rect(at, ratio)));
+}
+
+/// The same as `aboveHalf` for a mask enlarged by an exact ratio, looking closely at its edge
+/// alone: a pixel between four that are on one side of one half is there, too.
+cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio) {
+  // Between four neighbours lies a cell of `ratio` pixels; round the mask, half a one.
+  cv::Mat corners;
+  cv::copyMakeBorder(mask, corners, 1, 1, 1, 1, cv::BORDER_REPLICATE);
+  cv::Mat highs;
+  cv::Mat lows;
+  cv::compare(corners, 0.5 + kUnsure, highs, cv::CMP_GT);
+  cv::compare(corners, 0.5 - kUnsure, lows, cv::CMP_LT);
+  const cv::Size cells = corners.size() - cv::Size(1, 1);
+  cv::Mat above = cv::Mat::zeros(cells.height * ratio.height, cells.width * ratio.width, CV_8UC1);
+  // Known to the compiler, it is computed several pixels at a time.
+  const cv::Size kUsual(4, 4);
+  enum : uchar { kBelow = 0, kMixed = 1, kAbove = 255 };
+  std::vector<uchar> kinds(static_cast<std::size_t>(cells.width));
+  for (int y = 0; y < cells.height; ++y) {
+    const uchar* const high = highs.ptr<uchar>(y);
+    const uchar* const highBelow = highs.ptr<uchar>(y + 1);
+    const uchar* const low = lows.ptr<uchar>(y);
+    const uchar* const lowBelow = lows.ptr<uchar>(y + 1);
+    for (std::size_t x = 0; x < kinds.size(); ++x) {
+      const uchar allHigh = high[x] & high[x + 1] & highBelow[x] & highBelow[x + 1];
+      const uchar allLow = low[x] & low[x + 1] & lowBelow[x] & lowBelow[x + 1];
+      kinds[x] = allHigh | (kMixed & ~allLow);
+    }
+    const float* const upper = corners.ptr<float>(y);
+    const float* const lower = corners.ptr<float>(y + 1);
+    for (auto cell = kinds.begin(); cell != kinds.end();) {
+      const auto kind = *cell;
+      const auto end = kind == kMixed ? cell + 1
+                                      : std::find_if(cell, kinds.end(),
+                                                     [&](uchar other) { return other != kind; });
+      const auto x = static_cast<int>(cell - kinds.begin());
+      const cv::Point at(x * ratio.width, y * ratio.height);
+      if (kind == kMixed && ratio == kUsual) {
+        fillCell(upper + x, lower + x, at, kUsual, above);
+      } else if (kind == kMixed) {
+        fillCell(upper + x, lower + x, at, ratio, above);
+      }
+      for (int row = 0; kind == kAbove && row < ratio.height; ++row) {
+        std::fill_n(above.ptr<uchar>(at.y + row) + at.x, (end - cell) * ratio.width, kAbove);
+      }
+      cell = end;
+    }
+  }
+  return above(cv::Rect({ratio.width / 2, ratio.height / 2},
+                        cv::Size(mask.cols * ratio.width, mask.rows * ratio.height)));
 }
 
 }  // namespace
@@ -80,23 +173,21 @@ std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes,
                                    cv::Size inputSize) {
   const cv::Rect crop = cropOf(box, prototypes.size, inputSize);
   if (crop.empty()) return {};
-  const cv::Rect area = areaFor(crop, prototypes.size, inputSize);
+  const std::optional<cv::Size> ratio = exactRatio(prototypes.size, inputSize);
+  const cv::Rect whole({0, 0}, prototypes.size);
+  const cv::Rect area =
+      ratio ? cv::Rect(crop.x - 1, crop.y - 1, crop.width + 2, crop.height + 2) & whole : whole;
   cv::Mat mask = cv::Mat::zeros(area.size(), CV_32FC1);
-  probabilitiesIn(crop, prototypes, coefficients).copyTo(mask(crop - area.tl()));
+  fillProbabilities(crop, prototypes, coefficients, mask(crop - area.tl()));
 
-  const bool isWhole = area.size() == prototypes.size;
-  const cv::Size resizedSize =
-      isWhole ? inputSize
-              : cv::Size(area.width * (inputSize.width / prototypes.size.width),
-                         area.height * (inputSize.height / prototypes.size.height));
-  const cv::Point offset = isWhole
-                               ? cv::Point()
-                               : cv::Point(area.x * (inputSize.width / prototypes.size.width),
-                                           area.y * (inputSize.height / prototypes.size.height));
-  cv::Mat resized;
-  cv::resize(mask, resized, resizedSize, 0, 0, cv::INTER_LINEAR);
   cv::Mat object;
-  cv::compare(resized, 0.5, object, cv::CMP_GT);
+  cv::Point offset;
+  if (ratio) {
+    object = aboveHalfByEdges(mask, *ratio);
+    offset = {area.x * ratio->width, area.y * ratio->height};
+  } else {
+    object = aboveHalf(mask, inputSize);
+  }
 
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(object, contours, cv::RETR_EXTERNAL, cv::CHAIN_APPROX_SIMPLE, offset);
