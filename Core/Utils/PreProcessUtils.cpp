@@ -164,24 +164,6 @@ struct Fit {
   float scale;      ///< Takes network pixels to frame pixels.
 };
 
-/// `region` scaled to the width of the input and centred on a background.
-cv::Mat fitted(const cv::Mat& region, cv::Size size, const cv::Scalar& background) {
-  // Deliberate: the width alone, so a region can become higher than the input; OpenCV refuses the
-  // negative border then.
-  const float scale =
-      static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
-  const cv::Size scaled(truncateToInt(std::round(static_cast<float>(region.cols) * scale)),
-                        truncateToInt(std::round(static_cast<float>(region.rows) * scale)));
-  cv::Mat resized;
-  cv::resize(region, resized, scaled, 0, 0, cv::INTER_NEAREST);
-  const int above = (size.height - scaled.height) / 2;
-  const int before = (size.width - scaled.width) / 2;
-  cv::Mat framed;
-  cv::copyMakeBorder(resized, framed, above, size.height - scaled.height - above, before,
-                     size.width - scaled.width - before, cv::BORDER_CONSTANT, background);
-  return framed;
-}
-
 std::string sizeText(std::int64_t width, std::int64_t height) {
   return "width=" + std::to_string(width) + ",height=" + std::to_string(height);
 }
@@ -218,6 +200,70 @@ std::vector<int> sampledPositions(int length, int scaled) {
   cv::resize(cv::Mat(1, length, CV_32SC1, positions.data()), row, row.size(), 0, 0,
              cv::INTER_NEAREST);
   return sampled;
+}
+
+/// Pixels of a picture, by nearest-neighbour sampling, and where they go in a network's input.
+struct Sampling {
+  std::vector<int> columns;
+  std::vector<int> rows;
+  cv::Point at;  ///< Where the first of them goes.
+};
+
+/// Writes the sampled pixels through `tables` into three planes of `size`, red first, and the byte
+/// `background` round them.
+void samplePlanes(const cv::Mat& image, const Sampling& sampling, cv::Size size,
+                  const ByteTables& tables, uchar background, float* planes) {
+  const auto width = static_cast<std::size_t>(size.width);
+  const auto left = static_cast<std::size_t>(sampling.at.x);
+  const auto above = static_cast<std::size_t>(sampling.at.y) * width;
+  const std::size_t plane = width * static_cast<std::size_t>(size.height);
+  for (std::size_t p = 0; p < 3; ++p) {
+    float* const begin = planes + p * plane;
+    std::fill(begin, begin + above, tables[2 - p][background]);
+    std::fill(begin + above + sampling.rows.size() * width, begin + plane,
+              tables[2 - p][background]);
+  }
+  const auto& [blues, greens, reds] = tables;
+  float* red = planes + above;
+  for (const int row : sampling.rows) {
+    float* const green = red + plane;
+    float* const blue = green + plane;
+    const uchar* const pixels = image.ptr<uchar>(row);
+    std::size_t x = left;
+    for (const int column : sampling.columns) {
+      const uchar* const pixel = pixels + 3 * static_cast<std::ptrdiff_t>(column);
+      red[x] = reds[pixel[2]];
+      green[x] = greens[pixel[1]];
+      blue[x] = blues[pixel[0]];
+      ++x;
+    }
+    for (std::size_t p = 0; p < 3; ++p) {
+      float* const begin = red + p * plane;
+      std::fill(begin, begin + left, tables[2 - p][background]);
+      std::fill(begin + x, begin + width, tables[2 - p][background]);
+    }
+    red += width;
+  }
+}
+
+/// Writes `region`, scaled to the width of the input and centred on a background, as three planes.
+void fillFittedPlanes(const cv::Mat& region, cv::Size size, const ByteTables& tables,
+                      uchar background, float* planes) {
+  // A region that holds nothing, before scaling or after it, cannot be resized.
+  CV_Assert(!region.empty());
+  // Deliberate: the width alone, so a region can become higher than the input; there is no room for
+  // a border then.
+  const float scale =
+      static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
+  const cv::Size scaled(truncateToInt(std::round(static_cast<float>(region.cols) * scale)),
+                        truncateToInt(std::round(static_cast<float>(region.rows) * scale)));
+  const cv::Size border = size - scaled;
+  CV_Assert(!scaled.empty() && border.width >= 0 && border.height >= 0);
+  samplePlanes(region,
+               {sampledPositions(region.cols, scaled.width),
+                sampledPositions(region.rows, scaled.height),
+                {border.width / 2, border.height / 2}},
+               size, tables, background, planes);
 }
 
 /// Copies the pixels at `columns`, in ascending order, of a row of `width` pixels of three bytes.
@@ -279,30 +325,11 @@ std::optional<float> letterboxPlanes(const cv::Mat& image, cv::Size inputSize, f
                                      std::source_location where) {
   const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
   if (!fit) return std::nullopt;
-  const std::vector<int> columns = sampledPositions(image.cols, fit->scaled.width);
-  const std::vector<int> rows = sampledPositions(image.rows, fit->scaled.height);
-  const std::array<float, 256>& table = unitTables()[0];  // the same for every channel
-  const auto width = static_cast<std::size_t>(inputSize.width);
-  const std::size_t plane = width * static_cast<std::size_t>(inputSize.height);
-  float* red = planes;
-  float* green = planes + plane;
-  float* blue = planes + 2 * plane;
-  for (std::size_t y = 0; y < rows.size(); ++y) {
-    const uchar* pixels = image.ptr<uchar>(rows[y]);
-    for (std::size_t x = 0; x < columns.size(); ++x) {
-      const uchar* pixel = pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]);
-      red[x] = table[pixel[2]];
-      green[x] = table[pixel[1]];
-      blue[x] = table[pixel[0]];
-    }
-    for (float* row : {red, green, blue}) std::fill(row + columns.size(), row + width, table[0]);
-    red += width;
-    green += width;
-    blue += width;
-  }
-  for (std::size_t p = 0; p < 3; ++p) {
-    std::fill(planes + p * plane + rows.size() * width, planes + (p + 1) * plane, table[0]);
-  }
+  samplePlanes(image,
+               {sampledPositions(image.cols, fit->scaled.width),
+                sampledPositions(image.rows, fit->scaled.height),
+                {}},
+               inputSize, unitTables(), 0, planes);
   return fit->scale;
 }
 
@@ -355,13 +382,11 @@ void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes) {
 }
 
 void FitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes) {
-  fillPlanes(fitted(region, size, cv::Scalar(114, 114, 114, 0)), fittedNormalisedTables(),
-             kRedFirst, planes, size.width);
+  fillFittedPlanes(region, size, fittedNormalisedTables(), 114, planes);
 }
 
 void FitToInput(const cv::Mat& region, cv::Size size, float* planes) {
-  fillPlanes(fitted(region, size, cv::Scalar(128, 128, 128, 0)), fittedTables(), kRedFirst, planes,
-             size.width);
+  fillFittedPlanes(region, size, fittedTables(), 128, planes);
 }
 
 void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes) {
