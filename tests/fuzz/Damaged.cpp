@@ -36,6 +36,23 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
   return operator new(size);
 }
+void* operator new(std::size_t size, std::align_val_t alignment) {
+  void* memory = nullptr;
+  if (posix_memalign(&memory, static_cast<std::size_t>(alignment), size) == 0) return memory;
+  throw std::bad_alloc();
+}
+void* operator new[](std::size_t size, std::align_val_t alignment) {
+  return operator new(size, alignment);
+}
+void operator delete(void* memory, std::align_val_t /*alignment*/) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, std::size_t /*size*/, std::align_val_t /*alignment*/) noexcept {
+  std::free(memory);
+}
+void operator delete[](void* memory, std::align_val_t /*alignment*/) noexcept {
+  std::free(memory);
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }
