@@ -15,11 +15,10 @@ float greater(float best, float value) {
   return value > best ? value : best;
 }
 
-}  // namespace
-
-int firstMaximum(const float* values, int count) {
+/// The greatest of `count` values; NaN is never it.
+float maximum(const float* values, int count) {
   // Side by side, so that the compiler takes as many floats at a time as a register holds.
-  std::array<float, 16> lanes;
+  std::array<float, 32> lanes;
   lanes.fill(kLeast);
   constexpr int kLanes = static_cast<int>(lanes.size());
   int i = 0;
@@ -31,15 +30,31 @@ int firstMaximum(const float* values, int count) {
   float best = kLeast;
   for (const float lane : lanes) best = greater(best, lane);
   for (; i < count; ++i) best = greater(best, values[i]);
+  return best;
+}
+
+}  // namespace
+
+int firstMaximum(const float* values, int count) {
+  // By blocks, so that only the first one that holds the maximum is searched for its place.
+  constexpr int kBlock = 1024;
+  float best = kLeast;
+  int block = 0;
+  for (int begin = 0; begin < count; begin += kBlock) {
+    const float most = maximum(values + begin, std::min(kBlock, count - begin));
+    if (!(most > best)) continue;
+    best = most;
+    block = begin;
+  }
   if (best == kLeast) return 0;
-  return static_cast<int>(std::find(values, values + count, best) - values);
+  return static_cast<int>(std::find(values + block, values + count, best) - values);
 }
 
 std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
                                         float threshold) {
   std::vector<ColumnMaximum> found;
   // As many columns at a time as leave their maxima in the processor's nearest cache.
-  constexpr std::int64_t kBlock = 512;
+  constexpr std::int64_t kBlock = 1024;
   std::array<float, kBlock> best;
   for (std::int64_t begin = 0; begin < grid.cols; begin += kBlock) {
     const auto width = static_cast<std::size_t>(std::min(kBlock, grid.cols - begin));

@@ -225,10 +225,18 @@ void samplePlanes(const cv::Mat& image, const Sampling& sampling, cv::Size size,
   }
   const auto& [blues, greens, reds] = tables;
   float* red = planes + above;
-  for (const int row : sampling.rows) {
+  for (std::size_t y = 0; y < sampling.rows.size(); ++y, red += width) {
+    // Enlarged pictures have rows that are the same.
+    const bool isRepeated = y > 0 && sampling.rows[y] == sampling.rows[y - 1];
+    if (isRepeated) {
+      for (std::size_t p = 0; p < 3; ++p) {
+        std::copy_n(red + p * plane - width, width, red + p * plane);
+      }
+      continue;
+    }
     float* const green = red + plane;
     float* const blue = green + plane;
-    const uchar* const pixels = image.ptr<uchar>(row);
+    const uchar* const pixels = image.ptr<uchar>(sampling.rows[y]);
     std::size_t x = left;
     for (const int column : sampling.columns) {
       const uchar* const pixel = pixels + 3 * static_cast<std::ptrdiff_t>(column);
@@ -242,7 +250,6 @@ void samplePlanes(const cv::Mat& image, const Sampling& sampling, cv::Size size,
       std::fill(begin, begin + left, tables[2 - p][background]);
       std::fill(begin + x, begin + width, tables[2 - p][background]);
     }
-    red += width;
   }
 }
 
