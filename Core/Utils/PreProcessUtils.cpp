@@ -202,6 +202,21 @@ std::vector<int> sampledPositions(int length, int scaled) {
   return sampled;
 }
 
+/// Reads one byte of every cache line of a region. The inference before has pushed the frame out of
+/// the processor's caches; asked for all lines at once, memory brings them in a fraction of the
+/// time that it takes to wait for one row after the other.
+void fetch(const cv::Mat& region) {
+  if (region.empty()) return;
+  constexpr std::ptrdiff_t kLine = 64;
+  constexpr std::ptrdiff_t kMost = 256 << 10;  // more would push itself out
+  const std::ptrdiff_t rowBytes = 3 * std::ptrdiff_t{region.cols};
+  for (int y = 0; y < region.rows && y * rowBytes < kMost; ++y) {
+    const volatile uchar* const row = region.ptr<uchar>(y);
+    for (std::ptrdiff_t x = 0; x < rowBytes; x += kLine) static_cast<void>(row[x]);
+    static_cast<void>(row[rowBytes - 1]);
+  }
+}
+
 /// Pixels of a picture, by nearest-neighbour sampling, and where they go in a network's input.
 struct Sampling {
   std::vector<int> columns;
@@ -258,6 +273,7 @@ void fillFittedPlanes(const cv::Mat& region, cv::Size size, const ByteTables& ta
                       uchar background, float* planes) {
   // A region that holds nothing, before scaling or after it, cannot be resized.
   CV_Assert(!region.empty());
+  fetch(region);
   // Deliberate: the width alone, so a region can become higher than the input; there is no room for
   // a border then.
   const float scale =
@@ -361,6 +377,7 @@ void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes) {
 }
 
 void PrepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
+  fetch(region);
   const float width = std::ceil(static_cast<float>(size.height) * static_cast<float>(region.cols) /
                                 static_cast<float>(region.rows));
   cv::Mat line;
@@ -383,6 +400,7 @@ cv::Mat regionOf(const cv::Mat& image, const VsaObject& object) {
 }
 
 void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes) {
+  fetch(region);
   cv::Mat resized;
   cv::resize(region, resized, size, 0, 0, cv::INTER_LINEAR);
   fillPlanes(resized, classifierTables(), kRedFirst, planes, size.width);
@@ -397,6 +415,7 @@ void FitToInput(const cv::Mat& region, cv::Size size, float* planes) {
 }
 
 void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes) {
+  fetch(region);
   cv::Mat resized;
   cv::resize(region, resized, size, 0, 0, cv::INTER_LINEAR);
   fillPlanes(resized, ocrTables(), kRedFirst, planes, size.width);
