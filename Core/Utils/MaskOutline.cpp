@@ -65,13 +65,13 @@ void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
   }
 }
 
-/// How many pixels of the input lie on a mask pixel; nothing but where they are two or more and a
-/// power of two in both directions. Sample positions of bilinear interpolation are exact then, so a
-/// part of the mask with a border of one pixel gives the same numbers as the whole of it.
+/// How many pixels of the input lie on a mask pixel; nothing but where they are a power of two,
+/// from 2 to 64, in both directions. Sample positions of bilinear interpolation are exact then, so
+/// a part of the mask with a border of one pixel gives the same numbers as the whole of it.
 std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
   const auto isExact = [](int size, int of) {
     const int ratio = size / of;
-    return ratio >= 2 && ratio * of == size && (ratio & (ratio - 1)) == 0;
+    return ratio * of == size && ratio >= 2 && ratio <= 64 && (ratio & (ratio - 1)) == 0;
   };
   if (!isExact(input.width, mask.width) || !isExact(input.height, mask.height)) return std::nullopt;
   return cv::Size(input.width / mask.width, input.height / mask.height);
