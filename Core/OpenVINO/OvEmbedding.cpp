@@ -9,9 +9,10 @@ bool OvEmbedding::embed(VsaFrame* frame,
   const std::optional<cv::Mat> image = imageOf(frame, where);
   if (!image) return false;
   Results<std::vector<float>> features;
+  float* planes = nullptr;  // the same for every region
   for (std::size_t i = 0; i < frame->objects.size(); ++i) {
     const cv::Mat region = regionOf(*image, frame->objects[i]);
-    float* const planes = shapedInputPlanes(where);
+    if (planes == nullptr) planes = shapedInputPlanes(where);
     if (planes == nullptr) return false;
     fit(region, inputSize, planes);
     inferRequest.infer();

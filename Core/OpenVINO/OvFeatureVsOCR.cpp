@@ -37,9 +37,10 @@ bool OvFeatureVsOCR::run(VsaFrame* frame) {
   const std::optional<cv::Mat> image = imageOf(frame);
   if (!image) return false;
   Results<std::string> texts;
+  float* planes = nullptr;  // the same for every region
   for (std::size_t i = 0; i < frame->objects.size(); ++i) {
     const cv::Mat region = regionOf(*image, frame->objects[i]);
-    float* const planes = shapedInputPlanes();
+    if (planes == nullptr) planes = shapedInputPlanes();
     if (planes == nullptr) return false;
     PrepareOcrInput(region, inputSize, planes);
     inferRequest.infer();
