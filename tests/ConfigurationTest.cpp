@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <limits>
 
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
@@ -11,8 +10,6 @@
 
 namespace {
 
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr std::uint32_t kHuge = 0xFFFFFFFFU;
 
 /// A frame's outcome: an "[E]" line, cv::Exception, or so many objects.
@@ -36,11 +33,9 @@ std::string networkOf(const std::string& modelName, const std::string& category)
   if (modelName == "YOLO8-POSE") return writeConstant(image, {1, 11, 1}, {32, 32, 20, 20, 0.9F, 1, 1, 1, 2, 2, 1});
   if (modelName == "ResNet") return writeConstant(image, {1, 2}, {1, 3});
   if (category == "Track") return writeConstant(image, {1, 2, 3}, {0, 9, 0, 0, 0, 9});
-  return writeConstant({1, 3, -1, -1}, {1, 1, 64, 64}, [] {
-    std::vector<float> map(64 * 64, 0.0F);
-    for (std::size_t y = 20; y < 40; ++y) std::fill_n(map.begin() + static_cast<std::ptrdiff_t>(64 * y + 10), 40, 0.9F);
-    return map;
-  }());
+  cv::Mat map = cv::Mat::zeros(64, 64, CV_32FC1);
+  map(cv::Rect(10, 20, 40, 20)).setTo(0.9F);
+  return writeConstant({1, 3, -1, -1}, {1, 1, 64, 64}, map.reshape(1, 1));
 }
 
 TEST(Configuration, OddValuesHaveOneOutcomeEach) {
@@ -48,14 +43,10 @@ TEST(Configuration, OddValuesHaveOneOutcomeEach) {
       {"Detect", "YOLO8", "as it should be", [](Config&) {}, "1"},
       {"Detect", "YOLO8", "no class, though the network has one", [](Config& c) { c.classCount = 0; },
        "[E]Yolo8 dimensions error:5"},
-      {"Detect", "YOLO8", "all classes there are", [](Config& c) { c.classCount = kHuge; },
-       "[E]Yolo8 dimensions error:5"},
       {"Detect", "YOLO8", "no names", [](Config& c) { c.classNames.clear(); }, "0"},
       {"Detect", "YOLO8", "an empty name that nobody wants", [](Config& c) { c.classNames = {""}; }, "0"},
       {"Detect", "YOLO8", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; },
        "[E]network input is f32[1,3,64,64],expected f32[1,3,0,0]"},
-      {"Detect", "YOLO8", "no input height", [](Config& c) { c.inputHeight = 0; },
-       "[E]network input is f32[1,3,64,64],expected f32[1,3,0,64]"},
       {"Detect", "YOLO8", "an endless input", [](Config& c) { c.inputWidth = kHuge; },
        "[E]network input is f32[1,3,64,64],expected f32[1,3,64,4294967295]"},
       {"Detect", "YOLO8", "score threshold -1", [](Config& c) { c.scoreThreshold = -1; }, kThrows},
@@ -69,12 +60,7 @@ TEST(Configuration, OddValuesHaveOneOutcomeEach) {
       {"Detect", "YOLO26", "score threshold NaN", [](Config& c) { c.scoreThreshold = kNan; }, "0"},
       {"Detect", "YOLO26", "score threshold -infinite", [](Config& c) { c.scoreThreshold = -kInf; }, "1"},
       {"Detect", "YOLO26", "no class", [](Config& c) { c.classCount = 0; }, "0"},
-      {"Detect", "YOLO8-POSE", "no names",
-       [](Config& c) {
-         c.classNames.clear();
-         c.classCount = 2;
-       },
-       "0"},
+      {"Detect", "YOLO8-POSE", "no names", [](Config& c) { c.classNames.clear(), c.classCount = 2; }, "0"},
       {"Detect", "PaddleOCR", "no names", [](Config& c) { c.classNames.clear(); }, "1"},
       {"Detect", "PaddleOCR", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; }, "1"},
       {"Detect", "PaddleOCR", "score threshold NaN means 0.6", [](Config& c) { c.scoreThreshold = kNan; }, "1"},

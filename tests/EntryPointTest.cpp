@@ -12,27 +12,20 @@
 
 namespace {
 
-using Texts = std::vector<std::string>;
-
-TEST(EntryPoints, GlobalCallsLogUnderTheirFileAtInformationSeverity) {
+TEST(EntryPoints, GlobalCallsLogUnderTheirFile) {
   LogCapture log;
   EXPECT_TRUE(VsaGlobalInit());
   EXPECT_TRUE(VsaGlobalRelease());
-  const std::vector<LogLine> lines = log.take();
-  ASSERT_EQ(lines.size(), 3U);
-  EXPECT_EQ(lines[0].text, "[I]VsaGlobalInit()");
-  EXPECT_EQ(lines[1].text, "[I]pub20240113");
-  EXPECT_EQ(lines[2].text, "[I]VsaGlobalRelease()");
-  for (const LogLine& line : lines) {
-    EXPECT_EQ(line.file, "Core/TolCompatible");
-    EXPECT_EQ(line.severity, google::GLOG_INFO);
-  }
+  EXPECT_EQ(log.located(), (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
+                                  "Core/TolCompatible: [I]VsaGlobalRelease()"}));
 }
 
 TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
   LogCapture log;
   VsaModelSet sentinel;
-  for (const std::string version : {"pub20240114", "pub20240113 ", "pub2024011", ""}) {
+  // A terminator inside the string is a byte like any other.
+  for (const std::string& version : {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
+                                     std::string(), std::string("pub20240113\0", 12)}) {
     TestModel model("Detect", "YOLO8", "nowhere");
     model.context.version = version;
     model.context.models = &sentinel;
@@ -40,20 +33,8 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
     EXPECT_FALSE(VsaHardwareDecodeInit(&model.context));
     EXPECT_FALSE(VsaHardwareEncodeInit(&model.context));
     EXPECT_EQ(std::exchange(model.context.models, nullptr), &sentinel);
-    const std::string line = "[E]core:" + version + " not equal to vsa:pub20240113";
-    const std::vector<LogLine> lines = log.take();
-    EXPECT_EQ(lines.size(), 3U);
-    for (const LogLine& logged : lines) {
-      EXPECT_EQ(logged.text, line);
-      EXPECT_EQ(logged.severity, google::GLOG_INFO);
-      EXPECT_EQ(logged.file, "Core/TolCompatible");
-    }
+    EXPECT_EQ(log.located(), Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
   }
-  // A terminator inside the string is a byte like any other.
-  TestModel model("Detect", "YOLO8", "nowhere");
-  model.context.version = std::string("pub20240113\0", 12);
-  EXPECT_FALSE(model.init());
-  EXPECT_EQ(log.take().size(), 1U);
 }
 
 TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
@@ -122,11 +103,7 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
   model.context.models = &sentinel;
   EXPECT_THROW(model.init(), ov::Exception);
   EXPECT_EQ(model.context.models, &sentinel);
-  const std::vector<LogLine> lines = log.take();
-  ASSERT_EQ(lines.size(), 2U);
-  EXPECT_EQ(lines[0].text, "[I]OvDetectYolo8()");
-  EXPECT_EQ(lines[1].text, "[I]modelPath=nowhere,device=CPU");
-  EXPECT_EQ(lines[1].file, "Core/OpenVINO/OvDetectYolo8");
+  EXPECT_EQ(log.texts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
   model.context.models = nullptr;
 
   // A model that exists, on a device that does not.
@@ -173,12 +150,10 @@ TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
   const VsaDeviceSet once = devices;
   VsaGetDeviceSet(&devices);
   EXPECT_EQ(devices, once);
-  const std::vector<LogLine> lines = log.take();
+  const Texts lines = log.located();
   ASSERT_EQ(lines.size(), 4U);
-  EXPECT_TRUE(lines[0].text.starts_with("[I]OpenVINO 20")) << lines[0].text;
-  EXPECT_EQ(lines[0].file, "Core/OpenVINO/OvDetectYolo8");
-  EXPECT_TRUE(lines[1].text.starts_with("[I]OnnxRuntime 1.")) << lines[1].text;
-  EXPECT_EQ(lines[1].file, "Core/OnnxRuntime/OrDetectYolo8");
+  EXPECT_TRUE(lines[0].starts_with("Core/OpenVINO/OvDetectYolo8: [I]OpenVINO 20")) << lines[0];
+  EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1.")) << lines[1];
 }
 
 TEST(Devices, AnyGpuAddsTheAggregateName) {
@@ -197,19 +172,15 @@ TEST(Devices, AnyGpuAddsTheAggregateName) {
 
 TEST(Records, ObjectsClampTheirBoxAndStartWithTheirDefaults) {
   const VsaObject object(100, 50, -3, -1, 104, 51, 0.5F, 2, "cat");
-  EXPECT_EQ(boxOf(object), (std::vector<int>{0, 0, 100, 50}));
-  EXPECT_EQ(object.className, "cat");
-  const VsaObject inverted(100, 50, 80, 40, 20, 10, 0.5F, 2, "cat");
-  EXPECT_EQ(boxOf(inverted), (std::vector<int>{80, 40, 20, 10}));
+  EXPECT_EQ(told(object), "cat 2 0.5: 0,0 100,50 of 100x50");
+  EXPECT_EQ(boxOf(VsaObject(100, 50, 80, 40, 20, 10, 0.5F, 2, "cat")), (std::vector<int>{80, 40, 20, 10}));
   for (const VsaObject& made : {object, VsaObject()}) {
-    EXPECT_EQ(made.reserved8, 0);
-    EXPECT_EQ(made.angle, -1.0F);
-    EXPECT_EQ(made.classifyScore, 0.0F);
-    EXPECT_EQ(made.textScore, 0.0F);
+    EXPECT_EQ(std::tie(made.angle, made.classifyScore, made.textScore), std::tuple(-1.0F, 0.0F, 0.0F));
     for (const int unset : {made.cornerX2, made.cornerY2, made.cornerX3, made.cornerY3, made.reserved88,
                             made.classifyId, made.textId, made.reserved204, made.reserved208, made.reserved240}) {
       EXPECT_EQ(unset, -1);
     }
+    EXPECT_EQ(made.reserved8, 0);
     for (const int word : made.reserved244) EXPECT_EQ(word, 0);
   }
 }

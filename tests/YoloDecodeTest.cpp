@@ -4,33 +4,26 @@
 
 #include <gtest/gtest.h>
 
-#include <limits>
-
 #include "Utils/Numbers.h"
+#include "support/TestHost.h"
 
 namespace {
 
 using namespace TolCompatibleLib;
 
-constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
-constexpr float kInf = std::numeric_limits<float>::infinity();
-
 TEST(Numbers, TruncationIsDefinedForEveryFloat) {
   constexpr int kMost = std::numeric_limits<int>::max();
   constexpr int kLeast = std::numeric_limits<int>::min();
   const std::pair<float, int> cases[] = {{2.9F, 2},
-                                         {-2.9F, -2},
                                          {-0.5F, 0},
-                                         {0.0F, 0},
-                                         {2e9F, 2000000000},
+                                         {2147483520.0F, 2147483520},
+                                         {2147483648.0F, kMost},
+                                         {-2147483648.0F, kLeast},
                                          {3e38F, kMost},
                                          {-3e38F, kLeast},
                                          {kInf, kMost},
                                          {-kInf, kLeast},
-                                         {2147483520.0F, 2147483520},
-                                         {kNan, 0},
-                                         {2147483648.0F, kMost},
-                                         {-2147483648.0F, kLeast}};
+                                         {kNan, 0}};
   for (const auto& [value, expected] : cases) EXPECT_EQ(truncateToInt(value), expected) << value;
 }
 

@@ -2,17 +2,14 @@
 #pragma once
 
 #include <glog/logging.h>
+#include <gtest/gtest.h>
 
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
-struct LogLine {
-  std::string file;
-  std::string text;
-  int severity;
-};
+using Texts = std::vector<std::string>;
 
 class LogCapture : public google::LogSink {
  public:
@@ -23,24 +20,22 @@ class LogCapture : public google::LogSink {
 
   void send(google::LogSeverity severity, const char* file, const char* /*base*/, int /*line*/,
             const google::LogMessageTime& /*time*/, const char* message, size_t length) override {
+    EXPECT_EQ(severity, google::GLOG_INFO);  // of errors too
     const std::lock_guard lock(mutex_);
-    lines_.push_back({file, std::string(message, length), severity});
+    texts_.emplace_back(message, length);
+    located_.push_back(file + (": " + texts_.back()));
   }
 
-  /// The lines so far, which are then forgotten.
-  std::vector<LogLine> take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(lines_, {});
-  }
-
-  /// Their texts alone.
-  std::vector<std::string> texts() {
-    std::vector<std::string> texts;
-    for (LogLine& line : take()) texts.push_back(std::move(line.text));
-    return texts;
-  }
+  /// The lines so far, which are then forgotten; without their files or, as "file: text", with them.
+  Texts texts() { return take().first; }
+  Texts located() { return take().second; }
 
  private:
+  std::pair<Texts, Texts> take() {
+    const std::lock_guard lock(mutex_);
+    return {std::exchange(texts_, {}), std::exchange(located_, {})};
+  }
+
   std::mutex mutex_;
-  std::vector<LogLine> lines_;
+  Texts texts_, located_;
 };

@@ -1,12 +1,18 @@
 // A host in a few lines: a model with its records, and pictures as frames.
 #pragma once
 
+#include <bit>
+#include <limits>
 #include <opencv2/core.hpp>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "TolCompatible.h"
+
+inline constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
+inline constexpr float kInf = std::numeric_limits<float>::infinity();
 
 /// A context with its configuration; released at the end.
 struct TestModel {
@@ -63,28 +69,28 @@ inline cv::Mat randomImage(int width, int height, std::uint64_t seed = 1) {
   return image;
 }
 
-/// All that a run may have written, byte for byte.
-inline std::string bytesOf(const VsaFrame& frame) {
-  std::string bytes;
+/// Every field that is or may come to be set, byte for byte.
+inline std::string bytesOf(const std::vector<VsaObject>& objects) {
+  std::string bytes = std::to_string(objects.size());
   const auto put = [&](const auto&... value) {
     (bytes.append(reinterpret_cast<const char*>(&value), sizeof value), ...);
   };
-  put(frame.audioClassified, frame.audioScore);
-  for (const auto* list : {&frame.objects, &frame.audioObjects}) {
-    put(list->size());
-    for (const VsaObject& o : *list) {
-      put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2, o.cornerX3,
-          o.cornerY3);
-      put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore, o.feature.size());
-      for (const auto* text : {&o.className, &o.classifyName, &o.text}) put(text->size()), bytes += *text;
-      for (const VsaShape& shape : o.shapes) {
-        put(shape.tag, shape.points.size());
-        for (const VsaPoint& point : shape.points) put(point.x, point.y);
-      }
-      for (const float number : o.feature) put(number);
+  for (const VsaObject& o : objects) {
+    put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2, o.cornerX3, o.cornerY3);
+    put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore, o.feature.size());
+    for (const auto* text : {&o.className, &o.classifyName, &o.text}) put(text->size()), bytes += *text;
+    for (const VsaShape& shape : o.shapes) {
+      put(shape.tag, shape.points.size());
+      for (const VsaPoint& point : shape.points) put(point.x, point.y);
     }
+    for (const float number : o.feature) put(number);
   }
   return bytes;
+}
+/// All that a run may have written.
+inline std::string bytesOf(const VsaFrame& frame) {
+  return std::to_string(frame.audioClassified) + " " + std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) +
+         " " + bytesOf(frame.objects) + bytesOf(frame.audioObjects);
 }
 
 /// An object whose box is as given, off the frame or not.
@@ -98,9 +104,26 @@ inline VsaObject boxObject(int left, int top, int right, int bottom, const std::
 inline std::vector<int> boxOf(const VsaObject& object) {
   return {object.left, object.top, object.right, object.bottom};
 }
-using Boxes = std::vector<std::vector<int>>;
-inline Boxes boxesOf(const VsaFrame& frame) {
-  Boxes boxes;
-  for (const VsaObject& object : frame.objects) boxes.push_back(boxOf(object));
-  return boxes;
+
+/// "car 0 0.5: 1,2 3,4 of 640x480", and what else is set.
+inline std::string told(const VsaObject& o) {
+  std::ostringstream text;
+  text << o.className << ' ' << o.classId << ' ' << o.score << ": " << o.left << ',' << o.top << ' ' << o.right << ','
+       << o.bottom << " of " << o.imageWidth << 'x' << o.imageHeight;
+  if (o.cornerX2 != -1 || o.cornerY2 != -1 || o.cornerX3 != -1 || o.cornerY3 != -1) {
+    text << " corners " << o.cornerX2 << ',' << o.cornerY2 << ' ' << o.cornerX3 << ',' << o.cornerY3;
+  }
+  if (o.angle != -1.0F) text << " angle " << o.angle;
+  if (o.classifyId != -1) text << " classified " << o.classifyName << ' ' << o.classifyId << ' ' << o.classifyScore;
+  if (o.textId != -1) text << " text " << o.text << ' ' << o.textId << ' ' << o.textScore;
+  for (const VsaShape& shape : o.shapes) {
+    text << " shape " << shape.tag << ':';
+    for (const VsaPoint& point : shape.points) text << ' ' << point.x << ',' << point.y;
+  }
+  return text.str();
+}
+inline std::vector<std::string> told(const std::vector<VsaObject>& objects) {
+  std::vector<std::string> texts;
+  for (const VsaObject& object : objects) texts.push_back(told(object));
+  return texts;
 }

@@ -85,6 +85,6 @@ for name, dimensions in (("breaks_its_word", [1, 6, 3]), ("dynamic_output", [1, 
            ("answer", numpy.full((1, 6, 1), 0.5, numpy.float32))])
 
 # The same networks for the other engine.
-for name in ("yolo8", "yolo26", "echo8"):
+for name in ("yolo8", "echo8"):
     network = openvino.convert_model(folder / f"{name}.onnx")
     openvino.save_model(network, folder / f"{name}.xml", compress_to_fp16=False)
