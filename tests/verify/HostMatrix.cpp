@@ -1,5 +1,5 @@
 // A host with nothing but the public header and the engines' exception types. verify/hosts compiles
-// it with each compiler and calls it once for each way of loading the library.
+// it with each compiler and calls it once for each way of loading the library, ctest for two of them.
 //
 // Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
 //
@@ -38,6 +38,10 @@ struct Library {
     detect = find<decltype(VsaModelDetect)>("VsaModelDetect");
     release = find<decltype(VsaModelRelease)>("VsaModelRelease");
   }
+  ~Library() { dlclose(handle); }
+  Library(const Library&) = delete;
+  Library& operator=(const Library&) = delete;
+
   template <class Function>
   Function* find(const char* name) const {
     void* const symbol = dlsym(handle, name);
@@ -130,6 +134,10 @@ int main(int argc, char** argv) try {
   if (argc != 5) throw std::runtime_error("usage: HostMatrix LIBRARY MODE GLOG NETWORKS");
   if (argv[3] == std::string("initialised")) google::InitGoogleLogging(argv[0]);
   check(Library(argv[1], argv[2]), argv[4]);
+  for (int i = 0; i < 20; ++i) {
+    const Library again(argv[1], argv[2]);
+    expect(again.find<decltype(VsaGlobalInit)>("VsaGlobalInit")(), "loaded once more");
+  }
   std::cout << held << " of " << held + failed << "\n";
   return failed > 0 ? 1 : 0;
 } catch (const std::exception& error) {
