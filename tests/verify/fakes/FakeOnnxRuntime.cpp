@@ -41,9 +41,6 @@ OrtAllocator* allocator() {
   return &only;
 }
 
-char providerName[] = "CPUExecutionProvider";
-char* providers[] = {providerName};
-
 const OrtApi* api() {
   static const OrtApi table = [] {
     OrtApi made{};
@@ -102,10 +99,6 @@ const OrtApi* api() {
     made.GetTensorMutableData = [](OrtValue* value, void** out) noexcept {
       return *out = value->content.numbers.data(), OrtStatusPtr();
     };
-    made.GetAvailableProviders = [](char*** out, int* count) noexcept {
-      return *out = providers, *count = 1, OrtStatusPtr();
-    };
-    made.ReleaseAvailableProviders = [](char**, int) noexcept { return OrtStatusPtr(); };
     made.ReleaseEnv = release;
     made.ReleaseSession = release;
     made.ReleaseSessionOptions = release;
