@@ -28,13 +28,6 @@ namespace fs = std::filesystem;
 // A folder of its own for each test, removed afterwards.
 class HostFiles : public testing::Test {
  protected:
-  HostFiles() {
-    const auto* test = testing::UnitTest::GetInstance()->current_test_info();
-    folder_ = fs::temp_directory_path() /
-              ("HostTest-" + std::string(test->name()) + "-" + std::to_string(std::random_device()()));
-    fs::remove_all(folder_);
-    fs::create_directories(folder_);
-  }
   ~HostFiles() override { fs::remove_all(folder_); }
 
   std::string write(const std::string& name, const std::string& content) {
@@ -44,7 +37,7 @@ class HostFiles : public testing::Test {
     return path.string();
   }
 
-  fs::path folder_;
+  const fs::path folder_ = fs::path(testing::TempDir()) / ("HostTest" + std::to_string(std::random_device()()));
 };
 
 class PipelineTest : public HostFiles {};
@@ -187,8 +180,9 @@ TEST_F(InputTest, ExpandsFoldersAndPatterns) {
     write(name, "");
   }
   fs::create_directories(folder_ / "nothing");
-  const auto expand = [this](const std::string& argument, bool recursive = false) {
-    const InputList list = expandInputs({(folder_ / argument).string()}, recursive);
+  // What is found, and a mark for each problem.
+  const auto expand = [this](const std::string& argument, bool recursive = false, Media media = Media::kPictures) {
+    const InputList list = expandInputs({(folder_ / argument).string()}, recursive, media);
     std::string found;
     for (const std::string& input : list.inputs) {
       found += fs::path(input).lexically_relative(folder_).generic_string() + " ";
@@ -215,12 +209,9 @@ TEST_F(InputTest, ExpandsFoldersAndPatterns) {
   for (const auto& [pattern, found] : kPatterns) EXPECT_EQ(expand(pattern), found) << pattern;
   EXPECT_EQ(expandInputs({"rtsp://camera/?x=[1]*"}, false).inputs.size(), 1U);
   write("in/c.WAV", "");
-  const auto sounds = [this](const char* name) {
-    return expandInputs({(folder_ / name).string()}, false, Media::kSound);
-  };
-  EXPECT_EQ(sounds("").inputs, std::vector<std::string>{(folder_ / "clip.mp4").string()});
-  EXPECT_EQ(sounds("in").inputs, std::vector<std::string>{(folder_ / "in/c.WAV").string()});
-  EXPECT_EQ(sounds("on").problems.size(), 1U);
+  EXPECT_EQ(expand("", false, Media::kSound), "clip.mp4 ");
+  EXPECT_EQ(expand("in", false, Media::kSound), "in/c.WAV ");
+  EXPECT_EQ(expand("on", false, Media::kSound), "!");
 }
 
 TEST_F(InputTest, ReadsEveryKindOfPixels) {
