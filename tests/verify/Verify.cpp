@@ -1,7 +1,7 @@
 // What a host relies on over time: every model made and released again and again, run thousands of
 // times, run by many threads. Scripts of verify/ call it.
 //
-// Usage: Verify (lifecycles | soak | repeat | threads) [SECONDS]
+// Usage: Verify (lifecycles | soak | threads) [SECONDS]
 //
 // The last line printed is the check's name and figure; the exit code is 0 when all was right.
 
@@ -258,51 +258,39 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
   double worst = 0;
   double runs = 0;
   int fewest = 20000;
+  int others = 0;
   for (const Row& row : rows) {
     shares.next();
     const bool anySize = row.category == "Detect" && row.name == "PaddleOCR";
     const int most = row.tiny ? 20000 : 2000;
     Model model(row);
     std::vector<double> samples;
+    Strings first;  // of each size
     int done = 0;
+    int different = 0;
     // The plateau of the real detector is reached after some eight rounds of its 25 sizes.
     const int least = row.tiny || anySize ? 500 : 200;
     for (; shares.more(done, least, most); ++done) {
-      model.runOn(anySize ? sizes[static_cast<std::size_t>(done) % sizes.size()] : plain);
+      const std::size_t size = anySize ? static_cast<std::size_t>(done) % sizes.size() : 0;
+      const std::string result = bytesOf(model.runOn(anySize ? sizes[size] : plain));
+      if (first.size() == size) first.push_back(result);
+      different += result != first[size];
       if (done % 25 == 24) samples.push_back(resident());
     }
     const double grown = growth(samples);
     std::cout << titleOf(row) << ": " << done << " runs, " << rounded(grown, 0) << " KB in the second half, "
-              << rounded(samples.back(), 0) << " KB" << std::endl;
+              << rounded(samples.back(), 0) << " KB, " << different << " differ" << std::endl;
     expect(grown < (row.tiny ? 256 : 1024), titleOf(row) + " grows");
+    expect(different == 0, titleOf(row) + " gives other results for the same frame");
+    expect(bytesOf(model.runOn(plain)) != bytesOf(plain.frame), titleOf(row) + " has no result");
+    others += different;
     worst = std::max(worst, grown);
     runs += done;
     if (row.tiny) fewest = std::min(fewest, done);
   }
   return rounded(runs, 0) + " runs of " + std::to_string(rows.size()) + " models (each tiny one " +
-         range(fewest, 20000) + "), at most " + rounded(worst, 0) + " KB in the second half";
-}
-
-std::string repeat(const std::vector<Row>& rows, double seconds) {
-  const Input input;
-  Shares shares(seconds, rows.size());
-  int fewest = 1000;
-  int others = 0;
-  for (const Row& row : rows) {
-    shares.next();
-    Model model(row);
-    const std::string first = bytesOf(model.runOn(input));
-    expect(first != bytesOf(input.frame), titleOf(row) + " has no result");
-    int done = 1;
-    int different = 0;
-    for (; shares.more(done, 100, 1000); ++done) different += bytesOf(model.runOn(input)) != first;
-    std::cout << titleOf(row) << ": " << done << " runs, " << different << " differ" << std::endl;
-    expect(different == 0, titleOf(row) + " differs");
-    others += different;
-    fewest = std::min(fewest, done);
-  }
-  return std::to_string(rows.size()) + " models x " + range(fewest, 1000) + " runs of one frame, " +
-         std::to_string(others) + " differ";
+         range(fewest, 20000) + "), at most " + rounded(worst, 0) + " KB in the second half, " +
+         std::to_string(others) + " results differ";
 }
 
 std::string threads(const std::vector<Row>& rows, double seconds) {
@@ -350,12 +338,11 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
 int main(int argc, char** argv) try {
   using Check = std::string (*)(const std::vector<Row>&, double);
   const std::pair<std::string_view, Check> checks[] = {
-      {"lifecycles", lifecycles}, {"soak", soak}, {"repeat", repeat}, {"threads", threads}};
+      {"lifecycles", lifecycles}, {"soak", soak}, {"threads", threads}};
   const std::string_view name = argc > 1 ? argv[1] : "";
   const auto* const check =
       std::find_if(std::begin(checks), std::end(checks), [&](const auto& c) { return c.first == name; });
-  if (check == std::end(checks))
-    throw std::runtime_error("usage: Verify (lifecycles | soak | repeat | threads) [SECONDS]");
+  if (check == std::end(checks)) throw std::runtime_error("usage: Verify (lifecycles | soak | threads) [SECONDS]");
   // The library's lines are made and go nowhere.
   google::InitGoogleLogging(argv[0]);
   for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) google::SetLogDestination(severity, "");
