@@ -83,42 +83,38 @@ class LoopbackServer {
 
  private:
   void serve() {
-    while (!stopped_) {
-      const int connection = accept(listener_, nullptr, nullptr);
-      if (connection < 0) return;
-      Answer answer("");
-      {
-        const std::lock_guard lock(mutex_);
-        answer = answer_;
-      }
-      const std::string request = receive(connection, answer.requestBytes);
-      {
-        const std::lock_guard lock(mutex_);
-        request_ = request;
-        ++count_;
-      }
+    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0; close(connection)) {
+      std::unique_lock lock(mutex_);
+      const Answer answer = answer_;
+      lock.unlock();
+      std::string request = receive(connection, answer.requestBytes);
+      lock.lock();
+      request_ = std::move(request);
+      ++count_;
+      lock.unlock();
       // Until the client goes away.
-      while (answer.bytes.empty() && !answer.resets && !stopped_ && recv(connection, nullptr, 0, MSG_PEEK) == 0) {
-        char byte = 0;
-        if (recv(connection, &byte, 1, MSG_DONTWAIT) == 0) break;
+      char byte = 0;
+      while (answer.bytes.empty() && !answer.resets && !stopped_ && recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
       bool isOpen = true;
-      for (std::size_t sent = 0; isOpen && !stopped_ && sent < answer.bytes.size();) {
-        const std::size_t most = answer.pause.count() > 0 ? 1 : answer.bytes.size() - sent;
-        const ssize_t done = send(connection, answer.bytes.data() + sent, most, MSG_NOSIGNAL);
-        isOpen = done > 0;
-        sent += isOpen ? static_cast<std::size_t>(done) : 0;
+      const std::size_t piece = answer.pause.count() > 0 ? 1 : 65536;
+      for (std::size_t sent = 0; isOpen && !stopped_ && sent < answer.bytes.size(); sent += piece) {
+        isOpen = sendAll(connection, answer.bytes.substr(sent, piece));
         std::this_thread::sleep_for(answer.pause);
       }
       const std::string blanks(std::min<std::size_t>(answer.blanks, 65536), ' ');
       for (std::size_t sent = 0; isOpen && sent < answer.blanks; sent += blanks.size()) {
-        isOpen = send(connection, blanks.data(), blanks.size(), MSG_NOSIGNAL) > 0;
+        isOpen = sendAll(connection, blanks);
       }
       const linger atOnce{1, 0};
       if (answer.resets) setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-      close(connection);
     }
+  }
+
+  /// Waits until all of it is taken; false where the client is gone.
+  static bool sendAll(int connection, const std::string& bytes) {
+    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
 
   /// Headers, and as many bytes of body as they announce; `most` bytes of it all.
