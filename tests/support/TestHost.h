@@ -100,11 +100,6 @@ inline VsaObject boxObject(int left, int top, int right, int bottom, const std::
   return object;
 }
 
-/// left, top, right, bottom
-inline std::vector<int> boxOf(const VsaObject& object) {
-  return {object.left, object.top, object.right, object.bottom};
-}
-
 /// "car 0 0.5: 1,2 3,4 of 640x480", and what else is set.
 inline std::string told(const VsaObject& o) {
   std::ostringstream text;
