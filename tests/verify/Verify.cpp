@@ -297,7 +297,7 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
   const Input inputs[] = {Input(128, 96), Input(96, 160)};  // contexts of one model must not mix them up
   Strings expected[2];
   for (const Row& row : rows) {
-    for (const std::size_t i : {0, 1}) expected[i].push_back(bytesOf(Model(row).runOn(inputs[i])));
+    for (const std::size_t i : {0U, 1U}) expected[i].push_back(bytesOf(Model(row).runOn(inputs[i])));
   }
   std::atomic<int> different = 0, made = 0, thrown = 0, working = 8;
   Shares shares(seconds, 1);
