@@ -119,6 +119,7 @@ inline std::string told(const VsaObject& o) {
 }
 inline std::vector<std::string> told(const std::vector<VsaObject>& objects) {
   std::vector<std::string> texts;
+  texts.reserve(objects.size());
   for (const VsaObject& object : objects) texts.push_back(told(object));
   return texts;
 }
