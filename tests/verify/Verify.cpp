@@ -118,10 +118,15 @@ Counts counts() {
   };
   return {entries("/proc/self/task"), entries("/proc/self/fd")};
 }
-/// Threads end and the service closes its connection a little later than the call returns.
+/// Whether no more are left than before. Threads end and the service closes its connection a little later than the call
+/// returns.
 bool settlesTo(const Counts& before) {
-  for (int i = 0; i < 300 && counts() != before; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return counts() == before;
+  const auto settled = [&] {
+    const Counts now = counts();
+    return now.first <= before.first && now.second <= before.second;
+  };
+  for (int i = 0; i < 300 && !settled(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return settled();
 }
 
 double median(std::vector<double> values) {
@@ -223,7 +228,11 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
     std::cout << title << ": " << done << " cycles, " << rounded(grown) << " KB a cycle, " << rounded(samples.back(), 0)
               << " KB" << std::endl;
     expect(grown < 1, title + " grows");
-    expect(settlesTo(before), title + " leaves threads or files");
+    if (!settlesTo(before)) {  // a thread pool may have started a worker late; a leak goes on
+      const Counts later = counts();
+      for (int i = 0; i < few; ++i) cycle();
+      expect(settlesTo(later), title + " leaves threads or files");
+    }
     worst = std::max(worst, grown);
     fewestDone = std::min(fewestDone, done);
   };
