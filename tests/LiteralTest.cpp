@@ -47,6 +47,9 @@ std::vector<std::uint32_t> bitsOf(cv::Size input, Fill fill) {
 TEST(Literal, LetterboxedPlanesAreThoseOfTheBlob) {
   cv::RNG random(29);
   LogCapture log;
+  std::vector<float> held(30000);
+  std::vector<uchar> heldPixels(30000);
+  Padding padding, pixelPadding;
   for (int round = 0; round < 200; ++round) {
     const Picture picture(round, random);
     const cv::Size input(random.uniform(1, 100), random.uniform(1, 100));
@@ -63,6 +66,14 @@ TEST(Literal, LetterboxedPlanesAreThoseOfTheBlob) {
     const cv::Mat blob = literal::unitBlob(expected.canvas);
     EXPECT_EQ(planes, bitsOf(input, [&](float* out) { std::copy_n(blob.ptr<float>(), blob.total(), out); }))
         << picture.image.size() << input;
+    // The same where a picture of the same size, and before it one of another, was in the input.
+    const cv::Mat other(picture.image.size(), CV_8UC3, cv::Scalar::all(99));
+    for (const cv::Mat& image : {other, picture.image}) {
+      letterboxPlanes(image, input, held.data(), &padding);
+      letterbox(image, input, heldPixels.data(), &pixelPadding);
+    }
+    EXPECT_EQ(bitsOf(input, [&](float* out) { std::copy_n(held.data(), blob.total(), out); }), planes);
+    EXPECT_TRUE(std::equal(expected.canvas.datastart, expected.canvas.dataend, heldPixels.data()));
   }
 }
 

@@ -156,8 +156,9 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     model->setClasses({"a"});
     ASSERT_TRUE(model->init());
   }
-  for (std::uint64_t seed = 1; seed < 6; ++seed) {
-    cv::Mat image = randomImage(10 * static_cast<int>(seed), 37, seed);
+  for (std::uint64_t seed = 2; seed < 9; ++seed) {
+    // Each size twice: the second frame finds its padding in place.
+    cv::Mat image = randomImage(20 * static_cast<int>(seed / 2), 37, seed);
     VsaFrame first = frameOf(image, {"a"});
     VsaFrame second = first;
     ASSERT_TRUE(onnx.detect(first));

@@ -126,7 +126,8 @@ std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
   const std::size_t count = std::size_t{3} * static_cast<std::size_t>(inputSize.height) *
                             static_cast<std::size_t>(inputSize.width);
   if (planes_ == nullptr) planes_ = std::make_unique_for_overwrite<float[]>(count);
-  const std::optional<float> scale = letterboxPlanes(image, inputSize, planes_.get(), where);
+  const std::optional<float> scale =
+      letterboxPlanes(image, inputSize, planes_.get(), &padding_, where);
   if (!scale) return std::nullopt;
 
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);

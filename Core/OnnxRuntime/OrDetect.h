@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Utils/FloatGrid.h"
+#include "Utils/PreProcessUtils.h"
 #include "VsaModel.h"
 
 namespace TolCompatibleLib {
@@ -70,6 +71,7 @@ class OrDetect : public VsaDetect {
   /// The network's input. Kept between runs, as fresh memory costs a fault for every page. No
   /// matrix: OpenCV loses the memory of one that it cannot complete.
   std::unique_ptr<float[]> planes_;
+  Padding padding_;  ///< Of the letterboxed frame in them.
 };
 
 /// A path for ONNX Runtime: each byte becomes one character, as a signed byte and without decoding,

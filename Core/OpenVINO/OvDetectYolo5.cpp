@@ -50,7 +50,7 @@ bool OvDetectYolo5::run(VsaFrame* frame) {
   if (!image) return false;
   std::uint8_t* const pixels = inputPixels();
   if (pixels == nullptr) return false;
-  const std::optional<Letterbox> input = letterbox(*image, inputSize, pixels);
+  const std::optional<Letterbox> input = letterbox(*image, inputSize, pixels, &padding);
   if (!input) return false;
   inferRequest.infer();
 

@@ -4,7 +4,6 @@
 
 #include "Utils/Log.h"
 #include "Utils/ModelPath.h"
-#include "Utils/PreProcessUtils.h"
 
 namespace TolCompatibleLib {
 
@@ -73,7 +72,8 @@ void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialS
     refuseInput(input, layout, *this->config, where);
     return nullptr;
   }
-  return inferRequest.get_input_tensor().data();
+  input_ = inferRequest.get_input_tensor();
+  return input_.data();
 }
 
 template <class Interface>
@@ -109,7 +109,7 @@ std::optional<float> OvModel<Interface>::inferLetterboxed(const VsaFrame* frame,
   if (!image) return std::nullopt;
   float* const planes = inputPlanes(where);
   if (planes == nullptr) return std::nullopt;
-  const std::optional<float> scale = letterboxPlanes(*image, inputSize, planes, where);
+  const std::optional<float> scale = letterboxPlanes(*image, inputSize, planes, &padding, where);
   if (scale) inferRequest.infer();
   return scale;
 }

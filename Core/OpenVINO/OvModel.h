@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "Utils/FloatGrid.h"
+#include "Utils/PreProcessUtils.h"
 #include "VsaModel.h"
 
 namespace TolCompatibleLib {
@@ -60,10 +61,14 @@ class OvModel : public Interface {
   ov::CompiledModel compiledModel;
   ov::InferRequest inferRequest;
   cv::Size inputSize;  ///< As configured: width, height.
+  Padding padding;     ///< Of the letterboxed frame in the request's input.
 
  private:
   void* inputMemory(ov::element::Type type, const ov::PartialShape& shape, std::string_view layout,
                     std::source_location where);
+
+  /// The request's input, kept so that no other memory can come to lie where `padding` is.
+  ov::Tensor input_;
 };
 
 /// The last two dimensions of an output of `rank` dimensions, seen as a table; earlier ones are not

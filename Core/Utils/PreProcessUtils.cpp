@@ -1,6 +1,9 @@
 #include "Utils/PreProcessUtils.h"
 
 #include <json/json.h>
+#if defined(_M_X64)
+#include <xmmintrin.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -15,6 +18,7 @@
 #include <opencv2/imgproc.hpp>
 #include <sstream>
 #include <string>
+#include <utility>
 
 #include "Utils/Log.h"
 #include "Utils/Numbers.h"
@@ -139,20 +143,39 @@ using PlaneOrder = std::array<std::size_t, 3>;
 constexpr PlaneOrder kRedFirst = {2, 1, 0};
 constexpr PlaneOrder kAsStored = {0, 1, 2};
 
-/// Writes a pixel through `tables` to the same place of three planes.
-template <PlaneOrder order>
-void putPixel(const uchar* pixel, const ByteTables& tables, float* place, std::size_t plane) {
-  for (std::size_t p = 0; p < 3; ++p) place[p * plane] = tables[order[p]][pixel[order[p]]];
+/// Asks memory for what lies at `place`, and goes on without it.
+void prefetch([[maybe_unused]] const void* place) {
+#if defined(__GNUC__)
+  __builtin_prefetch(place, /*write=*/0, /*locality=*/3);
+#elif defined(_M_X64)
+  _mm_prefetch(static_cast<const char*>(place), _MM_HINT_T0);
+#endif
 }
 
-/// The same with two pixels, side by side: half as many stores.
-template <PlaneOrder order>
-void putPixels(const uchar* first, const uchar* second, const ByteTables& tables, float* place,
-               std::size_t plane) {
-  for (std::size_t p = 0; p < 3; ++p) {
-    const std::array<float, 256>& table = tables[order[p]];
-    const std::array<float, 2> both{table[first[order[p]]], table[second[order[p]]]};
-    std::memcpy(place + p * plane, both.data(), sizeof both);
+/// So many pixels are written at once: a store for each float, to three planes by turns, is what
+/// takes the time.
+constexpr std::size_t kPixels = 4;
+
+/// Writes a row of pixels through `tables` to the same places of three planes. \param pixelAt where
+/// the bytes of pixel x are. \param ahead how many bytes after them lies what is wanted soon.
+template <PlaneOrder order, class PixelAt>
+void putPixels(std::size_t count, PixelAt pixelAt, std::ptrdiff_t ahead, const ByteTables& tables,
+               float* row, std::size_t plane) {
+  std::size_t x = 0;
+  for (; x + kPixels <= count; x += kPixels) {
+    std::array<const uchar*, kPixels> pixels;
+    for (std::size_t i = 0; i < kPixels; ++i) pixels[i] = pixelAt(x + i);
+    prefetch(pixels.front() + ahead);
+    for (std::size_t p = 0; p < 3; ++p) {
+      std::array<float, kPixels> values;
+      for (std::size_t i = 0; i < kPixels; ++i) values[i] = tables[order[p]][pixels[i][order[p]]];
+      std::memcpy(row + p * plane + x, values.data(), sizeof values);
+    }
+  }
+  for (; x < count; ++x) {
+    for (std::size_t p = 0; p < 3; ++p) {
+      row[p * plane + x] = tables[order[p]][pixelAt(x)[order[p]]];
+    }
   }
 }
 
@@ -166,11 +189,8 @@ void fillPlanes(const cv::Mat& image, const ByteTables& tables, float* planes, i
   for (int y = 0; y < image.rows; ++y) {
     const uchar* const pixels = image.ptr<uchar>(y);
     float* const row = planes + static_cast<std::size_t>(y) * stride;
-    std::size_t x = 0;
-    for (; x + 1 < cols; x += 2) {
-      putPixels<order>(pixels + 3 * x, pixels + 3 * (x + 1), tables, row + x, plane);
-    }
-    if (x < cols) putPixel<order>(pixels + 3 * x, tables, row + x, plane);
+    const auto pixelAt = [pixels](std::size_t x) { return pixels + 3 * x; };
+    putPixels<order>(cols, pixelAt, 0, tables, row, plane);
     for (std::size_t p = 0; p < 3; ++p) {
       std::fill(row + p * plane + cols, row + p * plane + stride, 0.0F);
     }
@@ -241,21 +261,29 @@ struct Sampling {
   std::vector<int> columns;
   std::vector<int> rows;
   cv::Point at;  ///< Where the first of them goes.
+
+  /// Row y of `image`, and how many bytes after it the row lies that is wanted two rows later: time
+  /// enough for memory to bring it.
+  std::pair<const uchar*, std::ptrdiff_t> row(const cv::Mat& image, std::size_t y) const {
+    constexpr std::size_t kAhead = 2;
+    const uchar* const pixels = image.ptr<uchar>(rows[y]);
+    return {pixels, image.ptr<uchar>(rows[std::min(y + kAhead, rows.size() - 1)]) - pixels};
+  }
 };
 
 /// Writes the sampled pixels through `tables` into three planes of `size`, red first, and the byte
-/// `background` round them.
+/// `background` round them, if there is one.
 void samplePlanes(const cv::Mat& image, const Sampling& sampling, cv::Size size,
-                  const ByteTables& tables, uchar background, float* planes) {
+                  const ByteTables& tables, std::optional<uchar> background, float* planes) {
   const auto width = static_cast<std::size_t>(size.width);
   const auto left = static_cast<std::size_t>(sampling.at.x);
   const auto above = static_cast<std::size_t>(sampling.at.y) * width;
   const std::size_t plane = width * static_cast<std::size_t>(size.height);
-  for (std::size_t p = 0; p < 3; ++p) {
+  for (std::size_t p = 0; background && p < 3; ++p) {
     float* const begin = planes + p * plane;
-    std::fill(begin, begin + above, tables[2 - p][background]);
+    std::fill(begin, begin + above, tables[2 - p][*background]);
     std::fill(begin + above + sampling.rows.size() * width, begin + plane,
-              tables[2 - p][background]);
+              tables[2 - p][*background]);
   }
   const std::vector<int>& columns = sampling.columns;
   float* row = planes + above;
@@ -268,18 +296,22 @@ void samplePlanes(const cv::Mat& image, const Sampling& sampling, cv::Size size,
       }
       continue;
     }
-    const uchar* const pixels = image.ptr<uchar>(sampling.rows[y]);
-    float* place = row + left;
-    for (const int column : columns) {
-      putPixel<kRedFirst>(pixels + 3 * static_cast<std::ptrdiff_t>(column), tables, place, plane);
-      ++place;
-    }
-    for (std::size_t p = 0; p < 3; ++p) {
+    const auto [pixels, ahead] = sampling.row(image, y);
+    const auto pixelAt = [pixels = pixels, column = columns.data()](std::size_t x) {
+      return pixels + 3 * static_cast<std::ptrdiff_t>(column[x]);
+    };
+    putPixels<kRedFirst>(columns.size(), pixelAt, ahead, tables, row + left, plane);
+    for (std::size_t p = 0; background && p < 3; ++p) {
       float* const begin = row + p * plane;
-      std::fill(begin, begin + left, tables[2 - p][background]);
-      std::fill(begin + left + columns.size(), begin + width, tables[2 - p][background]);
+      std::fill(begin, begin + left, tables[2 - p][*background]);
+      std::fill(begin + left + columns.size(), begin + width, tables[2 - p][*background]);
     }
   }
+}
+
+/// Whether `padding` is there already. It is from now on: the caller writes it without a throw.
+bool isHeld(Padding* held, const Padding& padding) {
+  return held != nullptr && std::exchange(*held, padding) == padding;
 }
 
 /// Writes `region`, scaled to the width of the input and centred on a background, as three planes.
@@ -304,12 +336,16 @@ void fillFittedPlanes(const cv::Mat& region, cv::Size size, const ByteTables& ta
 }
 
 /// Copies the pixels at `columns`, in ascending order, of a row of `width` pixels of three bytes.
-void copyPixels(const uchar* pixels, int width, const std::vector<int>& columns, uchar* out) {
+/// \param ahead as for putPixels.
+void copyPixels(const uchar* pixels, std::ptrdiff_t ahead, int width,
+                const std::vector<int>& columns, uchar* out) {
   // Four bytes are copied faster than three. The fourth is the next pixel's, on both sides, so
   // there has to be one.
   std::size_t x = 0;
   for (; x + 1 < columns.size() && columns[x] < width - 1; ++x) {
-    std::memcpy(out + 3 * x, pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]), 4);
+    const uchar* const from = pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]);
+    if (x % kPixels == 0) prefetch(from + ahead);
+    std::memcpy(out + 3 * x, from, 4);
   }
   for (; x < columns.size(); ++x) {
     std::memcpy(out + 3 * x, pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]), 3);
@@ -342,31 +378,35 @@ std::optional<cv::Mat> imageOf(const VsaFrame* frame, std::source_location where
 }
 
 std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels,
-                                   std::source_location where) {
+                                   Padding* held, std::source_location where) {
   const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
   if (!fit) return std::nullopt;
   cv::Mat canvas = pixels == nullptr ? cv::Mat(inputSize, image.type())
                                      : cv::Mat(inputSize, image.type(), pixels);
-  const std::vector<int> columns = sampledPositions(image.cols, fit->scaled.width);
-  const std::vector<int> rows = sampledPositions(image.rows, fit->scaled.height);
-  for (int y = 0; y < fit->scaled.height; ++y) {
-    uchar* const row = canvas.ptr<uchar>(y);
-    copyPixels(image.ptr<uchar>(rows[static_cast<std::size_t>(y)]), image.cols, columns, row);
-    std::fill(row + 3 * columns.size(), row + canvas.step[0], uchar{0});
+  const Sampling sampling{sampledPositions(image.cols, fit->scaled.width),
+                          sampledPositions(image.rows, fit->scaled.height),
+                          {}};
+  const bool isPadded = isHeld(held, {pixels, inputSize, fit->scaled});
+  for (std::size_t y = 0; y < sampling.rows.size(); ++y) {
+    uchar* const row = canvas.ptr<uchar>(static_cast<int>(y));
+    const auto [source, ahead] = sampling.row(image, y);
+    copyPixels(source, ahead, image.cols, sampling.columns, row);
+    if (!isPadded) std::fill(row + 3 * sampling.columns.size(), row + canvas.step[0], uchar{0});
   }
-  canvas.rowRange(fit->scaled.height, canvas.rows).setTo(cv::Scalar::all(0));
+  if (!isPadded) canvas.rowRange(fit->scaled.height, canvas.rows).setTo(cv::Scalar::all(0));
   return Letterbox{canvas, fit->scale};
 }
 
 std::optional<float> letterboxPlanes(const cv::Mat& image, cv::Size inputSize, float* planes,
-                                     std::source_location where) {
+                                     Padding* held, std::source_location where) {
   const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
   if (!fit) return std::nullopt;
-  samplePlanes(image,
-               {sampledPositions(image.cols, fit->scaled.width),
-                sampledPositions(image.rows, fit->scaled.height),
-                {}},
-               inputSize, unitTables(), 0, planes);
+  const Sampling sampling{sampledPositions(image.cols, fit->scaled.width),
+                          sampledPositions(image.rows, fit->scaled.height),
+                          {}};
+  const bool isPadded = isHeld(held, {planes, inputSize, fit->scaled});
+  samplePlanes(image, sampling, inputSize, unitTables(),
+               isPadded ? std::nullopt : std::optional<uchar>(0), planes);
   return fit->scale;
 }
 

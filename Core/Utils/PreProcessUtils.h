@@ -31,17 +31,28 @@ struct Letterbox {
   float scale;     ///< Takes network pixels to frame pixels, along both axes.
 };
 
+/// The padding that an input holds since the last picture. An engine does not write to its input,
+/// so for the next picture of the same size it is there already.
+struct Padding {
+  const void* input = nullptr;  ///< Whose. It must not have been given back since.
+  cv::Size inputSize;
+  cv::Size scaled;  ///< Of the picture that lies in it.
+  bool operator==(const Padding&) const = default;
+};
+
 /// Scales `image` by nearest-neighbour sampling to fit `inputSize`, aspect ratio kept. The new
 /// sides are truncated, the padding lies right or below. Nothing, after one "[E]" line, where no
 /// pixel of the picture would be left. \param pixels memory for the canvas, or null for memory of
-/// its own.
+/// its own. \param held spares writing the padding that it tells, and is brought up to date.
 std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize, void* pixels = nullptr,
+                                   Padding* held = nullptr,
                                    std::source_location where = std::source_location::current());
 
 /// letterbox, with the canvas written as three planes, red first, of values 0 to 1 and without
 /// being made: the same bits as cv::dnn::blobFromImage gives of it. Returns the scale. \param
-/// planes room for 3 * inputSize.area() floats.
+/// planes room for 3 * inputSize.area() floats. \param held as for letterbox.
 std::optional<float> letterboxPlanes(const cv::Mat& image, cv::Size inputSize, float* planes,
+                                     Padding* held = nullptr,
                                      std::source_location where = std::source_location::current());
 
 /// Size that the text detector scales a frame to: each side rounded up to a multiple of 32 after
