@@ -22,8 +22,9 @@ void preProcess(benchmark::State& state) {
   const cv::Mat image =
       randomImage(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
   std::vector<float> planes(std::size_t{3} * kSide * kSide);
+  Padding padding;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(letterboxPlanes(image, {kSide, kSide}, planes.data()));
+    benchmark::DoNotOptimize(letterboxPlanes(image, {kSide, kSide}, planes.data(), &padding));
   }
 }
 BENCHMARK(preProcess)
@@ -182,13 +183,13 @@ BENCHMARK(ctcDecode)->Unit(benchmark::kMicrosecond);
 /// A whole VsaModelDetect on a 1920 x 1080 frame beside the bare inference of the same network, in
 /// turn.
 void wholeDetect(benchmark::State& state) {
-  const std::string network = writeYoloLike();
-  TestModel model("Detect", "YOLO8", network);
+  TestModel model("Detect", "YOLO8", kYolo);
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
   if (!model.init()) return state.SkipWithError("the network could not be opened");
   ov::Core core;
-  ov::InferRequest bare = core.compile_model(network + ".xml", "CPU").create_infer_request();
+  ov::InferRequest bare =
+      core.compile_model(std::string(kYolo) + ".xml", "CPU").create_infer_request();
   cv::Mat image = randomImage(1920, 1080);
   VsaFrame frame = frameOf(image, {"thing"});
   std::vector<double> calls;

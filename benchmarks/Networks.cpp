@@ -16,25 +16,14 @@ using Node = ov::Output<ov::Node>;
 /// Layers of random weights.
 class Layers {
  public:
-  Node weighted(const Node& x, std::size_t in, std::size_t out, std::size_t kernel,
-                std::size_t stride) {
-    const auto pad = static_cast<std::ptrdiff_t>(kernel / 2);
-    return std::make_shared<op::Convolution>(
-        x, weights({out, in, kernel, kernel}), ov::Strides{stride, stride},
-        ov::CoordinateDiff{pad, pad}, ov::CoordinateDiff{pad, pad}, ov::Strides{1, 1});
-  }
   Node convolved(const Node& x, std::size_t in, std::size_t out, std::size_t stride) {
-    return std::make_shared<op::Swish>(weighted(x, in, out, 3, stride));
+    const ov::CoordinateDiff pad{1, 1};
+    return std::make_shared<op::Swish>(std::make_shared<op::Convolution>(
+        x, weights({out, in, 3, 3}), ov::Strides{stride, stride}, pad, pad, ov::Strides{1, 1}));
   }
   Node repeated(Node x, std::size_t channels, int times) {
     for (int i = 0; i < times; ++i) x = convolved(x, channels, channels, 1);
     return x;
-  }
-  Node yoloHead(const Node& x, std::size_t channels) {
-    const Node logits = weighted(convolved(x, channels, 64, 1), 64, kClasses + 4, 1, 1);
-    const Node scores =
-        std::make_shared<op::Sigmoid>(std::make_shared<op::Subtract>(logits, floats({1}, {9.0F})));
-    return reshaped(scores, {1, kClasses + 4, -1});
   }
   Node weights(const ov::Shape& shape) {
     std::vector<float> values(ov::shape_size(shape));
@@ -59,21 +48,6 @@ class Unit {
 };
 
 }  // namespace
-
-std::string writeYoloLike() {
-  Layers layers;
-  return writeNetwork({1, 3, kSide, kSide}, [&layers](const Node& input) {
-    const auto stem = layers.convolved(layers.convolved(input, 3, 16, 2), 16, 32, 2);
-    const auto x = layers.repeated(stem, 32, 2);
-    const auto fine = layers.repeated(layers.convolved(x, 32, 64, 2), 64, 4);
-    const auto middle = layers.repeated(layers.convolved(fine, 64, 128, 2), 128, 4);
-    const auto coarse = layers.repeated(layers.convolved(middle, 128, 256, 2), 256, 2);
-    return ov::OutputVector{std::make_shared<op::Concat>(
-        ov::OutputVector{layers.yoloHead(fine, 64), layers.yoloHead(middle, 128),
-                         layers.yoloHead(coarse, 256)},
-        2)};
-  });
-}
 
 std::string writePlainNetwork(const PlainNetwork& network) {
   Layers layers;

@@ -14,10 +14,10 @@ constexpr int kSide = 640;
 constexpr int kCandidates = 8400;
 constexpr int kClasses = 80;
 
-/// Writes a detector of about the cost of YOLOv8n at 640 x 640 (3.8 billion multiply-adds, random
-/// weights), with its [1, 84, 8400] output and nothing above a threshold of 0.25. Returns its path
-/// without ".xml".
-std::string writeYoloLike();
+/// YOLOv8n at kSide x kSide with random weights (make_yolo.py), with its [1, 4 + kClasses,
+/// kCandidates] output and nothing above a threshold of 0.25: files with ".xml" and ".onnx" after
+/// this.
+constexpr const char* kYolo = TOL_YOLO_NETWORK;
 
 /// A plain convolutional network: a stem, four stages of 3 x 3 convolutions that halve the picture
 /// and double the channels, a mean over the picture and a full layer.

@@ -109,20 +109,21 @@ void fillInput(ov::InferRequest& bare) {
 }
 
 Pair detectOnOpenVino() {
-  const std::string network = writeYoloLike();
-  TestModel model("Detect", "YOLO8", network);
+  TestModel model("Detect", "YOLO8", kYolo);
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
   if (!model.init()) throw std::runtime_error("the network could not be opened");
   ov::Core core;
-  ov::InferRequest bare = core.compile_model(network + ".xml", "CPU").create_infer_request();
+  ov::InferRequest bare =
+      core.compile_model(std::string(kYolo) + ".xml", "CPU").create_infer_request();
   fillInput(bare);
   Setting setting(kClasses);
   return inTurn([&] { bare.infer(); }, [&] { model.detect(setting.frame); }, 10);
 }
 
 Pair detectOnOnnxRuntime() {
-  TestModel model("Detect", "YOLO8", TOL_YOLO_NETWORK);
+  const std::string file = std::string(kYolo) + ".onnx";
+  TestModel model("Detect", "YOLO8", file);
   model.config.engine = "ONNXRuntime";
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
@@ -130,7 +131,7 @@ Pair detectOnOnnxRuntime() {
   const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "bare");
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
-  Ort::Session session(environment, std::filesystem::path(TOL_YOLO_NETWORK).c_str(), options);
+  Ort::Session session(environment, std::filesystem::path(file).c_str(), options);
   std::vector<float> planes = planesOf({kSide, kSide});
   const std::array<std::int64_t, 4> shape{1, 3, kSide, kSide};
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);
@@ -149,12 +150,13 @@ Pair detectOnOnnxRuntime() {
 Pair preProcessing(cv::Size frame) {
   const cv::Mat image = randomImage(frame.width, frame.height);
   std::vector<float> planes = planesOf({kSide, kSide});
+  Padding padding;
   return inTurn(
       [&] {
         keep(literal::unitBlob(literal::letterbox(image, {kSide, kSide}).canvas));
       },
       [&] {
-        keep(letterboxPlanes(image, {kSide, kSide}, planes.data()));
+        keep(letterboxPlanes(image, {kSide, kSide}, planes.data(), &padding));
       });
 }
 
@@ -164,13 +166,14 @@ using Objects = std::vector<VsaObject>;
 Pair outside(Setting& setting, cv::Size input, const std::function<Objects(float scale)>& plain,
              const std::function<Objects(float scale)>& ours) {
   std::vector<float> planes = planesOf(input);
+  Padding padding;
   return inTurn(
       [&] {
         const literal::Boxed boxed = literal::letterbox(setting.image, input);
         keep(literal::unitBlob(boxed.canvas));
         keep(plain(boxed.scale));
       },
-      [&] { keep(ours(*letterboxPlanes(setting.image, input, planes.data()))); });
+      [&] { keep(ours(*letterboxPlanes(setting.image, input, planes.data(), &padding))); });
 }
 
 Pair outsideYolo8(int count) {
@@ -209,6 +212,7 @@ Pair outsideYolo5() {
   const std::vector<float> output = yolo5Output(100);
   const FloatGrid rows{output.data(), kYolo5Rows, kClasses + 5};
   cv::Mat pixels(kSide, kSide, CV_8UC3);
+  Padding padding;
   return inTurn(
       [&] {
         const literal::Boxed boxed = literal::letterbox(setting.image, {kSide, kSide});
@@ -216,7 +220,7 @@ Pair outsideYolo5() {
                                 setting.config, setting.frame));
       },
       [&] {
-        const auto boxed = letterbox(setting.image, {kSide, kSide}, pixels.data);
+        const auto boxed = letterbox(setting.image, {kSide, kSide}, pixels.data, &padding);
         keep(wantedObjects(decodeYolo5(rows, kClasses, 0.25F, 0.25F), boxed->scale, setting.config,
                            setting.frame));
       });

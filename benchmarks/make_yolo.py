@@ -1,55 +1,116 @@
-"""Writes the detector of Networks.cpp, about YOLOv8n at 640 x 640 by its cost, as the ONNX file that is its argument."""
+"""Writes YOLOv8n at 640 x 640 with random weights, finding nothing, as the ONNX file that is its argument and as IR
+beside it. The network is that of the field: its layers, their sizes and their order."""
 
+import math
 import pathlib
 import sys
 
 import numpy
 import onnx
+import openvino
 from onnx import TensorProto, helper, numpy_helper
 
+CLASSES = 80
+BINS = 16  # of each side of a box
 random = numpy.random.default_rng(1)
 nodes, constants = [], []
 
 
-def constant(array):
-    constants.append(numpy_helper.from_array(array, f"c{len(constants)}"))
+def constant(values, kind=numpy.float32):
+    constants.append(numpy_helper.from_array(numpy.asarray(values, kind), f"c{len(constants)}"))
     return constants[-1].name
 
 
-def node(kind, *inputs, **attributes):
-    nodes.append(helper.make_node(kind, inputs, [f"n{len(nodes)}"], **attributes))
-    return nodes[-1].output[0]
+def node(kind, *inputs, outputs=1, **attributes):
+    names = [f"n{len(nodes)}_{i}" for i in range(outputs)]
+    nodes.append(helper.make_node(kind, inputs, names, **attributes))
+    return names[0] if outputs == 1 else names
 
 
-def weighted(x, channels, out, kernel, stride):
-    weights = random.uniform(-0.05, 0.05, (out, channels, kernel, kernel)).astype(numpy.float32)
-    return node("Conv", x, constant(weights), strides=[stride] * 2, pads=[kernel // 2] * 4)
+def reshaped(x, *shape):
+    return node("Reshape", x, constant(shape, numpy.int64))
 
 
-def convolved(x, channels, out, stride):
-    x = weighted(x, channels, out, 3, stride)
+def joined(parts, axis=1):
+    return node("Concat", *parts, axis=axis)
+
+
+def halves(x, channels):
+    return node("Split", x, constant([channels // 2] * 2, numpy.int64), outputs=2, axis=1)
+
+
+def weighted(x, channels, out, kernel=1, stride=1, bias=0.0):
+    most = math.sqrt(6 / (channels * kernel * kernel))
+    weights = random.uniform(-most, most, (out, channels, kernel, kernel))
+    return node("Conv", x, constant(weights), constant(numpy.full(out, bias)), strides=[stride] * 2,
+                pads=[kernel // 2] * 4)
+
+
+def layer(*arguments):
+    x = weighted(*arguments)
     return node("Mul", x, node("Sigmoid", x))
 
 
-def repeated(x, channels, times):
+def block(x, channels, out, times, is_residual):
+    """A cross-stage block: half of the channels goes through pairs of convolutions, all results are joined."""
+    half = out // 2
+    parts = halves(layer(x, channels, out), out)
     for _ in range(times):
-        x = convolved(x, channels, channels, 1)
-    return x
+        y = layer(layer(parts[-1], half, half, 3), half, half, 3)
+        parts.append(node("Add", parts[-1], y) if is_residual else y)
+    return layer(joined(parts), (2 + times) * half, out)
+
+
+def pooled(x):
+    """Three poolings, one after the other, joined."""
+    parts = [layer(x, 256, 128)]
+    for _ in range(3):
+        parts.append(node("MaxPool", parts[-1], kernel_shape=[5, 5], pads=[2] * 4))
+    return layer(joined(parts), 512, 256)
+
+
+def enlarged(x):
+    return node("Resize", x, "", constant([1, 1, 2, 2]), mode="nearest", coordinate_transformation_mode="asymmetric",
+                nearest_mode="floor")
 
 
 def head(x, channels):
-    logits = weighted(convolved(x, channels, 64, 1), 64, 84, 1, 1)
-    scores = node("Sigmoid", node("Sub", logits, constant(numpy.float32([9]))))
-    return node("Reshape", scores, constant(numpy.int64([1, 84, -1])))
+    sides = weighted(layer(layer(x, channels, 64, 3), 64, 64, 3), 64, 4 * BINS)
+    scores = layer(layer(x, channels, CLASSES, 3), CLASSES, CLASSES, 3)
+    scores = weighted(scores, CLASSES, CLASSES, 1, 1, -11.0)  # none is sure
+    return reshaped(joined([sides, scores]), 1, 4 * BINS + CLASSES, -1)
 
 
-x = repeated(convolved(convolved("images", 3, 16, 2), 16, 32, 2), 32, 2)
-fine = repeated(convolved(x, 32, 64, 2), 64, 4)
-middle = repeated(convolved(fine, 64, 128, 2), 128, 4)
-coarse = repeated(convolved(middle, 128, 256, 2), 256, 2)
-nodes.append(helper.make_node("Concat", [head(fine, 64), head(middle, 128), head(coarse, 256)], ["out"], axis=2))
+def boxes(sides):
+    """The distances of a cell to the four sides are means over bins; boxes are told by centre and size."""
+    grids = [numpy.stack(numpy.meshgrid(*[numpy.arange(640 // stride) + 0.5] * 2)).reshape(2, -1) for stride in (8, 16, 32)]
+    centres = constant(numpy.concatenate(grids, 1)[None])
+    strides = constant(numpy.concatenate([numpy.full(grid.shape[1], stride) for grid, stride in zip(grids, (8, 16, 32))]))
+    shares = node("Softmax", node("Transpose", reshaped(sides, 1, 4, BINS, -1), perm=[0, 2, 1, 3]), axis=1)
+    means = node("Conv", shares, constant(numpy.arange(BINS).reshape(1, BINS, 1, 1)))
+    near, far = halves(reshaped(means, 1, 4, -1), 4)
+    least, most = node("Sub", centres, near), node("Add", centres, far)
+    middle = node("Mul", node("Add", least, most), constant(0.5))
+    return node("Mul", joined([middle, node("Sub", most, least)]), strides)
+
+
+x = layer(layer("images", 3, 16, 3, 2), 16, 32, 3, 2)
+x = layer(block(x, 32, 32, 1, True), 32, 64, 3, 2)
+fine = block(x, 64, 64, 2, True)
+middle = block(layer(fine, 64, 128, 3, 2), 128, 128, 2, True)
+coarse = pooled(block(layer(middle, 128, 256, 3, 2), 256, 256, 1, True))
+middle = block(joined([enlarged(coarse), middle]), 384, 128, 1, False)
+fine = block(joined([enlarged(middle), fine]), 192, 64, 1, False)
+middle = block(joined([layer(fine, 64, 64, 3, 2), middle]), 192, 128, 1, False)
+coarse = block(joined([layer(middle, 128, 128, 3, 2), coarse]), 384, 256, 1, False)
+heads = joined([head(fine, 64), head(middle, 128), head(coarse, 256)], 2)
+sides, scores = node("Split", heads, constant([4 * BINS, CLASSES], numpy.int64), outputs=2, axis=1)
+nodes.append(helper.make_node("Concat", [boxes(sides), node("Sigmoid", scores)], ["out"], axis=1))
+
 graph = helper.make_graph(
     nodes, "yolo",
     [helper.make_tensor_value_info("images", TensorProto.FLOAT, [1, 3, 640, 640])],
-    [helper.make_tensor_value_info("out", TensorProto.FLOAT, [1, 84, 8400])], constants)
-onnx.save(helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=8), pathlib.Path(sys.argv[1]))
+    [helper.make_tensor_value_info("out", TensorProto.FLOAT, [1, 4 + CLASSES, 8400])], constants)
+path = pathlib.Path(sys.argv[1])
+onnx.save(helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=8), path)
+openvino.save_model(openvino.convert_model(path), path.with_suffix(".xml"), compress_to_fp16=False)
