@@ -98,10 +98,11 @@ BENCHMARK(decodePoseOutput)->Arg(0)->Arg(100)->Unit(benchmark::kMicrosecond);
 /// Outlines of so many objects of 60 to 200 pixels on prototypes of 160 x 160.
 void maskOutlines(benchmark::State& state) {
   const Masks masks = randomMasks(static_cast<int>(state.range(0)), 60, 200);
+  std::vector<std::uint8_t> memory;
   for (auto _ : state) {
     for (std::size_t i = 0; i < masks.boxes.size(); ++i) {
       benchmark::DoNotOptimize(
-          maskOutline(masks.planes(), masks.coefficients[i], masks.boxes[i], {kSide, kSide})
+          maskOutline(masks.planes(), masks.coefficients[i], masks.boxes[i], {kSide, kSide}, memory)
               .data());
     }
   }

@@ -307,12 +307,14 @@ Pair outsidePose() {
 
 Pair masks(int least, int most) {
   const Masks masks = randomMasks(50, least, most);
-  const auto outlines = [&](auto outline) {
+  std::vector<std::uint8_t> memory;
+  const auto outlines = [&](auto outline, auto&... memories) {
     for (std::size_t i = 0; i < masks.boxes.size(); ++i) {
-      keep(outline(masks.planes(), masks.coefficients[i], masks.boxes[i], cv::Size(kSide, kSide)));
+      keep(outline(masks.planes(), masks.coefficients[i], masks.boxes[i], cv::Size(kSide, kSide),
+                   memories...));
     }
   };
-  return inTurn([&] { outlines(literal::maskOutline); }, [&] { outlines(maskOutline); }, 4);
+  return inTurn([&] { outlines(literal::maskOutline); }, [&] { outlines(maskOutline, memory); }, 4);
 }
 
 Pair outsideTextDetector() {

@@ -187,6 +187,7 @@ TEST(Literal, MasksGiveTheSameOutlines) {
       {{1, 1}, {32, 32}},       {{3, 50}, {12, 200}},   {{40, 24}, {96, 160}}, {{20, 20}, {40, 60}},
       {{2, 2}, {256, 256}}};
   cv::RNG random(11);
+  std::vector<std::uint8_t> memory;
   int withOutline = 0;
   for (const auto& [size, input] : cases) {
     const auto plane = static_cast<std::size_t>(size.area());
@@ -200,7 +201,8 @@ TEST(Literal, MasksGiveTheSameOutlines) {
       const cv::Rect box(random.uniform(-20, input.width), random.uniform(-20, input.height),
                          random.uniform(0, input.width), random.uniform(0, input.height));
       const auto expected = literal::maskOutline({prototypes.data(), size}, coefficients, box, input);
-      ASSERT_EQ(maskOutline({prototypes.data(), size}, coefficients, box, input), expected) << size << input << box;
+      ASSERT_EQ(maskOutline({prototypes.data(), size}, coefficients, box, input, memory), expected)
+          << size << input << box;
       withOutline += expected.empty() ? 0 : 1;
     }
   }

@@ -15,8 +15,9 @@ using namespace TolCompatibleLib;
 
 TEST(MaskOutline, OddBoxesAndNumbersDoNoHarm) {
   std::vector<float> prototypes(kMaskCoefficients * 256, 1.0F);
+  std::vector<std::uint8_t> memory;
   const auto outline = [&](float coefficient, const cv::Rect& box, cv::Size size = {16, 16}) {
-    return maskOutline({prototypes.data(), size}, {coefficient}, box, {64, 64});
+    return maskOutline({prototypes.data(), size}, {coefficient}, box, {64, 64}, memory);
   };
   const int most = std::numeric_limits<int>::max();
   const int least = std::numeric_limits<int>::min();

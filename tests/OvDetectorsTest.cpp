@@ -205,7 +205,9 @@ TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
   MaskCoefficients coefficients{};
   coefficients[1] = 1.0F;
   std::string outline;
-  for (const cv::Point& point : maskOutline({prototypes.data(), {16, 12}}, coefficients, {23, 11, 11, 23}, {64, 48})) {
+  std::vector<std::uint8_t> memory;
+  for (const cv::Point& point :
+       maskOutline({prototypes.data(), {16, 12}}, coefficients, {23, 11, 11, 23}, {64, 48}, memory)) {
     outline += " " + std::to_string(static_cast<int>(static_cast<float>(point.x) * (100.0F / 48))) + "," +
                std::to_string(static_cast<int>(static_cast<float>(point.y) * (100.0F / 48)));
   }

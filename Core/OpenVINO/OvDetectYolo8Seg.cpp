@@ -24,6 +24,9 @@ class OvDetectYolo8Seg final : public OvModel<VsaDetect> {
       : OvModel("OvDetectYolo8Seg", modelConfig, root) {}
   ~OvDetectYolo8Seg() override { logInfo("~OvDetectYolo8Seg()"); }
   bool run(VsaFrame* frame) override;
+
+ private:
+  std::vector<std::uint8_t> maskMemory_;
 };
 
 /// The object of candidate `index` without its outline. Both edges are scaled as a whole, unlike
@@ -69,8 +72,8 @@ bool OvDetectYolo8Seg::run(VsaFrame* frame) {
       coefficients[k] = columns->row(
           static_cast<int>(classes + 4 + k))[found.places[static_cast<std::size_t>(i)]];
     }
-    const std::vector<cv::Point> outline =
-        maskOutline(prototypes, coefficients, found.boxes[static_cast<std::size_t>(i)], inputSize);
+    const std::vector<cv::Point> outline = maskOutline(
+        prototypes, coefficients, found.boxes[static_cast<std::size_t>(i)], inputSize, maskMemory_);
     if (outline.empty()) continue;
     VsaShape shape;
     shape.tag = kVsaOutlineTag;

@@ -117,8 +117,8 @@ inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::S
 }
 
 /// The same as `aboveHalf` for a mask enlarged by an exact ratio, looking closely at its edge
-/// alone: a pixel between four that are on one side of one half is there, too.
-cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio) {
+/// alone: a pixel between four that are on one side of one half is there, too. Lies in `memory`.
+cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio, std::vector<std::uint8_t>& memory) {
   // Between four neighbours lies a cell of `ratio` pixels; round the mask, half a one.
   cv::Mat corners;
   cv::copyMakeBorder(mask, corners, 1, 1, 1, 1, cv::BORDER_REPLICATE);
@@ -127,7 +127,9 @@ cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio) {
   cv::compare(corners, 0.5 + kUnsure, highs, cv::CMP_GT);
   cv::compare(corners, 0.5 - kUnsure, lows, cv::CMP_LT);
   const cv::Size cells = corners.size() - cv::Size(1, 1);
-  cv::Mat above = cv::Mat::zeros(cells.height * ratio.height, cells.width * ratio.width, CV_8UC1);
+  const cv::Size size(cells.width * ratio.width, cells.height * ratio.height);
+  memory.assign(static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height), 0);
+  cv::Mat above(size, CV_8UC1, memory.data());
   // Known to the compiler, it is computed several pixels at a time.
   const cv::Size kUsual(4, 4);
   enum : uchar { kBelow = 0, kMixed = 1, kAbove = 255 };
@@ -170,7 +172,7 @@ cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio) {
 
 std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes,
                                    const MaskCoefficients& coefficients, const cv::Rect& box,
-                                   cv::Size inputSize) {
+                                   cv::Size inputSize, std::vector<std::uint8_t>& memory) {
   const cv::Rect crop = cropOf(box, prototypes.size, inputSize);
   if (crop.empty()) return {};
   const std::optional<cv::Size> ratio = exactRatio(prototypes.size, inputSize);
@@ -183,7 +185,7 @@ std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes,
   cv::Mat object;
   cv::Point offset;
   if (ratio) {
-    object = aboveHalfByEdges(mask, *ratio);
+    object = aboveHalfByEdges(mask, *ratio, memory);
     offset = {area.x * ratio->width, area.y * ratio->height};
   } else {
     object = aboveHalf(mask, inputSize);

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <vector>
 
@@ -23,8 +24,10 @@ struct MaskPrototypes {
 /// cv::findContours gives it with simple chain approximation; the first one of equals. Empty where
 /// the box has no mask pixel, where no pixel is above one half, and where no part has an area.
 /// \param box in network pixels, as is the whole input of `inputSize`; it may reach beyond it.
+/// \param memory to work in, kept by the caller from one mask to the next: fresh memory for each
+/// costs as much time as the mask.
 std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes,
                                    const MaskCoefficients& coefficients, const cv::Rect& box,
-                                   cv::Size inputSize);
+                                   cv::Size inputSize, std::vector<std::uint8_t>& memory);
 
 }  // namespace TolCompatibleLib

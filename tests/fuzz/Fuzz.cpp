@@ -204,7 +204,8 @@ void outline(Reader& in) {
   MaskCoefficients coefficients;
   for (float& value : coefficients) value = in.number();
   const auto numbers = in.numbers(kMaskCoefficients * static_cast<std::size_t>(mask.area()));
-  for (const cv::Point& point : maskOutline({numbers.data(), mask}, coefficients, box, input)) {
+  std::vector<std::uint8_t> memory;
+  for (const cv::Point& point : maskOutline({numbers.data(), mask}, coefficients, box, input, memory)) {
     require(cv::Rect({0, 0}, input).contains(point));
   }
 }
