@@ -118,15 +118,17 @@ Counts counts() {
   };
   return {entries("/proc/self/task"), entries("/proc/self/fd")};
 }
-/// Whether no more are left than before. Threads end and the service closes its connection a little later than the call
-/// returns.
-bool settlesTo(const Counts& before) {
-  const auto settled = [&] {
+/// The counts once they have not changed for 0.3 s: threads end and the service closes its connection a little later
+/// than the call returns.
+Counts settledCounts() {
+  Counts last = counts();
+  for (int same = 0, i = 0; same < 30 && i < 300; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
     const Counts now = counts();
-    return now.first <= before.first && now.second <= before.second;
-  };
-  for (int i = 0; i < 300 && !settled(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  return settled();
+    same = now == last ? same + 1 : 0;
+    last = now;
+  }
+  return last;
 }
 
 double median(std::vector<double> values) {
@@ -212,7 +214,7 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
   const auto part = [&](const std::string& title, int few, int most, int& fewestDone, const auto& cycle) {
     shares.next();
     for (int i = 0; i < 3; ++i) cycle();  // what is set up once and kept
-    const Counts before = counts();
+    const Counts before = settledCounts();
     std::vector<double> samples;
     int done = 0;
     double grown = 0;
@@ -228,11 +230,10 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
     std::cout << title << ": " << done << " cycles, " << rounded(grown) << " KB a cycle, " << rounded(samples.back(), 0)
               << " KB" << std::endl;
     expect(grown < 1, title + " grows");
-    if (!settlesTo(before)) {  // a thread pool may have started a worker late; a leak goes on
-      const Counts later = counts();
-      for (int i = 0; i < few; ++i) cycle();
-      expect(settlesTo(later), title + " leaves threads or files");
-    }
+    const Counts after = settledCounts();
+    expect(after == before, title + " leaves threads or files: " + std::to_string(before.first) + " and " +
+                                std::to_string(before.second) + " before, " + std::to_string(after.first) + " and " +
+                                std::to_string(after.second) + " after");
     worst = std::max(worst, grown);
     fewestDone = std::min(fewestDone, done);
   };
