@@ -239,6 +239,14 @@ struct VsaModelContext {
       nullptr;  ///< Written by VsaModelInit, cleared by VsaModelRelease. Null at first.
 };
 
+/// Path of the model file that `config` names below `modelRoot`, as the library logs it. Nothing is
+/// normalized: an empty modelDir leaves two slashes in a row. OpenVINO models open this path with
+/// ".xml" appended, ONNX Runtime models open it as it is.
+inline std::string vsaModelPath(const VsaModelConfig& config, const std::string& modelRoot) {
+  if (config.modelDir.empty() && config.modelFile.empty()) return modelRoot;
+  return modelRoot + "/" + config.modelDir + "/" + config.modelFile;
+}
+
 /// Names of engines with their devices, for example "OpenVINO-CPU".
 using VsaDeviceSet = std::set<std::string>;
 

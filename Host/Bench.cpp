@@ -156,7 +156,7 @@ class Bench {
     for (Measured& entry : models_) {
       entry.spec = &entry.model->spec();
       const VsaModelConfig& config = entry.spec->config;
-      entry.bare = openBare(config.engine, fileOf(*entry.spec), config.device);
+      entry.bare = openBare(config.engine, entry.spec->networkFile(), config.device);
     }
   }
 

@@ -95,7 +95,7 @@ bool isOnBothEngines(const ModelSpec& spec) {
 // The network of `spec` for the other engine: beside it, or where the YOLO exporter puts the two,
 // "NAME.onnx" and "NAME_openvino_model/NAME.xml".
 fs::path otherFile(const ModelSpec& spec) {
-  const fs::path file = fileOf(spec);
+  const fs::path file = spec.networkFile();
   const bool isXml = spec.config.engine == "OpenVINO";
   const fs::path folder = file.parent_path();
   const std::string name = file.stem().string() + (isXml ? ".onnx" : ".xml");

@@ -465,7 +465,7 @@ class Doctor {
       const ModelSpec& spec = pipeline.models[i];
       Findings findings = chain[i];
       try {
-        const Findings own = checkModel(spec.config, readModelFile(fileOf(spec)));
+        const Findings own = checkModel(spec.config, readModelFile(spec.networkFile()));
         findings.wrong.insert(findings.wrong.end(), own.wrong.begin(), own.wrong.end());
         findings.warnings.insert(findings.warnings.end(), own.warnings.begin(), own.warnings.end());
         findings.notes = own.notes;

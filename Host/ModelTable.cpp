@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
-#include <filesystem>
 #include <map>
 #include <string_view>
 
@@ -312,15 +311,6 @@ Fit fitOf(const ModelRow& row, const ModelFile& file) {
     fit.likelihood += 2;
   }
   return fit;
-}
-
-std::string fileOf(const ModelSpec& spec) {
-  const VsaModelConfig& config = spec.config;
-  std::filesystem::path path = spec.modelRoot;
-  if (!config.modelDir.empty() || !config.modelFile.empty()) {
-    path = path / config.modelDir / config.modelFile;
-  }
-  return path.string() + (config.engine == "OpenVINO" ? ".xml" : "");
 }
 
 }  // namespace vsa

@@ -58,7 +58,4 @@ Fit fitOf(const ModelRow& row, const ModelFile& file);
 /// Height and width of the network's input; kAnySize where the file leaves them open.
 std::pair<std::int64_t, std::int64_t> inputSizeOf(const ModelFile& file);
 
-/// Path of the network file that a pipeline names.
-std::string fileOf(const ModelSpec& spec);
-
 }  // namespace vsa

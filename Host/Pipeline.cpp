@@ -277,11 +277,7 @@ std::string modelRoot(const Fields& fields, const Fields& top, const fs::path& f
 // The library leaves a missing file to the engine, whose message is long; so it is looked for here.
 void checkModelFile(const ModelSpec& spec, const Fields& fields) {
   const VsaModelConfig& config = spec.config;
-  std::string file = spec.modelRoot;
-  if (!config.modelDir.empty() || !config.modelFile.empty()) {
-    file += "/" + config.modelDir + "/" + config.modelFile;
-  }
-  if (config.engine == "OpenVINO") file += ".xml";
+  const std::string file = spec.networkFile();
   std::error_code unused;
   if (!fs::is_regular_file(fs::path(file), unused)) {
     std::string advice;
@@ -333,6 +329,10 @@ ModelSpec readModel(const Json::Value& value, const std::string& place, const Fi
 bool ModelSpec::writesGbk() const {
   return config.category == "Track" && config.modelName == "PaddleOCR" &&
          config.classNames == Names{"paddleocr"};
+}
+
+std::string ModelSpec::networkFile() const {
+  return vsaModelPath(config, modelRoot) + (config.engine == "OpenVINO" ? ".xml" : "");
 }
 
 bool ModelSpec::takesSound() const {

@@ -23,6 +23,8 @@ struct ModelSpec {
   /// Whether the model writes GBK: a text recogniser with the library's built-in dictionary. With
   /// any other dictionary the text is what the pipeline's classNames hold, which is UTF-8.
   bool writesGbk() const;
+  /// Path of the network file that the library opens.
+  std::string networkFile() const;
   /// Whether the model takes blocks of sound instead of pictures.
   bool takesSound() const;
 };

@@ -176,7 +176,7 @@ class Run {
     std::vector<std::string> files = inputs;
     files.insert(files.end(), {options_.pipeline, options_.objectsFile, options_.fontFile});
     for (const ModelSpec& spec : pipeline_.models) {
-      const std::string network = fileOf(spec);
+      const std::string network = spec.networkFile();
       files.insert(files.end(), {network, spec.namesFile});
       // OpenVINO keeps the weights beside the network.
       if (fs::path(network).extension() == ".xml") {

@@ -3,7 +3,6 @@
 #include <array>
 
 #include "Utils/Log.h"
-#include "Utils/ModelPath.h"
 #include "Utils/PreProcessUtils.h"
 
 namespace TolCompatibleLib {
@@ -56,7 +55,7 @@ void requireOnnxRuntime() {
 OrDetect::OrDetect(const VsaModelConfig* modelConfig, const std::string& root, OutputLayout layout,
                    std::source_location where)
     : VsaDetect(modelConfig, root), layout_(layout) {
-  const std::string path = modelPath(*modelConfig, root);
+  const std::string path = vsaModelPath(*modelConfig, root);
   logInfo("modelPath=" + path + ",device=" + modelConfig->device, where);
   requireOnnxRuntime();
   environment = Ort::Env(ORT_LOGGING_LEVEL_WARNING, modelConfig->modelName.c_str());

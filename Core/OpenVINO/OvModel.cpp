@@ -3,7 +3,6 @@
 #include <limits>
 
 #include "Utils/Log.h"
-#include "Utils/ModelPath.h"
 
 namespace TolCompatibleLib {
 
@@ -42,7 +41,7 @@ OvModel<Interface>::OvModel(std::string_view className, const VsaModelConfig* mo
   inputSize = cv::Size(static_cast<int>(modelConfig->inputWidth),
                        static_cast<int>(modelConfig->inputHeight));
   core = std::make_unique<ov::Core>("");
-  const std::string path = modelPath(*modelConfig, root);
+  const std::string path = vsaModelPath(*modelConfig, root);
   logInfo("modelPath=" + path + ",device=" + modelConfig->device, where);
   compiledModel = compile(*core, path + ".xml", modelConfig->device);
   inferRequest = compiledModel.create_infer_request();
