@@ -22,9 +22,9 @@ void preProcess(benchmark::State& state) {
   const cv::Mat image =
       randomImage(static_cast<int>(state.range(0)), static_cast<int>(state.range(1)));
   std::vector<float> planes(std::size_t{3} * kSide * kSide);
-  Padding padding;
+  LetterboxWriter writer;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(letterboxPlanes(image, {kSide, kSide}, planes.data(), &padding));
+    benchmark::DoNotOptimize(writer.writePlanes(image, {kSide, kSide}, planes.data()));
   }
 }
 BENCHMARK(preProcess)
@@ -44,7 +44,7 @@ void decodeYolo8Output(benchmark::State& state) {
   for (auto _ : state) {
     const Candidates found =
         decodeYolo8({output.data(), kClasses + 4, kCandidates}, kClasses, config.scoreThreshold);
-    kept = suppressed(found, config).size();
+    kept = keptAfterNms(found, config).size();
   }
   state.counters["kept"] = static_cast<double>(kept);
 }
@@ -59,7 +59,7 @@ void decodeYolo5Output(benchmark::State& state) {
   for (auto _ : state) {
     const Candidates found = decodeYolo5({output.data(), kYolo5Rows, kClasses + 5}, kClasses,
                                          config.objThreshold, config.scoreThreshold);
-    benchmark::DoNotOptimize(suppressed(found, config).size());
+    benchmark::DoNotOptimize(keptAfterNms(found, config).size());
   }
 }
 BENCHMARK(decodeYolo5Output)->Arg(0)->Arg(100)->Arg(2000)->Unit(benchmark::kMicrosecond);
@@ -90,7 +90,7 @@ void decodePoseOutput(benchmark::State& state) {
   config.nmsThreshold = 0.45F;
   for (auto _ : state) {
     const Candidates found = decodeYolo8Pose({output.data(), 56, kCandidates}, 0.25F, 3.0F);
-    benchmark::DoNotOptimize(suppressed(found, config).size());
+    benchmark::DoNotOptimize(keptAfterNms(found, config).size());
   }
 }
 BENCHMARK(decodePoseOutput)->Arg(0)->Arg(100)->Unit(benchmark::kMicrosecond);

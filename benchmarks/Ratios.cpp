@@ -155,13 +155,13 @@ Pair detectOnOnnxRuntime() {
 Pair preProcessing(cv::Size frame) {
   const cv::Mat image = randomImage(frame.width, frame.height);
   std::vector<float> planes = planesOf({kSide, kSide});
-  Padding padding;
+  LetterboxWriter writer;
   return inTurn(
       [&] {
         keep(literal::unitBlob(literal::letterbox(image, {kSide, kSide}).canvas));
       },
       [&] {
-        keep(letterboxPlanes(image, {kSide, kSide}, planes.data(), &padding));
+        keep(writer.writePlanes(image, {kSide, kSide}, planes.data()));
       });
 }
 
@@ -171,14 +171,14 @@ using Objects = std::vector<VsaObject>;
 Pair outside(Setting& setting, cv::Size input, const std::function<Objects(float scale)>& plain,
              const std::function<Objects(float scale)>& ours) {
   std::vector<float> planes = planesOf(input);
-  Padding padding;
+  LetterboxWriter writer;
   return inTurn(
       [&] {
         const literal::Boxed boxed = literal::letterbox(setting.image, input);
         keep(literal::unitBlob(boxed.canvas));
         keep(plain(boxed.scale));
       },
-      [&] { keep(ours(*letterboxPlanes(setting.image, input, planes.data(), &padding))); });
+      [&] { keep(ours(*writer.writePlanes(setting.image, input, planes.data()))); });
 }
 
 Pair outsideYolo8(int count) {
@@ -193,7 +193,8 @@ Pair outsideYolo8(int count) {
       },
       [&](float scale) {
         return wantedObjects(decodeYolo8(columns, kClasses, 0.25F), scale, setting.config,
-                             setting.frame);
+                             setting.frame)
+            .objects;
       });
 }
 
@@ -208,7 +209,7 @@ Pair decodingYolo8(int count, bool withSuppression) {
       },
       [&] {
         const Candidates found = decodeYolo8(columns, kClasses, 0.25F);
-        if (withSuppression) keep(wantedObjects(found, 3, setting.config, setting.frame));
+        if (withSuppression) keep(wantedObjects(found, 3, setting.config, setting.frame).objects);
       });
 }
 
@@ -217,7 +218,7 @@ Pair outsideYolo5() {
   const std::vector<float> output = yolo5Output(100);
   const FloatGrid rows{output.data(), kYolo5Rows, kClasses + 5};
   cv::Mat pixels(kSide, kSide, CV_8UC3);
-  Padding padding;
+  LetterboxWriter writer;
   return inTurn(
       [&] {
         const literal::Boxed boxed = literal::letterbox(setting.image, {kSide, kSide});
@@ -225,9 +226,10 @@ Pair outsideYolo5() {
                                 setting.config, setting.frame));
       },
       [&] {
-        const auto boxed = letterbox(setting.image, {kSide, kSide}, pixels.data, &padding);
-        keep(wantedObjects(decodeYolo5(rows, kClasses, 0.25F, 0.25F), boxed->scale, setting.config,
-                           setting.frame));
+        const auto scale = writer.writePixels(setting.image, {kSide, kSide}, pixels.data);
+        keep(wantedObjects(decodeYolo5(rows, kClasses, 0.25F, 0.25F), *scale, setting.config,
+                           setting.frame)
+                 .objects);
       });
 }
 
@@ -260,7 +262,8 @@ Pair outsideOriented() {
       },
       [&](float scale) {
         return wantedObjects(decodeYolo8(columns, kOrientedClasses, 0.25F), scale, setting.config,
-                             setting.frame);
+                             setting.frame)
+            .objects;
       });
 }
 
@@ -279,7 +282,7 @@ Pair outsidePose() {
   };
   const auto objectsOf = [&](const Candidates& found, const std::function<VsaShape(int)>& shapeOf) {
     Objects objects;
-    for (const int i : suppressed(found, setting.config)) {
+    for (const int i : keptAfterNms(found, setting.config)) {
       const cv::Rect& box = found.boxes[static_cast<std::size_t>(i)];
       objects.emplace_back(1920, 1080, box.x, box.y, box.x + box.width, box.y + box.height,
                            found.scores[static_cast<std::size_t>(i)], 0,

@@ -49,14 +49,14 @@ TEST(Literal, LetterboxedPlanesAreThoseOfTheBlob) {
   LogCapture log;
   std::vector<float> held(30000);
   std::vector<uchar> heldPixels(30000);
-  Padding padding, pixelPadding;
+  LetterboxWriter writer, pixelWriter;
   for (int round = 0; round < 200; ++round) {
     const Picture picture(round, random);
     const cv::Size input(random.uniform(1, 100), random.uniform(1, 100));
     const literal::Boxed expected = literal::letterbox(picture.image, input);
     const auto boxed = letterbox(picture.image, input);
     std::optional<float> scale;
-    const auto planes = bitsOf(input, [&](float* out) { scale = letterboxPlanes(picture.image, input, out); });
+    const auto planes = bitsOf(input, [&](float* out) { scale = LetterboxWriter().writePlanes(picture.image, input, out); });
     ASSERT_EQ(boxed.has_value(), !expected.canvas.empty());
     ASSERT_EQ(scale.has_value(), !expected.canvas.empty());
     if (!scale) continue;
@@ -69,8 +69,8 @@ TEST(Literal, LetterboxedPlanesAreThoseOfTheBlob) {
     // The same where a picture of the same size, and before it one of another, was in the input.
     const cv::Mat other(picture.image.size(), CV_8UC3, cv::Scalar::all(99));
     for (const cv::Mat& image : {other, picture.image}) {
-      letterboxPlanes(image, input, held.data(), &padding);
-      letterbox(image, input, heldPixels.data(), &pixelPadding);
+      writer.writePlanes(image, input, held.data());
+      pixelWriter.writePixels(image, input, heldPixels.data());
     }
     EXPECT_EQ(bitsOf(input, [&](float* out) { std::copy_n(held.data(), blob.total(), out); }), planes);
     EXPECT_TRUE(std::equal(expected.canvas.datastart, expected.canvas.dataend, heldPixels.data()));
@@ -161,12 +161,12 @@ TEST(Literal, YoloOutputsGiveTheSameCandidatesAndObjects) {
     expectSame(decodeYolo8(byColumn, classes, 0.25F), yolo8);
     expectSame(decodeYolo8Pose(byColumn, 0.25F, scale), literal::decodeYolo8Pose(byColumn, 0.25F, scale));
     for (const Candidates& found : {yolo5, yolo8}) {
-      EXPECT_EQ(bytesOf(wantedObjects(found, scale, config, frame)),
+      EXPECT_EQ(bytesOf(wantedObjects(found, scale, config, frame).objects),
                 bytesOf(literal::objectsOf(found, scale, config, frame)));
     }
     // The first class's score made a class id: with a fraction, below zero and past the last.
     for (int r = 0; r < count; ++r) rows.at<float>(r, 5) = random.uniform(-2.0F, static_cast<float>(classes + 2));
-    const Yolo26Objects yolo26 = decodeYolo26(byRow, scale, config, frame);
+    const FrameObjects yolo26 = decodeYolo26(byRow, scale, config, frame);
     EXPECT_FALSE(yolo26.badBox);
     EXPECT_EQ(bytesOf(yolo26.objects), bytesOf(literal::decodeYolo26(byRow, scale, config, frame)));
   }
