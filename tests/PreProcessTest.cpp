@@ -1,4 +1,4 @@
-// What reaches a network: sizes, scales and refusals. LiteralTest compares the numbers.
+// What reaches a network: sizes, scales and refusals. ReferenceTest compares the numbers.
 
 #include "Utils/PreProcessUtils.h"
 

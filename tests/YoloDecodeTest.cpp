@@ -1,4 +1,4 @@
-// What the YOLO decoders make of odd numbers. LiteralTest compares them on ordinary ones, with ties and NaN.
+// What the YOLO decoders make of odd numbers. ReferenceTest compares them on ordinary ones, with ties and NaN.
 
 #include "Utils/YoloDecode.h"
 

@@ -20,8 +20,8 @@
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
 #include "Utils/YoloDecode.h"
-#include "fuzz/Families.h"
-#include "fuzz/Fuzz.h"
+#include "support/Families.h"
+#include "verify/Fuzz.h"
 #include "support/TestHost.h"
 
 using namespace TolCompatibleLib;
