@@ -39,11 +39,7 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
 
 TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
   const char* const rows[][3] = {
-      {"OpenVINO", "Detect", "YOLO7"},      {"OpenVINO", "Detect", "yolo8"},
-      {"OpenVINO", "Feature", "PaddleOCR"}, {"openvino", "Detect", "YOLO8"},
-      {"OpenVINO", "Classify", "YOLO8"},    {"ONNXRuntime", "Classify", "ResNet"},
-      {"TensorRT", "Detect", "YOLO8"},      {"", "", ""},
-  };
+      {"OpenVINO", "Detect", "yolo8"}, {"OpenVINO", "Feature", "PaddleOCR"}, {"TensorRT", "Detect", "YOLO8"}};
   LogCapture log;
   for (const auto& [engine, category, name] : rows) {
     TestModel model(category, name, "nowhere");
@@ -127,19 +123,6 @@ TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
   }
 }
 
-TEST(EntryPoints, ASetThatIsThereIsOverwrittenAndNotReleased) {
-  TestModel model("Detect", "YOLO8", writeConstant({1, 3, 32, 32}, {1, 5, 1}, {1, 1, 1, 1, 1}));
-  ASSERT_TRUE(model.init());
-  VsaModelSet* const first = model.context.models;
-  ASSERT_TRUE(model.init());
-  ASSERT_NE(model.context.models, first);
-  VsaModelContext old;
-  old.models = first;
-  LogCapture log;
-  VsaModelRelease(&old);
-  EXPECT_EQ(log.texts(), Texts{"[I]~OvDetectYolo8()"});
-}
-
 TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
   LogCapture log;
   VsaDeviceSet devices{"mine"};
@@ -167,21 +150,6 @@ TEST(Devices, AnyGpuAddsTheAggregateName) {
     VsaDeviceSet devices;
     TolCompatibleLib::addOpenVinoDeviceNames(available, devices);
     EXPECT_EQ(devices, expected);
-  }
-}
-
-TEST(Records, ObjectsClampTheirBoxAndStartWithTheirDefaults) {
-  const VsaObject object(100, 50, -3, -1, 104, 51, 0.5F, 2, "cat");
-  EXPECT_EQ(told(object), "cat 2 0.5: 0,0 100,50 of 100x50");
-  EXPECT_EQ(told(VsaObject(100, 50, 80, 40, 20, 10, 0.5F, 2, "cat")), "cat 2 0.5: 80,40 20,10 of 100x50");
-  for (const VsaObject& made : {object, VsaObject()}) {
-    EXPECT_EQ(std::tie(made.angle, made.classifyScore, made.textScore), std::tuple(-1.0F, 0.0F, 0.0F));
-    for (const int unset : {made.cornerX2, made.cornerY2, made.cornerX3, made.cornerY3, made.reserved88,
-                            made.classifyId, made.textId, made.reserved204, made.reserved208, made.reserved240}) {
-      EXPECT_EQ(unset, -1);
-    }
-    EXPECT_EQ(made.reserved8, 0);
-    for (const int word : made.reserved244) EXPECT_EQ(word, 0);
   }
 }
 

@@ -28,10 +28,18 @@ TEST(MaskOutline, OddBoxesAndNumbersDoNoHarm) {
     EXPECT_TRUE(outline(5, box).empty()) << box;
   }
   EXPECT_FALSE(outline(5, {0, 0, most, most}).empty());
+  EXPECT_FALSE(outline(5, {8, 8, most, most}).empty());
   EXPECT_TRUE(outline(5, whole, {0, 16}).empty());
   EXPECT_TRUE(outline(-5, whole).empty());
   EXPECT_FALSE(outline(kInf, {8, 8, 16, 16}).empty());
   EXPECT_EQ(outline(kNan, whole), reference::maskOutline({prototypes.data(), {16, 16}}, {kNan}, whole, {64, 64}));
+}
+
+TEST(MaskOutline, ThreePixelsGiveThreePoints) {
+  std::vector<float> prototypes(kMaskCoefficients * 64, -1.0F);
+  for (const std::size_t pixel : {9U, 10U, 17U}) prototypes[pixel] = 1.0F;
+  std::vector<std::uint8_t> memory;
+  EXPECT_EQ(maskOutline({prototypes.data(), {8, 8}}, {5.0F}, {0, 0, 8, 8}, {8, 8}, memory).size(), 3U);
 }
 
 }  // namespace

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
+#include <thread>
 
 #include "OnnxRuntime/OrDetect.h"
 #include "Utils/PreProcessUtils.h"
@@ -112,6 +114,7 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
                         {"YOLO8", "one_plane", 3, "[E]Yolo8 dimensions error:6"},
                         {"YOLO8", "yolo8", 0xFFFFFFFFU, "[E]Yolo8 dimensions error:6"},
                         {"YOLO5", "yolo5", 1, "[E]Yolo5 dimensions error:7"},
+                        {"YOLO5", "one_plane", 2, "[E]Yolo5 dimensions error:3"},
                         {"YOLO26", "yolo26_short", 2, "[E]Yolo26 dimensions error:5"}};
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
@@ -174,6 +177,34 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     for (const VsaObject& object : first.objects) shown[object.left] = object.score;
     EXPECT_EQ(shown, expected);
   }
+}
+
+TEST(OrDetect, RunsOfOneContextMayOverlap) {
+  OnnxModel model("YOLO8", "echo8");
+  model.setInput(8, 4);
+  model.setClasses({"a"});
+  ASSERT_TRUE(model.init());
+  // Different sizes, so that the padding differs as well.
+  cv::Mat images[] = {cv::Mat(110, 40, CV_8UC3, cv::Scalar::all(90)),
+                      cv::Mat(40, 220, CV_8UC3, cv::Scalar::all(200))};
+  std::atomic<int> different = 0;
+  const auto runMany = [&](cv::Mat& image, const std::string& expected) {
+    for (int i = 0; i < 300; ++i) {
+      VsaFrame frame = frameOf(image, {"a"});
+      different += !model.detect(frame) || bytesOf(frame) != expected;
+    }
+  };
+  std::string alone[2];
+  for (const std::size_t i : {0U, 1U}) {
+    VsaFrame frame = frameOf(images[i], {"a"});
+    ASSERT_TRUE(model.detect(frame));
+    ASSERT_FALSE(frame.objects.empty());
+    alone[i] = bytesOf(frame);
+  }
+  std::thread other(runMany, std::ref(images[1]), alone[1]);
+  runMany(images[0], alone[0]);
+  other.join();
+  EXPECT_EQ(different, 0);
 }
 
 TEST(WidenedPath, TakesEachByteAsASignedCharacter) {

@@ -89,21 +89,6 @@ TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
   EXPECT_EQ(bench.frame.objects.size(), 1U);
 }
 
-TEST(OvDetectYolo5, ReportsTheObjectnessAndSuppressesByIt) {
-  Bench bench("YOLO5",
-              rowsNetwork({{32, 32, 20, 20, 0.5F, 0.9F, 0},
-                           {33, 32, 20, 20, 0.6F, 0, 0.3F},
-                           {8, 8, 4, 4, 0.25F, 0.9F, 0},
-                           {60, 60, 20, 20, 0.7F, 0.9F, 0}}),
-              {"a", "b"});
-  bench.model.config.objThreshold = 0.25F;
-  EXPECT_EQ(bench.run(), Texts{});
-  // The third is above the thresholds, but its objectness only equals the class threshold that
-  // suppression applies.
-  EXPECT_EQ(told(bench.frame.objects),
-            (Texts{"a 0 0.7: 100,100 128,128 of 128x128", "b 1 0.6: 46,44 86,84 of 128x128"}));
-}
-
 TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
   // One row whose objectness is the first plane's first value, and whose class scores are those of
   // the others.
@@ -117,17 +102,6 @@ TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
   bench.image.setTo(cv::Scalar(204, 51, 102));  // blue 0.8, green 0.2, red 0.4
   EXPECT_EQ(bench.run(), Texts{});
   EXPECT_EQ(told(bench.frame.objects), Texts{"red 1 0.8: 44,44 84,84 of 128x128"});
-}
-
-TEST(OvDetectYolo26, ScalesEachCornerAndKeepsRowOrder) {
-  Bench bench("YOLO26",
-              rowsNetwork({{1.4F, 2.6F, 10.3F, 20.2F, 0.5F, 1}, {0, 0, 10, 20, 0.9F, 0}, {-5, -5, 80, 80, 0.7F, 1}}),
-              {"a", "b"});
-  EXPECT_EQ(bench.run(), Texts{});
-  EXPECT_EQ(told(bench.frame.objects), (Texts{"b 1 0.5: 2,5 20,40 of 128x128", "a 0 0.9: 0,0 20,40 of 128x128",
-                                              "b 1 0.7: 0,0 128,128 of 128x128"}));
-  Bench bad("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}}), {"a"});
-  EXPECT_TRUE(bad.run().at(0).starts_with("[E]candidate 0 is out of range: 2.0"));
 }
 
 TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
@@ -185,6 +159,32 @@ std::string segmentationNetwork(const Table& rows, const std::vector<float>& pro
     return ov::OutputVector{floats({1, columns.size(), columns[0].size()}, flat(columns)),
                             floats({1, prototypes.size() / 192, 12, 16}, prototypes)};
   });
+}
+
+TEST(Detectors, RefuseTheFrameIfABoxLeavesInt32) {
+  // In a frame twice the size of the input, 2^30 becomes 2^31.
+  constexpr float kLarge = 1073741824.0F;
+  const auto linesOf = [](const std::string& name, const std::string& network) {
+    Bench bench(name, network, {"a"});
+    if (name == "YOLO8-POSE") bench.model.config.classCount = 0;
+    if (name == "YOLO8-Seg") bench.model.setInput(64, 48);
+    const Texts lines = bench.run();
+    EXPECT_TRUE(bench.frame.objects.empty()) << name;
+    return lines;
+  };
+  const Table large = {{kLarge, 10, 4, 4, 0.5F}, {10, 10, 4, 4, 0.9F}};
+  const Texts line = {"[E]candidate 0 is out of range: 2147483648.000000 16.000000 2147483648.000000 24.000000"};
+  EXPECT_EQ(linesOf("YOLO8", rowsNetwork(turned(large))), line);
+  EXPECT_EQ(linesOf("YOLO8-OBB", rowsNetwork(turned({{kLarge, 10, 4, 4, 0.5F, 0}, {10, 10, 4, 4, 0.9F, 0}}))), line);
+  EXPECT_EQ(linesOf("YOLO5", rowsNetwork({{kLarge, 10, 4, 4, 0.5F, 0.9F}, {10, 10, 4, 4, 0.9F, 0.9F}})), line);
+  EXPECT_EQ(linesOf("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}})).at(0).substr(0, 33),
+            "[E]candidate 0 is out of range: 2");
+  // The left edge fits, the right one does not.
+  EXPECT_EQ(linesOf("YOLO8-POSE", rowsNetwork(turned({{kLarge, 10, 512, 4, 0.5F}}))),
+            Texts{"[E]candidate 0 is out of range: 2147483136.000000 16.000000 2147484160.000000 24.000000"});
+  EXPECT_EQ(linesOf("YOLO8-Seg", segmentationNetwork({{2 * kLarge - 256, 10, 512, 4, 0.5F}}, prototypesOf({}))).size(), 1U);
+  EXPECT_EQ(linesOf("YOLO8-Seg", segmentationNetwork({{8, 8, 1.75F * kLarge, 16, 0.5F}}, prototypesOf({{{0, 0, 16, 12}}}))).size(),
+            1U);
 }
 
 TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {

@@ -202,7 +202,9 @@ TEST(Reference, MaskOutlinesAreTheSame) {
         fillSmoothly(cv::Mat(size, CV_32FC1, prototypes.data() + k * plane), random);
       }
       MaskCoefficients coefficients;
-      for (float& c : coefficients) c = random.uniform(-2.0F, 2.0F);
+      // Every fourth mask is close to one half everywhere, where the order of roundings decides.
+      const float strength = round % 4 == 3 ? 2e-7F : 2.0F;
+      for (float& c : coefficients) c = random.uniform(-strength, strength);
       const cv::Rect box(random.uniform(-20, input.width), random.uniform(-20, input.height),
                          random.uniform(0, input.width), random.uniform(0, input.height));
       const auto expected = reference::maskOutline({prototypes.data(), size}, coefficients, box, input);
@@ -223,7 +225,8 @@ TEST(Reference, TextRegionsAreTheSame) {
     TextBoxParams params;
     params.boxThreshold = random.uniform(0.1F, 0.7F);
     params.candidateLimit = round % 8 == 0 ? 2 : 1000;
-    const cv::Size frame(random.uniform(1, 2000), random.uniform(1, 2000));
+    // Every other frame is so flat that corners of a region share their height.
+    const cv::Size frame(random.uniform(1, 2000), random.uniform(1, round % 2 == 0 ? 2000 : 12));
     const cv::Size resized(random.uniform(1, 30) * 32, random.uniform(1, 30) * 32);
     const TextRegions expected = reference::extractTextBoxes(params, map, frame, resized);
     const TextRegions found = extractTextBoxes(params, map, frame, resized);

@@ -45,6 +45,8 @@ TEST(TextRegions, SmallOnesAreDropped) {
   TextBoxParams params;
   params.unclipRatio = 1.0F;  // the square stays below 5
   EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 4, 4}}), params), 0U);
+  params.unclipRatio = 0.5F;  // side 4 grows to 5, which is enough
+  EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 5, 5}}), params), 1U);
   params.minSize = 0;  // what has no sides cannot grow
   EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 1, 1}}), params), 0U);
 }
@@ -65,16 +67,6 @@ TEST(TextRegions, HolesCountAsContours) {
   TextBoxParams params;
   params.boxThreshold = 0.05F;
   EXPECT_EQ(count(map, params), 2U);
-}
-
-TEST(PolygonScore, AveragesInsideAndIsZeroOutside) {
-  cv::Mat map = cv::Mat::zeros(20, 20, CV_32FC1);
-  map(cv::Rect(0, 0, 10, 20)).setTo(1.0F);
-  EXPECT_EQ(polygonScore({{{5, 14}, {5, 5}, {14, 5}, {14, 14}}}, map), 0.5F);
-  EXPECT_EQ(polygonScore({{{-9, -2}, {-9, -9}, {-2, -9}, {-2, -2}}}, map), 0.0F);
-  EXPECT_EQ(polygonScore({{{30, 40}, {30, 30}, {40, 30}, {40, 40}}}, map), 0.0F);
-  EXPECT_EQ(polygonScore({{{5, 40}, {5, 30}, {14, 30}, {14, 40}}}, map), 0.0F);
-  EXPECT_EQ(polygonScore({{{-5, 24}, {-5, -5}, {24, -5}, {24, 24}}}, map), 0.5F);
 }
 
 }  // namespace

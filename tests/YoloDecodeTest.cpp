@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "Utils/Numbers.h"
 #include "support/TestHost.h"
 
@@ -41,17 +43,12 @@ TEST(FloatGrid, MaximaBelowZeroAndBesideNanAreFound) {
   EXPECT_EQ(firstMaximum(nullptr, 0), 0);
   const std::vector<float> zeros = {-1.0F, -0.0F, 0.0F};
   EXPECT_EQ(firstMaximum(zeros.data(), 3), 1);
-}
-
-TEST(Yolo8Decode, NoClassesNoColumnsAndANanThresholdGiveNothing) {
-  const std::vector<float> output = {1, 1, 1, 1, 1};
-  EXPECT_TRUE(decodeYolo8({output.data(), 4, 1}, 0, -1.0F).boxes.empty());
-  EXPECT_TRUE(decodeYolo8({output.data(), 5, 0}, 1, 0.1F).boxes.empty());
-  EXPECT_TRUE(decodeYolo8({output.data(), 5, 1}, 1, kNan).boxes.empty());
+  const std::vector<float> equal(1030, 1.0F);  // longer than a block of values that are searched at once
+  EXPECT_EQ(firstMaximum(equal.data(), 1030), 0);
 }
 
 TEST(Yolo8Decode, ABoxThatNoIntegerHoldsIsReportedOnlyWhenItsScorePasses) {
-  for (const float bad : {kNan, kInf, -kInf, 1e30F, -5e9F}) {
+  for (const float bad : {kNan, kInf, -kInf, 1e30F, -5e9F, 2147483648.0F}) {
     for (std::size_t row = 0; row < 4; ++row) {
       std::vector<float> output = {8, 8, 8, 8, 8, 8, 8, 8, 0.5F, 0.5F};
       output[row * 2 + 1] = bad;
@@ -73,6 +70,9 @@ TEST(OtherDecoders, ReportBadBoxesAndTakeNoCandidates) {
   EXPECT_TRUE(decodeYolo5({bad.data(), 1, 5}, 0, 0.0F, 0.0F).boxes.empty());
   const std::vector<float> pose = {5.3F, 5.3F, 3, 3, 0.5F};
   EXPECT_EQ(decodeYolo8Pose({pose.data(), 5, 1}, 0.25F, 1e30F).badBox->place, 0);
+  // (14 - 8 / 2) * 1.3 is 13; 14 * 1.3 - 8 * 1.3 / 2 comes out below it.
+  const std::vector<float> scaled = {14, 14, 8, 8, 0.5F};
+  EXPECT_EQ(decodeYolo8Pose({scaled.data(), 5, 1}, 0.25F, 1.3F).boxes.at(0), cv::Rect(13, 13, 10, 10));
   // The objectness may equal its threshold, the best class may not.
   const std::vector<float> equal = {10, 10, 5, 5, 0.5F, 0.3F, 10, 10, 5, 5, 0.9F, 0.25F};
   EXPECT_EQ(decodeYolo5({equal.data(), 2, 6}, 1, 0.5F, 0.25F).places, std::vector<int>{0});
@@ -97,6 +97,49 @@ TEST(Yolo26Decode, ABadNumberCountsOnlyWhereAnObjectWouldCome) {
   }
   const std::vector<float> bad[] = {{1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}, {1, 1, 2, 2, 0.5F, 1e30F}};
   for (const std::vector<float>& row : bad) EXPECT_TRUE(decodeYolo26({row.data(), 1, 6}, 1.0F, config, frame).badBox);
+}
+
+TEST(WantedObjects, RefusesCornersThatLeaveInt32) {
+  VsaModelConfig config;
+  config.classNames = {"a", "b"};
+  config.nmsThreshold = 0.5F;
+  VsaFrame frame;
+  frame.width = frame.height = 100;
+  frame.wantedClasses = {"a"};
+  const auto mapped = [&](const cv::Rect& box, float scale, int classId = 0) {
+    Candidates candidates;
+    candidates.add(1, 1, 2, 2, 0.9F, 0, 3);
+    candidates.add(static_cast<float>(box.x), static_cast<float>(box.y), static_cast<float>(box.width),
+                   static_cast<float>(box.height), 0.8F, classId, 7);
+    return wantedObjects(candidates, scale, config, frame);
+  };
+  constexpr int kLarge = 1 << 30;
+  const std::tuple<cv::Rect, float> bad[] = {{{kLarge, 0, 5, 5}, 2.0F},     {{0, -kLarge, 5, 5}, 2.5F},
+                                             {{10, 10, kLarge, 5}, 2.0F},   {{10, 10, 5, kLarge}, 2.0F},
+                                             {{kLarge, 0, kLarge, 5}, 1.0F}};
+  for (const auto& [box, scale] : bad) {
+    const FrameObjects found = mapped(box, scale);
+    ASSERT_TRUE(found.badBox.has_value()) << box;
+    EXPECT_EQ(found.badBox->place, 7);
+    EXPECT_FALSE(mapped(box, scale, 1).badBox) << "an unwanted object is not mapped";
+  }
+  const FrameObjects found = mapped({kLarge, -kLarge, 5, 5}, 1.999F);
+  EXPECT_EQ(found.objects.size(), 2U);
+  EXPECT_EQ(found.places, (std::vector<int>{3, 7}));
+}
+
+TEST(BadFarEdge, IsTheSumThatLeavesInt32) {
+  constexpr int kMax = std::numeric_limits<int>::max();
+  const auto isBad = [](const cv::Rect& box) {
+    Candidates candidates;
+    candidates.boxes = {box};
+    candidates.places = {0};
+    return badFarEdge(candidates, 0).has_value();
+  };
+  EXPECT_FALSE(isBad({1, 1, kMax - 1, 5}));
+  EXPECT_TRUE(isBad({2, 1, kMax - 1, 5}));
+  EXPECT_TRUE(isBad({1, 2, 5, kMax - 1}));
+  EXPECT_TRUE(isBad({-kMax, 1, -kMax, 5}));
 }
 
 }  // namespace

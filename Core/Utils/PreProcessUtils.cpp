@@ -8,6 +8,7 @@
 #include <limits>
 #include <new>
 #include <opencv2/imgproc.hpp>
+#include <string_view>
 #include <utility>
 
 #include "Utils/ByteTables.h"
@@ -211,18 +212,23 @@ int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpe
     return 0;
   }
   // A reply must not make the library throw.
+  const auto logMemory = [&reply] {
+    logError("reply takes too much memory,bytes=" + std::to_string(reply.size()));
+  };
   try {
     std::optional<MelSpectrogram> rows = parseSpectrogram(reply);
     if (!rows) return 0;
     matrix.insert(matrix.end(), std::make_move_iterator(rows->begin()),
                   std::make_move_iterator(rows->end()));
     return 1;
-  } catch (const Json::Exception&) {
-    return 0;  // nested deeper than the parser goes: not JSON for us
+  } catch (const Json::Exception& error) {
+    // jsoncpp throws this for a reply nested deeper than it reads, which is not JSON for us, and if
+    // it cannot allocate a text.
+    if (!std::string_view(error.what()).starts_with("Exceeded stackLimit")) logMemory();
   } catch (const std::bad_alloc&) {
-    logError("reply takes too much memory,bytes=" + std::to_string(reply.size()));
-    return 0;
+    logMemory();
   }
+  return 0;
 }
 
 }  // namespace TolCompatibleLib

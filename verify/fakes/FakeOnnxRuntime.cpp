@@ -1,7 +1,7 @@
 // ONNX Runtime's side of the library's calls. Every object handed out is allocated, so that one that is never released
 // shows as a leak.
 
-#include <onnxruntime_cxx_api.h>
+#include <onnxruntime_c_api.h>
 
 #include <algorithm>
 
@@ -17,6 +17,8 @@ struct OrtTypeInfo {
 struct OrtTensorTypeAndShapeInfo : OrtTypeInfo {};
 struct OrtValue {
   FakeOutput content;
+  const void* input = nullptr;
+  std::size_t inputBytes = 0;
 };
 
 namespace {
@@ -80,11 +82,13 @@ const OrtApi* api() {
       return std::ranges::copy(info->dimensions, out), OrtStatusPtr();
     };
     made.CreateCpuMemoryInfo = [](auto, auto, OrtMemoryInfo** out) noexcept { return make(out); };
-    made.CreateTensorWithDataAsOrtValue = [](auto, auto, auto, auto, auto, auto, OrtValue** out) noexcept {
-      return make(out);
+    made.CreateTensorWithDataAsOrtValue = [](auto, void* data, std::size_t bytes, auto, auto, auto,
+                                             OrtValue** out) noexcept {
+      return make<OrtValue>(out, {{}, data, bytes});
     };
-    made.Run = [](auto, auto, auto, auto, auto, auto, auto, OrtValue** out) noexcept {
+    made.Run = [](auto, auto, auto, const OrtValue* const* inputs, auto, auto, auto, OrtValue** out) noexcept {
       const EngineMemory own;
+      inputChecksum.add(inputs[0]->input, inputs[0]->inputBytes);
       return make<OrtValue>(out, {fakeNetwork.outputs[0]});
     };
     made.GetTensorTypeAndShape = [](const OrtValue* value, OrtTensorTypeAndShapeInfo** out) noexcept {
@@ -115,6 +119,10 @@ const OrtApi* api() {
 }  // namespace
 
 extern "C" const OrtApiBase* OrtGetApiBase() noexcept {
-  static const OrtApiBase base{[](std::uint32_t) noexcept { return api(); }, []() noexcept { return "fake"; }};
+  static const OrtApiBase base{[](std::uint32_t) noexcept -> const OrtApi* {
+                                 ++apiRequests;
+                                 return hasOldOnnxRuntime ? nullptr : api();
+                               },
+                               []() noexcept { return "0.1"; }};
   return &base;
 }

@@ -16,7 +16,7 @@ struct ITensor {
   void resize() {
     std::size_t count = 1;
     for (const std::size_t length : shape) count *= length;
-    memory.resize(count);
+    memory.resize(count, -12345.0F);  // what an engine's memory holds at first is arbitrary
   }
 };
 struct ICompiledModel {
@@ -131,6 +131,8 @@ void InferRequest::set_input_tensor(const Tensor& tensor) { _impl->input = tenso
 Tensor InferRequest::get_output_tensor() { return _impl->outputs.at(0); }
 Tensor InferRequest::get_output_tensor(std::size_t index) { return _impl->outputs.at(index); }
 void InferRequest::infer() {
+  const Tensor& input = _impl->input;
+  inputChecksum.add(input.data(element::dynamic), input.get_size() * (fakeNetwork.takesBytes ? 1 : sizeof(float)));
   for (std::size_t i = 0; i < _impl->outputs.size(); ++i)
     std::ranges::copy(fakeNetwork.outputs[i].numbers, _impl->outputs[i].data<float>());
 }
