@@ -1,9 +1,10 @@
-# Shared by the scripts beside it: where things are, how progress and failures are told. Sourced, not run.
+# Shared by the scripts: paths, progress and error messages, set-up steps, builds. Sourced, not run.
 # shellcheck shell=bash
 set -euo pipefail
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 deps=$project/.deps
+mkdir -p "$deps"
 export LC_ALL=C.UTF-8
 
 step() { printf '\n== %s\n' "$*"; }
@@ -12,8 +13,8 @@ die() {
   exit 1
 }
 
-# explain "$@": prints the comment block at the head of the calling script when --help is asked for.
-explain() {
+# handle_help "$@": if --help is among the arguments, prints the comment block at the head of the script and exits.
+handle_help() {
   case " $* " in
     *' --help '* | *' -h '*)
       sed -n '2,/^[^#]/{/^#/s/^# \{0,1\}//p}' "$0"
@@ -22,68 +23,69 @@ explain() {
   esac
 }
 
-# need_packages WHAT PACKAGE...: installs the Debian packages that are missing, or says which they are.
+# need_packages PURPOSE PACKAGE...: installs the Debian packages that are missing, or prints their names and fails.
 need_packages() {
-  local what=$1 missing=() package
+  local purpose=$1 missing=() package
   shift
   command -v dpkg-query >/dev/null ||
-    die "this is no Debian system; please install what these packages hold, $what: $*"
+    die "this is not a Debian system; please install the contents of these packages $purpose: $*"
   for package in "$@"; do
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   if [ "$(id -u)" -ne 0 ] || ! command -v apt-get >/dev/null; then
-    die "packages are missing, $what; please install them as root: apt-get install ${missing[*]}"
+    die "missing packages $purpose; please run as root: apt-get install ${missing[*]}"
   fi
-  step "Installing Debian packages ($what): ${missing[*]}"
-  apt-get update -qq || die 'the list of Debian packages could not be read'
+  step "Installing Debian packages $purpose: ${missing[*]}"
+  apt-get update -qq || die 'cannot update the package lists'
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
     >"$deps/apt.log" 2>&1 ||
-    { tail -n 20 "$deps/apt.log" >&2; die "Debian packages could not be installed (see $deps/apt.log)"; }
+    { tail -n 20 "$deps/apt.log" >&2; die "cannot install the Debian packages (see $deps/apt.log)"; }
 }
 
-# once NAME FILE...: true (and nothing to do) when step NAME was done with these very files.
-once() {
+# The Python that environments are made with: Debian's, if there is one.
+system_python() { if [ -x /usr/bin/python3 ]; then echo /usr/bin/python3; else echo python3; fi; }
+
+# is_done NAME FILE...: whether the set-up step NAME was completed with exactly these files.
+is_done() {
   local name=$1
   shift
-  [ -f "$deps/done/$name" ] && [ "$(cat "$deps/done/$name")" = "$(stamp "$@")" ]
+  [ -f "$deps/done/$name" ] && [ "$(cat "$deps/done/$name")" = "$(checksum "$@")" ]
 }
-stamp() { cat "$@" | sha256sum | cut -d' ' -f1; }
-done_with() {
+mark_done() {
   local name=$1
   shift
   mkdir -p "$deps/done"
-  stamp "$@" >"$deps/done/$name"
+  checksum "$@" >"$deps/done/$name"
 }
+checksum() { cat "$@" | sha256sum | cut -d' ' -f1; }
 
-mkdir -p "$deps"
-
-# build PRESET [TARGET...]: configures and builds, quietly unless it fails.
+# build PRESET [TARGET...]: configures and builds; prints the compiler's output only if that fails.
 build() {
   local preset=$1 log=$project/build/$1/build.log target
   shift
   mkdir -p "$project/build/$preset"
   step "Building ($preset)"
   cmake --preset "$preset" ${TOL_CMAKE_ARGUMENTS:-} >"$log" 2>&1 ||
-    { tail -n 30 "$log" >&2; die "CMake could not configure the build (see $log)"; }
+    { tail -n 30 "$log" >&2; die "CMake cannot configure the build (see $log)"; }
   local targets=()
   for target in "$@"; do targets+=(--target "$target"); done
-  cmake --build --preset "$preset" "${targets[@]}" 2>&1 | tee "$log" | progress ||
+  cmake --build --preset "$preset" "${targets[@]}" 2>&1 | tee "$log" | show_progress ||
     { grep -aE -A4 'error|FAILED|warning' "$log" | head -n 60 >&2; die "the build failed (see $log)"; }
 }
 
-# Ninja's counter on one line of a terminal, every tenth of the work elsewhere.
-progress() {
-  local line last=-1 share
+# Shows Ninja's counter: on one line of a terminal, or otherwise one line for each tenth of the work.
+show_progress() {
+  local line last=-1 tenth
   while IFS= read -r line; do
     [[ $line =~ ^\[([0-9]+)/([0-9]+)\] ]] || continue
     if [ -t 1 ]; then
       printf '\r%s\e[K' "${line:0:79}"
     else
-      share=$((10 * BASH_REMATCH[1] / BASH_REMATCH[2]))
-      [ "$share" -gt "$last" ] && printf '%s\n' "${BASH_REMATCH[0]}"
-      last=$share
+      tenth=$((10 * BASH_REMATCH[1] / BASH_REMATCH[2]))
+      [ "$tenth" -gt "$last" ] && printf '%s\n' "${BASH_REMATCH[0]}"
+      last=$tenth
     fi
   done
   [ -t 1 ] && printf '\r\e[K'

@@ -6,7 +6,6 @@
 #include <openvino/opsets/opset8.hpp>
 
 #include "Utils/MaskOutline.h"
-#include "support/Families.h"
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
 #include "support/TinyNetworks.h"
@@ -80,7 +79,7 @@ TEST(OvDetectYolo8, SuppressesAcrossClassesThenFiltersAndAppends) {
 TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
   // Red is where the boxes are, green how large, blue their scores; a byte of 2 stands for NaN, the others for small
   // numbers.
-  Bench bench("YOLO8", writeFamily(*std::ranges::find(kFamilies, std::string("YOLO8"), &Family::name)), {"a", "b"});
+  Bench bench("YOLO8", writeFamilyNetwork(findFamily("OpenVINO", "Detect", "YOLO8")), {"a", "b"});
   bench.model.setInput(8, 6);
   bench.image.setTo(cv::Scalar(255, 20, 2));
   EXPECT_TRUE(bench.run().at(0).starts_with("[E]candidate 0 is out of range: "));

@@ -1,6 +1,7 @@
-// Everything that takes numbers or records from outside, fed with arbitrary ones: libFuzzer chooses the bytes,
-// `--target=NAME` what they are handed to. A target ends in a trap, a sanitizer's report or a foreign exception where
-// the library does what its headers exclude.
+// Everything that takes numbers or records from outside, fed with arbitrary ones: libFuzzer chooses
+// the bytes,
+// `--target=NAME` what they are handed to. A target ends in a trap, a sanitizer's report or a
+// foreign exception where the library does what its headers exclude.
 
 #include <glog/logging.h>
 #include <json/json.h>
@@ -9,7 +10,7 @@
 #include <array>
 #include <bit>
 #include <cmath>
-#include <cstring>
+#include <map>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <string_view>
@@ -20,9 +21,9 @@
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
 #include "Utils/YoloDecode.h"
-#include "support/Families.h"
-#include "verify/Fuzz.h"
 #include "support/TestHost.h"
+#include "support/TinyNetworks.h"
+#include "verify/Fuzz.h"
 
 using namespace TolCompatibleLib;
 
@@ -32,8 +33,8 @@ void require(bool holds) {
   if (!holds) __builtin_trap();
 }
 
-/// The bytes of one case, and after them others that follow from them. (Braces where several are read: in them,
-/// compilers agree on the order.)
+/// The bytes of one case, and after them others that follow from them. (Braces where several are
+/// read: in them, compilers agree on the order.)
 class Reader {
  public:
   Reader(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {
@@ -53,7 +54,7 @@ class Reader {
   bool oneIn(int count) { return byte() % count == count - 1; }
   float number() {
     const std::uint8_t kind = byte();
-    return kind == 127 ? std::bit_cast<float>(word()) : numberTable()[kind];
+    return kind == 127 ? std::bit_cast<float>(word()) : byteNumbers()[kind];
   }
   std::vector<float> numbers(std::size_t count) {
     std::vector<float> made(count);
@@ -63,7 +64,10 @@ class Reader {
   /// A coordinate: near a small picture, or anywhere.
   int edge() {
     const int kind = byte();
-    return kind < 240 ? kind - 80 : static_cast<int>(kind < 250 ? word() : kind % 2 == 0 ? 0x7FFFFFFFU : 0x80000000U);
+    return kind < 240 ? kind - 80
+                      : static_cast<int>(kind < 250      ? word()
+                                         : kind % 2 == 0 ? 0x7FFFFFFFU
+                                                         : 0x80000000U);
   }
   cv::Rect box() { return {edge(), edge(), edge(), edge()}; }
   cv::Size size(int most) { return {1 + upTo(most - 1), 1 + upTo(most - 1)}; }
@@ -74,13 +78,16 @@ class Reader {
   }
   std::vector<std::string> names() {
     std::vector<std::string> made(static_cast<std::size_t>(upTo(5)));
-    for (std::string& name : made) name = oneIn(3) ? text() : std::string(1, static_cast<char>('a' + upTo(2)));
+    for (std::string& name : made)
+      name = oneIn(3) ? text() : std::string(1, static_cast<char>('a' + upTo(2)));
     return made;
   }
   std::string rest() const { return {next_, end_}; }
 
  private:
-  static std::uint64_t mixed(std::uint64_t state) { return state * 6364136223846793005U + 1442695040888963407U; }
+  static std::uint64_t mixed(std::uint64_t state) {
+    return state * 6364136223846793005U + 1442695040888963407U;
+  }
 
   const std::uint8_t* next_;
   const std::uint8_t* end_;
@@ -120,7 +127,8 @@ struct Scene {
 
 void check(const std::vector<VsaObject>& objects, cv::Size frame) {
   for (const VsaObject& object : objects) {
-    require(object.left >= 0 && object.top >= 0 && object.right <= frame.width && object.bottom <= frame.height);
+    require(object.left >= 0 && object.top >= 0 && object.right <= frame.width &&
+            object.bottom <= frame.height);
     require(object.classId >= 0);
   }
 }
@@ -160,11 +168,13 @@ void yolo5(Reader& in) {
 
 void yolo8(Reader& in) {
   const int classes = in.upTo(6);
-  const bool isLong = in.oneIn(16);  // longer than the blocks of columns that are looked at together
+  const bool isLong =
+      in.oneIn(16);  // longer than the blocks of columns that are looked at together
   const int count = in.upTo(24) + (isLong ? 500 : 0);
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * (classes + 4)));
-  const Candidates found = decodeYolo8({numbers.data(), classes + 4, count}, classes, scene.config.scoreThreshold);
+  const Candidates found =
+      decodeYolo8({numbers.data(), classes + 4, count}, classes, scene.config.scoreThreshold);
   if (!isLong) mapped(found, scene);
 }
 
@@ -201,13 +211,15 @@ void suppression(Reader& in) {
 
 void outline(Reader& in) {
   const cv::Size mask = in.size(6);
-  const cv::Size input = in.oneIn(2) ? in.size(64) : cv::Size{mask.width << in.upTo(3), mask.height << in.upTo(3)};
+  const cv::Size input =
+      in.oneIn(2) ? in.size(64) : cv::Size{mask.width << in.upTo(3), mask.height << in.upTo(3)};
   const cv::Rect box = in.box();
   MaskCoefficients coefficients;
   for (float& value : coefficients) value = in.number();
   const auto numbers = in.numbers(kMaskCoefficients * static_cast<std::size_t>(mask.area()));
   std::vector<std::uint8_t> memory;
-  for (const cv::Point& point : maskOutline({numbers.data(), mask}, coefficients, box, input, memory)) {
+  for (const cv::Point& point :
+       maskOutline({numbers.data(), mask}, coefficients, box, input, memory)) {
     require(cv::Rect({0, 0}, input).contains(point));
   }
 }
@@ -219,7 +231,8 @@ void regions(Reader& in) {
   const cv::Size frame = in.size(200);
   const cv::Size resized = in.size(200);
   auto numbers = in.numbers(static_cast<std::size_t>(size.area()));
-  const TextRegions found = extractTextBoxes(params, cv::Mat(size, CV_32FC1, numbers.data()), frame, resized);
+  const TextRegions found =
+      extractTextBoxes(params, cv::Mat(size, CV_32FC1, numbers.data()), frame, resized);
   require(found.regions.size() == found.scores.size());
   for (const TextRegion& region : found.regions) {
     for (const cv::Point2f& corner : region)
@@ -231,7 +244,8 @@ void regions(Reader& in) {
 void polygon(Reader& in) {
   const cv::Size size = in.size(24);
   std::array<cv::Point2f, 4> corners;
-  // Corners come from contours of the map. Farther out, OpenCV takes minutes to fill the rows in between.
+  // Corners come from contours of the map. Farther out, OpenCV takes minutes to fill the rows in
+  // between.
   const auto near = [&in] {
     const float value = in.number();
     return std::fabs(value) > 1000.0F ? NAN : value;
@@ -242,7 +256,8 @@ void polygon(Reader& in) {
 }
 
 void ctc(Reader& in) {
-  const CharacterDictionary dictionary = in.oneIn(2) ? CharacterDictionary::builtIn() : CharacterDictionary(in.names());
+  const CharacterDictionary dictionary =
+      in.oneIn(2) ? CharacterDictionary::builtIn() : CharacterDictionary(in.names());
   const cv::Size size{in.upTo(40), in.upTo(12)};
   const auto numbers = in.numbers(static_cast<std::size_t>(size.area()));
   const std::string text = CtcGreedyDecode({numbers.data(), size.height, size.width}, dictionary);
@@ -261,7 +276,8 @@ void ocr(Reader& in) {
 void score(Reader& in) {
   const auto scores = in.numbers(in.byte());
   const ClassScore best = bestClass(scores);
-  require(best.classId >= (scores.empty() ? -1 : 0) && best.classId < static_cast<int>(std::max(scores.size(), 1UL)));
+  require(best.classId >= (scores.empty() ? -1 : 0) &&
+          best.classId < static_cast<int>(std::max(scores.size(), 1UL)));
   require(std::isnan(best.score) || (best.score >= 0 && best.score <= 1) ||
           std::ranges::all_of(scores, [](float s) { return !(s > 0); }));
 }
@@ -269,14 +285,16 @@ void score(Reader& in) {
 void spectrogram(Reader& in) {
   const bool raw = in.oneIn(4);
   const std::string text =
-      raw ? in.rest() : R"({"code":1000,"msg":"","mels":1,"time_steps":2,"mel_spec":)" + in.rest() + "}";
+      raw ? in.rest()
+          : R"({"code":1000,"msg":"","mels":1,"time_steps":2,"mel_spec":)" + in.rest() + "}";
   try {
     const auto rows = parseSpectrogram(text);
     for (const auto& row : rows.value_or(MelSpectrogram())) {
       for (const float value : row) require(std::isfinite(value));
     }
   } catch (const Json::Exception&) {
-    require(std::ranges::count_if(text, [](char c) { return c == '[' || c == '{'; }) > 500);  // nested too deep
+    require(std::ranges::count_if(text, [](char c) { return c == '[' || c == '{'; }) >
+            500);  // nested too deep
   }
 }
 
@@ -306,55 +324,67 @@ void preparations(Reader& in) {
   const Pixels pixels(in, in.size(32));
   VsaObject object;
   for (int* edge : {&object.left, &object.top, &object.right, &object.bottom}) *edge = in.edge();
-  const auto inside = [](int from, int to, int length) { return from >= 0 && to >= from && to <= length; };
+  const auto inside = [](int from, int to, int length) {
+    return from >= 0 && to >= from && to <= length;
+  };
   cv::Mat region;
-  throwsWhere(
-      !inside(object.left, object.right, pixels.image.cols) || !inside(object.top, object.bottom, pixels.image.rows),
-      [&] { region = regionOf(pixels.image, object); });
+  throwsWhere(!inside(object.left, object.right, pixels.image.cols) ||
+                  !inside(object.top, object.bottom, pixels.image.rows),
+              [&] { region = regionOf(pixels.image, object); });
   if (region.empty()) region = pixels.image;
   std::vector<float> planes(static_cast<std::size_t>(size.area()) * 3);
   fillClassifierPlanes(region, size, planes.data());
   fillTextPlanes(region, size, planes.data());
   PrepareTextLine(region, size, planes.data());
   PrepareOcrInput(region, size, planes.data());
-  const float ratio = static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
-  const auto side = [&](int length) { return static_cast<int>(std::round(static_cast<float>(length) * ratio)); };
-  const bool refused = side(region.rows) > size.height || side(region.rows) < 1 || side(region.cols) < 1;
+  const float ratio =
+      static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
+  const auto side = [&](int length) {
+    return static_cast<int>(std::round(static_cast<float>(length) * ratio));
+  };
+  const bool refused =
+      side(region.rows) > size.height || side(region.rows) < 1 || side(region.cols) < 1;
   throwsWhere(refused, [&] { FitToInput(region, size, planes.data()); });
   throwsWhere(refused, [&] { FitToInputNormalized(region, size, planes.data()); });
   const cv::Size frame = in.size(256);
   const cv::Size shrunk = textInputSize(frame, in.word() >> in.upTo(31));
-  require(shrunk.width % 32 == 0 && shrunk.height % 32 == 0 && shrunk.width >= 32 && shrunk.height >= 32);
+  require(shrunk.width % 32 == 0 && shrunk.height % 32 == 0 && shrunk.width >= 32 &&
+          shrunk.height >= 32);
 }
 
-TestModel& opened(std::size_t family) {
-  static std::vector<std::unique_ptr<TestModel>> models(kFamilies.size());
-  std::unique_ptr<TestModel>& model = models[family];
+/// The model of a family on OpenVINO, opened at the first call.
+TestModel& openModel(const Family& family) {
+  static std::map<std::string, std::unique_ptr<TestModel>> models;
+  std::unique_ptr<TestModel>& model = models[titleOf(family)];
   if (!model) {
-    const Family& row = kFamilies[family];
-    model = std::make_unique<TestModel>(row.category, row.name, writeFamily(row));
-    model->setInput(static_cast<std::uint32_t>(row.input.width), static_cast<std::uint32_t>(row.input.height));
+    model = std::make_unique<TestModel>(family.category, family.name, writeFamilyNetwork(family));
+    model->setInput(static_cast<std::uint32_t>(family.input.width),
+                    static_cast<std::uint32_t>(family.input.height));
     require(model->init());
   }
   return *model;
 }
 
 VsaObject object(Reader& in) {
-  VsaObject made{64, 64, in.upTo(40), in.upTo(40), in.upTo(60), in.upTo(60), in.number(), in.edge(), in.text()};
-  for (int* edge : {&made.left, &made.top, &made.right, &made.bottom}) *edge = in.oneIn(8) ? in.edge() : *edge;
-  for (int* edge : {&made.cornerX2, &made.cornerY2, &made.cornerX3, &made.cornerY3}) *edge = in.upTo(40) - 1;
+  VsaObject made{64,          64,          in.upTo(40), in.upTo(40), in.upTo(60),
+                 in.upTo(60), in.number(), in.edge(),   in.text()};
+  for (int* edge : {&made.left, &made.top, &made.right, &made.bottom})
+    *edge = in.oneIn(8) ? in.edge() : *edge;
+  for (int* edge : {&made.cornerX2, &made.cornerY2, &made.cornerX3, &made.cornerY3})
+    *edge = in.upTo(40) - 1;
   return made;
 }
 
-/// A record for the entry points; its pixels are as many as it says or, where it must be refused, one byte.
-void record(Reader& in, std::size_t family, bool isSane) {
-  TestModel& model = opened(family);
+/// A record for the entry points; its pixels are as many as it says or, where it must be refused,
+/// one byte.
+void record(Reader& in, const Family& family, bool isSane) {
+  TestModel& model = openModel(family);
   fill(in, model.config);
   if (isSane) model.config.classCount = 2;
-  const bool isText = kFamilies[family].output.empty();
+  const bool isText = family.outputs.empty();
   if (isText) model.config.inputWidth = in.word() >> in.upTo(31);
   VsaFrame frame;
-  const cv::Size size = in.oneIn(2) && !isText ? kFamilies[family].input : in.size(40);
+  const cv::Size size = in.oneIn(2) && !isText ? family.input : in.size(40);
   const Pixels pixels(in, size);
   frame.data = const_cast<std::uint8_t*>(pixels.bytes.data());
   frame.width = static_cast<std::uint32_t>(size.width);
@@ -385,7 +415,7 @@ void record(Reader& in, std::size_t family, bool isSane) {
     require(!VsaModelInit(&other));
   }
   const std::size_t before = frame.objects.size();
-  const bool isDetector = std::strcmp(kFamilies[family].category, "Detect") == 0;
+  const bool isDetector = family.category == "Detect";
   const bool mayThrow = !isDetector || thresholdsRefused(model.config);
   bool done = false;
   try {
@@ -401,6 +431,22 @@ void record(Reader& in, std::size_t family, bool isSane) {
   }
   VsaModelRelease(&other);
 }
+
+/// A frame that the host fills as it should, for a detector.
+template <const char* name>
+void detectorRecord(Reader& in) {
+  record(in, findFamily("OpenVINO", "Detect", name), true);
+}
+
+/// Any record, for any family.
+void anyRecord(Reader& in) {
+  static const std::vector<Family> kFamilies = familiesOn("OpenVINO");
+  record(in, kFamilies[in.byte() % kFamilies.size()], false);
+}
+
+constexpr char kObb[] = "YOLO8-OBB";
+constexpr char kPose[] = "YOLO8-POSE";
+constexpr char kSeg[] = "YOLO8-Seg";
 
 struct Target {
   std::string_view name;
@@ -421,10 +467,10 @@ constexpr Target kTargets[] = {{"yolo5", yolo5},
                                {"request", request},
                                {"letterbox", letterboxes},
                                {"preparation", preparations},
-                               {"oriented", [](Reader& in) { record(in, 0, true); }},
-                               {"pose", [](Reader& in) { record(in, 1, true); }},
-                               {"segments", [](Reader& in) { record(in, 2, true); }},
-                               {"records", [](Reader& in) { record(in, in.byte() % kFamilies.size(), false); }}};
+                               {"oriented", detectorRecord<kObb>},
+                               {"pose", detectorRecord<kPose>},
+                               {"segments", detectorRecord<kSeg>},
+                               {"records", anyRecord}};
 
 const Target* chosen = nullptr;
 

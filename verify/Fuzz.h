@@ -5,7 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-/// Makes `name` the target of what follows; false, after a list of the targets, where there is no such one.
+/// Makes `name` the target of what follows; false, after a list of the targets, where there is no
+/// such one.
 bool chooseTarget(std::string_view name);
 
 /// Quiet logs, one thread in OpenCV. LLVMFuzzerInitialize does it too.

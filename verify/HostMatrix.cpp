@@ -1,10 +1,11 @@
 // A host with nothing but the public header and the engines' exception types. verify/hosts compiles
-// it with each compiler and calls it once for each way of loading the library, ctest for two of them.
+// it with each compiler and calls it once for each way of loading the library, ctest for two of
+// them.
 //
 // Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
 //
-// NETWORKS holds yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what went wrong and,
-// as its last line, how many expectations held; the exit code is 0 when all did.
+// NETWORKS holds yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what went wrong
+// and, as its last line, how many expectations held; the exit code is 0 when all did.
 #define ORT_API_MANUAL_INIT  // the types alone: ONNX Runtime is not linked
 #include <dlfcn.h>
 #include <glog/logging.h>
@@ -30,7 +31,9 @@ void expect(bool right, const std::string& what) {
 
 struct Library {
   Library(const char* file, const std::string& mode) {
-    const int flags = mode == "global" ? RTLD_GLOBAL : mode == "deepbind" ? RTLD_LOCAL | RTLD_DEEPBIND : RTLD_LOCAL;
+    const int flags = mode == "global"     ? RTLD_GLOBAL
+                      : mode == "deepbind" ? RTLD_LOCAL | RTLD_DEEPBIND
+                                           : RTLD_LOCAL;
     // A linked library is there already, among the symbols of the program itself.
     handle = dlopen(mode == "linked" ? nullptr : file, RTLD_NOW | flags);
     if (handle == nullptr) throw std::runtime_error(dlerror());
@@ -57,8 +60,8 @@ struct Library {
 
 /// The host's own log: counts the library's lines.
 struct Sink : google::LogSink {
-  void send(google::LogSeverity, const char* file, const char*, int, const google::LogMessageTime&, const char*,
-            size_t) override {
+  void send(google::LogSeverity, const char* file, const char*, int, const google::LogMessageTime&,
+            const char*, size_t) override {
     lines += std::string(file).starts_with("Core/");
   }
   std::atomic<int> lines = 0;
@@ -117,15 +120,19 @@ void check(const Library& library, const std::string& networks) {
     frame.data = pixels.data();
     frame.width = frame.height = 64;
     frame.wantedClasses = {"a", "b"};
-    expect(library.init(&model.context) && library.detect(&model.context, &frame), engine + " runs");
-    expect(frame.objects.size() == 2 && frame.objects[0].className == "b", engine + " finds the two objects");
+    expect(library.init(&model.context) && library.detect(&model.context, &frame),
+           engine + " runs");
+    expect(frame.objects.size() == 2 && frame.objects[0].className == "b",
+           engine + " finds the two objects");
     library.release(&model.context);
     library.release(&model.context);
     expect(model.context.models == nullptr, engine + " is released, twice");
-    expect(!library.detect(&model.context, &frame) && frame.objects.size() == 2, engine + " is not run after that");
+    expect(!library.detect(&model.context, &frame) && frame.objects.size() == 2,
+           engine + " is not run after that");
   }
   google::RemoveLogSink(&sink);
-  expect(sink.lines >= 10, "the host's sink got " + std::to_string(sink.lines) + " lines of the library");
+  expect(sink.lines >= 10,
+         "the host's sink got " + std::to_string(sink.lines) + " lines of the library");
 }
 
 }  // namespace

@@ -15,7 +15,8 @@ int main(int argc, char** argv) {
   for (const auto& folder : std::filesystem::directory_iterator(argv[1])) {
     if (!chooseTarget(folder.path().filename().string())) return 1;
     for (const auto& file : std::filesystem::directory_iterator(folder)) {
-      std::printf("%s\n", file.path().c_str());  // the last line names the input that ends the program
+      std::printf("%s\n",
+                  file.path().c_str());  // the last line names the input that ends the program
       std::fflush(stdout);
       std::ifstream stream(file.path(), std::ios::binary);
       const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});

@@ -1,9 +1,9 @@
-// What a host relies on over time: every model made and released again and again, run thousands of
-// times, run by many threads. Scripts of verify/ call it.
+// Long checks of every model: opened and released many times, run thousands of times, run by many threads. Scripts of this
+// folder call it.
 //
 // Usage: Verify (lifecycles | soak | threads) [SECONDS]
 //
-// The last line printed is the check's name and figure; the exit code is 0 when all was right.
+// The last line printed is the name of the check and its figure; the exit code is 0 if no fault was found.
 
 #include <glog/logging.h>
 #include <malloc.h>
@@ -20,9 +20,9 @@
 #include <sstream>
 #include <thread>
 
-#include "support/Families.h"
 #include "support/LoopbackServer.h"
 #include "support/TestHost.h"
+#include "support/TinyNetworks.h"
 
 namespace {
 
@@ -42,14 +42,12 @@ struct Row {
   bool tiny = true;
 };
 
-/// Every row of the library's table, and the real text models where they are there.
+/// Every row of the library's table, and the real text models if they are installed.
 std::vector<Row> makeRows() {
   std::vector<Row> rows;
-  for (const Family& family : kFamilies) {
-    rows.push_back({"OpenVINO", family.category, family.name, family.input, {"a", "b"}, writeFamily(family)});
-  }
-  for (const std::string name : {"5", "8", "26"}) {
-    rows.push_back({"ONNXRuntime", "Detect", "YOLO" + name, {64, 64}, {"a", "b"}, kOnnx + "yolo" + name + ".onnx"});
+  for (const Family& family : families()) {
+    rows.push_back({family.engine, family.category, family.name, family.input, family.classNames,
+                    networkOf(family, TOL_ONNX_NETWORKS)});
   }
   if (std::filesystem::exists(kTextModels + "detection.xml")) {
     rows.push_back({"OpenVINO", "Detect", "PaddleOCR", {640, 0}, {"text"}, kTextModels + "detection", false});
@@ -62,8 +60,8 @@ std::string titleOf(const Row& row) {
   return row.engine + " " + row.category + " " + row.name + (row.tiny ? "" : " (real)");
 }
 
-/// What a host hands to any of the models: a picture with bars, a word and three objects; a sound. The bytes of its
-/// colours stand for scores and for coordinates in the tiny networks (Families.h).
+/// A frame that every model accepts: an image with bars, a word and three objects, and a block of audio. The bytes of its
+/// colours select scores and coordinates in the tiny networks (writeFamilyNetwork).
 struct Input {
   explicit Input(int width = 128, int height = 96) : image(height, width, CV_8UC3, cv::Scalar::all(80)) {
     for (int y = 8; y + 12 <= height; y += 24) {
@@ -72,13 +70,13 @@ struct Input {
     cv::putText(image, "TEXT", {8, height / 2}, cv::FONT_HERSHEY_SIMPLEX, 1.2, cv::Scalar::all(255), 2);
     frame = frameOf(image, {"a", "b", "c", "text"});
     frame.wantedLabels = frame.wantedClasses;
-    frame.audioData = sound;
-    frame.audioFrameSize = sizeof sound;
+    frame.audioData = audio;
+    frame.audioFrameSize = sizeof audio;
     frame.audioSampleRate = 48000;
     for (int i = 0; i < 3; ++i) frame.objects.emplace_back(width, height, 8 * i, 6, 8 * i + 40, 40, 0.5F, i, "a");
   }
   cv::Mat image;
-  std::uint8_t sound[64] = {1, 2, 3};
+  std::uint8_t audio[64] = {1, 2, 3};
   VsaFrame frame;
 };
 
@@ -102,8 +100,8 @@ struct Model : TestModel {
 
 // --- Measuring --------------------------------------------------------------------------------
 
-/// Resident memory in KB, after free blocks went back to the system.
-double resident() {
+/// Resident memory in KB, after free blocks were returned to the system.
+double residentMemory() {
   malloc_trim(0);
   long pages = 0;
   std::ifstream("/proc/self/statm") >> pages >> pages;
@@ -136,8 +134,8 @@ double median(std::vector<double> values) {
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
 }
-/// Growth a sample over the second half: the median of all slopes between two samples. A leak shows
-/// in most of them, a single block that the allocator takes or gives back in few.
+/// Growth per sample over the second half: the median of all slopes between two samples. A leak changes most of the
+/// slopes, a single block that the allocator takes or returns only a few.
 double slope(const std::vector<double>& samples) {
   std::vector<double> slopes;
   for (std::size_t i = samples.size() / 2; i < samples.size(); ++i) {
@@ -155,15 +153,15 @@ double growth(const std::vector<double>& samples) {
   return median({samples.end() - tenth, samples.end()}) - median({middle, middle + tenth});
 }
 
-/// Shares out the seconds given among the parts of a check; without any, parts run to their end.
+/// Divides a time limit among the parts of a check; without a limit, parts run to their end.
 class Shares {
  public:
   Shares(double seconds, std::size_t parts) : seconds_(seconds), parts_(static_cast<double>(parts)) {}
   void next() { ++part_; }
-  /// Whether the part goes on after `done` rounds out of `most`, of which `least` are always made.
-  bool more(int done, int least, int most) const {
+  /// Whether the part continues after `done` rounds: always below `min`, never from `max` on.
+  bool more(int done, int min, int max) const {
     const std::chrono::duration<double> spent = Clock::now() - start_;
-    return done < most && (done < least || seconds_ <= 0 || spent.count() < seconds_ * part_ / parts_);
+    return done < max && (done < min || seconds_ <= 0 || spent.count() < seconds_ * part_ / parts_);
   }
 
  private:
@@ -178,20 +176,20 @@ void expect(bool right, const std::string& what) {
   std::cout << "FAULT: " << what << std::endl;
 }
 
-std::string rounded(double value, int digits = 2) {
+std::string formatNumber(double value, int digits = 2) {
   std::ostringstream text;
   text << std::fixed << std::setprecision(digits) << value;
   return text.str();
 }
-/// "least to most", or the one number that both are.
-std::string range(int least, int most) {
-  return std::to_string(least) + (least == most ? "" : " to " + std::to_string(most));
+/// "min to max", or one number if both are the same.
+std::string formatRange(int min, int max) {
+  return std::to_string(min) + (min == max ? "" : " to " + std::to_string(max));
 }
 
 // --- The checks -------------------------------------------------------------------------------
 
 std::string lifecycles(const std::vector<Row>& rows, double seconds) {
-  // Half a file of each kind, beside the whole ones.
+  // One file of each kind, cut in half.
   const std::string broken = rows.at(0).network + "broken";
   for (const auto& [from, to] :
        {std::pair{rows.at(0).network + ".xml", broken + ".xml"}, {kOnnx + "yolo8.onnx", broken}}) {
@@ -208,40 +206,40 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
                   {"unknown name", "OpenVINO", "YOLO0", rows.at(0).network}};
   const Input input;
   Shares shares(seconds, rows.size() + std::size(failures));
-  double worst = 0;
+  double maxGrowth = 0;
   int fewest = 200;
   int fewestFailures = 400;
-  const auto part = [&](const std::string& title, int few, int most, int& fewestDone, const auto& cycle) {
+  const auto runPart = [&](const std::string& title, int min, int max, int& fewestDone, const auto& cycle) {
     shares.next();
-    for (int i = 0; i < 3; ++i) cycle();  // what is set up once and kept
+    for (int i = 0; i < 3; ++i) cycle();  // initialises what is kept
     const Counts before = settledCounts();
     std::vector<double> samples;
     int done = 0;
     double grown = 0;
-    // Over a few cycles, blocks that the allocator keeps look like growth: what seems to grow is
-    // cycled twice as often, and again, to twice the full count.
-    for (int least = few; done == 0 || (grown >= 1 && least <= 2 * most); least = 2 * done) {
-      for (; shares.more(done, least, std::max(least, most)); ++done) {
+    // Over a few cycles, blocks that the allocator keeps look like growth. A part that seems to grow runs twice as many
+    // cycles, repeatedly, up to twice the full count.
+    for (int count = min; done == 0 || (grown >= 1 && count <= 2 * max); count = 2 * done) {
+      for (; shares.more(done, count, std::max(count, max)); ++done) {
         cycle();
-        samples.push_back(resident());
+        samples.push_back(residentMemory());
       }
       grown = slope(samples);
     }
-    std::cout << title << ": " << done << " cycles, " << rounded(grown) << " KB a cycle, " << rounded(samples.back(), 0)
+    std::cout << title << ": " << done << " cycles, " << formatNumber(grown) << " KB a cycle, " << formatNumber(samples.back(), 0)
               << " KB" << std::endl;
     expect(grown < 1, title + " grows");
     const Counts after = settledCounts();
     expect(after == before, title + " leaves threads or files: " + std::to_string(before.first) + " and " +
                                 std::to_string(before.second) + " before, " + std::to_string(after.first) + " and " +
                                 std::to_string(after.second) + " after");
-    worst = std::max(worst, grown);
+    maxGrowth = std::max(maxGrowth, grown);
     fewestDone = std::min(fewestDone, done);
   };
   for (const Row& row : rows) {
-    part(titleOf(row), row.tiny ? 100 : 40, 200, fewest, [&] { Model(row).runOn(input); });
+    runPart(titleOf(row), row.tiny ? 100 : 40, 200, fewest, [&] { Model(row).runOn(input); });
   }
   for (const auto& failure : failures) {
-    part(failure.engine + " " + failure.what, 100, 400, fewestFailures, [&] {
+    runPart(failure.engine + " " + failure.what, 100, 400, fewestFailures, [&] {
       TestModel model("Detect", failure.modelName, failure.network);
       model.config.engine = failure.engine;
       model.config.device = failure.device;
@@ -253,54 +251,54 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
       expect(!opened, failure.what + " was opened");
     });
   }
-  return std::to_string(rows.size()) + " models x " + range(fewest, 200) + " cycles, " +
-         std::to_string(std::size(failures)) + " failing inits x " + range(fewestFailures, 400) + ", at most " +
-         rounded(worst) + " KB a cycle, no thread or file left";
+  return std::to_string(rows.size()) + " models x " + formatRange(fewest, 200) + " cycles, " +
+         std::to_string(std::size(failures)) + " failing inits x " + formatRange(fewestFailures, 400) + ", at most " +
+         formatNumber(maxGrowth) + " KB a cycle, no thread or file left";
 }
 
 std::string soak(const std::vector<Row>& rows, double seconds) {
   const Input plain;
   std::vector<Input> sizes;
   for (int i = 0; i < 25; ++i) sizes.emplace_back(160 + 64 * (i % 5), 160 + 64 * (i / 5));
-  // A vector's elements moved; each frame's sound is to be its own.
-  for (Input& input : sizes) input.frame.audioData = input.sound;
+  // The vector may have moved its elements, so each frame is pointed to its own audio again.
+  for (Input& input : sizes) input.frame.audioData = input.audio;
   Shares shares(seconds, rows.size());
-  double worst = 0;
+  double maxGrowth = 0;
   double runs = 0;
   int fewest = 20000;
-  int others = 0;
+  int differentResults = 0;
   for (const Row& row : rows) {
     shares.next();
     const bool anySize = row.category == "Detect" && row.name == "PaddleOCR";
-    const int most = row.tiny ? 20000 : 2000;
+    const int max = row.tiny ? 20000 : 2000;
     Model model(row);
     std::vector<double> samples;
     Strings first;  // of each size
     int done = 0;
     int different = 0;
-    // The plateau of the real detector is reached after some eight rounds of its 25 sizes.
-    const int least = row.tiny || anySize ? 500 : 200;
-    for (; shares.more(done, least, most); ++done) {
+    // The memory of the real detector stops growing after about eight rounds of its 25 sizes.
+    const int min = row.tiny || anySize ? 500 : 200;
+    for (; shares.more(done, min, max); ++done) {
       const std::size_t size = anySize ? static_cast<std::size_t>(done) % sizes.size() : 0;
       const std::string result = bytesOf(model.runOn(anySize ? sizes[size] : plain));
       if (first.size() == size) first.push_back(result);
       different += result != first[size];
-      if (done % 25 == 24) samples.push_back(resident());
+      if (done % 25 == 24) samples.push_back(residentMemory());
     }
     const double grown = growth(samples);
-    std::cout << titleOf(row) << ": " << done << " runs, " << rounded(grown, 0) << " KB in the second half, "
-              << rounded(samples.back(), 0) << " KB, " << different << " differ" << std::endl;
+    std::cout << titleOf(row) << ": " << done << " runs, " << formatNumber(grown, 0) << " KB in the second half, "
+              << formatNumber(samples.back(), 0) << " KB, " << different << " differ" << std::endl;
     expect(grown < (row.tiny ? 256 : 1024), titleOf(row) + " grows");
     expect(different == 0, titleOf(row) + " gives other results for the same frame");
     expect(bytesOf(model.runOn(plain)) != bytesOf(plain.frame), titleOf(row) + " has no result");
-    others += different;
-    worst = std::max(worst, grown);
+    differentResults += different;
+    maxGrowth = std::max(maxGrowth, grown);
     runs += done;
     if (row.tiny) fewest = std::min(fewest, done);
   }
-  return rounded(runs, 0) + " runs of " + std::to_string(rows.size()) + " models (each tiny one " +
-         range(fewest, 20000) + "), at most " + rounded(worst, 0) + " KB in the second half, " +
-         std::to_string(others) + " results differ";
+  return formatNumber(runs, 0) + " runs of " + std::to_string(rows.size()) + " models (each tiny one " +
+         formatRange(fewest, 20000) + "), at most " + formatNumber(maxGrowth, 0) + " KB in the second half, " +
+         std::to_string(differentResults) + " results differ";
 }
 
 /// Four threads run one context of `row` at once, each on a frame of its own. Returns how many runs gave another result
@@ -385,7 +383,7 @@ int main(int argc, char** argv) try {
   const auto* const check =
       std::find_if(std::begin(checks), std::end(checks), [&](const auto& c) { return c.first == name; });
   if (check == std::end(checks)) throw std::runtime_error("usage: Verify (lifecycles | soak | threads) [SECONDS]");
-  // The library's lines are made and go nowhere.
+  // The library's log lines are formatted and discarded.
   google::InitGoogleLogging(argv[0]);
   for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) google::SetLogDestination(severity, "");
   FLAGS_stderrthreshold = google::GLOG_FATAL;

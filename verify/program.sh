@@ -1,18 +1,17 @@
-# Shared by the checks of verify/Verify.cpp. Sourced, not run.
+# Shared by the checks that verify/Verify.cpp implements. Sourced, not run.
 # shellcheck shell=bash
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
-# verify_program PRESET [--seconds S]: what to call, in the arrays `program` and `limit`; with the networks it opens.
-verify_program() {
-  local preset=$1
+# find_program PRESET [--seconds S]: sets `program` to the command of the calling check, and writes the networks it opens.
+find_program() {
+  local preset=$1 seconds=()
   shift
-  limit=()
   if [ $# -gt 0 ]; then
-    [[ $# -eq 2 && $1 == --seconds && $2 =~ ^[0-9]+$ ]] || die 'only --seconds S is understood'
-    limit=("$2")
+    [[ $# -eq 2 && $1 == --seconds && $2 =~ ^[0-9]+$ ]] || die 'the only option is --seconds S'
+    seconds=("$2")
   fi
   cd "$project"
-  program=("build/$preset/verify/Verify" "$(basename "$0")" "${limit[@]}")
-  [ -x "${program[0]}" ] || die "build/$preset holds no verify/Verify; scripts/verify builds it"
-  "$deps/venv/bin/python" tests/support/make_onnx.py "build/$preset/tests/onnx" || die 'the ONNX networks could not be made'
+  program=("build/$preset/verify/Verify" "$(basename "$0")" "${seconds[@]}")
+  [ -x "${program[0]}" ] || die "${program[0]} is missing; scripts/verify builds it"
+  "$deps/venv/bin/python" tests/support/make_onnx.py "build/$preset/tests/onnx" || die 'cannot write the ONNX networks'
 }

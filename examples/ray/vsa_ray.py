@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""Runs vsa on many pictures, on as many machines as a Ray cluster has.
+"""Runs vsa on many images, on all machines of a Ray cluster.
 
-    vsa_ray.py [OPTIONS] PIPELINE < pictures.txt > results.jsonl
+    vsa_ray.py [OPTIONS] PIPELINE < images.txt > results.jsonl
 
-Reads one path a line and writes one line of JSON for each, in the same order, as vsa run --json would. Every worker
-keeps one vsa process, so the models are loaded once a worker. A picture whose process, worker or machine fails is
-handed in again; one that fails three times is answered with an "error". Program, pipeline and pictures must have the
-same paths on all machines. Paths are bytes here, as they need not be UTF-8; answers always are.
+Reads one path per line and writes one line of JSON for each, in the same order, as vsa run --json would. Every worker
+keeps one vsa process, so it loads the models once. An image whose process, worker or machine fails is tried again; if it
+fails three times, its result is an "error". Program, pipeline and images must have the same paths on all machines.
+Paths are bytes here, because they may not be UTF-8; results always are.
 """
 
 import argparse
@@ -20,17 +20,17 @@ import sys
 import tempfile
 import threading
 
-os.environ.setdefault("RAY_USAGE_STATS_ENABLED", "0")  # tell nobody
+os.environ.setdefault("RAY_USAGE_STATS_ENABLED", "0")  # send no usage reports
 
 import ray  # noqa: E402
 from ray.exceptions import RayError, RayTaskError  # noqa: E402
 
 ATTEMPTS = 3
-BATCH = 4  # pictures handed to a worker at once: enough to hide the way there and back
+BATCH = 4  # images per call of a worker: enough to hide the latency of a call
 
 
 def claim_cores(count):
-    """Cores of this machine that no other worker has, with the lock that keeps them; all cores where none are left."""
+    """Returns a lock and the cores of this machine that it reserves, or None and all cores if too few are left."""
     cores = sorted(os.sched_getaffinity(0))
     for first in range(0, len(cores) - count + 1, count):
         name = os.path.join(tempfile.gettempdir(), f"vsa-cores-{os.getuid()}-{first}-{count}")
@@ -46,44 +46,44 @@ def claim_cores(count):
     return None, cores
 
 
-def repaired(path):
-    """The text that stands for a path in an answer."""
+def printable(path):
+    """The path as it appears in a result."""
     return path.decode("utf-8", "replace")
 
 
 def error_line(path, reason):
-    return (json.dumps({"error": reason, "input": repaired(path)}, ensure_ascii=False) + "\n").encode()
+    return (json.dumps({"error": reason, "input": printable(path)}, ensure_ascii=False) + "\n").encode()
 
 
 @ray.remote
 class Worker:
-    """One vsa process on cores of its own."""
+    """One vsa process, on cores that no other worker uses."""
 
     def __init__(self, command, cores, seconds):
         self.command = command
         self.seconds = seconds
         self.process = None
-        # The engine starts a thread for each core that the process may use.
+        # The engine starts one thread per core that the process may use.
         self.lock, mine = claim_cores(cores)
         os.sched_setaffinity(0, mine)
 
-    def answer(self, paths):
-        """A line of JSON for each path."""
-        return [self.answer_one(path) for path in paths]
+    def process_all(self, paths):
+        """Returns a line of JSON for each path."""
+        return [self.process_one(path) for path in paths]
 
-    def answer_one(self, path):
+    def process_one(self, path):
         for _ in range(ATTEMPTS):
-            line = self.ask(path)
+            line = self.try_once(path)
             if line is None:
                 continue
-            if json.loads(line)["input"] != repaired(path):
+            if json.loads(line)["input"] != printable(path):
                 self.stop()  # more lines for this path may follow
                 return error_line(path, "this is not one picture; list the files of a folder instead")
             return line
         return error_line(path, f"vsa failed {ATTEMPTS} times")
 
-    def ask(self, path):
-        """The answer of the process, or None where it ended or took too long."""
+    def try_once(self, path):
+        """Returns the line that vsa prints, or None if it ended or took too long."""
         if self.process is None:
             self.process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                             start_new_session=True)
@@ -98,14 +98,14 @@ class Worker:
         finally:
             limit.cancel()
             limit.join()
-        if line.endswith(b"\n"):  # what a dying process wrote of a line is no answer
+        if line.endswith(b"\n"):  # a partial line comes from a process that died
             return line
         if self.stop() == 2:
-            raise ValueError("vsa refuses its arguments or the pipeline; its messages stand above")
+            raise ValueError("vsa rejects its arguments or the pipeline; see its messages above")
         return None
 
     def kill(self):
-        # With its children: where vsa is a script, they hold the other ends of the pipes.
+        # Its children too: if vsa is a script, they hold the other ends of the pipes.
         os.killpg(self.process.pid, signal.SIGKILL)
 
     def stop(self):
@@ -116,31 +116,31 @@ class Worker:
         try:
             process.stdin.close()
         except BrokenPipeError:
-            pass  # of a path that it has not read
+            pass  # it has not read the last path
         return process.wait()
 
 
-def answers(paths, start, count):
-    """Yields the line of each path, in their order, from as many workers as count says; start() makes one."""
+def process_images(paths, start_worker, count):
+    """Yields the line of each path, in order, from `count` workers; start_worker() makes one."""
     jobs = collections.deque(range(first, min(first + BATCH, len(paths))) for first in range(0, len(paths), BATCH))
-    lines = {}  # not yielded yet, by index of the path
-    failures = collections.Counter()  # of workers, by index of the path
+    lines = {}  # results not yielded yet, by index of the path
+    failures = collections.Counter()  # lost workers, by index of the path
     failed_starts = 0
     idle = []
-    running = {}  # the worker and its job, by what Ray returns for the call
+    running = {}  # worker and job, by the object that Ray returns for the call
 
     def add_worker():
-        # It gets its first job when it has started, as there may be no machine for it.
-        worker = start()
-        running[worker.answer.remote([])] = worker, ()
+        # It gets its first job only once it has started, because there may be no machine for it.
+        worker = start_worker()
+        running[worker.process_all.remote([])] = worker, ()
 
     for _ in range(count):
         add_worker()
-    told = 0
-    while told < len(paths):
+    next_index = 0
+    while next_index < len(paths):
         while idle and jobs:
             worker, job = idle.pop(), jobs.popleft()
-            running[worker.answer.remote([paths[index] for index in job])] = worker, job
+            running[worker.process_all.remote([paths[index] for index in job])] = worker, job
         (call,), _ = ray.wait(list(running))
         worker, job = running.pop(call)
         try:
@@ -157,31 +157,31 @@ def answers(paths, start, count):
             for index in reversed(job):
                 failures[index] += 1
                 if failures[index] < ATTEMPTS:
-                    jobs.appendleft((index,))  # alone, so that others do not fail with it
+                    jobs.appendleft((index,))  # alone, so that no other image fails with it
                 else:
                     lines[index] = error_line(paths[index], f"the worker failed {ATTEMPTS} times")
             add_worker()
-        while told in lines:
-            yield lines.pop(told)
-            told += 1
+        while next_index in lines:
+            yield lines.pop(next_index)
+            next_index += 1
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("pipeline", metavar="PIPELINE", help="JSON file that names the models")
-    parser.add_argument("--vsa", default="vsa", metavar="FILE", help="the program (default: the one on the PATH)")
-    parser.add_argument("--address", help='address of a running cluster, "auto" on one of its machines; without it '
-                                          "this machine alone")
-    parser.add_argument("--cores", type=int, default=2, help="cores of each worker (default: 2)")
+    parser.add_argument("pipeline", metavar="PIPELINE", help="JSON file that lists the models")
+    parser.add_argument("--vsa", default="vsa", metavar="FILE", help="the vsa program (default: from the PATH)")
+    parser.add_argument("--address", help='address of a running cluster, or "auto" on one of its machines '
+                                          "(default: only this machine)")
+    parser.add_argument("--cores", type=int, default=2, help="cores per worker (default: 2)")
     parser.add_argument("--workers", type=int, help="number of workers (default: as many as the cores allow)")
-    parser.add_argument("--seconds", type=float, default=300, help="most time for one picture (default: 300)")
+    parser.add_argument("--seconds", type=float, default=300, help="maximum time for one image (default: 300)")
     options = parser.parse_args()
     if options.cores < 1 or options.workers is not None and options.workers < 1:
         parser.error("--cores and --workers must be at least 1")
     paths = [line.rstrip(b"\r\n") for line in sys.stdin.buffer]
     paths = [path for path in paths if path]
 
-    # Ray prints its messages to standard output, which is for results alone.
+    # Ray prints messages to standard output, which is reserved for results.
     results = os.fdopen(os.dup(1), "wb")
     os.dup2(2, 1)
     if options.address:
@@ -189,20 +189,20 @@ def main():
     else:
         ray.init(address="local", num_cpus=options.workers and options.workers * options.cores,
                  include_dashboard=False)
-    # A worker's cores are those of one machine.
-    places = sum(int(node["Resources"].get("CPU", 0)) // options.cores for node in ray.nodes() if node["Alive"])
-    if places < 1:
+    # The cores of a worker belong to one machine.
+    capacity = sum(int(node["Resources"].get("CPU", 0)) // options.cores for node in ray.nodes() if node["Alive"])
+    if capacity < 1:
         sys.exit(f"no machine has {options.cores} cores for a worker; see --cores")
-    if options.workers and options.workers > places:
-        sys.exit(f"there is room for {places} workers of {options.cores} cores, not for {options.workers}; "
+    if options.workers and options.workers > capacity:
+        sys.exit(f"there are cores for {capacity} workers of {options.cores}, not for {options.workers}; "
                  "see --workers and --cores")
     command = [options.vsa, "run", "--stdin", "--quiet", "--max-frames", "1", options.pipeline]
 
-    def start():
+    def start_worker():
         return Worker.options(num_cpus=options.cores).remote(command, options.cores, options.seconds)
 
     failed = False
-    for line in answers(paths, start, options.workers or places):
+    for line in process_images(paths, start_worker, options.workers or capacity):
         if b'"error"' in line or b'"failedModels"' in line:
             failed = failed or not {"error", "failedModels"}.isdisjoint(json.loads(line))
         results.write(line)

@@ -1,25 +1,32 @@
-// Tiny networks of every family whose answers their input chooses.
+// The rows of the library's model table, each with the shapes of a tiny network. Tests, fuzzing, long checks and the
+// measurement of memory take their rows from here.
 #pragma once
 
 #include <opencv2/core.hpp>
 #include <string>
 #include <vector>
 
-/// What a byte stands for where floats are wanted: 256 numbers that break things, coordinates, scores.
-const std::vector<float>& numberTable();
+/// What a model runs on.
+enum class Takes { kFrame, kObjects, kAudio };
 
-/// A family of networks: its input, and what it answers with, out of the bytes that it is shown.
 struct Family {
-  const char* category;
-  const char* name;
-  cv::Size input;
-  std::vector<int> output;
-  std::vector<int> second = {};
+  std::string engine, category, name;  ///< As in VsaModelConfig.
+  Takes takes;
+  cv::Size input;  ///< Input size of the tiny network; -1 x -1 if it takes any size.
+  /// Output shapes of the tiny network. If there are none, its output is a map of the size of its input.
+  std::vector<std::vector<int>> outputs;
+  std::string onnxFile = "";  ///< Written by make_onnx.py; only for rows on ONNX Runtime.
+  std::vector<std::string> classNames = {"a", "b"};
 };
 
-/// One family per OpenVINO model.
-extern const std::vector<Family> kFamilies;
+/// All rows; those on OpenVINO come first. Stored fuzz inputs choose a row on OpenVINO by its index.
+const std::vector<Family>& families();
 
-/// Writes the network of a family, in which every byte of the input becomes the number of the table that it stands for.
-/// Returns its path as writeNetwork does.
-std::string writeFamily(const Family& family);
+/// The rows of one engine, in the same order.
+std::vector<Family> familiesOn(const std::string& engine);
+
+/// The row with these three names. Throws std::out_of_range if there is none.
+const Family& findFamily(const std::string& engine, const std::string& category, const std::string& name);
+
+/// "OpenVINO Detect YOLO8".
+std::string titleOf(const Family& family);
