@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Draws the pictures of this folder: draw_pictures.py VSA
+"""Draws the pictures of this folder: draw_images.py VSA
 
 VSA is the program. A scene is drawn, and a network of a few nodes that always answers with what was drawn stands in for
 a trained one; the picture is what vsa makes of its answer. Needs the packages Pillow and openvino.
