@@ -12,9 +12,10 @@
 /// assertions at the end of this file stop a host that is not. Members named reservedN only keep
 /// their places; the library neither reads nor writes them.
 ///
-/// Threads: calls on one context must not overlap; different contexts are independent of each
-/// other. The library starts no thread and takes no lock of its own. (The inference engines keep
-/// worker threads.)
+/// Threads: different contexts are independent of each other. Calls on one context must not
+/// overlap, with one exception: on a context of engine "ONNXRuntime", several threads may be in
+/// VsaModelDetect at once, each with a frame of its own. The library starts no thread and takes no
+/// lock of its own. (The inference engines keep worker threads.)
 ///
 /// Errors: a call returns false after one "[E]" line in the host's glog, written at glog's
 /// information severity. (Frames of the other kind, and calls that no model is there for, are

@@ -8,7 +8,7 @@
 
 namespace TolCompatibleLib {
 
-/// Base of every model. Not safe for two runs at once: a model has a single inference request.
+/// Base of every model. Runs of one model must not overlap, unless the model says that they may.
 class VsaModel {
  public:
   /// Keeps `modelConfig`, which the host keeps alive and unchanged, and copies `root`.

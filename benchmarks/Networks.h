@@ -1,5 +1,5 @@
-// Networks, outputs of networks and clocks that the benchmark programs share. The same on every
-// run.
+// Networks and network outputs to measure, and clocks. Their numbers are random and the same in
+// every run.
 #pragma once
 
 #include <functional>
@@ -14,33 +14,33 @@ constexpr int kSide = 640;
 constexpr int kCandidates = 8400;
 constexpr int kClasses = 80;
 
-/// YOLOv8n at kSide x kSide with random weights (make_yolo.py), with its [1, 4 + kClasses,
-/// kCandidates] output and nothing above a threshold of 0.25: files with ".xml" and ".onnx" after
-/// this.
+/// Path, without ".xml" or ".onnx", of YOLOv8n at kSide x kSide with random weights (make_yolo.py).
+/// Its output is [1, 4 + kClasses, kCandidates], with no score above 0.25.
 constexpr const char* kYolo = TOL_YOLO_NETWORK;
 
-/// A plain convolutional network: a stem, four stages of 3 x 3 convolutions that halve the picture
-/// and double the channels, a mean over the picture and a full layer.
+/// A plain convolutional network: a stem, four stages of 3 x 3 convolutions, each of which halves
+/// the size and doubles the channels of the one before, global average pooling and a fully
+/// connected layer.
 struct PlainNetwork {
   cv::Size input;
-  std::size_t channels;  ///< Of the first stage.
-  int depth;             ///< Convolutions of a stage.
+  std::size_t channels;  ///< Channels of the first stage.
+  int depth;             ///< Convolutions per stage.
   std::vector<int> output;
 };
 std::string writePlainNetwork(const PlainNetwork& network);
 
-/// [1, 4 + classes + further, candidates] of a YOLOv8 head with about `count` candidates above
-/// 0.25, anywhere in it.
-std::vector<float> yolo8Output(int classes, int further, int candidates, int count);
-/// [1, 25200, 85] of a YOLOv5 head.
+/// Outputs of YOLO heads in which about `count` candidates, at random positions, score above 0.25.
+/// YOLOv8: [1, 4 + classes + extraRows, candidates].
+std::vector<float> makeYolo8Output(int classes, int extraRows, int candidates, int count);
+/// YOLOv5: [1, kYolo5Rows, 85].
 constexpr int kYolo5Rows = 25200;
-std::vector<float> yolo5Output(int count);
-/// [1, 56, 8400] of a pose head of 17 key points.
-std::vector<float> poseOutput(int count);
-/// [1, 300, 6] of a YOLO26 head.
-std::vector<float> yolo26Output(int count);
+std::vector<float> makeYolo5Output(int count);
+/// YOLOv8 pose with 17 key points: [1, 56, 8400].
+std::vector<float> makePoseOutput(int count);
+/// YOLO26: [1, 300, 6].
+std::vector<float> makeYolo26Output(int count);
 
-/// Mask prototypes of 160 x 160 and so many objects with boxes of `least` to `most` pixels.
+/// Mask prototypes of kMaskSide x kMaskSide, and the boxes and coefficients of objects.
 constexpr int kMaskSide = 160;
 struct Masks {
   std::vector<float> prototypes;
@@ -51,11 +51,12 @@ struct Masks {
     return {prototypes.data(), {kMaskSide, kMaskSide}};
   }
 };
-Masks randomMasks(int count, int least, int most);
+/// The sides of the boxes are `minSide` to `maxSide` pixels.
+Masks randomMasks(int count, int minSide, int maxSide);
 
-/// A 960 x 544 map of text probabilities with so many lines of text, at most 50.
-cv::Mat textMap(int count);
+/// A 960 x 544 map of text probabilities with `count` lines of text, at most 50.
+cv::Mat makeTextMap(int count);
 
-/// How long `work` takes.
+/// The time that `work` takes.
 double milliseconds(const std::function<void()>& work);
 double medianOf(std::vector<double> values);

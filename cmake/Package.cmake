@@ -22,8 +22,6 @@ endforeach()
 
 # Plug-ins and readers of model files are loaded by name, so no list of dependencies has them. Of the readers the library
 # needs the one of IR files alone.
-set(TOL_BUNDLE_EXCLUDE "intel_[gn]pu_plugin" CACHE STRING
-  "Regular expression of engine files that TOL_BUNDLE_ENGINES leaves out")
 file(GLOB engine_files "${openvino_folder}/*")
 list(FILTER engine_files INCLUDE REGEX "/(lib)?(openvino|tbb|hwloc)[^/]*\\.(dll|so[.0-9]*)$")
 list(FILTER engine_files EXCLUDE REGEX "openvino_c\\.|/[^/]*(gguf|jax|onnx|paddle|pytorch|tensorflow|lite)_frontend")

@@ -1,4 +1,4 @@
-// Outlines of odd boxes and numbers. LiteralTest compares those of ordinary ones.
+// Outlines of odd boxes and numbers. ReferenceTest compares those of ordinary ones.
 
 #include "Utils/MaskOutline.h"
 
@@ -6,7 +6,7 @@
 
 #include <limits>
 
-#include "support/Literal.h"
+#include "benchmarks/Reference.h"
 #include "support/TestHost.h"
 
 namespace {
@@ -31,7 +31,7 @@ TEST(MaskOutline, OddBoxesAndNumbersDoNoHarm) {
   EXPECT_TRUE(outline(5, whole, {0, 16}).empty());
   EXPECT_TRUE(outline(-5, whole).empty());
   EXPECT_FALSE(outline(kInf, {8, 8, 16, 16}).empty());
-  EXPECT_EQ(outline(kNan, whole), literal::maskOutline({prototypes.data(), {16, 16}}, {kNan}, whole, {64, 64}));
+  EXPECT_EQ(outline(kNan, whole), reference::maskOutline({prototypes.data(), {16, 16}}, {kNan}, whole, {64, 64}));
 }
 
 }  // namespace

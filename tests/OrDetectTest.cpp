@@ -165,7 +165,7 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     ASSERT_TRUE(ir.detect(second));
     EXPECT_EQ(bytesOf(first), bytesOf(second));
     std::vector<float> planes(std::size_t{3} * 8 * 4);
-    const auto scale = TolCompatibleLib::letterboxPlanes(image, {8, 4}, planes.data());
+    const auto scale = TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
     std::map<int, float> expected, shown;
     for (std::size_t k = 0; k < planes.size(); ++k) {
       const float left = static_cast<float>(4 * static_cast<int>(k) - 1) * *scale;

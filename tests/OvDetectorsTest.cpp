@@ -6,7 +6,7 @@
 #include <openvino/opsets/opset8.hpp>
 
 #include "Utils/MaskOutline.h"
-#include "fuzz/Families.h"
+#include "support/Families.h"
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
 #include "support/TinyNetworks.h"

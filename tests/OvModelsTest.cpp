@@ -170,7 +170,8 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
     refused(data, 0, 64, "frame has no pixels,width=0,height=64");
     refused(data, 64, 0, "frame has no pixels,width=64,height=0");
     refused(data, 0xFFFFFFFFU, 0xFFFFFFFFU, "frame is too large,width=4294967295,height=4294967295");
-    refused(data, 0x10000, 0x10000, "frame is too large,width=65536,height=65536");
+    refused(data, 715827883, 1, "frame is too large,width=715827883,height=1");
+    refused(data, 1, 0x80000000U, "frame is too large,width=1,height=2147483648");
     if (std::string_view(row.name).starts_with("YOLO")) {
       refused(data, 4000, 1,
               "frame leaves no pixel in the network input,width=4000,height=1,input_width=64,input_height=64");

@@ -1,4 +1,4 @@
-// What reaches a network: sizes, scales and refusals. LiteralTest compares the numbers.
+// What reaches a network: sizes, scales and refusals. ReferenceTest compares the numbers.
 
 #include "Utils/PreProcessUtils.h"
 
@@ -22,7 +22,7 @@ TEST(Letterbox, RefusesAPictureOfWhichNothingWouldBeLeft) {
   EXPECT_TRUE(letterbox(randomImage(640, 1), {640, 640}));
   // Here the scaled width, in single precision, comes out one pixel wider than the input.
   std::vector<float> planes(std::size_t{3} * 10000001 + 1, 7.0F);
-  EXPECT_TRUE(letterboxPlanes(randomImage(1148, 1), {10000001, 1}, planes.data()).has_value());
+  EXPECT_TRUE(LetterboxWriter().writePlanes(randomImage(1148, 1), {10000001, 1}, planes.data()));
   EXPECT_EQ(planes.back(), 7.0F);
 }
 

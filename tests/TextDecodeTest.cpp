@@ -1,4 +1,4 @@
-// The built-in dictionary, and how a network lays out its scores. LiteralTest compares the texts read.
+// The built-in dictionary, and how a network lays out its scores. ReferenceTest compares the texts read.
 
 #include "Utils/TextDecode.h"
 

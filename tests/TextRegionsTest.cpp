@@ -1,4 +1,4 @@
-// Which regions of a probability map count. LiteralTest compares their corners.
+// Which regions of a probability map count. ReferenceTest compares their corners.
 
 #include "Utils/TextRegions.h"
 

@@ -1,4 +1,4 @@
-// What the YOLO decoders make of odd numbers. LiteralTest compares them on ordinary ones, with ties and NaN.
+// What the YOLO decoders make of odd numbers. ReferenceTest compares them on ordinary ones, with ties and NaN.
 
 #include "Utils/YoloDecode.h"
 
@@ -92,7 +92,7 @@ TEST(Yolo26Decode, ABadNumberCountsOnlyWhereAnObjectWouldCome) {
                                            {kNan, 10, 20, 20, 0.25F, 0},   // the score is not above the threshold
                                            {10, 10, 20, 20, kNan, kNan}};  //
   for (const std::vector<float>& row : passedOver) {
-    const Yolo26Objects found = decodeYolo26({row.data(), 1, 6}, 1.5F, config, frame);
+    const FrameObjects found = decodeYolo26({row.data(), 1, 6}, 1.5F, config, frame);
     EXPECT_TRUE(found.objects.empty() && !found.badBox) << row[5];
   }
   const std::vector<float> bad[] = {{1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}, {1, 1, 2, 2, 0.5F, 1e30F}};

@@ -1,4 +1,4 @@
-# Shared by the checks of tests/verify/Verify.cpp. Sourced, not run.
+# Shared by the checks of verify/Verify.cpp. Sourced, not run.
 # shellcheck shell=bash
 source "$(dirname "${BASH_SOURCE[0]}")/../scripts/common.sh"
 
@@ -12,7 +12,7 @@ verify_program() {
     limit=("$2")
   fi
   cd "$project"
-  program=("build/$preset/tests/Verify" "$(basename "$0")" "${limit[@]}")
-  [ -x "${program[0]}" ] || die "build/$preset holds no tests/Verify; scripts/verify builds it"
+  program=("build/$preset/verify/Verify" "$(basename "$0")" "${limit[@]}")
+  [ -x "${program[0]}" ] || die "build/$preset holds no verify/Verify; scripts/verify builds it"
   "$deps/venv/bin/python" tests/support/make_onnx.py "build/$preset/tests/onnx" || die 'the ONNX networks could not be made'
 }

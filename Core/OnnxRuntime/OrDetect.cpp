@@ -43,31 +43,66 @@ PortType portType(const Ort::TypeInfo& info) {
   return port;
 }
 
+/// Logs the path of the model file, then makes the environment.
+Ort::Env openEnvironment(const VsaModelConfig& config, const std::string& root,
+                         const std::source_location& where) {
+  logInfo("modelPath=" + vsaModelPath(config, root) + ",device=" + config.device, where);
+  openApi();
+  return Ort::Env(ORT_LOGGING_LEVEL_WARNING, config.modelName.c_str());
+}
+
 }  // namespace
 
-void requireOnnxRuntime() {
-  if (OrtGetApiBase()->GetApi(ORT_API_VERSION) != nullptr) return;
-  throw Ort::Exception(std::string("ONNX Runtime ") + OrtGetApiBase()->GetVersionString() +
-                           " is older than this library needs",
-                       ORT_NOT_IMPLEMENTED);
+void openApi() {
+  static const OrtApi* const api = [] {
+    const OrtApi* const found = OrtGetApiBase()->GetApi(ORT_API_VERSION);
+    if (found == nullptr) {
+      throw Ort::Exception(std::string("ONNX Runtime ") + OrtGetApiBase()->GetVersionString() +
+                               " is older than this library needs",
+                           ORT_NOT_IMPLEMENTED);
+    }
+    Ort::InitApi(found);
+    return found;
+  }();
+  static_cast<void>(api);
+}
+
+InputPool::~InputPool() {
+  for (const std::atomic<Buffer*>& slot : idle_) delete slot.load();
+}
+
+InputPool::Handle InputPool::take(std::size_t count) {
+  for (std::atomic<Buffer*>& slot : idle_) {
+    if (Buffer* const buffer = slot.exchange(nullptr)) return Handle(buffer, Return{this});
+  }
+  auto buffer = std::make_unique<Buffer>();
+  buffer->planes = std::make_unique_for_overwrite<float[]>(count);
+  return Handle(buffer.release(), Return{this});
+}
+
+void InputPool::put(Buffer* buffer) {
+  for (std::atomic<Buffer*>& slot : idle_) {
+    Buffer* expected = nullptr;
+    if (slot.compare_exchange_strong(expected, buffer)) return;
+  }
+  delete buffer;
 }
 
 OrDetect::OrDetect(const VsaModelConfig* modelConfig, const std::string& root, OutputLayout layout,
                    std::source_location where)
-    : VsaDetect(modelConfig, root), layout_(layout) {
+    : VsaDetect(modelConfig, root),
+      environment(openEnvironment(*modelConfig, root, where)),
+      layout_(layout) {
   const std::string path = vsaModelPath(*modelConfig, root);
-  logInfo("modelPath=" + path + ",device=" + modelConfig->device, where);
-  requireOnnxRuntime();
-  environment = Ort::Env(ORT_LOGGING_LEVEL_WARNING, modelConfig->modelName.c_str());
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
   session = std::make_unique<Ort::Session>(environment, widened<ORTCHAR_T>(path).c_str(), options);
-  ready = fits(where);
+  ready = checkNetwork(where);
   // A refused network is closed at once: the destructor goes by `ready` alone.
   if (!ready) session.reset();
 }
 
-bool OrDetect::fits(std::source_location where) {
+bool OrDetect::checkNetwork(const std::source_location& where) {
   const std::size_t inputs = session->GetInputCount();
   const std::size_t outputs = session->GetOutputCount();
   if (inputs != 1) {
@@ -110,45 +145,48 @@ bool OrDetect::fits(std::source_location where) {
 }
 
 OrDetect::~OrDetect() {
-  // Members fall in reverse order: the session before the environment that it lives in.
+  // The other members fall in reverse order: the session goes before the environment it lives in.
   if (ready) session.reset();
 }
 
-bool OrDetect::isOpen(std::source_location where) const {
-  if (session == nullptr) logError("network was refused when it was opened", where);
-  return session != nullptr;
+std::optional<cv::Mat> OrDetect::openFrame(const VsaFrame* frame,
+                                           std::source_location where) const {
+  const std::optional<cv::Mat> image = imageOf(frame, where);
+  if (!image || session != nullptr) return image;
+  logError("network was refused when it was opened", where);
+  return std::nullopt;
 }
 
-std::optional<OrDetect::Answer> OrDetect::inferLetterboxed(const cv::Mat& image,
-                                                           std::source_location where) {
+std::optional<OrDetect::Inference> OrDetect::inferLetterboxed(const cv::Mat& image,
+                                                              std::source_location where) {
   const std::array<std::int64_t, 4> shape{1, 3, inputSize.height, inputSize.width};
   const std::size_t count = std::size_t{3} * static_cast<std::size_t>(inputSize.height) *
                             static_cast<std::size_t>(inputSize.width);
-  if (planes_ == nullptr) planes_ = std::make_unique_for_overwrite<float[]>(count);
-  const std::optional<float> scale =
-      letterboxPlanes(image, inputSize, planes_.get(), &padding_, where);
+  InputPool::Handle input = inputs_.take(count);
+  float* const planes = input->planes.get();
+  const std::optional<float> scale = input->writer.writePlanes(image, inputSize, planes, where);
   if (!scale) return std::nullopt;
 
   const auto memory = Ort::MemoryInfo::CreateCpu(OrtDeviceAllocator, OrtMemTypeCPU);
   const auto value =
-      Ort::Value::CreateTensor<float>(memory, planes_.get(), count, shape.data(), shape.size());
+      Ort::Value::CreateTensor<float>(memory, planes, count, shape.data(), shape.size());
   const char* const inputName = inputNames.front().c_str();
   const char* const outputName = outputNames.front().c_str();
-  std::vector<Ort::Value> values =
+  std::vector<Ort::Value> output =
       session->Run(Ort::RunOptions{nullptr}, &inputName, &value, 1, &outputName, 1);
 
   // Deliberate: the size known since the network was opened governs the decoding. A network may
-  // break its word, so there have to be as many floats at least.
+  // return less than it declares, so the number of floats is checked.
   const bool inColumns = layout_.values < layout_.candidates;
   const int rows = outputDimensions[inColumns ? 0 : 1];
   const int cols = outputDimensions[inColumns ? 1 : 0];
-  const auto told = values.front().GetTensorTypeAndShapeInfo();
-  if (told.GetElementCount() < static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols)) {
-    logError("network output is too short," + dimensionsText(told.GetShape()), where);
+  const auto info = output.front().GetTensorTypeAndShapeInfo();
+  if (info.GetElementCount() < static_cast<std::size_t>(rows) * static_cast<std::size_t>(cols)) {
+    logError("network output is too short," + dimensionsText(info.GetShape()), where);
     return std::nullopt;
   }
-  const float* const floats = values.front().GetTensorData<float>();
-  return Answer{std::move(values), FloatGrid{floats, rows, cols}, *scale};
+  const float* const floats = output.front().GetTensorData<float>();
+  return Inference{std::move(input), std::move(output), FloatGrid{floats, rows, cols}, *scale};
 }
 
 }  // namespace TolCompatibleLib

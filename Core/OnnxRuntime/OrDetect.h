@@ -1,8 +1,13 @@
-// What every ONNX Runtime detector does to open, run and close its network.
+// What every ONNX Runtime detector does to open, feed, run and close its network.
 #pragma once
 
+// The wrapper classes look up ONNX Runtime's table of functions when openApi() says so, not when
+// the library is loaded.
+#define ORT_API_MANUAL_INIT
 #include <onnxruntime_cxx_api.h>
 
+#include <array>
+#include <atomic>
 #include <memory>
 #include <opencv2/core.hpp>
 #include <optional>
@@ -24,54 +29,86 @@ struct OutputLayout {
 constexpr OutputLayout kCandidateRows = {2, 1};     // [1, candidates, values]
 constexpr OutputLayout kCandidateColumns = {1, 2};  // [1, values, candidates]
 
-/// Throws Ort::Exception where the ONNX Runtime that was loaded is too old for the headers of this
-/// build. Without it the first call would go through a null table.
-void requireOnnxRuntime();
+/// Looks up ONNX Runtime's table of functions on the first call. Throws Ort::Exception if the ONNX
+/// Runtime that was loaded is too old for the headers of this build. Must be called before any
+/// object of namespace Ort exists: even the destructor of an empty one uses the table.
+void openApi();
 
-/// A detector on ONNX Runtime's processor backend, with an environment and a session of its own.
+/// The memory of a network's input, kept between runs: fresh memory costs a page fault for each
+/// page. Runs that overlap take different buffers. Takes no lock.
+class InputPool {
+ public:
+  struct Buffer {
+    std::unique_ptr<float[]> planes;
+    LetterboxWriter writer;
+  };
+  /// Returns a buffer to its pool.
+  struct Return {
+    InputPool* pool;
+    void operator()(Buffer* buffer) const { pool->put(buffer); }
+  };
+  using Handle = std::unique_ptr<Buffer, Return>;
+
+  InputPool() = default;
+  ~InputPool();
+  InputPool(const InputPool&) = delete;
+  InputPool& operator=(const InputPool&) = delete;
+
+  /// A buffer that no other run uses, of `count` floats, which must be the same number in every
+  /// call. The pool must outlive it.
+  Handle take(std::size_t count);
+
+ private:
+  void put(Buffer* buffer);
+
+  /// As many runs may overlap without fresh memory.
+  std::array<std::atomic<Buffer*>, 8> idle_{};
+};
+
+/// A detector on ONNX Runtime's CPU backend, with an environment and a session of its own. Runs may
+/// overlap, given different frames: a run changes nothing but its frame and a buffer of its own.
 class OrDetect : public VsaDetect {
  protected:
   /// Opens the model file that the configuration names, to the letter. A network of more than one
-  /// input, of another input size than configured or of an output that is no table of known size is
-  /// refused: one "[E]" line, and `ready` stays false. Logs under the derived constructor's own
-  /// file. Throws Ort::Exception when ONNX Runtime fails.
+  /// input, of another input size than configured or of an output that is not a table of known size
+  /// is refused: one "[E]" line, and `ready` stays false. Logs under the derived constructor's own
+  /// file. Throws Ort::Exception if ONNX Runtime fails.
   OrDetect(const VsaModelConfig* modelConfig, const std::string& root, OutputLayout layout,
            std::source_location where = std::source_location::current());
 
   /// The derived destructor has logged its own line.
   ~OrDetect() override;
 
-  /// False, after one "[E]" line, for a network that was refused.
-  bool isOpen(std::source_location where = std::source_location::current()) const;
+  /// The pixels of the frame, as imageOf gives them. Returns nullopt, after one "[E]" line, for a
+  /// network that was refused, too.
+  std::optional<cv::Mat> openFrame(
+      const VsaFrame* frame, std::source_location where = std::source_location::current()) const;
 
-  /// The network's answer to three planes of `inputSize`.
-  struct Answer {
-    std::vector<Ort::Value> values;  ///< Owns the floats of `grid`.
+  /// The result of one run.
+  struct Inference {
+    InputPool::Handle input;
+    std::vector<Ort::Value> output;  ///< Owns the floats of `grid`.
     FloatGrid grid;                  ///< Output 0, of the size it had when the network was opened.
-    float scale;                     ///< Takes network pixels to frame pixels.
+    float scale;                     ///< Network pixels times `scale` are frame pixels.
   };
 
-  /// Shows the network the picture: letterboxed, as planes of 0 to 1, red first. Nothing, after one
-  /// "[E]" line, where letterbox refuses the picture or the output is shorter than it was said to
-  /// be.
-  std::optional<Answer> inferLetterboxed(
+  /// Runs the network on the letterboxed image. Returns nullopt, after one "[E]" line, if letterbox
+  /// refuses the image or the output is shorter than the network declares.
+  std::optional<Inference> inferLetterboxed(
       const cv::Mat& image, std::source_location where = std::source_location::current());
 
-  Ort::Env environment{nullptr};
-  std::unique_ptr<Ort::Session> session;  ///< Empty where the network was refused.
+  Ort::Env environment;
+  std::unique_ptr<Ort::Session> session;  ///< Empty if the network was refused.
   std::vector<std::string> inputNames;
   std::vector<std::string> outputNames;
   std::int32_t outputDimensions[2] = {0, 0};  ///< Values of a candidate, number of candidates.
   cv::Size inputSize;                         ///< As configured: width, height.
 
  private:
-  bool fits(std::source_location where);
+  bool checkNetwork(const std::source_location& where);
 
   OutputLayout layout_;
-  /// The network's input. Kept between runs, as fresh memory costs a fault for every page. No
-  /// matrix: OpenCV loses the memory of one that it cannot complete.
-  std::unique_ptr<float[]> planes_;
-  Padding padding_;  ///< Of the letterboxed frame in them.
+  InputPool inputs_;
 };
 
 /// A path for ONNX Runtime: each byte becomes one character, as a signed byte and without decoding,

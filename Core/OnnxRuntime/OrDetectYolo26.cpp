@@ -6,7 +6,6 @@
 #include "OnnxRuntime/OrModels.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 #include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
@@ -22,16 +21,16 @@ class OrDetectYolo26 final : public OrDetect {
 };
 
 bool OrDetectYolo26::run(VsaFrame* frame) {
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image || !isOpen()) return false;
+  const std::optional<cv::Mat> image = openFrame(frame);
+  if (!image) return false;
   if (outputDimensions[0] < kYolo26Columns) {
     logError("Yolo26 dimensions error:" + std::to_string(outputDimensions[0]));
     return false;
   }
-  const std::optional<Answer> answer = inferLetterboxed(*image);
-  if (!answer) return false;
-  Yolo26Objects found = decodeYolo26(answer->grid, answer->scale, *config, *frame);
-  if (!usable(found.badBox)) return false;
+  const auto inference = inferLetterboxed(*image);
+  if (!inference) return false;
+  FrameObjects found = decodeYolo26(inference->grid, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
   append(frame->objects, std::move(found.objects));
   return true;
 }

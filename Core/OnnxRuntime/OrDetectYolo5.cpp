@@ -6,7 +6,6 @@
 #include "OnnxRuntime/OrModels.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 #include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
@@ -22,19 +21,20 @@ class OrDetectYolo5 final : public OrDetect {
 };
 
 bool OrDetectYolo5::run(VsaFrame* frame) {
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image || !isOpen()) return false;
+  const std::optional<cv::Mat> image = openFrame(frame);
+  if (!image) return false;
   // Deliberate: before inference, against the size that the network had when it was opened.
-  if (static_cast<std::size_t>(outputDimensions[0]) != std::size_t{config->classCount} + 5) {
-    logError("Yolo5 dimensions error:" + std::to_string(outputDimensions[0]));
+  if (!checkDimension("Yolo5", std::size_t(outputDimensions[0]),
+                      std::size_t{config->classCount} + 5)) {
     return false;
   }
-  const std::optional<Answer> answer = inferLetterboxed(*image);
-  if (!answer) return false;
-  const Candidates found = decodeYolo5(answer->grid, static_cast<int>(config->classCount),
-                                       config->objThreshold, config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
-  append(frame->objects, wantedObjects(found, answer->scale, *config, *frame));
+  const auto inference = inferLetterboxed(*image);
+  if (!inference) return false;
+  const Candidates candidates = decodeYolo5(inference->grid, static_cast<int>(config->classCount),
+                                            config->objThreshold, config->scoreThreshold);
+  FrameObjects found = wantedObjects(candidates, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
+  append(frame->objects, std::move(found.objects));
   return true;
 }
 

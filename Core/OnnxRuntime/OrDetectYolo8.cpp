@@ -10,7 +10,6 @@
 #include "OnnxRuntime/OrModels.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 #include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
@@ -26,19 +25,20 @@ class OrDetectYolo8 final : public OrDetect {
 };
 
 bool OrDetectYolo8::run(VsaFrame* frame) {
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image || !isOpen()) return false;
+  const std::optional<cv::Mat> image = openFrame(frame);
+  if (!image) return false;
   // Deliberate: before inference, against the size that the network had when it was opened.
-  if (static_cast<std::size_t>(outputDimensions[0]) != std::size_t{config->classCount} + 4) {
-    logError("Yolo8 dimensions error:" + std::to_string(outputDimensions[0]));
+  if (!checkDimension("Yolo8", std::size_t(outputDimensions[0]),
+                      std::size_t{config->classCount} + 4)) {
     return false;
   }
-  const std::optional<Answer> answer = inferLetterboxed(*image);
-  if (!answer) return false;
-  const Candidates found =
-      decodeYolo8(answer->grid, static_cast<int>(config->classCount), config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
-  append(frame->objects, wantedObjects(found, answer->scale, *config, *frame));
+  const auto inference = inferLetterboxed(*image);
+  if (!inference) return false;
+  const Candidates candidates =
+      decodeYolo8(inference->grid, static_cast<int>(config->classCount), config->scoreThreshold);
+  FrameObjects found = wantedObjects(candidates, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
+  append(frame->objects, std::move(found.objects));
   return true;
 }
 
@@ -51,7 +51,7 @@ std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
 
 void addOnnxRuntimeDevices(VsaDeviceSet& devices) {
   logInfo(std::string("OnnxRuntime ") + OrtGetApiBase()->GetVersionString());
-  requireOnnxRuntime();
+  openApi();
   // Deliberate: no other provider is reported, whatever ONNX Runtime offers; models run on the
   // processor.
   const std::vector<std::string> providers = Ort::GetAvailableProviders();

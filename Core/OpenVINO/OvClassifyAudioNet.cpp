@@ -71,7 +71,7 @@ bool OvClassifyAudioNet::run(VsaFrame* frame) {
     logError("time_steps error:" + std::to_string(rows.front().size()));
     return false;
   }
-  float* const planes = shapedInputPlanes();
+  float* const planes = inputPlanes();
   if (planes == nullptr) return false;
   fillSpectrogramPlanes(rows, rows.size() * rows.front().size(), planes);
   inferRequest.infer();

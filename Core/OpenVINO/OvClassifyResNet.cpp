@@ -1,7 +1,7 @@
 // Image classification of the objects that a detector found.
 // Input is [1, 3, H, W] floats: the object's box, stretched to that size.
 // Output 0 begins with one score per class; the best one's share of the positive scores is what
-// counts. Objects that no wanted class was found for are dropped from the frame.
+// counts. Objects without a wanted class are dropped from the frame.
 
 #include <cmath>
 
@@ -10,7 +10,6 @@
 #include "Utils/ClassScore.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 
 namespace TolCompatibleLib {
 namespace {
@@ -29,25 +28,17 @@ struct Classification {
 };
 
 bool OvClassifyResNet::run(VsaFrame* frame) {
-  if (isImageWithoutObjects(frame)) return true;
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image) return false;
   Results<Classification> results;
-  float* planes = nullptr;  // the same for every region
-  for (std::size_t i = 0; i < frame->objects.size(); ++i) {
-    const cv::Mat region = regionOf(*image, frame->objects[i]);
-    if (planes == nullptr) planes = shapedInputPlanes();
-    if (planes == nullptr) return false;
-    fillClassifierPlanes(region, inputSize, planes);
-    inferRequest.infer();
-    const ov::Tensor output = inferRequest.get_output_tensor(0);
+  const auto readClass = [&](std::size_t index, const ov::Tensor& output) {
     const auto scores = firstFloats(output, config->classCount);
     if (!scores) return false;
     const ClassScore best = bestClass(*scores);
-    if (best.score < config->scoreThreshold || std::isnan(best.score)) continue;
+    if (best.score < config->scoreThreshold || std::isnan(best.score)) return true;
     const std::string* label = wantedName(best.classId, *config, frame->wantedLabels);
-    if (label != nullptr) results.emplace_back(i, Classification{best, *label});
-  }
+    if (label != nullptr) results.emplace_back(index, Classification{best, *label});
+    return true;
+  };
+  if (!inferRegions(frame, fillClassifierPlanes, readClass)) return false;
   rewrite(frame->objects, results, [](VsaObject& object, Classification& result) noexcept {
     object.classifyScore = result.best.score;
     object.classifyId = result.best.classId;

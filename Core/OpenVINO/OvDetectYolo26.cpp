@@ -22,17 +22,14 @@ class OvDetectYolo26 final : public OvModel<VsaDetect> {
 };
 
 bool OvDetectYolo26::run(VsaFrame* frame) {
-  const std::optional<float> scale = inferLetterboxed(frame);
-  if (!scale) return false;
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> rows = gridOf(output, 3);
-  if (!rows) return false;
-  if (rows->cols < kYolo26Columns) {
-    logError("Yolo26 dimensions error:" + std::to_string(rows->cols));
+  const auto inference = inferLetterboxed(frame);
+  if (!inference) return false;
+  if (inference->grid.cols < kYolo26Columns) {
+    logError("Yolo26 dimensions error:" + std::to_string(inference->grid.cols));
     return false;
   }
-  Yolo26Objects found = decodeYolo26(*rows, *scale, *config, *frame);
-  if (!usable(found.badBox)) return false;
+  FrameObjects found = decodeYolo26(inference->grid, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
   append(frame->objects, std::move(found.objects));
   return true;
 }

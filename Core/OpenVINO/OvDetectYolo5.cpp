@@ -10,7 +10,6 @@
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
 #include "Utils/Objects.h"
-#include "Utils/PreProcessUtils.h"
 #include "Utils/YoloDecode.h"
 
 namespace TolCompatibleLib {
@@ -46,25 +45,17 @@ class OvDetectYolo5 final : public OvModel<VsaDetect> {
 };
 
 bool OvDetectYolo5::run(VsaFrame* frame) {
-  const std::optional<cv::Mat> image = imageOf(frame);
-  if (!image) return false;
-  std::uint8_t* const pixels = inputPixels();
-  if (pixels == nullptr) return false;
-  const std::optional<Letterbox> input = letterbox(*image, inputSize, pixels, &padding);
-  if (!input) return false;
-  inferRequest.infer();
-
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> rows = gridOf(output, 3);
-  if (!rows) return false;
-  if (static_cast<std::size_t>(rows->cols) != std::size_t{config->classCount} + 5) {
-    logError("Yolo5 dimensions error:" + std::to_string(rows->cols));
+  const auto inference = inferLetterboxed(frame, InputFormat::kPixels);
+  if (!inference) return false;
+  const FloatGrid& rows = inference->grid;
+  if (!checkDimension("Yolo5", std::size_t(rows.cols), std::size_t{config->classCount} + 5)) {
     return false;
   }
-  const Candidates found = decodeYolo5(*rows, static_cast<int>(config->classCount),
-                                       config->objThreshold, config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
-  append(frame->objects, wantedObjects(found, input->scale, *config, *frame));
+  const Candidates candidates = decodeYolo5(rows, static_cast<int>(config->classCount),
+                                            config->objThreshold, config->scoreThreshold);
+  FrameObjects found = wantedObjects(candidates, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
+  append(frame->objects, std::move(found.objects));
   return true;
 }
 

@@ -24,19 +24,17 @@ class OvDetectYolo8 final : public OvModel<VsaDetect> {
 };
 
 bool OvDetectYolo8::run(VsaFrame* frame) {
-  const std::optional<float> scale = inferLetterboxed(frame);
-  if (!scale) return false;
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> columns = gridOf(output, 3);
-  if (!columns) return false;
-  if (static_cast<std::size_t>(columns->rows) != std::size_t{config->classCount} + 4) {
-    logError("Yolo8 dimensions error:" + std::to_string(columns->rows));
+  const auto inference = inferLetterboxed(frame);
+  if (!inference) return false;
+  const FloatGrid& columns = inference->grid;
+  if (!checkDimension("Yolo8", std::size_t(columns.rows), std::size_t{config->classCount} + 4)) {
     return false;
   }
-  const Candidates found =
-      decodeYolo8(*columns, static_cast<int>(config->classCount), config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
-  append(frame->objects, wantedObjects(found, *scale, *config, *frame));
+  const Candidates candidates =
+      decodeYolo8(columns, static_cast<int>(config->classCount), config->scoreThreshold);
+  FrameObjects found = wantedObjects(candidates, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
+  append(frame->objects, std::move(found.objects));
   return true;
 }
 

@@ -23,25 +23,22 @@ class OvDetectYolo8Obb final : public OvModel<VsaDetect> {
 };
 
 bool OvDetectYolo8Obb::run(VsaFrame* frame) {
-  const std::optional<float> scale = inferLetterboxed(frame);
-  if (!scale) return false;
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> columns = gridOf(output, 3);
-  if (!columns) return false;
-  if (static_cast<std::size_t>(columns->rows) != std::size_t{config->classCount} + 5) {
-    logError("Yolo8-Obb dimensions error:" + std::to_string(columns->rows));
+  const auto inference = inferLetterboxed(frame);
+  if (!inference) return false;
+  const FloatGrid& columns = inference->grid;
+  if (!checkDimension("Yolo8-Obb", std::size_t(columns.rows),
+                      std::size_t{config->classCount} + 5)) {
     return false;
   }
-  const Candidates found =
-      decodeYolo8(*columns, static_cast<int>(config->classCount), config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
-  const float* const angles = columns->row(columns->rows - 1);
-  std::vector<VsaObject> objects;
-  for (const int i : wantedAfterSuppression(found, *config, frame->wantedClasses)) {
-    objects.push_back(frameObject(found, i, *scale, *config, *frame));
-    objects.back().angle = angles[found.places[static_cast<std::size_t>(i)]];
+  const Candidates candidates =
+      decodeYolo8(columns, static_cast<int>(config->classCount), config->scoreThreshold);
+  FrameObjects found = wantedObjects(candidates, inference->scale, *config, *frame);
+  if (logBadBox(found.badBox)) return false;
+  const float* const angles = columns.row(columns.rows - 1);
+  for (std::size_t i = 0; i < found.objects.size(); ++i) {
+    found.objects[i].angle = angles[found.places[i]];
   }
-  append(frame->objects, std::move(objects));
+  append(frame->objects, std::move(found.objects));
   return true;
 }
 

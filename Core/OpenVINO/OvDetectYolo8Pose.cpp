@@ -8,7 +8,6 @@
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
-#include "Utils/Numbers.h"
 #include "Utils/Objects.h"
 #include "Utils/YoloDecode.h"
 
@@ -23,8 +22,8 @@ class OvDetectYolo8Pose final : public OvModel<VsaDetect> {
   bool run(VsaFrame* frame) override;
 };
 
-/// Key points of one candidate in frame pixels, under their tag; nothing, after one "[E]" line,
-/// where no integer holds one.
+/// The key points of one candidate in frame pixels, under their tag. Returns nullopt, after one
+/// "[E]" line, if a coordinate does not fit an int32.
 std::optional<VsaShape> keyPointsOf(FloatGrid columns, int candidate, std::size_t count,
                                     float scale,
                                     std::source_location where = std::source_location::current()) {
@@ -34,42 +33,34 @@ std::optional<VsaShape> keyPointsOf(FloatGrid columns, int candidate, std::size_
   for (int row = 5; row + 2 < columns.rows; row += 3) {
     const float x = columns.row(row)[candidate] * scale;
     const float y = columns.row(row + 1)[candidate] * scale;
-    if (!fitsInt(x) || !fitsInt(y)) {
-      logError("key point of candidate " + std::to_string(candidate) +
-                   " is out of range:" + std::to_string(x) + "," + std::to_string(y),
-               where);
-      return std::nullopt;
-    }
-    shape.points.push_back({truncateToInt(x), truncateToInt(y)});
+    const std::optional<VsaPoint> point = framePoint(x, y, "key point", candidate, where);
+    if (!point) return std::nullopt;
+    shape.points.push_back(*point);
   }
   return shape;
 }
 
 bool OvDetectYolo8Pose::run(VsaFrame* frame) {
-  const std::optional<float> scale = inferLetterboxed(frame);
-  if (!scale) return false;
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> columns = gridOf(output, 3);
-  if (!columns) return false;
-  // Deliberate: the class count is the number of key points, save that a one-class configuration
-  // means 17.
+  const auto inference = inferLetterboxed(frame);
+  if (!inference) return false;
+  const FloatGrid& columns = inference->grid;
+  // Deliberate: the class count is the number of key points, except that 1 means 17.
   const std::size_t keyPoints = config->classCount == 1 ? 17 : config->classCount;
-  if (static_cast<std::size_t>(columns->rows) != 3 * keyPoints + 5) {
-    logError("Yolo8-Pose dimensions error:" + std::to_string(columns->rows));
-    return false;
-  }
-  const Candidates found = decodeYolo8Pose(*columns, config->scoreThreshold, *scale);
-  if (!usable(found.badBox)) return false;
+  if (!checkDimension("Yolo8-Pose", std::size_t(columns.rows), 3 * keyPoints + 5)) return false;
+  const Candidates candidates = decodeYolo8Pose(columns, config->scoreThreshold, inference->scale);
+  if (logBadBox(candidates.badBox)) return false;
   std::vector<VsaObject> objects;
-  for (const int i : suppressed(found, *config)) {
+  for (const int index : keptAfterNms(candidates, *config)) {
     if (config->classNames.empty()) break;  // the one class has no name
-    const auto place = static_cast<std::size_t>(i);
-    std::optional<VsaShape> shape = keyPointsOf(*columns, found.places[place], keyPoints, *scale);
+    const auto i = static_cast<std::size_t>(index);
+    const cv::Rect& box = candidates.boxes[i];
+    if (logBadBox(badFarEdge(candidates, index))) return false;
+    std::optional<VsaShape> shape =
+        keyPointsOf(columns, candidates.places[i], keyPoints, inference->scale);
     if (!shape) return false;
-    const cv::Rect& box = found.boxes[place];
     objects.emplace_back(static_cast<int>(frame->width), static_cast<int>(frame->height), box.x,
-                         box.y, saturatedSum(box.x, box.width), saturatedSum(box.y, box.height),
-                         found.scores[place], 0, config->classNames.front());
+                         box.y, box.x + box.width, box.y + box.height, candidates.scores[i], 0,
+                         config->classNames.front());
     objects.back().shapes.push_back(std::move(*shape));
   }
   append(frame->objects, std::move(objects));

@@ -7,6 +7,9 @@
 // A mask leaves the library as the outline of its largest part; objects without one are not
 // reported.
 
+#include <algorithm>
+#include <array>
+
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"
 #include "Utils/Log.h"
@@ -26,63 +29,91 @@ class OvDetectYolo8Seg final : public OvModel<VsaDetect> {
   bool run(VsaFrame* frame) override;
 
  private:
+  std::optional<VsaShape> outlineOf(const Candidates& candidates, int index, FloatGrid columns,
+                                    const MaskPrototypes& prototypes, float scale);
+
   std::vector<std::uint8_t> maskMemory_;
 };
 
-/// The object of candidate `index` without its outline. Both edges are scaled as a whole, unlike
-/// those of plain detectors.
-VsaObject segmentObject(const Candidates& found, int index, float scale,
-                        const VsaModelConfig& config, const VsaFrame& frame) {
+/// The outline of the mask of candidate `index` in frame pixels, under its tag; without points if
+/// there is none. Returns nullopt, after one "[E]" line, if a coordinate does not fit an int32.
+std::optional<VsaShape> OvDetectYolo8Seg::outlineOf(const Candidates& candidates, int index,
+                                                    FloatGrid columns,
+                                                    const MaskPrototypes& prototypes, float scale) {
   const auto i = static_cast<std::size_t>(index);
-  const cv::Rect& box = found.boxes[i];
-  const auto scaled = [scale](int edge) { return truncateToInt(static_cast<float>(edge) * scale); };
-  const int classId = found.classIds[i];
-  return VsaObject(static_cast<int>(frame.width), static_cast<int>(frame.height), scaled(box.x),
-                   scaled(box.y), scaled(saturatedSum(box.x, box.width)),
-                   scaled(saturatedSum(box.y, box.height)), found.scores[i], classId,
+  const int candidate = candidates.places[i];
+  MaskCoefficients coefficients;
+  for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
+    const auto row = static_cast<int>(config->classCount + 4 + k);
+    coefficients[k] = columns.row(row)[candidate];
+  }
+  VsaShape shape;
+  shape.tag = kVsaOutlineTag;
+  for (const cv::Point& corner :
+       maskOutline(prototypes, coefficients, candidates.boxes[i], inputSize, maskMemory_)) {
+    const std::optional<VsaPoint> point =
+        framePoint(static_cast<float>(corner.x) * scale, static_cast<float>(corner.y) * scale,
+                   "outline point", candidate);
+    if (!point) return std::nullopt;
+    shape.points.push_back(*point);
+  }
+  return shape;
+}
+
+/// The object of candidate `index` without its outline. Returns nullopt, after one "[E]" line, if
+/// an edge does not fit an int32.
+std::optional<VsaObject> segmentObject(
+    const Candidates& candidates, int index, float scale, const VsaModelConfig& config,
+    const VsaFrame& frame, std::source_location where = std::source_location::current()) {
+  const auto i = static_cast<std::size_t>(index);
+  const cv::Rect& box = candidates.boxes[i];
+  // Both edges are scaled as a whole, unlike those of plain detectors.
+  const std::array<float, 4> edges{static_cast<float>(box.x) * scale,
+                                   static_cast<float>(box.y) * scale,
+                                   static_cast<float>(box.x + box.width) * scale,
+                                   static_cast<float>(box.y + box.height) * scale};
+  if (!std::ranges::all_of(edges, fitsInt)) {
+    logBadBox(BadBox{candidates.places[i], edges}, where);
+    return std::nullopt;
+  }
+  const int classId = candidates.classIds[i];
+  return VsaObject(static_cast<int>(frame.width), static_cast<int>(frame.height),
+                   truncateToInt(edges[0]), truncateToInt(edges[1]), truncateToInt(edges[2]),
+                   truncateToInt(edges[3]), candidates.scores[i], classId,
                    config.classNames[static_cast<std::size_t>(classId)]);
 }
 
 bool OvDetectYolo8Seg::run(VsaFrame* frame) {
-  const std::optional<float> scale = inferLetterboxed(frame);
-  if (!scale) return false;
-  const ov::Tensor output = inferRequest.get_output_tensor(0);
-  const std::optional<FloatGrid> columns = gridOf(output, 3);
-  if (!columns) return false;
+  const auto inference = inferLetterboxed(frame);
+  if (!inference) return false;
+  const FloatGrid& columns = inference->grid;
   const std::size_t classes = config->classCount;
-  if (static_cast<std::size_t>(columns->rows) != classes + 4 + kMaskCoefficients) {
-    logError("Yolo8-Seg dimensions error:" + std::to_string(columns->rows));
+  if (!checkDimension("Yolo8-Seg", std::size_t(columns.rows), classes + 4 + kMaskCoefficients)) {
     return false;
   }
   const ov::Tensor masks = inferRequest.get_output_tensor(1);
   const std::optional<FloatGrid> prototype = gridOf(masks, 4);
-  if (!prototype) return false;
-  if (const std::size_t count = masks.get_shape()[1]; count != kMaskCoefficients) {
-    logError("Yolo8-Seg mask coeffs dimensions error:" + std::to_string(count));
+  if (!prototype ||
+      !checkDimension("Yolo8-Seg mask coeffs", masks.get_shape()[1], kMaskCoefficients)) {
     return false;
   }
   const MaskPrototypes prototypes{prototype->data, {prototype->cols, prototype->rows}};
 
-  const Candidates found = decodeYolo8(*columns, static_cast<int>(classes), config->scoreThreshold);
-  if (!usable(found.badBox)) return false;
+  const Candidates candidates =
+      decodeYolo8(columns, static_cast<int>(classes), config->scoreThreshold);
+  if (logBadBox(candidates.badBox)) return false;
   std::vector<VsaObject> objects;
-  for (const int i : wantedAfterSuppression(found, *config, frame->wantedClasses)) {
-    MaskCoefficients coefficients;
-    for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
-      coefficients[k] = columns->row(
-          static_cast<int>(classes + 4 + k))[found.places[static_cast<std::size_t>(i)]];
-    }
-    const std::vector<cv::Point> outline = maskOutline(
-        prototypes, coefficients, found.boxes[static_cast<std::size_t>(i)], inputSize, maskMemory_);
-    if (outline.empty()) continue;
-    VsaShape shape;
-    shape.tag = kVsaOutlineTag;
-    for (const cv::Point& point : outline) {
-      shape.points.push_back({truncateToInt(static_cast<float>(point.x) * *scale),
-                              truncateToInt(static_cast<float>(point.y) * *scale)});
-    }
-    objects.push_back(segmentObject(found, i, *scale, *config, *frame));
-    objects.back().shapes.push_back(std::move(shape));
+  for (const int index : wantedAfterNms(candidates, *config, frame->wantedClasses)) {
+    if (logBadBox(badFarEdge(candidates, index))) return false;
+    std::optional<VsaShape> outline =
+        outlineOf(candidates, index, columns, prototypes, inference->scale);
+    if (!outline) return false;
+    if (outline->points.empty()) continue;
+    std::optional<VsaObject> object =
+        segmentObject(candidates, index, inference->scale, *config, *frame);
+    if (!object) return false;
+    objects.push_back(std::move(*object));
+    objects.back().shapes.push_back(std::move(*outline));
   }
   append(frame->objects, std::move(objects));
   return true;

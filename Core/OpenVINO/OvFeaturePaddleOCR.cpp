@@ -4,6 +4,7 @@
 // the CTC blank. Regions too small to cut out are dropped from the frame's objects.
 
 #include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "OpenVINO/OvModel.h"
@@ -62,7 +63,11 @@ cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   const int width = truncateToInt(maxX - minX);
   const int height = truncateToInt(maxY - minY);
   if (width < 1 || height < 1) return {};
-  return {truncateToInt(minX), truncateToInt(minY), width, height};
+  const int left = truncateToInt(minX);
+  const int top = truncateToInt(minY);
+  // OpenCV refuses a region outside the image, but adds without a check for overflow.
+  constexpr int kMaxInt = std::numeric_limits<int>::max();
+  return {left, top, std::min(width, kMaxInt - left), std::min(height, kMaxInt - top)};
 }
 
 bool OvFeaturePaddleOCR::run(VsaFrame* frame) {

@@ -3,6 +3,7 @@
 #include <limits>
 
 #include "Utils/Log.h"
+#include "Utils/Objects.h"
 
 namespace TolCompatibleLib {
 
@@ -13,7 +14,7 @@ ov::CompiledModel compileAsStored(ov::Core& core, const std::string& file,
 
 namespace {
 
-/// \param layout the expected input with H and W in place of the configured sizes.
+/// @param layout the expected input, with H and W in place of the configured sizes.
 void refuseInput(const ov::Output<const ov::Node>& input, std::string_view layout,
                  const VsaModelConfig& config, const std::source_location& where) {
   std::string text = "network input is " + input.get_element_type().to_string() +
@@ -28,8 +29,8 @@ void refuseInput(const ov::Output<const ov::Node>& input, std::string_view layou
   logError(text, where);
 }
 
-constexpr std::string_view kPlanes = "f32[1,3,H,W]";
-constexpr std::string_view kPixels = "u8[1,H,W,3]";
+constexpr std::string_view kPlanesText = "f32[1,3,H,W]";
+constexpr std::string_view kPixelsText = "u8[1,H,W,3]";
 
 }  // namespace
 
@@ -63,54 +64,72 @@ OvModel<Interface>::~OvModel() {
 }
 
 template <class Interface>
-void* OvModel<Interface>::inputMemory(ov::element::Type type, const ov::PartialShape& shape,
-                                      std::string_view layout, std::source_location where) {
+std::optional<float> OvModel<Interface>::feedLetterboxed(const cv::Mat& image, InputFormat format,
+                                                         const std::source_location& where) {
+  const bool isPlanes = format == InputFormat::kPlanes;
+  const ov::PartialShape shape = isPlanes
+                                     ? ov::PartialShape{1, 3, inputSize.height, inputSize.width}
+                                     : ov::PartialShape{1, inputSize.height, inputSize.width, 3};
   const ov::Output<const ov::Node> input = compiledModel.input();
-  // A size too large for an int would stand for any size in `shape`.
-  if (inputSize.empty() || input.get_element_type() != type || input.get_partial_shape() != shape) {
-    refuseInput(input, layout, *this->config, where);
-    return nullptr;
+  // As a dimension, a size too large for an int would mean any size.
+  if (inputSize.empty() ||
+      input.get_element_type() != (isPlanes ? ov::element::f32 : ov::element::u8) ||
+      input.get_partial_shape() != shape) {
+    refuseInput(input, isPlanes ? kPlanesText : kPixelsText, *this->config, where);
+    return std::nullopt;
   }
   input_ = inferRequest.get_input_tensor();
-  return input_.data();
+  void* const memory = input_.data();
+  return isPlanes
+             ? letterboxWriter_.writePlanes(image, inputSize, static_cast<float*>(memory), where)
+             : letterboxWriter_.writePixels(image, inputSize, static_cast<std::uint8_t*>(memory),
+                                            where);
+}
+
+template <class Interface>
+auto OvModel<Interface>::inferLetterboxed(const VsaFrame* frame, InputFormat format,
+                                          std::source_location where) -> std::optional<Inference> {
+  const std::optional<cv::Mat> image = imageOf(frame, where);
+  if (!image) return std::nullopt;
+  const std::optional<float> scale = feedLetterboxed(*image, format, where);
+  if (!scale) return std::nullopt;
+  inferRequest.infer();
+  const ov::Tensor output = inferRequest.get_output_tensor(0);
+  const std::optional<FloatGrid> grid = gridOf(output, 3, where);
+  if (!grid) return std::nullopt;
+  return Inference{output, *grid, *scale};
 }
 
 template <class Interface>
 float* OvModel<Interface>::inputPlanes(std::source_location where) {
-  return static_cast<float*>(
-      inputMemory(ov::element::f32, {1, 3, inputSize.height, inputSize.width}, kPlanes, where));
-}
-
-template <class Interface>
-std::uint8_t* OvModel<Interface>::inputPixels(std::source_location where) {
-  return static_cast<std::uint8_t*>(
-      inputMemory(ov::element::u8, {1, inputSize.height, inputSize.width, 3}, kPixels, where));
-}
-
-template <class Interface>
-float* OvModel<Interface>::shapedInputPlanes(std::source_location where) {
   const ov::Output<const ov::Node> input = compiledModel.input(0);
-  const ov::PartialShape wanted{1, 3, inputSize.height, inputSize.width};
+  const ov::PartialShape shape{1, 3, inputSize.height, inputSize.width};
   if (inputSize.empty() || input.get_element_type() != ov::element::f32 ||
-      !input.get_partial_shape().compatible(wanted)) {
-    refuseInput(input, kPlanes, *this->config, where);
+      !input.get_partial_shape().compatible(shape)) {
+    refuseInput(input, kPlanesText, *this->config, where);
     return nullptr;
   }
   ov::Tensor tensor = inferRequest.get_input_tensor(0);
-  tensor.set_shape(wanted.to_shape());
+  tensor.set_shape(shape.to_shape());
   return tensor.data<float>();
 }
 
 template <class Interface>
-std::optional<float> OvModel<Interface>::inferLetterboxed(const VsaFrame* frame,
-                                                          std::source_location where) {
+bool OvModel<Interface>::inferRegions(const VsaFrame* frame, Prepare prepare, const Read& read,
+                                      std::source_location where) {
+  if (isImageWithoutObjects(frame)) return true;
   const std::optional<cv::Mat> image = imageOf(frame, where);
-  if (!image) return std::nullopt;
-  float* const planes = inputPlanes(where);
-  if (planes == nullptr) return std::nullopt;
-  const std::optional<float> scale = letterboxPlanes(*image, inputSize, planes, &padding, where);
-  if (scale) inferRequest.infer();
-  return scale;
+  if (!image) return false;
+  float* planes = nullptr;  // the same for every region
+  for (std::size_t i = 0; i < frame->objects.size(); ++i) {
+    const cv::Mat region = regionOf(*image, frame->objects[i]);
+    if (planes == nullptr) planes = inputPlanes(where);
+    if (planes == nullptr) return false;
+    prepare(region, inputSize, planes);
+    inferRequest.infer();
+    if (!read(i, inferRequest.get_output_tensor(0))) return false;
+  }
+  return true;
 }
 
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
@@ -122,12 +141,12 @@ std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
              where);
     return std::nullopt;
   }
-  // The dimensions before the last two are usually 1. One of 0 would leave fewer numbers than the
-  // table says.
+  // The dimensions before the last two are usually 1. If one is 0, there are fewer numbers than the
+  // table needs.
   const std::size_t rows = shape.rbegin()[1];
   const std::size_t cols = shape.rbegin()[0];
-  constexpr std::size_t kMost = std::numeric_limits<int>::max();
-  if (rows > kMost || cols > kMost || rows * cols > output.get_size()) {
+  constexpr std::size_t kMaxInt = std::numeric_limits<int>::max();
+  if (rows > kMaxInt || cols > kMaxInt || rows * cols > output.get_size()) {
     logError("network output is too short," + shape.to_string(), where);
     return std::nullopt;
   }

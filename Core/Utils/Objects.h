@@ -32,6 +32,20 @@ inline const std::string* wantedName(int classId, const VsaModelConfig& config,
   return wanted.contains(name) ? &name : nullptr;
 }
 
+/// Replaces the feature of object i by the `length` numbers from features[i * length] on. Keeps the
+/// vectors' own memory if it is large enough. Either all objects change or, if memory runs out,
+/// none.
+inline void setFeatures(std::vector<VsaObject>& objects, const std::vector<float>& features,
+                        std::size_t length) {
+  for (VsaObject& object : objects) object.feature.reserve(length);
+  auto begin = features.begin();
+  for (VsaObject& object : objects) {
+    const auto end = begin + static_cast<std::ptrdiff_t>(length);
+    object.feature.assign(begin, end);
+    begin = end;
+  }
+}
+
 /// What a model found out about an object of the frame, by the object's place in the list.
 template <class Result>
 using Results = std::vector<std::pair<std::size_t, Result>>;

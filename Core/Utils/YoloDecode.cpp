@@ -33,14 +33,30 @@ bool Candidates::add(float x, float y, float width, float height, float score, i
   return true;
 }
 
-bool usable(const std::optional<BadBox>& badBox, std::source_location where) {
-  if (!badBox) return true;
+bool logBadBox(const std::optional<BadBox>& badBox, std::source_location where) {
+  if (!badBox) return false;
   std::string text = "candidate " + std::to_string(badBox->place) + " is out of range:";
   for (const float number : badBox->numbers) {
     text += ' ';
     text += std::to_string(number);
   }
   logError(text, where);
+  return true;
+}
+
+std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int place,
+                                   std::source_location where) {
+  if (fitsInt(x) && fitsInt(y)) return VsaPoint{truncateToInt(x), truncateToInt(y)};
+  logError(std::string(what) + " of candidate " + std::to_string(place) +
+               " is out of range:" + std::to_string(x) + "," + std::to_string(y),
+           where);
+  return std::nullopt;
+}
+
+bool checkDimension(std::string_view family, std::size_t actual, std::size_t expected,
+                    std::source_location where) {
+  if (actual == expected) return true;
+  logError(std::string(family) + " dimensions error:" + std::to_string(actual), where);
   return false;
 }
 
@@ -94,9 +110,9 @@ Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale)
   return found;
 }
 
-Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
-                           const VsaFrame& frame) {
-  Yolo26Objects found;
+FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
+                          const VsaFrame& frame) {
+  FrameObjects found;
   for (int r = 0; r < rows.rows; ++r) {
     const float* row = rows.row(r);
     const float score = row[4];
@@ -117,20 +133,21 @@ Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& co
     found.objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height),
                                truncateToInt(box[0]), truncateToInt(box[1]), truncateToInt(box[2]),
                                truncateToInt(box[3]), score, classId, *name);
+    found.places.push_back(r);
   }
   return found;
 }
 
-std::vector<int> suppressed(const Candidates& candidates, const VsaModelConfig& config) {
+std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config) {
   std::vector<int> kept;
   cv::dnn::NMSBoxes(candidates.boxes, candidates.scores, config.scoreThreshold, config.nmsThreshold,
                     kept, /*eta=*/1.0F, /*top_k=*/0);
   return kept;
 }
 
-std::vector<int> wantedAfterSuppression(const Candidates& candidates, const VsaModelConfig& config,
-                                        const std::set<std::string>& wantedClasses) {
-  std::vector<int> kept = suppressed(candidates, config);
+std::vector<int> wantedAfterNms(const Candidates& candidates, const VsaModelConfig& config,
+                                const std::set<std::string>& wantedClasses) {
+  std::vector<int> kept = keptAfterNms(candidates, config);
   std::erase_if(kept, [&](int index) {
     const int classId = candidates.classIds[static_cast<std::size_t>(index)];
     return wantedName(classId, config, wantedClasses) == nullptr;
@@ -138,29 +155,46 @@ std::vector<int> wantedAfterSuppression(const Candidates& candidates, const VsaM
   return kept;
 }
 
-VsaObject frameObject(const Candidates& candidates, int index, float scale,
-                      const VsaModelConfig& config, const VsaFrame& frame) {
+std::optional<BadBox> badFarEdge(const Candidates& candidates, int index) {
   const auto i = static_cast<std::size_t>(index);
   const cv::Rect& box = candidates.boxes[i];
-  const int x1 = truncateToInt(static_cast<float>(box.x) * scale);
-  const int y1 = truncateToInt(static_cast<float>(box.y) * scale);
-  const int x2 = truncateToInt(static_cast<float>(box.width) * scale + static_cast<float>(x1));
-  const int y2 = truncateToInt(static_cast<float>(box.height) * scale + static_cast<float>(y1));
-  const int classId = candidates.classIds[i];
-  return VsaObject(static_cast<int>(frame.width), static_cast<int>(frame.height), x1, y1, x2, y2,
-                   candidates.scores[i], classId,
-                   config.classNames[static_cast<std::size_t>(classId)]);
+  const std::int64_t right = std::int64_t{box.x} + box.width;
+  const std::int64_t bottom = std::int64_t{box.y} + box.height;
+  if (right == static_cast<std::int32_t>(right) && bottom == static_cast<std::int32_t>(bottom)) {
+    return std::nullopt;
+  }
+  return BadBox{candidates.places[i],
+                {static_cast<float>(box.x), static_cast<float>(box.y), static_cast<float>(right),
+                 static_cast<float>(bottom)}};
 }
 
-std::vector<VsaObject> wantedObjects(const Candidates& candidates, float scale,
-                                     const VsaModelConfig& config, const VsaFrame& frame) {
-  const std::vector<int> kept = wantedAfterSuppression(candidates, config, frame.wantedClasses);
-  std::vector<VsaObject> objects;
-  objects.reserve(kept.size());
+FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaModelConfig& config,
+                           const VsaFrame& frame) {
+  FrameObjects found;
+  found.badBox = candidates.badBox;
+  if (found.badBox) return found;
+  const std::vector<int> kept = wantedAfterNms(candidates, config, frame.wantedClasses);
+  found.objects.reserve(kept.size());
+  found.places.reserve(kept.size());
   for (const int index : kept) {
-    objects.push_back(frameObject(candidates, index, scale, config, frame));
+    const auto i = static_cast<std::size_t>(index);
+    const cv::Rect& box = candidates.boxes[i];
+    const float x1 = static_cast<float>(box.x) * scale;
+    const float y1 = static_cast<float>(box.y) * scale;
+    const float x2 = static_cast<float>(box.width) * scale + static_cast<float>(truncateToInt(x1));
+    const float y2 = static_cast<float>(box.height) * scale + static_cast<float>(truncateToInt(y1));
+    if (!allFit({x1, y1, x2, y2})) {
+      found.badBox = BadBox{candidates.places[i], {x1, y1, x2, y2}};
+      break;
+    }
+    const int classId = candidates.classIds[i];
+    found.objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height),
+                               truncateToInt(x1), truncateToInt(y1), truncateToInt(x2),
+                               truncateToInt(y2), candidates.scores[i], classId,
+                               config.classNames[static_cast<std::size_t>(classId)]);
+    found.places.push_back(candidates.places[i]);
   }
-  return objects;
+  return found;
 }
 
 }  // namespace TolCompatibleLib

@@ -8,6 +8,7 @@
 #include <optional>
 #include <source_location>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "TolCompatible.h"
@@ -15,13 +16,28 @@
 
 namespace TolCompatibleLib {
 
-/// Numbers of a candidate that no integer can hold.
+/// Numbers of a candidate that do not fit the int32 fields of a record.
 struct BadBox {
   int place;  ///< Row or column of the output.
-  /// The box as it was to be truncated; where the class id is bad, width, height, score and class
-  /// id.
+  /// The box before it was to be truncated; if the class id does not fit, width, height, score and
+  /// class id.
   std::array<float, 4> numbers;
 };
+
+/// Logs one "[E]" line with the numbers of `badBox`, if there is one, and returns whether there is.
+bool logBadBox(const std::optional<BadBox>& badBox,
+               std::source_location where = std::source_location::current());
+
+/// A point in frame pixels, its coordinates truncated to integers. Returns nullopt, after one "[E]"
+/// line, if one does not fit an int32. @param what for that line, for example "key point".
+std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int place,
+                                   std::source_location where = std::source_location::current());
+
+/// Returns whether a dimension of an output is as expected; else logs `family` + " dimensions
+/// error:"
+/// + the dimension in an "[E]" line.
+bool checkDimension(std::string_view family, std::size_t actual, std::size_t expected,
+                    std::source_location where = std::source_location::current());
 
 /// Parallel lists, in the order of the output.
 struct Candidates {
@@ -29,16 +45,12 @@ struct Candidates {
   std::vector<float> scores;
   std::vector<int> classIds;
   std::vector<int> places;  ///< Row or column of the output, for what a model reads there later.
-  /// Set where no integer holds a box; decoding stopped there.
+  /// Set if a box does not fit; decoding stopped there.
   std::optional<BadBox> badBox;
 
-  /// Adds a candidate with its box truncated to integers; false when the box is bad.
+  /// Adds a candidate with its box truncated to integers; false if the box does not fit.
   bool add(float x, float y, float width, float height, float score, int classId, int place);
 };
-
-/// True without a bad box; else logs one "[E]" line that names its numbers.
-bool usable(const std::optional<BadBox>& badBox,
-            std::source_location where = std::source_location::current());
 
 /// Candidates of an anchor-based YOLOv5 head, one per row: centre x, centre y, width, height,
 /// objectness, then one score per class (`classCount` of them, which must exist). A row counts if
@@ -58,34 +70,37 @@ Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale)
 /// Columns of a YOLO26 row that are read.
 constexpr int kYolo26Columns = 6;
 
-/// What a YOLO26 head found.
-struct Yolo26Objects {
+/// Results for a frame.
+struct FrameObjects {
   std::vector<VsaObject> objects;
-  std::optional<BadBox> badBox;  ///< Set where no integer holds a box or class id.
+  std::vector<int> places;  ///< Row or column of the output that each object was read from.
+  /// Set if the box or class id of an object does not fit; the objects are incomplete then.
+  std::optional<BadBox> badBox;
 };
 
 /// The objects of an end-to-end YOLO26 head, one per row: x1, y1, x2, y2, score, class id; further
 /// columns are not read. Every row above the threshold whose class has a name and is wanted becomes
-/// an object; nothing is suppressed. \param rows at least six columns.
-Yolo26Objects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
-                           const VsaFrame& frame);
+/// an object; nothing is suppressed. @param rows at least six columns.
+FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
+                          const VsaFrame& frame);
 
-/// Candidates left by cv::dnn::NMSBoxes across all classes, best first. Throws cv::Exception for a
-/// negative threshold.
-std::vector<int> suppressed(const Candidates& candidates, const VsaModelConfig& config);
+/// Indices of the candidates left by cv::dnn::NMSBoxes across all classes, best first. Throws
+/// cv::Exception for a negative threshold.
+std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config);
 
 /// Those of them whose class has a name in `config` and whose name is wanted. The filter comes
-/// last, so unwanted candidates still suppress.
-std::vector<int> wantedAfterSuppression(const Candidates& candidates, const VsaModelConfig& config,
-                                        const std::set<std::string>& wantedClasses);
+/// last, so unwanted candidates suppress others.
+std::vector<int> wantedAfterNms(const Candidates& candidates, const VsaModelConfig& config,
+                                const std::set<std::string>& wantedClasses);
 
-/// Candidate `index` as an object of `frame`; `scale` takes network pixels to frame pixels. The far
-/// corner is computed from the truncated near corner.
-VsaObject frameObject(const Candidates& candidates, int index, float scale,
-                      const VsaModelConfig& config, const VsaFrame& frame);
+/// The bad box of a candidate whose right or bottom edge, offset plus length, does not fit an
+/// int32; nullopt if both fit.
+std::optional<BadBox> badFarEdge(const Candidates& candidates, int index);
 
-/// All wanted candidates as objects, best first.
-std::vector<VsaObject> wantedObjects(const Candidates& candidates, float scale,
-                                     const VsaModelConfig& config, const VsaFrame& frame);
+/// The wanted candidates as objects of `frame`, best first; `scale` takes network pixels to frame
+/// pixels. The far corner is computed from the truncated near corner. A bad box of the candidates
+/// becomes that of the result.
+FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaModelConfig& config,
+                           const VsaFrame& frame);
 
 }  // namespace TolCompatibleLib

@@ -1,4 +1,4 @@
-#include "fuzz/Families.h"
+#include "support/Families.h"
 
 #include <cmath>
 #include <openvino/opsets/opset8.hpp>

@@ -20,7 +20,7 @@
 #include <sstream>
 #include <thread>
 
-#include "fuzz/Families.h"
+#include "support/Families.h"
 #include "support/LoopbackServer.h"
 #include "support/TestHost.h"
 

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <vector>
 
-#include "fuzz/Fuzz.h"
+#include "verify/Fuzz.h"
 
 int main(int argc, char** argv) {
   if (argc != 2) return 2;

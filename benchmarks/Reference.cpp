@@ -1,4 +1,6 @@
-#include "support/Literal.h"
+#include "benchmarks/Reference.h"
+
+#include <json/json.h>
 
 #include <algorithm>
 #include <cmath>
@@ -6,36 +8,41 @@
 #include <limits>
 #include <opencv2/dnn.hpp>
 #include <opencv2/imgproc.hpp>
+#include <string_view>
+#include <utility>
 
-namespace literal {
+namespace reference {
 namespace {
 
 using namespace TolCompatibleLib;
 
 constexpr double kOneOver255 = 0.00392156862745098;
 
-cv::Mat matrixOf(FloatGrid grid) {
+cv::Mat wrap(FloatGrid grid) {
   return cv::Mat(grid.rows, grid.cols, CV_32FC1, const_cast<float*>(grid.data));
 }
 
-std::size_t index(int i) {
+std::size_t toIndex(int i) {
   return static_cast<std::size_t>(i);
 }
 
-void add(Candidates& found, float x, float y, float width, float height, float score, int classId, int place) {
-  found.boxes.emplace_back(static_cast<int>(x), static_cast<int>(y), static_cast<int>(width), static_cast<int>(height));
-  found.scores.push_back(score);
-  found.classIds.push_back(classId);
-  found.places.push_back(place);
+void add(Candidates& candidates, float x, float y, float width, float height, float score,
+         int classId, int index) {
+  candidates.boxes.emplace_back(static_cast<int>(x), static_cast<int>(y), static_cast<int>(width),
+                                static_cast<int>(height));
+  candidates.scores.push_back(score);
+  candidates.classIds.push_back(classId);
+  candidates.places.push_back(index);
 }
 
-std::vector<int> kept(const Candidates& found, const VsaModelConfig& config) {
+std::vector<int> suppress(const Candidates& candidates, const VsaModelConfig& config) {
   std::vector<int> indices;
-  cv::dnn::NMSBoxes(found.boxes, found.scores, config.scoreThreshold, config.nmsThreshold, indices, 1.0F, 0);
+  cv::dnn::NMSBoxes(candidates.boxes, candidates.scores, config.scoreThreshold, config.nmsThreshold,
+                    indices, 1.0F, 0);
   return indices;
 }
 
-/// Three planes of one float picture, in the order given.
+/// Copies three channels of a float image to planes, in the given order.
 void copyPlanes(const cv::Mat& image, const std::array<std::size_t, 3>& order, float* planes) {
   std::vector<cv::Mat> channels;
   cv::split(image, channels);
@@ -45,29 +52,33 @@ void copyPlanes(const cv::Mat& image, const std::array<std::size_t, 3>& order, f
   }
 }
 
-cv::Mat fitted(const cv::Mat& region, cv::Size size, double grey) {
-  const float scale = static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
+/// The region scaled to fit `size`, centred on grey, as floats of 0 to 1.
+cv::Mat fitToSize(const cv::Mat& region, cv::Size size, double grey) {
+  const float scale =
+      static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
   const cv::Size scaled(static_cast<int>(std::round(static_cast<float>(region.cols) * scale)),
                         static_cast<int>(std::round(static_cast<float>(region.rows) * scale)));
   cv::Mat image;
   cv::resize(region, image, scaled, 0, 0, cv::INTER_NEAREST);
   const int top = (size.height - scaled.height) / 2;
   const int left = (size.width - scaled.width) / 2;
-  cv::copyMakeBorder(image, image, top, size.height - scaled.height - top, left, size.width - scaled.width - left,
-                     cv::BORDER_CONSTANT, cv::Scalar(grey, grey, grey, 0));
+  cv::copyMakeBorder(image, image, top, size.height - scaled.height - top, left,
+                     size.width - scaled.width - left, cv::BORDER_CONSTANT,
+                     cv::Scalar(grey, grey, grey, 0));
   image.convertTo(image, CV_32FC3, kOneOver255);
   return image;
 }
 
-/// The region stretched to `size` and its bytes, red first, through `value(byte, channel of the picture)`.
+/// Stretches the region to `size` and writes `value(byte, channel)` of each byte, red plane first.
 template <class Value>
-void stretched(const cv::Mat& region, cv::Size size, float* planes, Value value) {
+void fillStretched(const cv::Mat& region, cv::Size size, float* planes, Value value) {
   cv::Mat resized;
   cv::resize(region, resized, size, 0, 0, cv::INTER_LINEAR);
   for (int y = 0; y < size.height; ++y) {
     for (int x = 0; x < size.width; ++x, ++planes) {
       const auto& pixel = resized.at<cv::Vec3b>(y, x);
-      for (int c = 0; c < 3; ++c) planes[(2 - c) * size.area()] = value(static_cast<float>(pixel[c]), c);
+      for (int c = 0; c < 3; ++c)
+        planes[(2 - c) * size.area()] = value(static_cast<float>(pixel[c]), c);
     }
   }
 }
@@ -75,21 +86,28 @@ void stretched(const cv::Mat& region, cv::Size size, float* planes, Value value)
 template <class Score>
 std::size_t firstMaximum(std::size_t count, Score score) {
   std::size_t best = 0;
-  float most = -std::numeric_limits<float>::infinity();
+  float maximum = -std::numeric_limits<float>::infinity();
   for (std::size_t c = 0; c < count; ++c) {
-    if (score(c) > most) most = score(best = c);
+    if (!(score(c) > maximum)) continue;
+    maximum = score(c);
+    best = c;
   }
   return best;
 }
 
 float polygonScore(const cv::Point2f (&corners)[4], const cv::Mat& map) {
-  float minX = std::numeric_limits<float>::max(), minY = minX;
-  float maxX = std::numeric_limits<float>::min(), maxY = maxX;
+  float minX = std::numeric_limits<float>::max();
+  float minY = std::numeric_limits<float>::max();
+  float maxX = std::numeric_limits<float>::min();
+  float maxY = std::numeric_limits<float>::min();
   for (const cv::Point2f& corner : corners) {
-    minX = std::min(minX, corner.x), maxX = std::max(maxX, corner.x);
-    minY = std::min(minY, corner.y), maxY = std::max(maxY, corner.y);
+    minX = std::min(minX, corner.x);
+    maxX = std::max(maxX, corner.x);
+    minY = std::min(minY, corner.y);
+    maxY = std::max(maxY, corner.y);
   }
-  const float left = std::max(std::floor(minX), 0.0F), top = std::max(std::floor(minY), 0.0F);
+  const float left = std::max(std::floor(minX), 0.0F);
+  const float top = std::max(std::floor(minY), 0.0F);
   const float right = std::min(std::ceil(maxX), static_cast<float>(map.cols - 1));
   const float bottom = std::min(std::ceil(maxY), static_cast<float>(map.rows - 1));
   const cv::Size size(static_cast<int>(right - left + 1), static_cast<int>(bottom - top + 1));
@@ -107,13 +125,14 @@ float polygonScore(const cv::Point2f (&corners)[4], const cv::Mat& map) {
 
 }  // namespace
 
-Boxed letterbox(const cv::Mat& image, cv::Size input) {
+Letterboxed letterbox(const cv::Mat& image, cv::Size input) {
   const float ratioX = static_cast<float>(input.width) / static_cast<float>(image.cols);
   const float ratioY = static_cast<float>(input.height) / static_cast<float>(image.rows);
   const float ratio = ratioX <= ratioY ? ratioX : ratioY;
   const cv::Size scaled(static_cast<int>(static_cast<float>(image.cols) * ratio),
                         static_cast<int>(static_cast<float>(image.rows) * ratio));
-  const float scale = static_cast<float>(std::max(image.cols, image.rows)) / static_cast<float>(input.height);
+  const float scale =
+      static_cast<float>(std::max(image.cols, image.rows)) / static_cast<float>(input.height);
   if (scaled.empty()) return {{}, scale};
   cv::Mat canvas = cv::Mat::zeros(input, image.type());
   cv::Mat resized;
@@ -123,85 +142,92 @@ Boxed letterbox(const cv::Mat& image, cv::Size input) {
 }
 
 cv::Mat unitBlob(const cv::Mat& canvas) {
-  return cv::dnn::blobFromImage(canvas, kOneOver255, canvas.size(), cv::Scalar(), true, false, CV_32F);
+  return cv::dnn::blobFromImage(canvas, kOneOver255, canvas.size(), cv::Scalar(), true, false,
+                                CV_32F);
 }
 
 Candidates decodeYolo5(FloatGrid rows, int classCount, float objThreshold, float scoreThreshold) {
-  Candidates found;
-  const cv::Mat output = matrixOf(rows);
+  Candidates candidates;
+  const cv::Mat output = wrap(rows);
   for (int r = 0; r < output.rows; ++r) {
     const float* row = output.ptr<float>(r);
     if (!(row[4] >= objThreshold)) continue;
     double best = 0;
-    cv::Point place;
-    cv::minMaxLoc(output.row(r).colRange(5, 5 + classCount), nullptr, &best, nullptr, &place);
+    cv::Point bestClass;
+    cv::minMaxLoc(output.row(r).colRange(5, 5 + classCount), nullptr, &best, nullptr, &bestClass);
     if (!(best > scoreThreshold)) continue;
-    add(found, row[0] - 0.5F * row[2], row[1] - 0.5F * row[3], row[2], row[3], row[4], place.x, r);
+    add(candidates, row[0] - 0.5F * row[2], row[1] - 0.5F * row[3], row[2], row[3], row[4],
+        bestClass.x, r);
   }
-  return found;
+  return candidates;
 }
 
 Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold) {
-  Candidates found;
-  const cv::Mat output = matrixOf(columns).t();
+  Candidates candidates;
+  const cv::Mat output = wrap(columns).t();
   for (int r = 0; r < output.rows; ++r) {
     double best = 0;
-    cv::Point place;
-    cv::minMaxLoc(output.row(r).colRange(4, 4 + classCount), nullptr, &best, nullptr, &place);
+    cv::Point bestClass;
+    cv::minMaxLoc(output.row(r).colRange(4, 4 + classCount), nullptr, &best, nullptr, &bestClass);
     if (!(best > scoreThreshold)) continue;
     const float* row = output.ptr<float>(r);
-    add(found, row[0] - 0.5F * row[2], row[1] - 0.5F * row[3], row[2], row[3], static_cast<float>(best), place.x, r);
+    add(candidates, row[0] - 0.5F * row[2], row[1] - 0.5F * row[3], row[2], row[3],
+        static_cast<float>(best), bestClass.x, r);
   }
-  return found;
+  return candidates;
 }
 
 Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale) {
-  Candidates found;
-  const cv::Mat output = matrixOf(columns).t();
+  Candidates candidates;
+  const cv::Mat output = wrap(columns).t();
   for (int r = 0; r < output.rows; ++r) {
     const float* row = output.ptr<float>(r);
     if (!(row[4] > scoreThreshold)) continue;
-    add(found, (row[0] - row[2] * 0.5F) * scale, (row[1] - row[3] * 0.5F) * scale, row[2] * scale, row[3] * scale,
-        row[4], 0, r);
+    add(candidates, (row[0] - row[2] * 0.5F) * scale, (row[1] - row[3] * 0.5F) * scale,
+        row[2] * scale, row[3] * scale, row[4], 0, r);
   }
-  return found;
+  return candidates;
 }
 
-std::vector<VsaObject> decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config, const VsaFrame& frame) {
+std::vector<VsaObject> decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
+                                    const VsaFrame& frame) {
   std::vector<VsaObject> objects;
   for (int r = 0; r < rows.rows; ++r) {
     const float* row = rows.row(r);
     if (!(row[4] > config.scoreThreshold)) continue;
     const int classId = static_cast<int>(row[5]);
     if (classId < 0 || classId >= static_cast<int>(config.classCount)) continue;
-    const std::string& name = config.classNames.at(index(classId));
+    const std::string& name = config.classNames.at(toIndex(classId));
     if (!frame.wantedClasses.contains(name)) continue;
     objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height),
                          static_cast<int>(row[0] * scale), static_cast<int>(row[1] * scale),
-                         static_cast<int>(row[2] * scale), static_cast<int>(row[3] * scale), row[4], classId, name);
+                         static_cast<int>(row[2] * scale), static_cast<int>(row[3] * scale), row[4],
+                         classId, name);
   }
   return objects;
 }
 
-std::vector<VsaObject> objectsOf(const Candidates& found, float scale, const VsaModelConfig& config,
-                                 const VsaFrame& frame) {
+std::vector<VsaObject> wantedObjects(const Candidates& candidates, float scale,
+                                     const VsaModelConfig& config, const VsaFrame& frame) {
   std::vector<VsaObject> objects;
-  for (const int i : kept(found, config)) {
-    const std::string& name = config.classNames.at(index(found.classIds[index(i)]));
+  for (const int i : suppress(candidates, config)) {
+    const std::string& name = config.classNames.at(toIndex(candidates.classIds[toIndex(i)]));
     if (!frame.wantedClasses.contains(name)) continue;
-    const cv::Rect& box = found.boxes[index(i)];
+    const cv::Rect& box = candidates.boxes[toIndex(i)];
     const int x1 = static_cast<int>(static_cast<float>(box.x) * scale);
     const int y1 = static_cast<int>(static_cast<float>(box.y) * scale);
     const int x2 = static_cast<int>(static_cast<float>(box.width) * scale + static_cast<float>(x1));
-    const int y2 = static_cast<int>(static_cast<float>(box.height) * scale + static_cast<float>(y1));
-    objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height), x1, y1, x2, y2,
-                         found.scores[index(i)], found.classIds[index(i)], name);
+    const int y2 =
+        static_cast<int>(static_cast<float>(box.height) * scale + static_cast<float>(y1));
+    objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height), x1, y1, x2,
+                         y2, candidates.scores[toIndex(i)], candidates.classIds[toIndex(i)], name);
   }
   return objects;
 }
 
-std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes, const MaskCoefficients& coefficients,
-                                   const cv::Rect& box, cv::Size input) {
+std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes,
+                                   const MaskCoefficients& coefficients, const cv::Rect& box,
+                                   cv::Size input) {
   const cv::Size size = prototypes.size;
   cv::Mat mask = cv::Mat::zeros(size, CV_32FC1);
   for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
@@ -215,8 +241,10 @@ std::vector<cv::Point> maskOutline(const MaskPrototypes& prototypes, const MaskC
   const float ratioY = static_cast<float>(size.height) / static_cast<float>(input.height);
   const int x0 = std::max(static_cast<int>(std::floor(static_cast<float>(box.x) * ratioX)), 0);
   const int y0 = std::max(static_cast<int>(std::floor(static_cast<float>(box.y) * ratioY)), 0);
-  const int x1 = std::min(static_cast<int>(std::ceil(static_cast<float>(box.x + box.width) * ratioX)), size.width);
-  const int y1 = std::min(static_cast<int>(std::ceil(static_cast<float>(box.y + box.height) * ratioY)), size.height);
+  const int x1 = std::min(
+      static_cast<int>(std::ceil(static_cast<float>(box.x + box.width) * ratioX)), size.width);
+  const int y1 = std::min(
+      static_cast<int>(std::ceil(static_cast<float>(box.y + box.height) * ratioY)), size.height);
   if (x1 <= x0 || y1 <= y0) return {};
   const cv::Rect crop(x0, y0, x1 - x0, y1 - y0);
   cv::Mat cropped = cv::Mat::zeros(size, CV_32FC1);
@@ -244,22 +272,24 @@ void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes) {
   resized.convertTo(resized, CV_32FC3, kOneOver255);
   cv::subtract(resized, cv::Scalar(0.485, 0.456, 0.406), resized);
   cv::divide(resized, cv::Scalar(0.229, 0.224, 0.225), resized);
-  const cv::Mat blob = cv::dnn::blobFromImage(resized, 1.0, cv::Size(), cv::Scalar(), false, false, CV_32F);
+  const cv::Mat blob =
+      cv::dnn::blobFromImage(resized, 1.0, cv::Size(), cv::Scalar(), false, false, CV_32F);
   std::memcpy(planes, blob.data, blob.total() * sizeof(float));
 }
 
 void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
-  const float width =
-      std::ceil(static_cast<float>(size.height) * static_cast<float>(region.cols) / static_cast<float>(region.rows));
+  const float width = std::ceil(static_cast<float>(size.height) * static_cast<float>(region.cols) /
+                                static_cast<float>(region.rows));
   cv::Mat line;
-  cv::resize(region, line, {std::min(static_cast<int>(width), size.width), size.height}, 0, 0, cv::INTER_LINEAR);
+  cv::resize(region, line, {std::min(static_cast<int>(width), size.width), size.height}, 0, 0,
+             cv::INTER_LINEAR);
   line.convertTo(line, CV_32FC3, 0.00784313725490196);
   cv::subtract(line, cv::Scalar(1.0, 1.0, 1.0), line);
-  std::vector<float> buffer(3 * index(size.area()), 0.0F);
+  std::vector<float> buffer(3 * toIndex(size.area()), 0.0F);
   for (int c = 0; c < 3; ++c) {
     for (int y = 0; y < line.rows; ++y) {
       for (int x = 0; x < line.cols; ++x) {
-        buffer[index((c * size.height + y) * size.width + x)] = line.at<cv::Vec3f>(y, x)[c];
+        buffer[toIndex((c * size.height + y) * size.width + x)] = line.at<cv::Vec3f>(y, x)[c];
       }
     }
   }
@@ -269,15 +299,16 @@ void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
 void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes) {
   constexpr float kMeans[] = {0.485F, 0.456F, 0.406F};
   constexpr float kDeviations[] = {0.229F, 0.224F, 0.225F};
-  stretched(region, size, planes, [&](float byte, int c) { return (byte / 255.0F - kMeans[c]) / kDeviations[c]; });
+  fillStretched(region, size, planes,
+                [&](float byte, int c) { return (byte / 255.0F - kMeans[c]) / kDeviations[c]; });
 }
 
 void fitToInput(const cv::Mat& region, cv::Size size, float* planes) {
-  copyPlanes(fitted(region, size, 128), {2, 1, 0}, planes);
+  copyPlanes(fitToSize(region, size, 128), {2, 1, 0}, planes);
 }
 
 void fitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes) {
-  cv::Mat image = fitted(region, size, 114);
+  cv::Mat image = fitToSize(region, size, 114);
   cv::subtract(image, cv::Scalar(0.406F, 0.456F, 0.485F), image);
   cv::divide(image, cv::Scalar(0.225F, 0.224F, 0.229F), image);
   copyPlanes(image, {2, 1, 0}, planes);
@@ -286,10 +317,12 @@ void fitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes) {
 void prepareOcrInput(const cv::Mat& region, cv::Size size, float* planes) {
   constexpr float kFactors[] = {0.017429195F, 0.017507004F, 0.017124755F};
   constexpr float kOffsets[] = {1.8044444F, 2.0357141F, 2.117904F};
-  stretched(region, size, planes, [&](float byte, int c) { return byte * kFactors[c] - kOffsets[c]; });
+  fillStretched(region, size, planes,
+                [&](float byte, int c) { return byte * kFactors[c] - kOffsets[c]; });
 }
 
-TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv::Size frame, cv::Size resized) {
+TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv::Size frame,
+                             cv::Size resized) {
   cv::Mat text;
   cv::threshold(map, text, params.binThreshold, 255, cv::THRESH_BINARY);
   text.convertTo(text, CV_8U);
@@ -298,7 +331,8 @@ TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv
   const float scaleX = static_cast<float>(frame.width) / static_cast<float>(resized.width);
   const float scaleY = static_cast<float>(frame.height) / static_cast<float>(resized.height);
   TextRegions found;
-  for (std::size_t i = 0; i < contours.size() && i < static_cast<std::size_t>(params.candidateLimit); ++i) {
+  for (std::size_t i = 0;
+       i < contours.size() && i < static_cast<std::size_t>(params.candidateLimit); ++i) {
     if (contours[i].size() < static_cast<std::size_t>(params.minSize)) continue;
     cv::RotatedRect rectangle = cv::minAreaRect(contours[i]);
     cv::Size2f& side = rectangle.size;
@@ -318,10 +352,11 @@ TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv
       corner.y = std::clamp(std::round(corner.y * scaleY), 0.0F, static_cast<float>(frame.height));
     }
     std::stable_sort(corners, corners + 4, [](const auto& a, const auto& b) { return a.x < b.x; });
-    const bool leftFalls = corners[1].y > corners[0].y;
-    const bool rightFalls = corners[3].y > corners[2].y;
-    found.regions.push_back({corners[leftFalls ? 0 : 1], corners[rightFalls ? 2 : 3], corners[rightFalls ? 3 : 2],
-                             corners[leftFalls ? 1 : 0]});
+    // Clockwise from the top-left corner: the two on the left, then the two on the right, each by
+    // height.
+    if (corners[1].y <= corners[0].y) std::swap(corners[0], corners[1]);
+    if (corners[3].y <= corners[2].y) std::swap(corners[2], corners[3]);
+    found.regions.push_back({corners[0], corners[2], corners[3], corners[1]});
     found.scores.push_back(score);
   }
   return found;
@@ -332,24 +367,56 @@ std::string ctcGreedyDecode(FloatGrid scores, const CharacterDictionary& diction
   std::size_t previous = 0;
   for (int step = 0; step < scores.rows; ++step) {
     const float* row = scores.row(step);
-    const std::size_t best = firstMaximum(index(scores.cols), [row](std::size_t c) { return row[c]; });
+    const std::size_t best =
+        firstMaximum(toIndex(scores.cols), [row](std::size_t c) { return row[c]; });
     if (best != 0 && best != previous && best < dictionary.size()) text += dictionary[best];
     previous = best;
   }
   return text;
 }
 
-std::string decodeOcr(const float* scores, std::size_t steps, std::size_t classes, bool byClass,
-                      const std::vector<std::string>& alphabet) {
+std::string decodeOcr(const float* scores, std::size_t steps, std::size_t classes,
+                      bool isClassMajor, const std::vector<std::string>& alphabet) {
   std::string text;
   std::size_t previous = classes;
   for (std::size_t t = 0; t < steps; ++t) {
-    const std::size_t best =
-        firstMaximum(classes, [&](std::size_t c) { return byClass ? scores[c * steps + t] : scores[t * classes + c]; });
+    const std::size_t best = firstMaximum(classes, [&](std::size_t c) {
+      return isClassMajor ? scores[c * steps + t] : scores[t * classes + c];
+    });
     if (best != 0 && best != previous && best < classes) text += alphabet.at(best);
     previous = best;
   }
   return text;
 }
 
-}  // namespace literal
+std::string base64(const std::uint8_t* bytes, std::size_t size) {
+  constexpr std::string_view kAlphabet =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string text;
+  for (std::size_t i = 0; i < size; i += 3) {
+    std::uint32_t group = 0;
+    for (std::size_t k = i; k < i + 3; ++k) group = group << 8U | (k < size ? bytes[k] : 0U);
+    const std::size_t count = std::min<std::size_t>(size - i, 3) + 1;
+    for (std::size_t k = 0; k < 4; ++k) {
+      text += k < count ? kAlphabet[group >> (18 - 6 * k) & 63U] : '=';
+    }
+  }
+  return text;
+}
+
+std::string spectrogramRequest(const VsaFrame& frame) {
+  Json::Value request;
+  request["pts"] = Json::Int64{frame.pts};
+  request["audio_frame_count"] = Json::Int64{frame.audioFrameCount};
+  request["audio_frame_max_size"] = frame.audioFrameMaxSize;
+  request["audio_frame_size"] = frame.audioFrameSize;
+  request["audio_sample_rate"] = frame.audioSampleRate;
+  request["audio_nb_samples"] = frame.audioNbSamples;
+  request["audio_sample_fmt"] = frame.audioSampleFmt;
+  request["audio_sample_fmt_byte_num"] = frame.audioSampleFmtByteNum;
+  request["audio_pcm_base64"] =
+      base64(frame.audioData, static_cast<std::size_t>(frame.audioFrameSize));
+  return request.toStyledString();
+}
+
+}  // namespace reference

@@ -20,8 +20,8 @@
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
 #include "Utils/YoloDecode.h"
-#include "fuzz/Families.h"
-#include "fuzz/Fuzz.h"
+#include "support/Families.h"
+#include "verify/Fuzz.h"
 #include "support/TestHost.h"
 
 using namespace TolCompatibleLib;
@@ -141,10 +141,12 @@ void throwsWhere(bool refused, Work work) {
   require(thrown == refused);
 }
 
-void mapped(const Candidates& found, const Scene& scene) {
-  if (!usable(found.badBox)) return;
-  throwsWhere(thresholdsRefused(scene.config),
-              [&] { check(wantedObjects(found, scene.scale, scene.config, scene.frame), scene.size); });
+void mapped(const Candidates& candidates, const Scene& scene) {
+  if (logBadBox(candidates.badBox)) return;
+  throwsWhere(thresholdsRefused(scene.config), [&] {
+    const FrameObjects found = wantedObjects(candidates, scene.scale, scene.config, scene.frame);
+    if (!logBadBox(found.badBox)) check(found.objects, scene.size);
+  });
 }
 
 void yolo5(Reader& in) {
@@ -171,8 +173,8 @@ void poseBoxes(Reader& in) {
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * 5));
   const Candidates found = decodeYolo8Pose({numbers.data(), 5, count}, scene.config.scoreThreshold, scene.scale);
-  if (!usable(found.badBox)) return;
-  throwsWhere(thresholdsRefused(scene.config), [&] { suppressed(found, scene.config); });
+  if (logBadBox(found.badBox)) return;
+  throwsWhere(thresholdsRefused(scene.config), [&] { keptAfterNms(found, scene.config); });
 }
 
 void yolo26(Reader& in) {
@@ -180,8 +182,8 @@ void yolo26(Reader& in) {
   const int count = in.upTo(24);
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * columns));
-  const Yolo26Objects found = decodeYolo26({numbers.data(), count, columns}, scene.scale, scene.config, scene.frame);
-  if (usable(found.badBox)) check(found.objects, scene.size);
+  const FrameObjects found = decodeYolo26({numbers.data(), count, columns}, scene.scale, scene.config, scene.frame);
+  if (!logBadBox(found.badBox)) check(found.objects, scene.size);
 }
 
 /// Suppression and mapping of any boxes, with any class ids.
@@ -269,7 +271,7 @@ void spectrogram(Reader& in) {
   const std::string text =
       raw ? in.rest() : R"({"code":1000,"msg":"","mels":1,"time_steps":2,"mel_spec":)" + in.rest() + "}";
   try {
-    const auto rows = spectrogramIn(text);
+    const auto rows = parseSpectrogram(text);
     for (const auto& row : rows.value_or(MelSpectrogram())) {
       for (const float value : row) require(std::isfinite(value));
     }
@@ -294,7 +296,7 @@ void letterboxes(Reader& in) {
   const cv::Size input = in.size(48);
   const Pixels pixels(in, in.size(48));
   std::vector<float> planes(static_cast<std::size_t>(input.area()) * 3);
-  const auto scale = letterboxPlanes(pixels.image, input, planes.data());
+  const auto scale = LetterboxWriter().writePlanes(pixels.image, input, planes.data());
   const auto boxed = letterbox(pixels.image, input);
   require(scale.has_value() == boxed.has_value() && (!scale || *scale == boxed->scale));
 }

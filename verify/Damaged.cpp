@@ -19,7 +19,7 @@
 #include <random>
 #include <span>
 
-#include "fuzz/Families.h"
+#include "support/Families.h"
 #include "support/TestHost.h"
 
 // The address sanitizer's own would end the program where memory runs out; a shape of 2^62 pixels has to be an

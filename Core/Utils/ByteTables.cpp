@@ -1,0 +1,118 @@
+#include "Utils/ByteTables.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <opencv2/core.hpp>
+#include <opencv2/dnn.hpp>
+
+namespace TolCompatibleLib {
+namespace {
+
+constexpr double kOneOver255 = 0.00392156862745098;
+constexpr double kTwoOver255 = 0.00784313725490196;
+
+/// One row of 256 pixels whose three channels hold the byte of their column.
+cv::Mat everyByte() {
+  cv::Mat ramp(1, 256, CV_8UC3);
+  for (int i = 0; i < 256; ++i) ramp.at<cv::Vec3b>(0, i) = cv::Vec3b::all(static_cast<uchar>(i));
+  return ramp;
+}
+
+/// everyByte() as floats, each multiplied by `scale`.
+cv::Mat scaledBytes(double scale) {
+  cv::Mat ramp;
+  everyByte().convertTo(ramp, CV_32FC3, scale);
+  return ramp;
+}
+
+/// Tables from a row of 256 three-channel float pixels.
+ByteTables tablesOf(const cv::Mat& ramp) {
+  ByteTables tables;
+  for (int i = 0; i < 256; ++i) {
+    const auto& pixel = ramp.at<cv::Vec3f>(0, i);
+    for (int c = 0; c < 3; ++c) {
+      tables[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)] = pixel[c];
+    }
+  }
+  return tables;
+}
+
+}  // namespace
+
+const ByteTables& unitTables() {
+  static const ByteTables tables = [] {
+    const cv::Mat blob = cv::dnn::blobFromImage(everyByte(), kOneOver255, cv::Size(256, 1),
+                                                cv::Scalar(), /*swapRB=*/true, /*crop=*/false);
+    ByteTables made;
+    for (auto& table : made) std::copy_n(blob.ptr<float>(), 256, table.begin());
+    return made;
+  }();
+  return tables;
+}
+
+const ByteTables& textDetectorTables() {
+  static const ByteTables tables = [] {
+    cv::Mat ramp = scaledBytes(kOneOver255);
+    cv::subtract(ramp, cv::Scalar(0.485, 0.456, 0.406), ramp);
+    cv::divide(ramp, cv::Scalar(0.229, 0.224, 0.225), ramp);
+    return tablesOf(ramp);
+  }();
+  return tables;
+}
+
+const ByteTables& textLineTables() {
+  static const ByteTables tables = [] {
+    cv::Mat ramp = scaledBytes(kTwoOver255);
+    cv::subtract(ramp, cv::Scalar::all(1.0), ramp);
+    return tablesOf(ramp);
+  }();
+  return tables;
+}
+
+const ByteTables& classifierTables() {
+  static const ByteTables tables = [] {
+    // Deliberate: the statistics of red are applied to blue and those of blue to red.
+    constexpr std::array<float, 3> kMeans = {0.485F, 0.456F, 0.406F};
+    constexpr std::array<float, 3> kDeviations = {0.229F, 0.224F, 0.225F};
+    ByteTables made;
+    for (std::size_t c = 0; c < 3; ++c) {
+      for (std::size_t i = 0; i < 256; ++i) {
+        made[c][i] = (static_cast<float>(i) / 255.0F - kMeans[c]) / kDeviations[c];
+      }
+    }
+    return made;
+  }();
+  return tables;
+}
+
+const ByteTables& fittedTables() {
+  static const ByteTables tables = tablesOf(scaledBytes(kOneOver255));
+  return tables;
+}
+
+const ByteTables& fittedNormalizedTables() {
+  static const ByteTables tables = [] {
+    cv::Mat ramp = scaledBytes(kOneOver255);
+    cv::subtract(ramp, cv::Scalar(0.406F, 0.456F, 0.485F), ramp);
+    cv::divide(ramp, cv::Scalar(0.225F, 0.224F, 0.229F), ramp);
+    return tablesOf(ramp);
+  }();
+  return tables;
+}
+
+const ByteTables& ocrTables() {
+  static const ByteTables tables = [] {
+    constexpr std::array<float, 3> kFactors = {0.017429195F, 0.017507004F, 0.017124755F};
+    constexpr std::array<float, 3> kOffsets = {1.8044444F, 2.0357141F, 2.117904F};
+    ByteTables made;
+    for (std::size_t c = 0; c < 3; ++c) {
+      for (std::size_t i = 0; i < 256; ++i) {
+        made[c][i] = static_cast<float>(i) * kFactors[c] - kOffsets[c];
+      }
+    }
+    return made;
+  }();
+  return tables;
+}
+
+}  // namespace TolCompatibleLib

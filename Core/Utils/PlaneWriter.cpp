@@ -1,0 +1,190 @@
+#include "Utils/PlaneWriter.h"
+
+#if defined(_M_X64)
+#include <xmmintrin.h>
+#endif
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <numeric>
+#include <opencv2/imgproc.hpp>
+
+namespace TolCompatibleLib {
+namespace {
+
+using ChannelOrder = std::array<std::size_t, 3>;
+constexpr ChannelOrder kRedFirst = {2, 1, 0};
+constexpr ChannelOrder kAsStored = {0, 1, 2};
+
+/// Requests the cache line at `address` without waiting for it.
+void prefetch([[maybe_unused]] const void* address) {
+#if defined(__GNUC__)
+  __builtin_prefetch(address, /*write=*/0, /*locality=*/3);
+#elif defined(_M_X64)
+  _mm_prefetch(static_cast<const char*>(address), _MM_HINT_T0);
+#endif
+}
+
+/// Pixels written at once. Storing single floats alternately to three planes is the bottleneck.
+constexpr std::size_t kPixels = 4;
+
+/// Writes a row of `count` pixels through `tables` to the same offset of three planes.
+/// @param pixelAt returns the address of pixel x.
+/// @param ahead distance in bytes from a pixel to the data to prefetch.
+/// @param row the row in the first plane.
+/// @param plane number of floats from one plane to the next.
+template <ChannelOrder order, class PixelAt>
+void writeRow(std::size_t count, PixelAt pixelAt, std::ptrdiff_t ahead, const ByteTables& tables,
+              float* row, std::size_t plane) {
+  std::size_t x = 0;
+  for (; x + kPixels <= count; x += kPixels) {
+    std::array<const uchar*, kPixels> pixels;
+    for (std::size_t i = 0; i < kPixels; ++i) pixels[i] = pixelAt(x + i);
+    prefetch(pixels.front() + ahead);
+    for (std::size_t p = 0; p < 3; ++p) {
+      std::array<float, kPixels> values;
+      for (std::size_t i = 0; i < kPixels; ++i) values[i] = tables[order[p]][pixels[i][order[p]]];
+      std::memcpy(row + p * plane + x, values.data(), sizeof values);
+    }
+  }
+  for (; x < count; ++x) {
+    for (std::size_t p = 0; p < 3; ++p) {
+      row[p * plane + x] = tables[order[p]][pixelAt(x)[order[p]]];
+    }
+  }
+}
+
+template <ChannelOrder order>
+void writeRows(const cv::Mat& image, const ByteTables& tables, float* planes, int rowLength) {
+  const auto cols = static_cast<std::size_t>(image.cols);
+  const auto stride = static_cast<std::size_t>(rowLength);
+  const std::size_t plane = stride * static_cast<std::size_t>(image.rows);
+  for (int y = 0; y < image.rows; ++y) {
+    const uchar* const pixels = image.ptr<uchar>(y);
+    float* const row = planes + static_cast<std::size_t>(y) * stride;
+    const auto pixelAt = [pixels](std::size_t x) { return pixels + 3 * x; };
+    writeRow<order>(cols, pixelAt, 0, tables, row, plane);
+    for (std::size_t p = 0; p < 3; ++p) {
+      std::fill(row + p * plane + cols, row + p * plane + stride, 0.0F);
+    }
+  }
+}
+
+/// Copies the pixels at `columns`, in ascending order, of a row of `width` pixels of three bytes.
+/// @param ahead as for writeRow.
+void copyRow(const uchar* pixels, std::ptrdiff_t ahead, int width, const std::vector<int>& columns,
+             uchar* out) {
+  // Copying four bytes is faster than three. The fourth byte belongs to the next pixel, in the
+  // source and in the destination, so both must have one.
+  std::size_t x = 0;
+  for (; x + 1 < columns.size() && columns[x] < width - 1; ++x) {
+    const uchar* const from = pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]);
+    if (x % kPixels == 0) prefetch(from + ahead);
+    std::memcpy(out + 3 * x, from, 4);
+  }
+  for (; x < columns.size(); ++x) {
+    std::memcpy(out + 3 * x, pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]), 3);
+  }
+}
+
+/// Which of `length` pixels cv::resize takes for each of `scaled` ones by nearest-neighbor
+/// sampling. OpenCV itself resizes a row of positions, so the answer is right for any version of
+/// it.
+std::vector<int> sampledPositions(int length, int scaled) {
+  CV_Assert(length <= kMaxSampledLength && scaled <= kMaxSampledLength);
+  std::vector<int> positions(static_cast<std::size_t>(length));
+  std::iota(positions.begin(), positions.end(), 0);
+  std::vector<int> sampled(static_cast<std::size_t>(scaled));
+  cv::Mat row(1, scaled, CV_32SC1, sampled.data());
+  cv::resize(cv::Mat(1, length, CV_32SC1, positions.data()), row, row.size(), 0, 0,
+             cv::INTER_NEAREST);
+  return sampled;
+}
+
+}  // namespace
+
+void writePlanes(const cv::Mat& image, PlaneOrder order, const ByteTables& tables, float* planes,
+                 int rowLength) {
+  if (order == PlaneOrder::kRedFirst) {
+    writeRows<kRedFirst>(image, tables, planes, rowLength);
+  } else {
+    writeRows<kAsStored>(image, tables, planes, rowLength);
+  }
+}
+
+Sampling::Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin)
+    : columns_(sampledPositions(imageSize.width, scaled.width)),
+      rows_(sampledPositions(imageSize.height, scaled.height)),
+      origin_(origin) {}
+
+/// Row y of the sampled image, and the distance in bytes to the row to prefetch: two sampled rows
+/// ahead, which leaves memory enough time.
+std::pair<const std::uint8_t*, std::ptrdiff_t> Sampling::row(const cv::Mat& image,
+                                                             std::size_t y) const {
+  constexpr std::size_t kRowsAhead = 2;
+  const uchar* const pixels = image.ptr<uchar>(rows_[y]);
+  return {pixels, image.ptr<uchar>(rows_[std::min(y + kRowsAhead, rows_.size() - 1)]) - pixels};
+}
+
+void Sampling::writePlanes(const cv::Mat& image, cv::Size size, const ByteTables& tables,
+                           std::optional<std::uint8_t> background, float* planes) const {
+  const auto width = static_cast<std::size_t>(size.width);
+  const auto left = static_cast<std::size_t>(origin_.x);
+  const auto above = static_cast<std::size_t>(origin_.y) * width;
+  const std::size_t plane = width * static_cast<std::size_t>(size.height);
+  for (std::size_t p = 0; background && p < 3; ++p) {
+    float* const begin = planes + p * plane;
+    std::fill(begin, begin + above, tables[2 - p][*background]);
+    std::fill(begin + above + rows_.size() * width, begin + plane, tables[2 - p][*background]);
+  }
+  float* row = planes + above;
+  for (std::size_t y = 0; y < rows_.size(); ++y, row += width) {
+    // An enlarged image has rows that are equal.
+    const bool isRepeated = y > 0 && rows_[y] == rows_[y - 1];
+    if (isRepeated) {
+      for (std::size_t p = 0; p < 3; ++p) {
+        std::copy_n(row + p * plane - width, width, row + p * plane);
+      }
+      continue;
+    }
+    const auto [pixels, ahead] = this->row(image, y);
+    const auto pixelAt = [pixels = pixels, column = columns_.data()](std::size_t x) {
+      return pixels + 3 * static_cast<std::ptrdiff_t>(column[x]);
+    };
+    writeRow<kRedFirst>(columns_.size(), pixelAt, ahead, tables, row + left, plane);
+    for (std::size_t p = 0; background && p < 3; ++p) {
+      float* const begin = row + p * plane;
+      std::fill(begin, begin + left, tables[2 - p][*background]);
+      std::fill(begin + left + columns_.size(), begin + width, tables[2 - p][*background]);
+    }
+  }
+}
+
+void Sampling::writePixels(const cv::Mat& image, cv::Size size, bool writesPadding,
+                           std::uint8_t* pixels) const {
+  const std::size_t rowBytes = 3 * static_cast<std::size_t>(size.width);
+  std::uint8_t* out = pixels;
+  for (std::size_t y = 0; y < rows_.size(); ++y, out += rowBytes) {
+    const auto [source, ahead] = row(image, y);
+    copyRow(source, ahead, image.cols, columns_, out);
+    if (writesPadding) std::fill(out + 3 * columns_.size(), out + rowBytes, std::uint8_t{0});
+  }
+  if (writesPadding) {
+    std::fill(out, pixels + rowBytes * static_cast<std::size_t>(size.height), std::uint8_t{0});
+  }
+}
+
+void fetch(const cv::Mat& region) {
+  if (region.empty()) return;
+  constexpr std::ptrdiff_t kLine = 64;
+  constexpr std::ptrdiff_t kMaxBytes = 256 << 10;  // more would evict what was fetched first
+  const std::ptrdiff_t rowBytes = 3 * std::ptrdiff_t{region.cols};
+  for (int y = 0; y < region.rows && y * rowBytes < kMaxBytes; ++y) {
+    const volatile uchar* const row = region.ptr<uchar>(y);
+    for (std::ptrdiff_t x = 0; x < rowBytes; x += kLine) static_cast<void>(row[x]);
+    static_cast<void>(row[rowBytes - 1]);
+  }
+}
+
+}  // namespace TolCompatibleLib
