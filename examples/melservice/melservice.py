@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""A mel-spectrogram service for development: sound in, a matrix of mel bands and time steps out.
+"""A mel-spectrogram service for development: converts audio to mel bands over time steps.
 
     python3 melservice.py [--host 127.0.0.1] [--port 9555] [--mels 128] [--steps 100]
 
-Needs numpy. README.md beside this file tells what is asked and answered, and what the numbers mean.
+Needs numpy. README.md in this folder documents request, reply and spectrogram.
 """
 
 import argparse
@@ -22,57 +22,67 @@ PATH = "/api/audioToMelSpec"
 SUCCESS = 1000
 WINDOW_SECONDS = 0.025
 HOP_SECONDS = 0.010
-TOP_HZ = 8000.0
-SPACING_HZ = 8.0  # of the lines of the spectrum; the narrowest mel band must hold one
-FLOOR = 1e-10  # least power, -100 dB
-# Codes of sample formats as in FFmpeg's AVSampleFormat: how a sample is kept, and whether the channels follow each
-# other whole (planar) instead of sample by sample.
+MAX_HZ = 8000.0
+LINE_SPACING_HZ = 8.0  # of the spectrum; the narrowest mel band must contain a line
+MIN_POWER = 1e-10  # -100 dB
+# Codes of sample formats as in FFmpeg's AVSampleFormat: type of a sample, and whether the channels
+# are planar (stored one after the other) instead of interleaved.
 FORMATS = {1: ("<i2", False), 3: ("<f4", False), 6: ("<i2", True), 8: ("<f4", True)}
-INTEGERS = ("pts", "audio_frame_count", "audio_frame_max_size", "audio_frame_size", "audio_sample_rate",
-            "audio_nb_samples", "audio_sample_fmt", "audio_sample_fmt_byte_num")
-MOST_CHANNELS = 64
-MOST_BODY = 64 << 20  # bytes
+INTEGERS = ("pts", "audio_frame_count", "audio_frame_max_size", "audio_frame_size",
+            "audio_sample_rate", "audio_nb_samples", "audio_sample_fmt",
+            "audio_sample_fmt_byte_num")
+MAX_CHANNELS = 64
+MAX_BODY_BYTES = 64 << 20
 
 
-class Refused(Exception):
-    """The request is wrong; `code` goes into the reply and, as its status, into HTTP."""
+class RequestError(Exception):
+    """An invalid request. `code` is the code of the reply and the HTTP status."""
 
     def __init__(self, message, code=400):
         super().__init__(message)
         self.code = code
 
 
-def samples_of(request):
-    """The sound of a request, averaged over its channels, full scale at 1; and its sample rate."""
+def decode_samples(request):
+    """Returns the samples of a request, averaged over the channels, and the sample rate.
+
+    Full scale is 1.
+    """
     if not isinstance(request, dict):
-        raise Refused("the body must be a JSON object")
+        raise RequestError("the body must be a JSON object")
     for key in INTEGERS:
         value = request.get(key)
         if not isinstance(value, int) or isinstance(value, bool):
-            raise Refused(f"{key} must be an integer")
-    rate, count, code = (request[key] for key in ("audio_sample_rate", "audio_nb_samples", "audio_sample_fmt"))
+            raise RequestError(f"{key} must be an integer")
+    rate = request["audio_sample_rate"]
+    count = request["audio_nb_samples"]
+    code = request["audio_sample_fmt"]
     if not 1000 <= rate <= 768000:
-        raise Refused("audio_sample_rate must be from 1000 to 768000")
+        raise RequestError("audio_sample_rate must be from 1000 to 768000")
     if code not in FORMATS:
-        raise Refused(f"audio_sample_fmt must be one of {sorted(FORMATS)}")
+        raise RequestError(f"audio_sample_fmt must be one of {sorted(FORMATS)}")
     kind, planar = FORMATS[code]
     size = numpy.dtype(kind).itemsize
     if request["audio_sample_fmt_byte_num"] != size:
-        raise Refused(f"audio_sample_fmt_byte_num must be {size} for this format")
+        raise RequestError(f"audio_sample_fmt_byte_num must be {size} for this format")
     try:
         pcm = base64.b64decode(request.get("audio_pcm_base64"), validate=True)
     except (TypeError, ValueError, binascii.Error):
-        raise Refused("audio_pcm_base64 must be base64") from None
+        raise RequestError("audio_pcm_base64 must be base64") from None
     if len(pcm) != request["audio_frame_size"]:
-        raise Refused("audio_frame_size is not the number of bytes")
-    if count < 1 or len(pcm) == 0 or len(pcm) % (count * size) or len(pcm) // (count * size) > MOST_CHANNELS:
-        raise Refused(f"the bytes must be audio_nb_samples samples of 1 to {MOST_CHANNELS} channels")
+        raise RequestError("audio_frame_size is not the number of bytes")
+    channels, rest = divmod(len(pcm), count * size) if count > 0 else (0, 0)
+    if not 1 <= channels <= MAX_CHANNELS or rest != 0:
+        raise RequestError(
+            f"the bytes must be audio_nb_samples samples of 1 to {MAX_CHANNELS} channels")
     pcm = numpy.frombuffer(pcm, kind).astype(numpy.float64)
     if kind == "<i2":
         pcm /= 32768.0
     elif not numpy.isfinite(pcm).all() or numpy.abs(pcm).max() > 1e6:
-        raise Refused("a sample is not finite or far beyond full scale")
-    return pcm.reshape((-1, count)).mean(axis=0) if planar else pcm.reshape((count, -1)).mean(axis=1), rate
+        raise RequestError("a sample is not finite or far above full scale")
+    if planar:
+        return pcm.reshape((channels, count)).mean(axis=0), rate
+    return pcm.reshape((count, channels)).mean(axis=1), rate
 
 
 def mel(hertz):
@@ -80,17 +90,19 @@ def mel(hertz):
 
 
 def filters(mels, rate, length):
-    """One row for each band: its weight for each line of a spectrum of `length` samples."""
+    """Returns one row per band: its weight for each line of the spectrum of `length` samples."""
     lines = numpy.arange(length // 2 + 1) * (rate / length)
-    edges = 700.0 * (10.0 ** (numpy.linspace(0.0, mel(TOP_HZ), mels + 2) / 2595.0) - 1.0)
+    edges = 700.0 * (10.0 ** (numpy.linspace(0.0, mel(MAX_HZ), mels + 2) / 2595.0) - 1.0)
     left, centre, right = edges[:-2, None], edges[1:-1, None], edges[2:, None]
-    return numpy.maximum(0.0, numpy.minimum((lines - left) / (centre - left), (right - lines) / (right - centre)))
+    rising = (lines - left) / (centre - left)
+    falling = (right - lines) / (right - centre)
+    return numpy.maximum(0.0, numpy.minimum(rising, falling))
 
 
 def mel_spectrogram(samples, rate, mels, steps):
-    """Decibels, one row for each of `mels` bands, one column for each of `steps` time steps."""
+    """Returns decibels: one row for each of `mels` bands, one column for each of `steps` steps."""
     window = round(WINDOW_SECONDS * rate)
-    length = round(rate / SPACING_HZ)
+    length = round(rate / LINE_SPACING_HZ)
     weights = 0.5 - 0.5 * numpy.cos(2.0 * numpy.pi * numpy.arange(window) / window)
     bands = filters(mels, rate, length)
     power = numpy.zeros((mels, steps))
@@ -99,34 +111,34 @@ def mel_spectrogram(samples, rate, mels, steps):
         if start >= len(samples):
             break
         frame = numpy.zeros(window)
-        heard = samples[start:start + window]
-        frame[:len(heard)] = heard
-        # Divided so that the figures do not depend on the sample rate.
+        part = samples[start:start + window]
+        frame[:len(part)] = part
+        # The division makes the values independent of the sample rate.
         spectrum = numpy.fft.rfft(frame * weights, length) / weights.sum()
         power[:, step] = bands @ (spectrum.real ** 2 + spectrum.imag ** 2)
-    return 10.0 * numpy.log10(numpy.maximum(power, FLOOR))
+    return 10.0 * numpy.log10(numpy.maximum(power, MIN_POWER))
 
 
 class Handler(http.server.BaseHTTPRequestHandler):
-    protocol_version = "HTTP/1.1"  # clients may ask before they send much, and keep the connection
-    timeout = 30  # seconds; a client that stops sending holds no thread for ever
+    protocol_version = "HTTP/1.1"  # supports "Expect: 100-continue" and persistent connections
+    timeout = 30  # seconds; a client that stops sending does not block its thread forever
     server_version = "melservice"
     sys_version = ""
 
     def do_POST(self):
         code, reply = SUCCESS, None
         try:
-            reply = self.answer()
-        except Refused as refusal:
-            code, message = refusal.code, str(refusal)
+            reply = self.compute_reply()
+        except RequestError as error:
+            code, message = error.code, str(error)
         except OSError:
-            self.close_connection = True  # the client has gone
+            self.close_connection = True  # the client has disconnected
             return
-        except Exception as error:  # the client gets a reply whatever happens, and no traceback
+        except Exception as error:  # the client gets a reply in any case, without a traceback
             self.log_error("%r", error)
             code, message = 500, "the service failed"
         if reply is None:
-            self.close_connection = True  # what is left of the body is no next request
+            self.close_connection = True  # unread bytes of the body must not be parsed as a request
             reply = {"code": code, "msg": message}
         self.send(200 if code == SUCCESS else code, reply)
 
@@ -134,22 +146,22 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
         self.send(405, {"code": 405, "msg": f"POST to {PATH}"})
 
-    def answer(self):
+    def compute_reply(self):
         if self.path != PATH:
-            raise Refused(f"there is only {PATH}", 404)
+            raise RequestError(f"unknown path; use {PATH}", 404)
         length = self.headers.get("Content-Length", "")
         if not (length.isascii() and length.isdigit()):
-            raise Refused("Content-Length is missing", 411)
-        if len(length) > 12 or int(length) > MOST_BODY:
-            raise Refused(f"the body has more than {MOST_BODY} bytes", 413)
+            raise RequestError("Content-Length is missing", 411)
+        if len(length) > 12 or int(length) > MAX_BODY_BYTES:
+            raise RequestError(f"the body has more than {MAX_BODY_BYTES} bytes", 413)
         try:
             request = json.loads(self.rfile.read(int(length)))
         except (ValueError, RecursionError):
-            raise Refused("the body is no JSON") from None
-        samples, rate = samples_of(request)
+            raise RequestError("the body is not JSON") from None
+        samples, rate = decode_samples(request)
         spectrogram = mel_spectrogram(samples, rate, self.server.mels, self.server.steps)
-        return {"code": SUCCESS, "msg": "", "mels": self.server.mels, "time_steps": self.server.steps,
-                "mel_spec": spectrogram.round(4).tolist()}
+        return {"code": SUCCESS, "msg": "", "mels": self.server.mels,
+                "time_steps": self.server.steps, "mel_spec": spectrogram.round(4).tolist()}
 
     def send(self, status, reply):
         body = json.dumps(reply).encode()
@@ -162,7 +174,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
             self.end_headers()
             self.wfile.write(body)
         except OSError:
-            self.close_connection = True  # the client has gone
+            self.close_connection = True  # the client has disconnected
 
     def log_request(self, code="-", size="-"):
         if code != 200:
@@ -177,10 +189,13 @@ class Server(http.server.ThreadingHTTPServer):
         super().__init__(address, Handler)
 
 
-def count(text):
-    value = int(text)
+def parse_count(text):
+    try:
+        value = int(text)
+    except ValueError:
+        value = 0
     if not 1 <= value <= 4096:
-        raise ValueError
+        raise argparse.ArgumentTypeError("must be an integer from 1 to 4096")
     return value
 
 
@@ -188,8 +203,10 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--host", default="127.0.0.1")
     parser.add_argument("--port", type=int, default=9555)
-    parser.add_argument("--mels", type=count, default=128, help="mel bands, the rows (default: 128)")
-    parser.add_argument("--steps", type=count, default=100, help="time steps, the columns (default: 100)")
+    parser.add_argument("--mels", type=parse_count, default=128,
+                        help="number of mel bands, the rows (default: 128)")
+    parser.add_argument("--steps", type=parse_count, default=100,
+                        help="number of time steps, the columns (default: 100)")
     options = parser.parse_args()
     try:
         server = Server((options.host, options.port), options.mels, options.steps)

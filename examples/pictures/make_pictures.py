@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Draws the pictures of text in this folder, each with its true lines in a .txt file.
+"""Draws the images of text in this folder, and writes the true lines of each to a .txt file.
 
-Needs Pillow and a font with Chinese glyphs. Every random value comes from a fixed seed, so the
-same Pillow and the same font draw the same pictures again.
+Needs Pillow and a font with Chinese glyphs. All random numbers have fixed seeds, so the same
+versions of Pillow and of the font draw the same images.
 """
 
 import argparse
@@ -16,7 +16,7 @@ DEFAULT_FONT = "/usr/share/fonts/truetype/wqy/wqy-microhei.ttc"
 
 
 class Page:
-    """A picture and the lines written on it, in the order of writing."""
+    """An image and the lines written on it, in the order of writing."""
 
     def __init__(self, width, height, paper, font):
         self.image = Image.new("RGB", (width, height), paper)
@@ -25,8 +25,8 @@ class Page:
         self.lines = []
 
     def write(self, x, y, text, size, ink, anchor="lm"):
-        """The anchor's letters: l, m or r of the line at x; its middle at y."""
-        # The basic layout is built into Pillow; others depend on what the machine has installed.
+        """Writes a line vertically centred on y, with its left end ("lm"), middle or right at x."""
+        # The basic layout is built into Pillow; other layouts need libraries of the system.
         face = ImageFont.truetype(self.font, size, layout_engine=ImageFont.Layout.BASIC)
         self.draw.text((x, y), text, font=face, fill=ink, anchor=anchor)
         self.lines.append(text)
@@ -37,7 +37,7 @@ def noise(size, rng):
 
 
 def around_zero(field, amplitude):
-    """Rescales a grey field to 128 +- amplitude, for add_field()."""
+    """Rescales a grey image to 128 +- amplitude, for add_field()."""
     return field.point([round(128 + (v - 127.5) * amplitude / 127.5) for v in range(256)])
 
 
@@ -51,13 +51,13 @@ def uneven_light(image, rng, amplitude, cells=(4, 5)):
 
 
 def grain(image, rng, amplitude, softness=0.6):
-    """Paper texture and camera noise. Blurring narrows the spread, hence the doubled amplitude."""
+    """Adds paper texture and camera noise. The amplitude is doubled because blurring reduces it."""
     field = noise(image.size, rng).filter(ImageFilter.GaussianBlur(softness))
     return add_field(image, around_zero(field, 2 * amplitude))
 
 
 def shadow_on(image, box, blur, strength):
-    """Darkens the image softly under the box (a rectangle, in pixels)."""
+    """Adds a soft shadow in the rectangle `box`, in pixels."""
     mask = Image.new("L", image.size, 0)
     ImageDraw.Draw(mask).rectangle(box, fill=strength)
     return Image.composite(Image.new("RGB", image.size, (20, 18, 16)), image,
@@ -65,13 +65,13 @@ def shadow_on(image, box, blur, strength):
 
 
 def few_levels(image, step):
-    """Rounds every channel to multiples of the step, which keeps a grainy PNG small."""
+    """Rounds all channels to multiples of `step`: a PNG file with noise is then smaller."""
     return image.point([min(255, (v + step // 2) // step * step) for v in range(256)]
                        * len(image.getbands()))
 
 
 def sign(font):
-    """A painted shop sign with the opening hours and notices."""
+    """Draws a painted shop sign with opening hours and notices."""
     rng = random.Random(11)
     cream, gold, red = (246, 236, 208), (222, 178, 92), (240, 150, 120)
     page = Page(900, 680, (28, 72, 58), font)
@@ -92,7 +92,7 @@ def sign(font):
 
 
 def receipt(font):
-    """A till receipt on a grey table: names at the left, prices at the right."""
+    """Draws a till receipt on a grey table: names on the left, prices on the right."""
     rng = random.Random(23)
     ink, pale = (44, 44, 52), (96, 96, 104)
     page = Page(600, 940, (249, 247, 242), font)
@@ -134,7 +134,7 @@ def receipt(font):
 
 
 def hike(font):
-    """A page on a wooden desk, photographed at a slant under a lamp."""
+    """Draws a page on a wooden desk, photographed rotated and under a lamp."""
     rng = random.Random(37)
     ink, blue = (48, 46, 58), (38, 64, 128)
     page = Page(860, 900, (250, 246, 232), font)
@@ -149,7 +149,7 @@ def hike(font):
         page.write(104, 66 + 92 * row, text, size, colour)
 
     width, height = 1200, 1100
-    # Noise in cells far wider than high gives the grain of the wood.
+    # Noise in cells much wider than high looks like wood grain.
     wood = around_zero(noise((5, 260), rng).resize((width, height), Image.Resampling.BICUBIC), 26)
     desk = add_field(Image.new("RGB", (width, height), (142, 98, 62)), wood)
     sheet = uneven_light(page.image, rng, 10).convert("RGBA")
@@ -161,7 +161,7 @@ def hike(font):
     shadow = shadow.filter(ImageFilter.GaussianBlur(14))
     desk = Image.composite(Image.new("RGB", desk.size, (24, 16, 10)), desk, shadow)
     desk.paste(sheet.convert("RGB"), corner, sheet.getchannel("A"))
-    # Lamp light from the top left: the far corner has a little over half of it.
+    # The lamp is at the top left; the opposite corner gets a little more than half of its light.
     lamp = ImageChops.invert(Image.radial_gradient("L")).resize((2 * width, 2 * height))
     lamp = lamp.crop((width - 350, height - 300, 2 * width - 350, 2 * height - 300))
     lamp = lamp.point(lambda v: min(255, 110 + v * 3 // 4))
@@ -171,7 +171,7 @@ def hike(font):
 
 
 def newsletter(font):
-    """A printed page of two dense columns, Chinese and English."""
+    """Draws a printed page with two dense columns, Chinese and English."""
     rng = random.Random(53)
     ink = (40, 40, 40)
     page = Page(960, 1280, (240, 240, 240), font)
@@ -200,26 +200,25 @@ def newsletter(font):
             colour = (120, 36, 30) if text in headings else ink
             page.write(x, 190 + 49 * row, text, 30, colour)
     image = uneven_light(page.image, rng, 9, (4, 5))
-    # The fold of the sheet, from top to bottom near the left edge.
+    # The fold of the sheet, a vertical shadow at the left edge.
     image = shadow_on(image, (-40, -40, 8, 1320), 20, 110).filter(ImageFilter.GaussianBlur(0.5))
     return few_levels(grain(image, rng, 1.5), 12), page.lines
 
 
-# The slanted photograph is a JPEG: its noise would make a large PNG.
-PICTURES = {"sign.png": sign, "receipt.png": receipt, "hike.jpg": hike,
-            "newsletter.png": newsletter}
+# The photograph is a JPEG: because of its noise, a PNG would be large.
+IMAGES = {"sign.png": sign, "receipt.png": receipt, "hike.jpg": hike, "newsletter.png": newsletter}
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n", maxsplit=1)[0])
     parser.add_argument("--font", default=DEFAULT_FONT, help="font file (default: %(default)s)")
     parser.add_argument("--output", type=pathlib.Path, default=pathlib.Path(__file__).parent,
-                        help="folder to write to (default: the script's own)")
+                        help="output folder (default: the folder of this script)")
     arguments = parser.parse_args()
     if not pathlib.Path(arguments.font).is_file():
-        sys.exit(f"no font at {arguments.font}; name one with --font")
+        sys.exit(f"{arguments.font}: no such font file; choose one with --font")
     arguments.output.mkdir(parents=True, exist_ok=True)
-    for name, draw in PICTURES.items():
+    for name, draw in IMAGES.items():
         image, lines = draw(arguments.font)
         path = arguments.output / name
         image.save(path, **({"quality": 90} if path.suffix == ".jpg" else {"optimize": True}))

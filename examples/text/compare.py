@@ -1,15 +1,16 @@
 #!/usr/bin/env python3
-"""Compares the text read in pictures with the true text.
+"""Compares the text recognised in images with the true text.
 
-RESULTS is JSON Lines, one object a picture:
+RESULTS is JSON Lines, one object per image:
   {"input": "path/NAME.png", "objects": [{"text": "...", ...}, ...]}
-TRUTH is a folder with the true lines of each picture in NAME.txt (UTF-8).
+TRUTH is a folder with the true lines of each image in NAME.txt (UTF-8).
 
-Blanks do not count: the recogniser's dictionary has none. Every true line is
-paired with at most one read line, the most alike first; lines that agree in
-less than half of their characters are not paired. A pair has as many
-characters right as the true line has, less the edits (insertions, deletions,
-substitutions) that separate the two; an unpaired true line has none right.
+Spaces are ignored, because the recogniser's dictionary has none. Each true
+line is paired with at most one recognised line, the most similar pairs first;
+lines that agree in less than half of their characters are not paired. The
+number of correct characters of a pair is the length of the true line minus
+the edit distance (insertions, deletions, substitutions) of the two lines; an
+unpaired true line has no correct characters.
 """
 
 import argparse
@@ -19,7 +20,7 @@ import sys
 import unicodedata
 
 
-def without_blanks(text):
+def remove_spaces(text):
     return "".join(text.split())
 
 
@@ -33,28 +34,29 @@ def edit_distance(a, b):
 
 
 class Comparison:
-    """The outcome for one picture. All texts are without blanks."""
+    """The result for one image. All texts are without spaces."""
 
     def __init__(self, name, true_lines, read_lines):
         self.name = name
-        true = [line for line in map(without_blanks, true_lines) if line]
-        read = [line for line in map(without_blanks, read_lines) if line]
+        true = [line for line in map(remove_spaces, true_lines) if line]
+        read = [line for line in map(remove_spaces, read_lines) if line]
         self.lines = len(true)
         self.characters = sum(map(len, true))
         candidates = []
         for i, a in enumerate(true):
             for j, b in enumerate(read):
                 edits = edit_distance(a, b)
-                likeness = 1 - edits / max(len(a), len(b))
-                if likeness >= 0.5:
-                    candidates.append((-likeness, i, j, edits))
+                similarity = 1 - edits / max(len(a), len(b))
+                if similarity >= 0.5:
+                    candidates.append((-similarity, i, j, edits))
         paired_true, paired_read = {}, set()
         for _, i, j, edits in sorted(candidates):
             if i not in paired_true and j not in paired_read:
                 paired_true[i] = (j, edits)
                 paired_read.add(j)
         self.found = len(paired_true)
-        # At least half alike means fewer edits than true characters, or as many: never negative.
+        # Never negative: with a similarity of 0.5 or more there are at most as many edits as true
+        # characters.
         self.right = sum(len(true[i]) - edits for i, (_, edits) in paired_true.items())
         self.misread = [(true[i], read[j]) for i, (j, edits) in sorted(paired_true.items())
                         if edits]
@@ -63,7 +65,7 @@ class Comparison:
 
 
 def read_results(stream):
-    """Yields (name of the picture without folder and ending, texts read)."""
+    """Yields pairs of the image name, without folder and extension, and the recognised texts."""
     for number, line in enumerate(stream, 1):
         if not line.strip():
             continue
@@ -74,24 +76,24 @@ def read_results(stream):
             if not all(isinstance(text, str) for text in texts):
                 raise TypeError("a text is not a string")
         except (ValueError, KeyError, TypeError, AttributeError) as error:
-            raise ValueError(f"line {number} of the results is unusable: {error!r}") from error
+            raise ValueError(f"line {number} of the results is not valid: {error!r}") from error
         yield name, texts
 
 
-def true_texts(folder):
+def read_true_texts(folder):
     texts = {path.stem: path.read_text(encoding="utf-8-sig").splitlines()
              for path in sorted(pathlib.Path(folder).glob("*.txt"))}
-    if not any(without_blanks(line) for lines in texts.values() for line in lines):
+    if not any(remove_spaces(line) for lines in texts.values() for line in lines):
         raise ValueError(f"no true text in {folder}")
     return texts
 
 
 def compare(results, texts, only_given=False):
-    """One Comparison for each result. A picture without any result has read nothing."""
+    """Returns a Comparison per result; unless `only_given`, also for images without a result."""
     comparisons = []
     for name, read_lines in results:
         if name not in texts:
-            raise ValueError(f"there is no true text {name}.txt")
+            raise ValueError(f"no true text {name}.txt")
         comparisons.append(Comparison(name, texts[name], read_lines))
     if not only_given:
         given = {comparison.name for comparison in comparisons}
@@ -99,24 +101,24 @@ def compare(results, texts, only_given=False):
     return comparisons
 
 
-def padded(text, columns):
-    """Pads to terminal columns; a Chinese character takes two."""
-    taken = sum(2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
-    return text + " " * max(0, columns - taken)
+def pad(text, columns):
+    """Pads to a number of terminal columns; a Chinese character takes two."""
+    width = sum(2 if unicodedata.east_asian_width(c) in "WF" else 1 for c in text)
+    return text + " " * max(0, columns - width)
 
 
-def share_of(comparisons):
+def correct_share(comparisons):
     characters = sum(c.characters for c in comparisons)
     return sum(c.right for c in comparisons) / characters if characters else 0.0
 
 
 def print_report(comparisons, stream):
     def row(name, group):
-        print(f"{padded(name, 24)} {sum(c.lines for c in group):7} {sum(c.found for c in group):7}"
+        print(f"{pad(name, 24)} {sum(c.lines for c in group):7} {sum(c.found for c in group):7}"
               f" {sum(c.characters for c in group):11} {sum(c.right for c in group):7}"
-              f" {100 * share_of(group):8.2f} %", file=stream)
+              f" {100 * correct_share(group):8.2f} %", file=stream)
 
-    print(f"{'picture':24} {'lines':>7} {'found':>7} {'characters':>11} {'right':>7} {'share':>10}",
+    print(f"{'image':24} {'lines':>7} {'found':>7} {'characters':>11} {'correct':>7} {'share':>10}",
           file=stream)
     for comparison in comparisons:
         row(comparison.name, [comparison])
@@ -133,10 +135,13 @@ def print_report(comparisons, stream):
             print(f"  extra   {line}", file=stream)
 
 
-def share(text):
-    value = float(text)
+def parse_share(text):
+    try:
+        value = float(text)
+    except ValueError:
+        value = -1
     if not 0 <= value <= 1:
-        raise argparse.ArgumentTypeError("a share lies between 0 and 1")
+        raise argparse.ArgumentTypeError("must be a number from 0 to 1")
     return value
 
 
@@ -144,16 +149,17 @@ def main(argv=None, stdin=None, stdout=None):
     stdin, stdout = stdin or sys.stdin, stdout or sys.stdout
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("results", metavar="RESULTS", help="JSON Lines file, or - for the input")
-    parser.add_argument("truth", metavar="TRUTH", help="folder of the true texts")
-    parser.add_argument("--minimum", type=share, metavar="SHARE",
-                        help="exit with 1 if a smaller share (0 to 1) of all characters is right")
+    parser.add_argument("results", metavar="RESULTS",
+                        help="JSON Lines file, or - for standard input")
+    parser.add_argument("truth", metavar="TRUTH", help="folder with the true texts")
+    parser.add_argument("--minimum", type=parse_share, metavar="SHARE",
+                        help="exit with 1 if the share (0 to 1) of correct characters is smaller")
     parser.add_argument("--only-given", action="store_true",
-                        help="leave out the pictures that RESULTS has nothing about; by default "
-                             "all their lines are missed")
+                        help="ignore images without a result; by default all their lines count "
+                             "as missed")
     arguments = parser.parse_args(argv)
     try:
-        texts = true_texts(arguments.truth)
+        texts = read_true_texts(arguments.truth)
         if arguments.results == "-":
             comparisons = compare(read_results(stdin), texts, arguments.only_given)
         else:
@@ -165,7 +171,7 @@ def main(argv=None, stdin=None, stdout=None):
         print(f"compare.py: {error}", file=sys.stderr)
         return 2
     print_report(comparisons, stdout)
-    total = share_of(comparisons)
+    total = correct_share(comparisons)
     if arguments.minimum is not None and total < arguments.minimum:
         print(f"\n{100 * total:.2f} % is below the minimum of {100 * arguments.minimum:.2f} %",
               file=stdout)
