@@ -14,8 +14,8 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// Makes a model and puts it into its slot. Slot and make function must agree in type, or this does
-/// not compile.
+/// Makes a model and stores it in its slot. If slot and make function do not agree in type, this
+/// does not compile.
 template <auto slot, auto make>
 bool build(VsaModelSet& set, const VsaModelConfig* config, const std::string& modelRoot) {
   auto model = make(config, modelRoot);
@@ -25,31 +25,29 @@ bool build(VsaModelSet& set, const VsaModelConfig* config, const std::string& mo
 }
 
 struct ModelRow {
-  std::string_view engine;
-  std::string_view category;
-  std::string_view modelName;
+  ModelId id;
   bool (*build)(VsaModelSet& set, const VsaModelConfig* config, const std::string& modelRoot);
 };
 
 /// The models, in the order tried; the only registration there is. The engine "TensorRT" is known
-/// and has none. Feature extractors and text recognisers go by the category "Track".
+/// and has no models. Feature extractors and text recognisers have the category "Track".
 constexpr ModelRow kModels[] = {
-    {"OpenVINO", "Detect", "YOLO26", build<&VsaModelSet::detect, makeOvDetectYolo26>},
-    {"OpenVINO", "Detect", "YOLO8", build<&VsaModelSet::detect, makeOvDetectYolo8>},
-    {"OpenVINO", "Detect", "YOLO8-POSE", build<&VsaModelSet::detect, makeOvDetectYolo8Pose>},
-    {"OpenVINO", "Detect", "YOLO8-OBB", build<&VsaModelSet::detect, makeOvDetectYolo8Obb>},
-    {"OpenVINO", "Detect", "YOLO8-Seg", build<&VsaModelSet::detect, makeOvDetectYolo8Seg>},
-    {"OpenVINO", "Detect", "YOLO5", build<&VsaModelSet::detect, makeOvDetectYolo5>},
-    {"OpenVINO", "Detect", "PaddleOCR", build<&VsaModelSet::detect, makeOvDetectPaddleOCR>},
-    {"OpenVINO", "Classify", "ResNet", build<&VsaModelSet::classify, makeOvClassifyResNet>},
-    {"OpenVINO", "Classify", "AudioNet", build<&VsaModelSet::classify, makeOvClassifyAudioNet>},
-    {"OpenVINO", "Track", "DeepSort", build<&VsaModelSet::feature, makeOvFeatureDeepSort>},
-    {"OpenVINO", "Track", "PaddleOCR", build<&VsaModelSet::feature, makeOvFeaturePaddleOCR>},
-    {"OpenVINO", "Track", "VsFaceNet", build<&VsaModelSet::feature, makeOvFeatureVsFaceNet>},
-    {"OpenVINO", "Track", "VsOCR", build<&VsaModelSet::feature, makeOvFeatureVsOCR>},
-    {"ONNXRuntime", "Detect", "YOLO5", build<&VsaModelSet::detect, makeOrDetectYolo5>},
-    {"ONNXRuntime", "Detect", "YOLO8", build<&VsaModelSet::detect, makeOrDetectYolo8>},
-    {"ONNXRuntime", "Detect", "YOLO26", build<&VsaModelSet::detect, makeOrDetectYolo26>},
+    {{"OpenVINO", "Detect", "YOLO26"}, build<&VsaModelSet::detect, makeOvDetectYolo26>},
+    {{"OpenVINO", "Detect", "YOLO8"}, build<&VsaModelSet::detect, makeOvDetectYolo8>},
+    {{"OpenVINO", "Detect", "YOLO8-POSE"}, build<&VsaModelSet::detect, makeOvDetectYolo8Pose>},
+    {{"OpenVINO", "Detect", "YOLO8-OBB"}, build<&VsaModelSet::detect, makeOvDetectYolo8Obb>},
+    {{"OpenVINO", "Detect", "YOLO8-Seg"}, build<&VsaModelSet::detect, makeOvDetectYolo8Seg>},
+    {{"OpenVINO", "Detect", "YOLO5"}, build<&VsaModelSet::detect, makeOvDetectYolo5>},
+    {{"OpenVINO", "Detect", "PaddleOCR"}, build<&VsaModelSet::detect, makeOvDetectPaddleOCR>},
+    {{"OpenVINO", "Classify", "ResNet"}, build<&VsaModelSet::classify, makeOvClassifyResNet>},
+    {{"OpenVINO", "Classify", "AudioNet"}, build<&VsaModelSet::classify, makeOvClassifyAudioNet>},
+    {{"OpenVINO", "Track", "DeepSort"}, build<&VsaModelSet::feature, makeOvFeatureDeepSort>},
+    {{"OpenVINO", "Track", "PaddleOCR"}, build<&VsaModelSet::feature, makeOvFeaturePaddleOCR>},
+    {{"OpenVINO", "Track", "VsFaceNet"}, build<&VsaModelSet::feature, makeOvFeatureVsFaceNet>},
+    {{"OpenVINO", "Track", "VsOCR"}, build<&VsaModelSet::feature, makeOvFeatureVsOCR>},
+    {{"ONNXRuntime", "Detect", "YOLO5"}, build<&VsaModelSet::detect, makeOrDetectYolo5>},
+    {{"ONNXRuntime", "Detect", "YOLO8"}, build<&VsaModelSet::detect, makeOrDetectYolo8>},
+    {{"ONNXRuntime", "Detect", "YOLO26"}, build<&VsaModelSet::detect, makeOrDetectYolo26>},
 };
 
 bool isSupported(const std::string& version) {
@@ -58,8 +56,8 @@ bool isSupported(const std::string& version) {
   return false;
 }
 
-/// The hardware codecs' common check of the host's record, of which only the version's place is
-/// known. There is no codec to open, so it always ends in false.
+/// The check that both hardware codecs make of the host's record, of which only the offset of the
+/// version is known. There is no codec to open, so the result is always false.
 bool openCodec(const void* record) {
   if (record == nullptr) {
     logError("context is null");
@@ -70,7 +68,7 @@ bool openCodec(const void* record) {
   return false;
 }
 
-/// Hands the frame to the model in `slot`, as it is: models refuse what they cannot take.
+/// Passes the frame to the model in `slot` unchecked: models refuse what they cannot process.
 template <auto slot>
 bool runModel(const VsaModelContext* context, VsaFrame* frame) {
   if (context == nullptr || context->models == nullptr) {
@@ -82,6 +80,13 @@ bool runModel(const VsaModelContext* context, VsaFrame* frame) {
 }
 
 }  // namespace
+
+std::vector<ModelId> modelIds() {
+  std::vector<ModelId> ids;
+  for (const ModelRow& row : kModels) ids.push_back(row.id);
+  return ids;
+}
+
 }  // namespace TolCompatibleLib
 
 using TolCompatibleLib::logError;
@@ -111,8 +116,8 @@ bool VsaModelInit(VsaModelContext* context) {
     logError("config is null");
   } else {
     for (const TolCompatibleLib::ModelRow& row : TolCompatibleLib::kModels) {
-      if (config->engine == row.engine && config->category == row.category &&
-          config->modelName == row.modelName) {
+      if (config->engine == row.id.engine && config->category == row.id.category &&
+          config->modelName == row.id.modelName) {
         ready = row.build(*set, config, context->modelRoot);
         break;
       }

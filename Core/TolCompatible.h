@@ -241,7 +241,7 @@ struct VsaModelContext {
 };
 
 /// Path of the model file that `config` names below `modelRoot`, as the library logs it. Nothing is
-/// normalized: an empty modelDir leaves two slashes in a row. OpenVINO models open this path with
+/// normalised: an empty modelDir leaves two slashes in a row. OpenVINO models open this path with
 /// ".xml" appended, ONNX Runtime models open it as it is.
 inline std::string vsaModelPath(const VsaModelConfig& config, const std::string& modelRoot) {
   if (config.modelDir.empty() && config.modelFile.empty()) return modelRoot;

@@ -1,8 +1,10 @@
-// What the entry points know of a model: it is built from a configuration, it runs on a frame, it
-// is destroyed.
+// What the entry points know about a model: it is built from a configuration, it runs on a frame,
+// it is destroyed.
 #pragma once
 
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "TolCompatible.h"
 
@@ -42,5 +44,15 @@ class VsaFeature : public VsaModel {
  public:
   using VsaModel::VsaModel;
 };
+
+/// The three words by which a host chooses a model.
+struct ModelId {
+  std::string_view engine;
+  std::string_view category;
+  std::string_view modelName;
+};
+
+/// All models of the library, in the order in which VsaModelInit tries them.
+std::vector<ModelId> modelIds();
 
 }  // namespace TolCompatibleLib

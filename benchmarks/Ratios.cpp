@@ -302,14 +302,14 @@ Comparison detectorPose() {
       [&](float scale) {
         const Candidates found = reference::decodeYolo8Pose(columns, 0.25F, scale);
         std::vector<VsaShape> shapes;
-        shapes.reserve(found.places.size());
-        for (const int place : found.places) shapes.push_back(keyPoints(place, scale));
+        shapes.reserve(found.outputIndices.size());
+        for (const int place : found.outputIndices) shapes.push_back(keyPoints(place, scale));
         return objectsOf(found, [&](int i) { return shapes[static_cast<std::size_t>(i)]; });
       },
       [&](float scale) {
         const Candidates found = decodeYolo8Pose(columns, 0.25F, scale);
         return objectsOf(found, [&](int i) {
-          return keyPoints(found.places[static_cast<std::size_t>(i)], scale);
+          return keyPoints(found.outputIndices[static_cast<std::size_t>(i)], scale);
         });
       });
 }

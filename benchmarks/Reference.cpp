@@ -32,7 +32,7 @@ void add(Candidates& candidates, float x, float y, float width, float height, fl
                                 static_cast<int>(height));
   candidates.scores.push_back(score);
   candidates.classIds.push_back(classId);
-  candidates.places.push_back(index);
+  candidates.outputIndices.push_back(index);
 }
 
 std::vector<int> suppress(const Candidates& candidates, const VsaModelConfig& config) {

@@ -122,8 +122,8 @@ float randomScore(cv::RNG& random, float probability) {
 }
 
 void expectSame(const Candidates& found, const Candidates& expected) {
-  EXPECT_EQ(std::tie(found.boxes, found.scores, found.classIds, found.places),
-            std::tie(expected.boxes, expected.scores, expected.classIds, expected.places));
+  EXPECT_EQ(std::tie(found.boxes, found.scores, found.classIds, found.outputIndices),
+            std::tie(expected.boxes, expected.scores, expected.classIds, expected.outputIndices));
   EXPECT_FALSE(found.badBox);
 }
 

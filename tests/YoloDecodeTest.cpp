@@ -54,7 +54,7 @@ TEST(Yolo8Decode, ABoxThatNoIntegerHoldsIsReportedOnlyWhenItsScorePasses) {
       output[row * 2 + 1] = bad;
       const Candidates found = decodeYolo8({output.data(), 5, 2}, 1, 0.25F);
       ASSERT_TRUE(found.badBox.has_value());
-      EXPECT_EQ(found.badBox->place, 1);
+      EXPECT_EQ(found.badBox->outputIndex, 1);
       output[9] = 0.25F;
       EXPECT_FALSE(decodeYolo8({output.data(), 5, 2}, 1, 0.25F).badBox);
     }
@@ -69,13 +69,13 @@ TEST(OtherDecoders, ReportBadBoxesAndTakeNoCandidates) {
   EXPECT_TRUE(decodeYolo5({bad.data(), 0, 6}, 1, 0.5F, 0.25F).boxes.empty());
   EXPECT_TRUE(decodeYolo5({bad.data(), 1, 5}, 0, 0.0F, 0.0F).boxes.empty());
   const std::vector<float> pose = {5.3F, 5.3F, 3, 3, 0.5F};
-  EXPECT_EQ(decodeYolo8Pose({pose.data(), 5, 1}, 0.25F, 1e30F).badBox->place, 0);
+  EXPECT_EQ(decodeYolo8Pose({pose.data(), 5, 1}, 0.25F, 1e30F).badBox->outputIndex, 0);
   // (14 - 8 / 2) * 1.3 is 13; 14 * 1.3 - 8 * 1.3 / 2 comes out below it.
   const std::vector<float> scaled = {14, 14, 8, 8, 0.5F};
   EXPECT_EQ(decodeYolo8Pose({scaled.data(), 5, 1}, 0.25F, 1.3F).boxes.at(0), cv::Rect(13, 13, 10, 10));
   // The objectness may equal its threshold, the best class may not.
   const std::vector<float> equal = {10, 10, 5, 5, 0.5F, 0.3F, 10, 10, 5, 5, 0.9F, 0.25F};
-  EXPECT_EQ(decodeYolo5({equal.data(), 2, 6}, 1, 0.5F, 0.25F).places, std::vector<int>{0});
+  EXPECT_EQ(decodeYolo5({equal.data(), 2, 6}, 1, 0.5F, 0.25F).outputIndices, std::vector<int>{0});
 }
 
 TEST(Yolo26Decode, ABadNumberCountsOnlyWhereAnObjectWouldCome) {
@@ -120,12 +120,12 @@ TEST(WantedObjects, RefusesCornersThatLeaveInt32) {
   for (const auto& [box, scale] : bad) {
     const FrameObjects found = mapped(box, scale);
     ASSERT_TRUE(found.badBox.has_value()) << box;
-    EXPECT_EQ(found.badBox->place, 7);
+    EXPECT_EQ(found.badBox->outputIndex, 7);
     EXPECT_FALSE(mapped(box, scale, 1).badBox) << "an unwanted object is not mapped";
   }
   const FrameObjects found = mapped({kLarge, -kLarge, 5, 5}, 1.999F);
   EXPECT_EQ(found.objects.size(), 2U);
-  EXPECT_EQ(found.places, (std::vector<int>{3, 7}));
+  EXPECT_EQ(found.outputIndices, (std::vector<int>{3, 7}));
 }
 
 TEST(BadFarEdge, IsTheSumThatLeavesInt32) {
@@ -133,7 +133,7 @@ TEST(BadFarEdge, IsTheSumThatLeavesInt32) {
   const auto isBad = [](const cv::Rect& box) {
     Candidates candidates;
     candidates.boxes = {box};
-    candidates.places = {0};
+    candidates.outputIndices = {0};
     return badFarEdge(candidates, 0).has_value();
   };
   EXPECT_FALSE(isBad({1, 1, kMax - 1, 5}));

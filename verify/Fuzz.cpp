@@ -204,7 +204,7 @@ void suppression(Reader& in) {
     found.boxes.push_back(in.box());
     found.scores.push_back(in.number());
     found.classIds.push_back(in.upTo(7));
-    found.places.push_back(i);
+    found.outputIndices.push_back(i);
   }
   mapped(found, scene);
 }

@@ -36,7 +36,7 @@ bool OvDetectYolo8Obb::run(VsaFrame* frame) {
   if (logBadBox(found.badBox)) return false;
   const float* const angles = columns.row(columns.rows - 1);
   for (std::size_t i = 0; i < found.objects.size(); ++i) {
-    found.objects[i].angle = angles[found.places[i]];
+    found.objects[i].angle = angles[found.outputIndices[i]];
   }
   append(frame->objects, std::move(found.objects));
   return true;

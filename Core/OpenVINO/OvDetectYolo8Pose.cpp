@@ -56,7 +56,7 @@ bool OvDetectYolo8Pose::run(VsaFrame* frame) {
     const cv::Rect& box = candidates.boxes[i];
     if (logBadBox(badFarEdge(candidates, index))) return false;
     std::optional<VsaShape> shape =
-        keyPointsOf(columns, candidates.places[i], keyPoints, inference->scale);
+        keyPointsOf(columns, candidates.outputIndices[i], keyPoints, inference->scale);
     if (!shape) return false;
     objects.emplace_back(static_cast<int>(frame->width), static_cast<int>(frame->height), box.x,
                          box.y, box.x + box.width, box.y + box.height, candidates.scores[i], 0,

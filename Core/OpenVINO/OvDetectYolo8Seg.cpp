@@ -41,7 +41,7 @@ std::optional<VsaShape> OvDetectYolo8Seg::outlineOf(const Candidates& candidates
                                                     FloatGrid columns,
                                                     const MaskPrototypes& prototypes, float scale) {
   const auto i = static_cast<std::size_t>(index);
-  const int candidate = candidates.places[i];
+  const int candidate = candidates.outputIndices[i];
   MaskCoefficients coefficients;
   for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
     const auto row = static_cast<int>(config->classCount + 4 + k);
@@ -73,7 +73,7 @@ std::optional<VsaObject> segmentObject(
                                    static_cast<float>(box.x + box.width) * scale,
                                    static_cast<float>(box.y + box.height) * scale};
   if (!std::ranges::all_of(edges, fitsInt)) {
-    logBadBox(BadBox{candidates.places[i], edges}, where);
+    logBadBox(BadBox{candidates.outputIndices[i], edges}, where);
     return std::nullopt;
   }
   const int classId = candidates.classIds[i];

@@ -1,5 +1,5 @@
 // Appearance features for re-identification: 256 numbers for every object of the frame, not
-// normalized. Input is [1, 3, H, W] floats: the object's box, as FitToInputNormalized fits it.
+// normalised. Input is [1, 3, H, W] floats: the object's box, as FitToInputNormalized fits it.
 // Output 0 begins with the 256 numbers.
 
 #include "OpenVINO/OvModel.h"

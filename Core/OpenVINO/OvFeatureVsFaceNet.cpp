@@ -1,4 +1,4 @@
-// Face embeddings: 128 numbers for every object of the frame, not normalized.
+// Face embeddings: 128 numbers for every object of the frame, not normalised.
 // Input is [1, 3, H, W] floats: the object's box, as FitToInput fits it.
 // Output 0 begins with the 128 numbers.
 

@@ -22,7 +22,7 @@ const ByteTables& unitTables();
 /// deviations 0.229, 0.224, 0.225 for channels 0, 1, 2.
 const ByteTables& textDetectorTables();
 
-/// Text recognizer: byte * 2 / 255 - 1.
+/// Text recogniser: byte * 2 / 255 - 1.
 const ByteTables& textLineTables();
 
 /// Image classifier: (byte / 255 - mean) / deviation in single precision.
@@ -35,7 +35,7 @@ const ByteTables& fittedTables();
 /// deviations 0.225, 0.224, 0.229 for channels 0, 1, 2.
 const ByteTables& fittedNormalizedTables();
 
-/// Second text recognizer: byte * factor - offset, the ImageNet statistics folded into one product
+/// Second text recogniser: byte * factor - offset, the ImageNet statistics folded into one product
 /// and one difference.
 const ByteTables& ocrTables();
 

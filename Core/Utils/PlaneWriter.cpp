@@ -88,7 +88,7 @@ void copyRow(const uchar* pixels, std::ptrdiff_t ahead, int width, const std::ve
   }
 }
 
-/// Which of `length` pixels cv::resize takes for each of `scaled` ones by nearest-neighbor
+/// Which of `length` pixels cv::resize takes for each of `scaled` ones by nearest-neighbour
 /// sampling. OpenCV itself resizes a row of positions, so the answer is right for any version of
 /// it.
 std::vector<int> sampledPositions(int length, int scaled) {

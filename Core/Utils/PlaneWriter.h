@@ -22,7 +22,7 @@ enum class PlaneOrder { kRedFirst, kAsStored };
 void writePlanes(const cv::Mat& image, PlaneOrder order, const ByteTables& tables, float* planes,
                  int rowLength);
 
-/// The pixels of an image that nearest-neighbor sampling takes, and where they go in a network's
+/// The pixels of an image that nearest-neighbour sampling takes, and where they go in a network's
 /// input.
 class Sampling {
  public:

@@ -57,7 +57,7 @@ std::optional<Fit> fitInto(cv::Size frame, cv::Size input, const std::source_loc
   return Fit{scaled, static_cast<float>(longerSide) / static_cast<float>(input.height)};
 }
 
-/// Writes `region`, scaled to the width of the input and centered on a background, as three planes.
+/// Writes `region`, scaled to the width of the input and centred on a background, as three planes.
 void fillFittedPlanes(const cv::Mat& region, cv::Size size, const ByteTables& tables,
                       std::uint8_t background, float* planes) {
   // A region that is empty, before or after scaling, cannot be resized.

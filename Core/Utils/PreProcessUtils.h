@@ -27,7 +27,7 @@ struct Letterbox {
   float scale;     ///< Network pixels times `scale` are frame pixels, along both axes.
 };
 
-/// Scales `image` (8-bit BGR) by nearest-neighbor sampling to fit `inputSize`, aspect ratio kept.
+/// Scales `image` (8-bit BGR) by nearest-neighbour sampling to fit `inputSize`, aspect ratio kept.
 /// The scaled sides are truncated to whole pixels; the padding lies to the right and at the bottom.
 /// Returns nullopt, after one "[E]" line, if the scaled image has no pixel, and for images with a
 /// side longer than kMaxSampledLength.
@@ -67,7 +67,7 @@ class LetterboxWriter {
 cv::Size textInputSize(cv::Size frame, std::uint32_t limit);
 
 /// Scales `image` (8-bit BGR) bilinearly to `size` and writes it as three planes in its own channel
-/// order, blue first, normalized with the means 0.485, 0.456, 0.406 and the deviations 0.229,
+/// order, blue first, normalised with the means 0.485, 0.456, 0.406 and the deviations 0.229,
 /// 0.224, 0.225 in that order. @param planes 3 * size.area() floats.
 void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes);
 
@@ -87,20 +87,20 @@ inline cv::Mat regionOf(const cv::Mat& image, const VsaObject& object) {
 }
 
 /// Scales `region` (8-bit BGR) bilinearly to `size` and writes it as three planes, red first,
-/// normalized as the image classifier's networks expect it. @param planes 3 * size.area() floats.
+/// normalised as the image classifier's networks expect it. @param planes 3 * size.area() floats.
 void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes);
 
-/// Scales `region` (8-bit BGR) by nearest-neighbor sampling so that its longer side is as long as
-/// the input is wide, centers it on a gray (114) input of `size` and writes that as three planes,
-/// red first, normalized. Throws cv::Exception if the scaled region is higher than the input or has
+/// Scales `region` (8-bit BGR) by nearest-neighbour sampling so that its longer side is as long as
+/// the input is wide, centres it on a grey (114) input of `size` and writes that as three planes,
+/// red first, normalised. Throws cv::Exception if the scaled region is higher than the input or has
 /// no pixel. @param planes 3 * size.area() floats.
 void FitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes);
 
-/// The same on a lighter gray (128) and without the normalization: values 0 to 1.
+/// The same on a lighter grey (128) and without the normalisation: values 0 to 1.
 void FitToInput(const cv::Mat& region, cv::Size size, float* planes);
 
 /// Scales `region` (8-bit BGR) bilinearly to `size` and writes it as three planes, red first,
-/// normalized with the ImageNet statistics folded into one product and one difference.
+/// normalised with the ImageNet statistics folded into one product and one difference.
 /// @param planes 3 * size.area() floats.
 void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes);
 

@@ -19,23 +19,23 @@ bool allFit(const std::array<float, 4>& numbers) {
 }  // namespace
 
 bool Candidates::add(float x, float y, float width, float height, float score, int classId,
-                     int place) {
+                     int outputIndex) {
   const std::array<float, 4> numbers{x, y, width, height};
   if (!allFit(numbers)) {
-    badBox = BadBox{place, numbers};
+    badBox = BadBox{outputIndex, numbers};
     return false;
   }
   boxes.emplace_back(truncateToInt(x), truncateToInt(y), truncateToInt(width),
                      truncateToInt(height));
   scores.push_back(score);
   classIds.push_back(classId);
-  places.push_back(place);
+  outputIndices.push_back(outputIndex);
   return true;
 }
 
 bool logBadBox(const std::optional<BadBox>& badBox, std::source_location where) {
   if (!badBox) return false;
-  std::string text = "candidate " + std::to_string(badBox->place) + " is out of range:";
+  std::string text = "candidate " + std::to_string(badBox->outputIndex) + " is out of range:";
   for (const float number : badBox->numbers) {
     text += ' ';
     text += std::to_string(number);
@@ -44,10 +44,10 @@ bool logBadBox(const std::optional<BadBox>& badBox, std::source_location where) 
   return true;
 }
 
-std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int place,
+std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int outputIndex,
                                    std::source_location where) {
   if (fitsInt(x) && fitsInt(y)) return VsaPoint{truncateToInt(x), truncateToInt(y)};
-  logError(std::string(what) + " of candidate " + std::to_string(place) +
+  logError(std::string(what) + " of candidate " + std::to_string(outputIndex) +
                " is out of range:" + std::to_string(x) + "," + std::to_string(y),
            where);
   return std::nullopt;
@@ -133,7 +133,7 @@ FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& con
     found.objects.emplace_back(static_cast<int>(frame.width), static_cast<int>(frame.height),
                                truncateToInt(box[0]), truncateToInt(box[1]), truncateToInt(box[2]),
                                truncateToInt(box[3]), score, classId, *name);
-    found.places.push_back(r);
+    found.outputIndices.push_back(r);
   }
   return found;
 }
@@ -163,7 +163,7 @@ std::optional<BadBox> badFarEdge(const Candidates& candidates, int index) {
   if (right == static_cast<std::int32_t>(right) && bottom == static_cast<std::int32_t>(bottom)) {
     return std::nullopt;
   }
-  return BadBox{candidates.places[i],
+  return BadBox{candidates.outputIndices[i],
                 {static_cast<float>(box.x), static_cast<float>(box.y), static_cast<float>(right),
                  static_cast<float>(bottom)}};
 }
@@ -175,7 +175,7 @@ FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaM
   if (found.badBox) return found;
   const std::vector<int> kept = wantedAfterNms(candidates, config, frame.wantedClasses);
   found.objects.reserve(kept.size());
-  found.places.reserve(kept.size());
+  found.outputIndices.reserve(kept.size());
   for (const int index : kept) {
     const auto i = static_cast<std::size_t>(index);
     const cv::Rect& box = candidates.boxes[i];
@@ -184,7 +184,7 @@ FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaM
     const float x2 = static_cast<float>(box.width) * scale + static_cast<float>(truncateToInt(x1));
     const float y2 = static_cast<float>(box.height) * scale + static_cast<float>(truncateToInt(y1));
     if (!allFit({x1, y1, x2, y2})) {
-      found.badBox = BadBox{candidates.places[i], {x1, y1, x2, y2}};
+      found.badBox = BadBox{candidates.outputIndices[i], {x1, y1, x2, y2}};
       break;
     }
     const int classId = candidates.classIds[i];
@@ -192,7 +192,7 @@ FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaM
                                truncateToInt(x1), truncateToInt(y1), truncateToInt(x2),
                                truncateToInt(y2), candidates.scores[i], classId,
                                config.classNames[static_cast<std::size_t>(classId)]);
-    found.places.push_back(candidates.places[i]);
+    found.outputIndices.push_back(candidates.outputIndices[i]);
   }
   return found;
 }

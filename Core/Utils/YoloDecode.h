@@ -18,7 +18,7 @@ namespace TolCompatibleLib {
 
 /// Numbers of a candidate that do not fit the int32 fields of a record.
 struct BadBox {
-  int place;  ///< Row or column of the output.
+  int outputIndex;  ///< Row or column of the output.
   /// The box before it was to be truncated; if the class id does not fit, width, height, score and
   /// class id.
   std::array<float, 4> numbers;
@@ -30,7 +30,7 @@ bool logBadBox(const std::optional<BadBox>& badBox,
 
 /// A point in frame pixels, its coordinates truncated to integers. Returns nullopt, after one "[E]"
 /// line, if one does not fit an int32. @param what for that line, for example "key point".
-std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int place,
+std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int outputIndex,
                                    std::source_location where = std::source_location::current());
 
 /// Returns whether a dimension of an output is as expected; else logs `family` + " dimensions
@@ -44,12 +44,13 @@ struct Candidates {
   std::vector<cv::Rect> boxes;
   std::vector<float> scores;
   std::vector<int> classIds;
-  std::vector<int> places;  ///< Row or column of the output, for what a model reads there later.
+  std::vector<int>
+      outputIndices;  ///< Row or column of the output, for what a model reads there later.
   /// Set if a box does not fit; decoding stopped there.
   std::optional<BadBox> badBox;
 
   /// Adds a candidate with its box truncated to integers; false if the box does not fit.
-  bool add(float x, float y, float width, float height, float score, int classId, int place);
+  bool add(float x, float y, float width, float height, float score, int classId, int outputIndex);
 };
 
 /// Candidates of an anchor-based YOLOv5 head, one per row: centre x, centre y, width, height,
@@ -73,7 +74,7 @@ constexpr int kYolo26Columns = 6;
 /// Results for a frame.
 struct FrameObjects {
   std::vector<VsaObject> objects;
-  std::vector<int> places;  ///< Row or column of the output that each object was read from.
+  std::vector<int> outputIndices;  ///< Row or column of the output that each object was read from.
   /// Set if the box or class id of an object does not fit; the objects are incomplete then.
   std::optional<BadBox> badBox;
 };
