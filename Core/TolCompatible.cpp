@@ -2,6 +2,7 @@
 
 #include "TolCompatible.h"
 
+#include <cstddef>
 #include <memory>
 #include <string_view>
 #include <utility>
