@@ -20,9 +20,9 @@ class VsaModel {
   VsaModel& operator=(const VsaModel&) = delete;
   virtual ~VsaModel() = default;
 
-  /// Processes one frame. Returns true when it was processed, also with no result; false when the
-  /// frame was refused or the network's output was malformed, with the frame's results as they
-  /// were.
+  /// Processes one frame. Returns true if it was processed, with or without a result. Returns false
+  /// if the frame was refused or the network's output is malformed; the frame's results are
+  /// unchanged then.
   virtual bool run(VsaFrame* frame) = 0;
 
   const VsaModelConfig* config;

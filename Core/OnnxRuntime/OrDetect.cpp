@@ -17,9 +17,8 @@ std::string dimensionsText(const std::vector<std::int64_t>& dimensions) {
   return text += ']';
 }
 
-/// What an input or output is: its type as ONNX Runtime numbers it (ONNXType,
-/// ONNXTensorElementDataType) and, of a tensor, its dimensions. A dimension that is not fixed is
-/// -1.
+/// The type of an input or output, as ONNX Runtime numbers it (ONNXType,
+/// ONNXTensorElementDataType), and the dimensions of a tensor. A dynamic dimension is -1.
 struct PortType {
   ONNXType kind = ONNX_TYPE_UNKNOWN;
   ONNXTensorElementDataType element = ONNX_TENSOR_ELEMENT_DATA_TYPE_UNDEFINED;
@@ -98,7 +97,7 @@ OrDetect::OrDetect(const VsaModelConfig* modelConfig, const std::string& root, O
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
   session = std::make_unique<Ort::Session>(environment, widened<ORTCHAR_T>(path).c_str(), options);
   ready = checkNetwork(where);
-  // A refused network is closed at once: the destructor goes by `ready` alone.
+  // A refused network is closed at once: the destructor releases the session only if `ready`.
   if (!ready) session.reset();
 }
 
@@ -116,7 +115,7 @@ bool OrDetect::checkNetwork(const std::source_location& where) {
     logError("network input is no picture," + input.text(), where);
     return false;
   }
-  // Further dimensions and the type are ONNX Runtime's to refuse, when the network runs.
+  // ONNX Runtime itself refuses other dimensions and types when the network runs.
   if (input.dimensions[2] != std::int64_t{config->inputHeight} ||
       input.dimensions[3] != std::int64_t{config->inputWidth}) {
     logError("input_height=" + std::to_string(input.dimensions[2]) +
@@ -145,7 +144,7 @@ bool OrDetect::checkNetwork(const std::source_location& where) {
 }
 
 OrDetect::~OrDetect() {
-  // The other members fall in reverse order: the session goes before the environment it lives in.
+  // Members are destroyed in reverse order: the session before its environment.
   if (ready) session.reset();
 }
 

@@ -111,8 +111,8 @@ class OrDetect : public VsaDetect {
   InputPool inputs_;
 };
 
-/// A path for ONNX Runtime: each byte becomes one character, as a signed byte and without decoding,
-/// so paths are ASCII.
+/// A path for ONNX Runtime. Each byte becomes one character, as a signed byte and without decoding,
+/// so only ASCII paths name the intended file.
 template <class Character>
 std::basic_string<Character> widened(const std::string& path) {
   std::basic_string<Character> wide;

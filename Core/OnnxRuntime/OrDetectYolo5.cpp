@@ -1,5 +1,5 @@
 // YOLOv5 detection on ONNX Runtime: one anchor-based head.
-// Input is [1, 3, H, W] floats, red first (on OpenVINO the same family is shown bytes, blue first).
+// Input is [1, 3, H, W] floats, red first (on OpenVINO the same family gets bytes, blue first).
 // Output 0 is [1, N, 5 + classes] floats; row i is candidate i, as decodeYolo5 reads it.
 
 #include "OnnxRuntime/OrDetect.h"

@@ -2,7 +2,7 @@
 // Input is [1, 3, H, W] floats, red first.
 // Output 0 is [1, 4 + classes, N] floats; column i is candidate i, as decodeYolo8 reads it.
 //
-// The list of ONNX Runtime's devices is kept here too.
+// The list of ONNX Runtime's devices is here, too: its log line carries this file's name.
 
 #include <algorithm>
 
@@ -52,8 +52,7 @@ std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
 void addOnnxRuntimeDevices(VsaDeviceSet& devices) {
   logInfo(std::string("OnnxRuntime ") + OrtGetApiBase()->GetVersionString());
   openApi();
-  // Deliberate: no other provider is reported, whatever ONNX Runtime offers; models run on the
-  // processor.
+  // Deliberate: no other provider is reported, whatever ONNX Runtime offers; models run on the CPU.
   const std::vector<std::string> providers = Ort::GetAvailableProviders();
   if (std::ranges::count(providers, "CPUExecutionProvider") > 0) devices.insert("ONNXRuntime-CPU");
 }

@@ -1,4 +1,4 @@
-// The ONNX Runtime models, one make function each. The classes live whole in their own files.
+// The ONNX Runtime models, one make function each. Each class is defined in its own file.
 #pragma once
 
 #include <memory>
@@ -15,8 +15,8 @@ std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
 std::unique_ptr<VsaDetect> makeOrDetectYolo26(const VsaModelConfig* config,
                                               const std::string& modelRoot);
 
-/// Adds "ONNXRuntime-CPU" where ONNX Runtime can run on the processor. Logs its version. Throws
-/// what it throws.
+/// Adds "ONNXRuntime-CPU" if ONNX Runtime has its CPU provider. Logs its version. Throws what it
+/// throws.
 void addOnnxRuntimeDevices(VsaDeviceSet& devices);
 
 }  // namespace TolCompatibleLib

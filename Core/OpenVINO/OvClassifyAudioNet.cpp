@@ -1,7 +1,7 @@
-// Audio classification of a block of sound by its mel-spectrogram, which a service on the loopback
+// Classification of a block of audio by its mel-spectrogram, which a service on the loopback
 // interface computes. Input is [1, 3, mel bands, time steps] floats: the spectrogram three times.
-// Output 0 begins with one score per class; the best one's share of the positive scores is what
-// counts.
+// Output 0 begins with one score per class; the result is the best one divided by the sum of the
+// positive ones.
 
 #include <algorithm>
 #include <cmath>
@@ -28,8 +28,8 @@ class OvClassifyAudioNet final : public OvModel<VsaClassify> {
 
 constexpr char kService[] = "http://127.0.0.1:9555";
 
-/// Writes all rows one after the other, as far as a plane goes, and zeros after them; then the same
-/// twice more.
+/// Writes all rows one after the other, cut off at the end of the plane or filled up with zeros;
+/// then copies the plane twice.
 void fillSpectrogramPlanes(const MelSpectrogram& rows, std::size_t planeSize, float* planes) {
   std::size_t filled = 0;
   for (const std::vector<float>& row : rows) {
@@ -42,11 +42,11 @@ void fillSpectrogramPlanes(const MelSpectrogram& rows, std::size_t planeSize, fl
   std::copy_n(planes, planeSize, planes + 2 * planeSize);
 }
 
-/// The object that stands for a sound: a point in the middle of the picture that it belongs to.
-VsaObject soundObject(const VsaFrame& frame, const ClassScore& best, const std::string& label) {
+/// The object for a block of audio: a point in the centre of the image that the audio belongs to.
+VsaObject audioObject(const VsaFrame& frame, const ClassScore& best, const std::string& label) {
   const auto length = [](std::uint32_t side) {
-    constexpr std::uint32_t kMost = std::numeric_limits<std::int32_t>::max();
-    return static_cast<std::int32_t>(std::min(side, kMost));
+    constexpr std::uint32_t kMaxInt = std::numeric_limits<std::int32_t>::max();
+    return static_cast<std::int32_t>(std::min(side, kMaxInt));
   };
   const std::int32_t width = length(frame.width);
   const std::int32_t height = length(frame.height);
@@ -66,7 +66,7 @@ bool OvClassifyAudioNet::run(VsaFrame* frame) {
     logError("mels error:" + std::to_string(rows.size()));
     return false;
   }
-  // Deliberate: the first row speaks for all; later ones are taken as long as they are.
+  // Deliberate: only the first row's length is checked; later rows are used whatever their length.
   if (std::cmp_not_equal(rows.front().size(), inputSize.width)) {
     logError("time_steps error:" + std::to_string(rows.front().size()));
     return false;
@@ -80,12 +80,12 @@ bool OvClassifyAudioNet::run(VsaFrame* frame) {
   const auto scores = firstFloats(output, config->classCount);
   if (!scores) return false;
   const ClassScore best = bestClass(*scores);
-  // A score that is no number (of infinite scores) does not pass, as with pictures.
+  // A NaN score (of infinite scores) does not pass, as in the image classifier.
   if (best.score < config->scoreThreshold || std::isnan(best.score)) return true;
   const std::string* label = wantedName(best.classId, *config, frame->wantedLabels);
   if (label == nullptr) return true;
   if (frame->width > 0 && frame->height > 0) {
-    frame->audioObjects.push_back(soundObject(*frame, best, *label));
+    frame->audioObjects.push_back(audioObject(*frame, best, *label));
   }
   frame->audioClassified = true;
   frame->audioScore = best.score;

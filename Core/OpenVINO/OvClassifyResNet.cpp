@@ -1,7 +1,7 @@
 // Image classification of the objects that a detector found.
 // Input is [1, 3, H, W] floats: the object's box, stretched to that size.
-// Output 0 begins with one score per class; the best one's share of the positive scores is what
-// counts. Objects without a wanted class are dropped from the frame.
+// Output 0 begins with one score per class; the result is the best one divided by the sum of the
+// positive ones. Objects without a wanted class are dropped from the frame.
 
 #include <cmath>
 

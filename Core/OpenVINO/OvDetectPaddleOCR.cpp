@@ -1,7 +1,7 @@
-// Text-region detection: one map of the probability that a pixel belongs to text.
-// Input is [1, 3, H, W] floats of the frame's own size, shrunk to the configured limit and rounded
-// up to multiples of 32. Output 0 is [1, 1, Hm, Wm] floats, 0 to 1. Every region becomes an object
-// with four corners; there is no class filter.
+// Text-region detection: a map of the probability that a pixel belongs to text.
+// Input is [1, 3, H, W] floats: the frame, shrunk to the configured limit, its sides rounded up to
+// multiples of 32. Output 0 is [1, 1, Hm, Wm] floats, 0 to 1. Every region becomes an object with
+// four corners; there is no class filter.
 
 #include <algorithm>
 #include <cmath>
@@ -71,7 +71,7 @@ bool OvDetectPaddleOCR::run(VsaFrame* frame) {
     logError("network output is empty," + output.get_shape().to_string());
     return false;
   }
-  // OpenCV has no header over read-only memory; the map is only read.
+  // A cv::Mat cannot refer to constant memory; the map is only read.
   const cv::Mat map(probabilities->rows, probabilities->cols, CV_32FC1,
                     const_cast<float*>(probabilities->data));
   TextBoxParams params;

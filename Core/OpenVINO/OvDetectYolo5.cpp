@@ -4,7 +4,7 @@
 //   columns 0-3  centre x, centre y, width, height in network pixels
 //   column 4     objectness; it alone is the candidate's score
 //   columns 5-   one score per class
-// Overlaps are suppressed across classes, and before the host's class filter.
+// NMS works across classes, and before the host's class filter.
 
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"
@@ -15,11 +15,11 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// Reads the network and puts the step from bytes to planes of 0 to 1 in front of it.
+/// Reads the network and prepends the conversion from bytes to planes with values 0 to 1.
 ov::CompiledModel compileWithNormalisation(ov::Core& core, const std::string& file,
                                            const std::string& device) {
   ov::preprocess::PrePostProcessor stages(core.read_model(file));
-  // Deliberate: both sides are called RGB, so no channels are swapped and the network sees the
+  // Deliberate: both sides are declared RGB, so no channels are swapped and the network gets the
   // host's blue first.
   stages.input()
       .tensor()

@@ -2,9 +2,9 @@
 // Output 0 is [1, 4 + classes, N] floats; column i is candidate i:
 //   rows 0-3   centre x, centre y, width, height in network pixels
 //   rows 4-    one activated score per class; the best one is the candidate's score
-// Overlaps are suppressed across classes, and before the host's class filter.
+// NMS works across classes, and before the host's class filter.
 //
-// The list of OpenVINO's devices is kept here too.
+// The list of OpenVINO's devices is here, too: its log line carries this file's name.
 
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"
@@ -52,7 +52,7 @@ void addOpenVinoDevices(VsaDeviceSet& devices) {
 
 void addOpenVinoDeviceNames(const std::vector<std::string>& available, VsaDeviceSet& devices) {
   for (const std::string& device : available) {
-    // "GPU" stands for any of them: beside GPU.0 and GPU.1 a host may ask for just the one.
+    // "GPU" stands for any GPU, so a host need not choose between GPU.0 and GPU.1.
     if (device.find("GPU") != std::string::npos) devices.insert("OpenVINO-GPU");
     devices.insert("OpenVINO-" + device);
   }

@@ -1,9 +1,9 @@
 // YOLOv8 oriented boxes: one anchor-free head with an angle.
 // Output 0 is [1, 4 + classes + 1, N] floats; column i is candidate i:
-//   rows 0-3   centre x, centre y, width, height in network pixels, of the box before it is turned
+//   rows 0-3   centre x, centre y, width, height in network pixels, of the box before rotation
 //   rows 4-    one activated score per class
-//   last row   the angle, which reaches the host as it is
-// Suppression works on the boxes before they are turned.
+//   last row   the angle, which is passed to the host unchanged
+// NMS works on the boxes before rotation.
 
 #include "OpenVINO/OvModel.h"
 #include "OpenVINO/OvModels.h"

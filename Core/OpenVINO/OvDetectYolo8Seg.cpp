@@ -2,10 +2,9 @@
 // Output 0 is [1, 4 + classes + 32, N] floats; column i is candidate i:
 //   rows 0-3       centre x, centre y, width, height in network pixels
 //   rows 4-        one activated score per class
-//   last 32 rows   how much of each prototype goes into the candidate's mask
+//   last 32 rows   the weight of each prototype in the candidate's mask
 // Output 1 is [1, 32, Hm, Wm] floats: the prototypes.
-// A mask leaves the library as the outline of its largest part; objects without one are not
-// reported.
+// The host gets the outline of the largest part of a mask; objects without one are not reported.
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // Text recognition: reads each text region of the frame, one line at a time.
-// Input is [1, 3, height, width] floats: the region at the input's height, zeros to the right of
-// it. Output is [1, T, C] floats: for each of T time steps the scores of C classes, class 0 being
-// the CTC blank. Regions too small to cut out are dropped from the frame's objects.
+// Input is [1, 3, height, width] floats: the region scaled to the input's height, with zeros to the
+// right of it. Output is [1, T, C] floats: the scores of C classes at each of T time steps, class 0
+// being the CTC blank. Regions without a pixel are dropped from the frame's objects.
 
 #include <algorithm>
 #include <limits>
@@ -29,7 +29,7 @@ class OvFeaturePaddleOCR final : public OvModel<VsaFeature> {
   bool run(VsaFrame* frame) override;
 
  private:
-  cv::Size lineSize;  ///< The network's input; `inputSize` with the defaults filled in.
+  cv::Size lineSize;  ///< `inputSize`, with defaults in place of sizes below 1.
   CharacterDictionary dictionary = CharacterDictionary::builtIn();
 };
 
@@ -45,8 +45,8 @@ OvFeaturePaddleOCR::OvFeaturePaddleOCR(const VsaModelConfig* modelConfig, const 
           std::to_string(dictionary.size()) + " characters");
 }
 
-/// The part of the picture that a region covers: the upright box round its four corners or, without
-/// them, its own box. Empty where nothing is left of it.
+/// The part of the image that a region covers: the bounding box of its four corners or, without
+/// corners, its own box. Empty if no pixel is left.
 cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   std::pair<int, int> x(object.left, object.right);
   std::pair<int, int> y(object.top, object.bottom);

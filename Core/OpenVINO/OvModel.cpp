@@ -55,11 +55,11 @@ OvModel<Interface>::~OvModel() {
     try {
       inferRequest.cancel();
     } catch (...) {
-      // Nothing runs, so nothing was to be cancelled; and a destructor must not throw.
+      // Nothing is running, so nothing had to be cancelled; and a destructor must not throw.
     }
   }
-  // The engine goes first. The request and the compiled network, which fall after it, keep the
-  // device's plug-in loaded by themselves until they are gone.
+  // The engine is freed first. The request and the compiled network, which are destroyed after it,
+  // keep the device's plug-in loaded until then.
   core.reset();
 }
 

@@ -1,4 +1,4 @@
-// The OpenVINO models, one make function each. The classes live whole in their own files.
+// The OpenVINO models, one make function each. Each class is defined in its own file.
 #pragma once
 
 #include <memory>
@@ -36,11 +36,11 @@ std::unique_ptr<VsaFeature> makeOvFeatureVsFaceNet(const VsaModelConfig* config,
 std::unique_ptr<VsaFeature> makeOvFeatureVsOCR(const VsaModelConfig* config,
                                                const std::string& modelRoot);
 
-/// Adds "OpenVINO-" + name for every device that OpenVINO offers, and "OpenVINO-GPU" where one of
-/// them is a GPU. Logs the engine's version. Throws what the engine throws.
+/// Adds "OpenVINO-" + name for every device that OpenVINO offers, and "OpenVINO-GPU" if one of them
+/// is a GPU. Logs the engine's version. Throws what the engine throws.
 void addOpenVinoDevices(VsaDeviceSet& devices);
 
-/// The naming alone, for the devices in `available`.
+/// Adds the names for the devices in `available`.
 void addOpenVinoDeviceNames(const std::vector<std::string>& available, VsaDeviceSet& devices);
 
 }  // namespace TolCompatibleLib

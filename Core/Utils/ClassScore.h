@@ -1,4 +1,4 @@
-// The best class of a classification network and how sure it is.
+// The best class of a classification network and its score.
 #pragma once
 
 #include <span>
@@ -7,14 +7,15 @@ namespace TolCompatibleLib {
 
 /// A class and its score.
 struct ClassScore {
-  int classId;  ///< Place of the first maximum; -1 where there are no scores.
-  float score;  ///< Share of the positive scores, 0 to 1; 1 where there are none; NaN for infinite
-                ///< scores.
+  /// Index of the first maximum; -1 if there are no scores.
+  int classId;
+  /// Maximum divided by the sum of all positive scores, 0 to 1; 1 if there are none; NaN if a score
+  /// is infinite.
+  float score;
 };
 
-/// The class of the greatest score, and that score over the sum of all scores that are not
-/// negative. Takes the scores as the network gives them, without a softmax. NaN is left out of
-/// both.
+/// The class with the maximum score, and that score divided by the sum of all scores that are not
+/// negative. The scores are used as the network gives them, without a softmax. NaN is ignored.
 ClassScore bestClass(std::span<const float> scores);
 
 }  // namespace TolCompatibleLib

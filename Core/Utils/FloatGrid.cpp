@@ -8,18 +8,18 @@
 namespace TolCompatibleLib {
 namespace {
 
-constexpr float kLeast = -std::numeric_limits<float>::infinity();
+constexpr float kMinusInfinity = -std::numeric_limits<float>::infinity();
 
 /// The greater of two; `best` where `value` is NaN.
 float greater(float best, float value) {
   return value > best ? value : best;
 }
 
-/// The greatest of `count` values; NaN is never it.
+/// The maximum of `count` values, ignoring NaN.
 float maximum(const float* values, int count) {
-  // Side by side, so that the compiler takes as many floats at a time as a register holds.
+  // Independent lanes let the compiler process as many floats at once as a register holds.
   std::array<float, 32> lanes;
-  lanes.fill(kLeast);
+  lanes.fill(kMinusInfinity);
   constexpr int kLanes = static_cast<int>(lanes.size());
   int i = 0;
   for (; count - i >= kLanes; i += kLanes) {
@@ -27,7 +27,7 @@ float maximum(const float* values, int count) {
       lanes[lane] = greater(lanes[lane], values[static_cast<std::size_t>(i) + lane]);
     }
   }
-  float best = kLeast;
+  float best = kMinusInfinity;
   for (const float lane : lanes) best = greater(best, lane);
   for (; i < count; ++i) best = greater(best, values[i]);
   return best;
@@ -36,31 +36,31 @@ float maximum(const float* values, int count) {
 }  // namespace
 
 int firstMaximum(const float* values, int count) {
-  // By blocks, so that only the first one that holds the maximum is searched for its place.
+  // In blocks, so that only the first block with the maximum is searched for its index.
   constexpr int kBlock = 1024;
-  float best = kLeast;
+  float best = kMinusInfinity;
   int block = 0;
   for (int begin = 0; begin < count; begin += kBlock) {
-    const float most = maximum(values + begin, std::min(kBlock, count - begin));
-    if (!(most > best)) continue;
-    best = most;
+    const float blockMax = maximum(values + begin, std::min(kBlock, count - begin));
+    if (!(blockMax > best)) continue;
+    best = blockMax;
     block = begin;
   }
-  if (best == kLeast) return 0;
+  if (best == kMinusInfinity) return 0;
   return static_cast<int>(std::find(values + block, values + count, best) - values);
 }
 
 std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
                                         float threshold) {
   std::vector<ColumnMaximum> found;
-  // As many columns at a time as leave their maxima in the processor's nearest cache.
+  // The maxima of as many columns as fit into the first-level cache.
   constexpr std::int64_t kBlock = 1024;
   std::array<float, kBlock> best;
   for (std::int64_t begin = 0; begin < grid.cols; begin += kBlock) {
     const auto width = static_cast<std::size_t>(std::min(kBlock, grid.cols - begin));
-    std::fill_n(best.begin(), width, kLeast);
+    std::fill_n(best.begin(), width, kMinusInfinity);
     int r = 0;
-    // Four rows at a time, which spares the maxima three of four ways from and to memory.
+    // Four rows at a time, which saves three of four loads and stores of the maxima.
     for (; rowCount - r >= 4; r += 4) {
       const float* first = grid.row(firstRow + r) + begin;
       const float* second = first + grid.cols;

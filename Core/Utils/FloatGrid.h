@@ -1,4 +1,4 @@
-// A network's output as decoders see it: a table of floats that someone else owns.
+// A network's output as decoders see it: a table of floats that it does not own.
 #pragma once
 
 #include <cstddef>
@@ -17,20 +17,20 @@ struct FloatGrid {
   }
 };
 
-/// The place of the first maximum of `count` floats; 0 for none. NaN never is the maximum.
+/// Index of the first maximum of `count` floats; 0 if there are none. NaN is never the maximum.
 int firstMaximum(const float* values, int count);
 
-/// A column of a table whose best value passes a threshold.
+/// A column of a table whose maximum is above a threshold.
 struct ColumnMaximum {
   int column;
-  int row;  ///< Counted from the first row of the band; the first of equals.
+  int row;  ///< Relative to the first row looked at; the first of equal values.
   float value;
 };
 
 /// The columns whose maximum over the rows `firstRow` to `firstRow + rowCount - 1`, which must lie
-/// in the grid, is greater than `threshold`, from left to right. NaN never is the maximum. Reads
-/// the table row by row, as it lies in memory, and looks for the row of a maximum only where it
-/// passes.
+/// in the grid, is greater than `threshold`, from left to right. NaN is never the maximum. Reads
+/// the table row by row, as it is stored, and searches for the row of a maximum only if it is
+/// greater.
 std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
                                         float threshold);
 

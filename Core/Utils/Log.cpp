@@ -24,7 +24,7 @@ void logLine(std::string_view tag, std::string_view text,
              const std::source_location& where) noexcept {
   try {
     const std::string file = nameInSourceTree(where.file_name());
-    // Deliberate: information severity for errors too; the level stands in the tag alone.
+    // Deliberate: information severity for errors, too; only the tag tells the level.
     google::LogMessage(file.c_str(), static_cast<int>(where.line())).stream() << tag << text;
   } catch (...) {
     // A lost line must not fail the call that wrote it.

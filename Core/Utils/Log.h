@@ -1,4 +1,4 @@
-// The library's log lines: a level tag and a text, in the glog that the host set up.
+// The library's log lines: a level tag and a text, written to the glog that the host set up.
 #pragma once
 
 #include <source_location>
@@ -11,7 +11,7 @@ namespace TolCompatibleLib {
 void logInfo(std::string_view text,
              std::source_location where = std::source_location::current()) noexcept;
 
-/// Logs "[E]" and `text`. The glog severity is that of information lines too.
+/// Logs "[E]" and `text`, with glog's information severity as well.
 void logError(std::string_view text,
               std::source_location where = std::source_location::current()) noexcept;
 

@@ -10,7 +10,7 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// The rows and columns of the mask that a box covers, rounded outwards.
+/// The part of the mask that a box covers, rounded outwards.
 cv::Rect cropOf(const cv::Rect& box, cv::Size mask, cv::Size input) {
   const float ratioX = static_cast<float>(mask.width) / static_cast<float>(input.width);
   const float ratioY = static_cast<float>(mask.height) / static_cast<float>(input.height);
@@ -28,17 +28,18 @@ cv::Rect cropOf(const cv::Rect& box, cv::Size mask, cv::Size input) {
   return {x0, y0, x1 - x0, y1 - y0};
 }
 
-/// Writes the probability of every pixel of `crop` to `probabilities`, which has its size.
+/// Writes the probability of every pixel of `crop` to `probabilities`, which has the size of
+/// `crop`.
 void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
                        const MaskCoefficients& coefficients, cv::Mat probabilities) {
   const auto width = static_cast<std::size_t>(crop.width);
   const auto stride = static_cast<std::size_t>(prototypes.size.width);
   const std::size_t plane = stride * static_cast<std::size_t>(prototypes.size.height);
-  // OpenCV computes exponentials of short rows by another formula than those of long ones. So that
-  // a mask does not depend on the size of its box, short ones are lengthened.
-  constexpr int kLongEnough = 64;
-  cv::Mat sums = cv::Mat::zeros(1, std::max(crop.area(), kLongEnough), CV_32FC1);
-  // Four prototypes at a time, which spares the sums three of four ways from and to memory.
+  // OpenCV computes the exponentials of short rows by another formula than those of long ones.
+  // Short rows are lengthened, so that a mask does not depend on the size of its box.
+  constexpr int kMinLength = 64;
+  cv::Mat sums = cv::Mat::zeros(1, std::max(crop.area(), kMinLength), CV_32FC1);
+  // Four prototypes at a time, which saves three of four loads and stores of the sums.
   static_assert(kMaskCoefficients % 4 == 0);
   for (std::size_t k = 0; k < kMaskCoefficients; k += 4) {
     const float* const c = coefficients.data() + k;
@@ -50,7 +51,7 @@ void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
       const float* const third = second + plane;
       const float* const fourth = third + plane;
       float* const row = sums.ptr<float>() + static_cast<std::size_t>(y) * width;
-      // Subtracted, as it is the exponential of the negative sum that is wanted.
+      // Subtracted, because the sigmoid needs the exponential of the negative sum.
       for (std::size_t x = 0; x < width; ++x) {
         row[x] =
             (((row[x] - c[0] * first[x]) - c[1] * second[x]) - c[2] * third[x]) - c[3] * fourth[x];
@@ -65,9 +66,9 @@ void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
   }
 }
 
-/// How many pixels of the input lie on a mask pixel; nothing but where they are a power of two,
-/// from 2 to 64, in both directions. Sample positions of bilinear interpolation are exact then, so
-/// a part of the mask with a border of one pixel gives the same numbers as the whole of it.
+/// Input pixels per mask pixel, if they are a power of two from 2 to 64 in both directions; else
+/// nullopt. With such a ratio the sample positions of bilinear interpolation are exact, so a part
+/// of the mask with a border of one pixel gives the same numbers as the whole mask.
 std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
   const auto isExact = [](int size, int of) {
     const int ratio = size / of;
@@ -77,11 +78,11 @@ std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
   return cv::Size(input.width / mask.width, input.height / mask.height);
 }
 
-/// Numbers as close as this to one half are on neither side of it for sure: interpolating between
-/// numbers of 0 to 1 is off by at most 1.3e-7, here and in OpenCV.
-constexpr float kUnsure = 5e-7F;
+/// Probabilities this close to one half may be on either side of it: interpolation between numbers
+/// from 0 to 1 has an error of at most 1.3e-7, here and in OpenCV.
+constexpr float kTolerance = 5e-7F;
 
-/// Where `mask` is above one half once it is resized.
+/// 255 where `mask`, resized to `size`, is above one half; else 0.
 cv::Mat aboveHalf(const cv::Mat& mask, cv::Size size) {
   cv::Mat resized;
   cv::resize(mask, resized, size, 0, 0, cv::INTER_LINEAR);
@@ -90,8 +91,8 @@ cv::Mat aboveHalf(const cv::Mat& mask, cv::Size size) {
   return above;
 }
 
-/// Fills the `ratio` pixels of `above` from `at` on, which lie between two values of `upper` and
-/// two of `lower`.
+/// Fills a cell of `ratio` pixels of `above`, from `at` on, by interpolation between two values of
+/// `upper` and two of `lower`.
 inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::Size ratio,
                      cv::Mat& above) {
   const float stepX = 1.0F / static_cast<float>(ratio.width);
@@ -109,29 +110,30 @@ inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::S
       closest = std::min(closest, std::abs(over));
     }
   }
-  if (closest > kUnsure) return;
-  // The order of roundings decides, which is OpenCV's own.
+  if (closest > kTolerance) return;
+  // Too close to decide: the result depends on the order in which OpenCV rounds.
   const cv::Mat corners = (cv::Mat_<float>(2, 2) << upper[0], upper[1], lower[0], lower[1]);
   const cv::Rect inner({ratio.width / 2, ratio.height / 2}, ratio);
   aboveHalf(corners, ratio * 2)(inner).copyTo(above(cv::Rect(at, ratio)));
 }
 
-/// The same as `aboveHalf` for a mask enlarged by an exact ratio, looking closely at its edge
-/// alone: a pixel between four that are on one side of one half is there, too. Lies in `memory`.
+/// The same as aboveHalf for a mask enlarged by an exact ratio. Interpolates only at the edges of
+/// the mask: a pixel between four values on one side of one half is on that side, too. The result
+/// uses `memory`.
 cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio, std::vector<std::uint8_t>& memory) {
-  // Between four neighbours lies a cell of `ratio` pixels; round the mask, half a one.
+  // A cell of `ratio` pixels lies between four neighbours; around the mask there are half cells.
   cv::Mat corners;
   cv::copyMakeBorder(mask, corners, 1, 1, 1, 1, cv::BORDER_REPLICATE);
   cv::Mat highs;
   cv::Mat lows;
-  cv::compare(corners, 0.5 + kUnsure, highs, cv::CMP_GT);
-  cv::compare(corners, 0.5 - kUnsure, lows, cv::CMP_LT);
+  cv::compare(corners, 0.5 + kTolerance, highs, cv::CMP_GT);
+  cv::compare(corners, 0.5 - kTolerance, lows, cv::CMP_LT);
   const cv::Size cells = corners.size() - cv::Size(1, 1);
   const cv::Size size(cells.width * ratio.width, cells.height * ratio.height);
   memory.assign(static_cast<std::size_t>(size.width) * static_cast<std::size_t>(size.height), 0);
   cv::Mat above(size, CV_8UC1, memory.data());
-  // Known to the compiler, it is computed several pixels at a time.
-  const cv::Size kUsual(4, 4);
+  // With a constant ratio, the compiler vectorises fillCell.
+  const cv::Size kUsualRatio(4, 4);
   enum : uchar { kBelow = 0, kMixed = 1, kAbove = 255 };
   std::vector<uchar> kinds(static_cast<std::size_t>(cells.width));
   for (int y = 0; y < cells.height; ++y) {
@@ -153,8 +155,8 @@ cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio, std::vector<std::u
                                                      [&](uchar other) { return other != kind; });
       const auto x = static_cast<int>(cell - kinds.begin());
       const cv::Point at(x * ratio.width, y * ratio.height);
-      if (kind == kMixed && ratio == kUsual) {
-        fillCell(upper + x, lower + x, at, kUsual, above);
+      if (kind == kMixed && ratio == kUsualRatio) {
+        fillCell(upper + x, lower + x, at, kUsualRatio, above);
       } else if (kind == kMixed) {
         fillCell(upper + x, lower + x, at, ratio, above);
       }

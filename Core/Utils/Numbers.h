@@ -1,4 +1,4 @@
-// Numbers out of a network on their way into a record.
+// Conversion of a network's floats to the integers of a record.
 #pragma once
 
 #include <cstdint>
@@ -6,8 +6,8 @@
 
 namespace TolCompatibleLib {
 
-/// `value` without its fraction (toward zero). Defined for every float: beyond the integers it
-/// gives the nearest one, and 0 for NaN.
+/// `value` truncated toward zero. Defined for every float: the nearest int32 if it is out of range,
+/// and 0 for NaN.
 constexpr std::int32_t truncateToInt(float value) {
   constexpr float kEnd = 2147483648.0F;  // 2^31, the first float above every int32
   if (value != value) return 0;
@@ -16,13 +16,12 @@ constexpr std::int32_t truncateToInt(float value) {
   return static_cast<std::int32_t>(value);
 }
 
-/// Whether truncateToInt gives what it says: false for NaN, infinities and numbers beyond the
-/// integers.
+/// Whether `value` is within the range of int32; false for NaN.
 constexpr bool fitsInt(float value) {
   return value >= -2147483648.0F && value < 2147483648.0F;
 }
 
-/// a + b, or the integer nearest to it.
+/// a + b, or the nearest int32 if the sum is out of range.
 constexpr std::int32_t saturatedSum(std::int32_t a, std::int32_t b) {
   const std::int64_t sum = std::int64_t{a} + b;
   if (sum > std::numeric_limits<std::int32_t>::max())

@@ -1,4 +1,4 @@
-// The host's list of results: growing it, thinning it out.
+// Changes to the host's list of results.
 #pragma once
 
 #include <cstddef>
@@ -17,18 +17,18 @@ inline bool isImageWithoutObjects(const VsaFrame* frame) {
   return frame != nullptr && frame->kind == kVsaImageFrame && frame->objects.empty();
 }
 
-/// Moves `found` to the end of `objects`: all of it or, when memory runs out, nothing.
+/// Moves `found` to the end of `objects`. If memory runs out, nothing is appended.
 inline void append(std::vector<VsaObject>& objects, std::vector<VsaObject>&& found) {
   objects.insert(objects.end(), std::make_move_iterator(found.begin()),
                  std::make_move_iterator(found.end()));
 }
 
-/// The name of a class, or null where it has none in `config` or the host does not want it.
+/// The name of a class; null if it has none in `config` or if the name is not in `wanted`.
 inline const std::string* wantedName(int classId, const VsaModelConfig& config,
                                      const std::set<std::string>& wanted) {
-  const auto place = static_cast<std::size_t>(classId);
-  if (place >= config.classNames.size()) return nullptr;
-  const std::string& name = config.classNames[place];
+  const auto index = static_cast<std::size_t>(classId);
+  if (index >= config.classNames.size()) return nullptr;
+  const std::string& name = config.classNames[index];
   return wanted.contains(name) ? &name : nullptr;
 }
 
@@ -46,17 +46,17 @@ inline void setFeatures(std::vector<VsaObject>& objects, const std::vector<float
   }
 }
 
-/// What a model found out about an object of the frame, by the object's place in the list.
+/// Results of a model for objects of the frame, each with the index of its object, ascending.
 template <class Result>
 using Results = std::vector<std::pair<std::size_t, Result>>;
 
-/// Gives each object its result through `write` and drops the objects without one. Does not throw
-/// if `write` does not, so that a list changes as a whole or not at all. Places ascend.
+/// Passes each object with its result to `write` and drops the objects without a result. Does not
+/// throw if `write` does not, so the list changes as a whole or not at all.
 template <class Result, class Write>
 void rewrite(std::vector<VsaObject>& objects, Results<Result>& results, Write write) {
   for (std::size_t kept = 0; kept < results.size(); ++kept) {
-    auto& [place, result] = results[kept];
-    if (kept != place) objects[kept] = std::move(objects[place]);
+    auto& [index, result] = results[kept];
+    if (kept != index) objects[kept] = std::move(objects[index]);
     write(objects[kept], result);
   }
   objects.resize(results.size());

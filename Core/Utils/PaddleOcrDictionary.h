@@ -1,4 +1,4 @@
-// The characters that a text recognition network tells apart.
+// The characters that a text recognition network knows.
 #pragma once
 
 #include <cstddef>
@@ -8,12 +8,12 @@
 
 namespace TolCompatibleLib {
 
-/// Byte strings by class index. Entry 0 stands for the blank of the network and is never read out.
+/// Byte strings by class index. Entry 0 stands for the CTC blank and never appears in a text.
 class CharacterDictionary {
  public:
   /// The PaddleOCR key list of Chinese, Latin and other characters in GBK (code page 936) with
-  /// "blank" in front: 6624 entries, constant data that costs neither start-up time nor a copy.
-  /// Characters that GBK lacks stand as "?".
+  /// "blank" in front: 6624 entries of constant data, which take neither start-up time nor a copy.
+  /// Characters that GBK lacks are "?".
   static CharacterDictionary builtIn() { return CharacterDictionary(); }
 
   /// The host's own list, in the encoding of its choice.

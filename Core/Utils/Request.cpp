@@ -9,16 +9,16 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// A spectrogram takes a few megabytes; a service that goes on and on must not take the host's
-/// memory.
-constexpr std::size_t kMostBytes = std::size_t{32} << 20;
+/// A spectrogram takes a few megabytes; a service that never stops sending must not use up the
+/// host's memory.
+constexpr std::size_t kMaxBytes = std::size_t{32} << 20;
 
 /// Called by curl with `count` bytes (`size` is always 1).
 std::size_t receive(char* data, std::size_t size, std::size_t count, void* response) {
   constexpr auto kAbort = static_cast<std::size_t>(-1);
   if (data == nullptr || response == nullptr) return kAbort;
   auto& text = *static_cast<std::string*>(response);
-  if (size * count > kMostBytes - text.size()) return kAbort;
+  if (size * count > kMaxBytes - text.size()) return kAbort;
   try {
     text.append(data, size * count);
   } catch (...) {
@@ -45,7 +45,7 @@ bool PostJson(const std::string& url, const std::string& body, std::string& resp
     logError("curl_easy_init error: url=" + url);
     return false;
   }
-  // The last one keeps curl from waiting for the service's leave to send the body.
+  // The last header keeps curl from waiting for "100 Continue" before it sends the body.
   std::unique_ptr<curl_slist, decltype(&curl_slist_free_all)> headers(nullptr, curl_slist_free_all);
   for (const char* header :
        {"User-Agent: vsrt_core;", "Content-Type: application/json;", "expect: ;"}) {
@@ -59,8 +59,8 @@ bool PostJson(const std::string& url, const std::string& body, std::string& resp
     headers.reset(longer);
   }
   std::string received;
-  // An option that is lost would change what is sent, and where: without the last one, through a
-  // proxy of the environment.
+  // A missing option would change what is sent, and where: without the last one, through a proxy of
+  // the environment.
   CURLcode code = CURLE_OK;
   const auto set = [&](CURLoption option, auto value) {
     if (curl_easy_setopt(handle.get(), option, value) == CURLE_OUT_OF_MEMORY) {

@@ -1,4 +1,4 @@
-// HTTP, as far as the library speaks it.
+// The library's HTTP client.
 #pragma once
 
 #include <chrono>
@@ -8,11 +8,11 @@ namespace TolCompatibleLib {
 
 constexpr std::chrono::seconds kRequestLimit(30);
 
-/// Sends `body` to `url` by POST and appends the reply's body to `response`, at most 32 MiB of it.
-/// True when the transfer was completed, whatever the HTTP status; false after one "[E]" line
-/// otherwise. Takes no proxy from the environment. Initialises and ends curl for itself, which is
-/// safe beside other threads where curl is (7.84 and later). \param limit for connecting, and for
-/// the whole transfer.
+/// Sends `body` to `url` by POST and appends the body of the reply to `response`. Returns true if
+/// the transfer was completed, whatever the HTTP status; else, and for a reply of more than 32 MiB,
+/// false after one "[E]" line. Ignores proxies of the environment. Initialises and ends curl for
+/// itself, which is thread-safe from curl 7.84 on. @param limit for connecting, and for the whole
+/// transfer.
 bool PostJson(const std::string& url, const std::string& body, std::string& response,
               std::chrono::milliseconds limit = kRequestLimit);
 

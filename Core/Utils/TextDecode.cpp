@@ -13,7 +13,7 @@ std::string CtcGreedyDecode(FloatGrid scores, const CharacterDictionary& diction
     if (best != 0 && best != previous && static_cast<std::size_t>(best) < dictionary.size()) {
       text += dictionary[static_cast<std::size_t>(best)];
     }
-    previous = best;  // the blank too, so a character on both sides of one is doubled
+    previous = best;  // blanks too, so a character that is repeated across a blank is kept twice
   }
   return text;
 }
@@ -23,7 +23,7 @@ OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape) {
     return OcrLayoutResult{{steps, classes, classes, 1}, nullptr};
   };
   if (shape.size() == 2) {
-    // Deliberate: read as rows of classes either way, so a table of columns comes out scrambled.
+    // Deliberate: read step by step either way, so the scores of [classes, steps] are misread.
     return shape[1] <= shape[0] ? byRows(shape[1], shape[0]) : byRows(shape[0], shape[1]);
   }
   if (shape.size() != 3) return {{}, "Unsupported shape!"};
@@ -36,16 +36,16 @@ OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape) {
 std::string decodeOcr(const float* scores, const OcrLayout& layout,
                       const std::vector<std::string>& alphabet) {
   std::string text;
-  if (layout.classes <= 1) return text;  // nothing but blanks
+  if (layout.classes <= 1) return text;  // blanks only
   std::size_t previous = layout.classes;
   for (std::size_t step = 0; step < layout.steps; ++step) {
     const float* values = scores + step * layout.stepStride;
     std::size_t best = 0;
-    float most = -std::numeric_limits<float>::infinity();
+    float max = -std::numeric_limits<float>::infinity();
     for (std::size_t c = 0; c < layout.classes; ++c) {
       const float value = values[c * layout.classStride];
-      if (value > most) {
-        most = value;
+      if (value > max) {
+        max = value;
         best = c;
       }
     }

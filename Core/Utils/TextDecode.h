@@ -13,11 +13,12 @@
 namespace TolCompatibleLib {
 
 /// Greedy CTC decoding (Graves et al., "Connectionist Temporal Classification", ICML 2006): the
-/// best class of each time step, repetitions merged, blanks (class 0) left out. Classes past the
-/// end of the dictionary are skipped. \param scores one row per time step, one column per class.
+/// best class of each time step, with repetitions merged and blanks (class 0) dropped. Classes past
+/// the end of the dictionary are skipped. @param scores one row per time step, one column per
+/// class.
 std::string CtcGreedyDecode(FloatGrid scores, const CharacterDictionary& dictionary);
 
-/// How a table of scores per time step and class lies in memory.
+/// Memory layout of the scores per time step and class.
 struct OcrLayout {
   std::size_t steps;
   std::size_t classes;
@@ -25,23 +26,23 @@ struct OcrLayout {
   std::size_t classStride;  ///< Floats from one class to the next.
 };
 
-/// Either a layout or, where `error` is set, what is wrong with the shape.
+/// A layout or, if `error` is not null, what is wrong with the shape.
 struct OcrLayoutResult {
   OcrLayout layout;
   const char* error;
 };
 
-/// Finds out from the shape of an output which of the usual layouts it has: [steps, classes] with
-/// the smaller dimension taken for the classes' complement, [steps, 1, classes], [1, steps,
-/// classes] or [1, classes, steps].
+/// The layout of an output by its shape. Rank 2: the larger dimension is the number of classes, the
+/// smaller one the number of steps. Rank 3: [steps, 1, classes], or [1, a, b] with classes first if
+/// a > b and steps first otherwise.
 OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape);
 
-/// Greedy CTC decoding of a table in any layout, with the host's alphabet. The first step is never
-/// a repetition.
+/// Greedy CTC decoding of scores in any layout, with the host's alphabet. The first step is never a
+/// repetition; classes past the end of the alphabet are skipped.
 std::string decodeOcr(const float* scores, const OcrLayout& layout,
                       const std::vector<std::string>& alphabet);
 
-/// Marks an object as read.
+/// Moves a recognised text into its object.
 void setText(VsaObject& object, std::string& text) noexcept;
 
 }  // namespace TolCompatibleLib

@@ -20,9 +20,9 @@ float shorterSide(const cv::RotatedRect& rectangle) {
   return std::min(rectangle.size.width, rectangle.size.height);
 }
 
-/// Top-left, top-right, bottom-right, bottom-left. Of two points at one height the later one counts
-/// as the upper.
-TextRegion inReadingOrder(std::array<cv::Point2f, 4> points) {
+/// The points in the order top left, top right, bottom right, bottom left. Of two points with the
+/// same y, the later one is the top one.
+TextRegion clockwiseFromTopLeft(std::array<cv::Point2f, 4> points) {
   std::stable_sort(points.begin(), points.end(),
                    [](const cv::Point2f& a, const cv::Point2f& b) { return a.x < b.x; });
   if (!(points[1].y > points[0].y)) std::swap(points[0], points[1]);
@@ -35,7 +35,7 @@ TextRegion inReadingOrder(std::array<cv::Point2f, 4> points) {
 float polygonScore(const std::array<cv::Point2f, 4>& corners, const cv::Mat& map) {
   float minX = std::numeric_limits<float>::max();
   float minY = minX;
-  // Deliberate: the smallest positive float and not the lowest, so no maximum is 0 or less.
+  // Deliberate: the smallest positive float, not the lowest one, so a maximum is always positive.
   float maxX = std::numeric_limits<float>::min();
   float maxY = maxX;
   for (const cv::Point2f& corner : corners) {
@@ -70,7 +70,7 @@ TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv
   std::vector<std::vector<cv::Point>> contours;
   cv::findContours(text, contours, cv::RETR_LIST, cv::CHAIN_APPROX_SIMPLE);
 
-  // Deliberate: the size that the frame was given, also where the network's map has another.
+  // Deliberate: by the size to which the frame was scaled, even if the network's map has another.
   const float scaleX = static_cast<float>(frame.width) / static_cast<float>(resized.width);
   const float scaleY = static_cast<float>(frame.height) / static_cast<float>(resized.height);
   const auto minSide = static_cast<float>(params.minSize);
@@ -98,7 +98,7 @@ TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv
       corner.x = std::clamp(std::round(corner.x * scaleX), 0.0F, static_cast<float>(frame.width));
       corner.y = std::clamp(std::round(corner.y * scaleY), 0.0F, static_cast<float>(frame.height));
     }
-    found.regions.push_back(inReadingOrder(corners));
+    found.regions.push_back(clockwiseFromTopLeft(corners));
     found.scores.push_back(score);
   }
   return found;

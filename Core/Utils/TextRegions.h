@@ -1,7 +1,7 @@
-// From a map of text probabilities to quadrilaterals of the frame, after the DB text detector:
-// binarise, follow the contours, score each one's smallest rectangle, enlarge it (Liao et al.,
-// "Real-time Scene Text Detection with Differentiable Binarization", AAAI 2020, with a rectangle in
-// place of the polygon).
+// From a map of text probabilities to quadrilaterals in the frame, after the DB text detector:
+// binarise the map, find contours, score the minimum-area rectangle of each, enlarge it (Liao et
+// al., "Real-time Scene Text Detection with Differentiable Binarization", AAAI 2020, with
+// rectangles in place of polygons).
 #pragma once
 
 #include <array>
@@ -11,13 +11,14 @@
 
 namespace TolCompatibleLib {
 
-/// How text regions are chosen.
+/// Parameters of the choice of text regions.
 struct TextBoxParams {
   float binThreshold = 0.3F;           ///< A pixel is text above this probability.
   float boxThreshold = 0.6F;           ///< A region scores at least this.
-  std::int32_t candidateLimit = 1000;  ///< At most so many contours are looked at.
-  float unclipRatio = 2.0F;            ///< A region grows by area * ratio / perimeter on each side.
-  std::int32_t minSize = 3;  ///< Points of a contour, and pixels of its rectangle's shorter side.
+  std::int32_t candidateLimit = 1000;  ///< Maximum number of contours examined.
+  float unclipRatio = 2.0F;            ///< A side moves out by area * ratio / perimeter.
+  /// Minimum number of points of a contour, and of pixels of its rectangle's shorter side.
+  std::int32_t minSize = 3;
 };
 
 /// Top-left, top-right, bottom-right, bottom-left corner in frame pixels, whole numbers.
@@ -30,12 +31,12 @@ struct TextRegions {
 };
 
 /// Text regions of a probability map (one float channel, not empty). Corners are clamped to 0 ..
-/// frame size, both ends included. Regions may overlap. \param resized the size that the frame was
-/// given for the network; it, not the size of the map, scales the corners.
+/// frame size, both ends included. Regions may overlap. @param resized the size to which the frame
+/// was scaled for the network; corners are scaled by it, not by the size of the map.
 TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv::Size frame,
                              cv::Size resized);
 
-/// Mean of `map` inside the quadrilateral `corners` (map pixels); 0 where it lies outside the map.
+/// Mean of `map` inside the quadrilateral `corners` (map pixels); 0 if it is outside the map.
 float polygonScore(const std::array<cv::Point2f, 4>& corners, const cv::Mat& map);
 
 }  // namespace TolCompatibleLib

@@ -1,4 +1,4 @@
-// From the output of a YOLO network to boxes of the frame: candidates, suppression, mapping.
+// From the output of a YOLO network to objects of the frame: candidates, NMS, mapping.
 // Coordinates of candidates are pixels of the network's input; those of objects are pixels of the
 // frame.
 #pragma once
