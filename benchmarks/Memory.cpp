@@ -147,7 +147,7 @@ double readMemory(const std::string& field) {
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with(field + ":")) return std::stod(line.substr(field.size() + 1)) / 1024;
   }
-  throw std::runtime_error("no " + field);
+  throw std::runtime_error("no field " + field);
 }
 
 /// Memory of a process that runs one model, in MB.
@@ -191,7 +191,7 @@ Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
   model.config.objThreshold = 0.25F;
   if (row.family.name == "YOLO8-POSE") model.config.classCount = 1;  // 17 key points
   if (row.isReal && row.family.category == "Track") model.config.classNames = {"paddleocr"};
-  if (!model.init()) throw std::runtime_error("the model could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the model");
   const std::vector<std::uint8_t> pcm(19200, 7);
   VsaFrame frame = frameOf(image, {"a", "b"});
   frame.wantedLabels = frame.wantedClasses;
@@ -260,7 +260,7 @@ Use measureInProcess(const std::string& kind, std::size_t row, const std::string
   const std::string command =
       "'" + self + "' " + kind + " " + std::to_string(row) + " '" + network + "'";
   FILE* const pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) throw std::runtime_error("no process could be started");
+  if (pipe == nullptr) throw std::runtime_error("cannot start a process");
   Use use;
   const int read = std::fscanf(pipe, "%lf %lf %lf", &use.early, &use.late, &use.peak);
   if (pclose(pipe) != 0 || read != 3) throw std::runtime_error(command + " failed");

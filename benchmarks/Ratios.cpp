@@ -122,7 +122,7 @@ Comparison detectOnOpenVino() {
   TestModel model("Detect", "YOLO8", kYolo);
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   ov::Core core;
   ov::InferRequest request =
       core.compile_model(std::string(kYolo) + ".xml", "CPU").create_infer_request();
@@ -137,7 +137,7 @@ Comparison detectOnOnnxRuntime() {
   model.config.engine = "ONNXRuntime";
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "benchmark");
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
@@ -375,7 +375,7 @@ Comparison regionsWholeCall(const ObjectModel& objects) {
                  static_cast<std::uint32_t>(objects.input.height));
   model.setClasses(objects.names);
   model.config.scoreThreshold = 0;
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   ov::Core core;
   ov::InferRequest request =
       core.compile_model(objects.network + ".xml", "CPU").create_infer_request();
