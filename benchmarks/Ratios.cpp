@@ -540,13 +540,13 @@ Comparison base64(std::size_t size) {
 
 std::vector<Row> allRows() {
   std::vector<Row> rows = {
-      {"YOLOv8 on OpenVINO, whole call to inference alone", Kind::kWholeCall, 1.02,
+      {"YOLOv8 on OpenVINO, whole call vs. inference alone", Kind::kWholeCall, 1.02,
        detectOnOpenVino},
       {"YOLOv8, pre- and post-processing, no candidates", Kind::kSpeedup, 10,
        [] { return detectorYolo8(0); }},
       {"YOLOv8, pre- and post-processing, 100 candidates", Kind::kSpeedup, 0,
        [] { return detectorYolo8(100); }},
-      {"YOLOv8 on ONNX Runtime, whole call to inference alone", Kind::kWholeCall, 1.03,
+      {"YOLOv8 on ONNX Runtime, whole call vs. inference alone", Kind::kWholeCall, 1.03,
        detectOnOnnxRuntime},
       {"pre-processing, 1920x1080", Kind::kSpeedup, 5,
        [] {
@@ -592,7 +592,7 @@ std::vector<Row> allRows() {
   for (const auto& [name, make] : models) {
     rows.push_back({std::string(name) + ", 30 regions, pre- and post-processing", Kind::kSpeedup, 3,
                     [make = make] { return regionsWithoutInference(make()); }});
-    rows.push_back({std::string(name) + ", 30 regions, whole call to inference alone",
+    rows.push_back({std::string(name) + ", 30 regions, whole call vs. inference alone",
                     Kind::kWholeCall, 1.02, [make = make] { return regionsWholeCall(make()); }});
   }
   return rows;

@@ -1,4 +1,4 @@
-"""The installed files: exported names, shared-object name, and a host built with the installed package alone."""
+"""The installed files: exported names, shared-object name, a host built with the package alone."""
 
 import os
 import pathlib
@@ -13,7 +13,8 @@ SOURCE = pathlib.Path(os.environ["TOL_SOURCE"])
 
 
 def run(*command, **options):
-    done = subprocess.run([str(part) for part in command], capture_output=True, text=True, errors="replace", **options)
+    done = subprocess.run([str(word) for word in command], capture_output=True, text=True,
+                          errors="replace", **options)
     assert done.returncode == 0, f"{command}: {done.stdout}{done.stderr}"
     return done.stdout
 
@@ -35,7 +36,8 @@ class Package(unittest.TestCase):
         self.assertEqual(exported, declared)
 
     def test_shared_object_name_has_the_major_version(self):
-        self.assertRegex(run("readelf", "-d", self.library), r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
+        self.assertRegex(run("readelf", "-d", self.library),
+                         r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
 
     def test_installed_host_finds_the_installed_library(self):
         self.assertIn("pub20240113", run(self.prefix / "bin/vsa", "--version"))
@@ -52,18 +54,19 @@ class Package(unittest.TestCase):
 
         warnings = "-Wall -Wextra -Wpedantic -Werror"
         run("cmake", "-S", host, "-B", folder / "host", f"-DCMAKE_PREFIX_PATH={moved}",
-               f"-DCMAKE_CXX_FLAGS={warnings}")
+            f"-DCMAKE_CXX_FLAGS={warnings}")
         run("cmake", "--build", folder / "host")
         programs = [folder / "host/ReadText"]
-        engines = moved if list(moved.glob("lib*/**/TolCompatible/libopenvino.so.*")) else ""  # bundled?
+        is_bundled = any(moved.glob("lib*/**/TolCompatible/libopenvino.so.*"))
+        engines = moved if is_bundled else ""
         if shutil.which("pkg-config"):
             package = next(moved.glob("lib*/**/pkgconfig"))
             flags = run("pkg-config", "--cflags", "--libs", "TolCompatibleLib",
-                           env={**os.environ, "PKG_CONFIG_PATH": str(package)})
+                        env={**os.environ, "PKG_CONFIG_PATH": str(package)})
             self.assertNotIn(str(self.prefix), flags)
             programs.append(folder / "ReadText")
-            run("c++", "-std=c++17", *warnings.split(), host / "main.cpp", "-o", programs[-1], *flags.split(),
-                   f"-Wl,-rpath,{package.parent}")
+            run("c++", "-std=c++17", *warnings.split(), host / "main.cpp", "-o", programs[-1],
+                *flags.split(), f"-Wl,-rpath,{package.parent}")
 
         image = folder / "grey.ppm"
         image.write_bytes(b"P6 64 48 255\n" + bytes([128]) * (64 * 48 * 3))
