@@ -1,9 +1,12 @@
-// Memory of every model of the library beside that of the bare engine with the same network and an
-// input of the same size, each in a process of its own, after the same number of runs:
+// Compares the memory of every model of the library with that of its engine alone, which runs the
+// same network on an input of the same size. Each runs in a process of its own, the same number of
+// times:
 //   build/release/benchmarks/Memory TEXT_MODELS ONNX_NETWORKS [MODEL]
-// (folders with the text models and with the tests' ONNX networks; port 9555 must be free; with
-// MODEL only those models whose name it is).
-// Prints one Markdown table. Called with "bare" or "library" it is one of those processes.
+//   build/release/benchmarks/Memory --list
+// (folders with the text models and with the tests' ONNX networks; port 9555 must be free; MODEL
+// limits the table to models of that name). Prints one Markdown table. --list writes the tiny
+// networks and prints the rows without running them. Called with "engine" or "library", the program
+// is one of those processes.
 
 #include <glog/logging.h>
 #include <onnxruntime_cxx_api.h>
@@ -24,161 +27,150 @@
 
 namespace {
 
-constexpr int kManyRuns = 10000;  // of a tiny network
-constexpr int kFewRuns = 100;     // of a real one
-constexpr int kRepeats = 3;       // pairs of processes; the table shows medians
-const char* const kClasses[] = {"a", "b"};
-
-enum class Work { kDetect, kObjects, kSound };
+constexpr int kTinyNetworkRuns = 10000;
+constexpr int kRealNetworkRuns = 100;
+constexpr int kRepeats = 3;  // pairs of processes; the table shows medians
 
 struct Row {
-  std::string engine, category, name;
-  Work work;
-  std::uint32_t width, height;       // as configured
-  std::array<std::size_t, 2> shown;  // width and height that the network is shown
-  std::function<std::string()> network;
+  Family family;
+  std::function<std::string()> network;  // writes or finds the model file
+  cv::Size configured = {64, 64};
+  cv::Size input = {64, 64};  // of the network
+  bool isReal = false;        // a real network instead of a tiny one
 };
 
 std::string textModels;
 std::string onnxNetworks;
 
-/// 48 candidates of 12 x 12 pixels on a grid in 64 x 64, seen as [1, 48, values] or turned: four
-/// numbers for the box, two class scores after an objectness or alone, `more` numbers of 0.5.
-std::string candidates(bool turned, bool objectness, std::size_t scores, std::size_t more,
-                       bool withPrototypes = false) {
+/// The numbers that follow the box of a candidate: an objectness of 0.9 or none, `scores` class
+/// scores, `extra` numbers of 0.5.
+struct CandidateLayout {
+  bool isColumn = false;  // [1, values, 48] instead of [1, 48, values]
+  bool hasObjectness = false;
+  std::size_t scores = 1;
+  std::size_t extra = 0;
+  bool hasPrototypes = false;  // a second output with mask prototypes
+};
+
+/// Writes a network that returns 48 candidates of 12 x 12 pixels on a grid in 64 x 64.
+std::string writeCandidates(const CandidateLayout& layout) {
   constexpr std::size_t kCount = 48;
-  const std::size_t length = 4 + (objectness ? 1 : 0) + scores + more;
+  const std::size_t length = 4 + (layout.hasObjectness ? 1 : 0) + layout.scores + layout.extra;
   std::vector<float> values(kCount * length);
   for (std::size_t i = 0; i < kCount; ++i) {
     const std::size_t line = i / 8;
     const auto x = static_cast<float>(i % 8 * 8 + 4);
     const auto y = static_cast<float>(line * 8 + 4);
-    std::vector<float> row{x, y, 12, 12};
-    if (objectness) row.push_back(0.9F);
-    for (std::size_t k = 0; k < scores; ++k) row.push_back(k == i % scores ? 0.9F : 0.1F);
-    row.resize(length, 0.5F);
+    std::vector<float> candidate{x, y, 12, 12};
+    if (layout.hasObjectness) candidate.push_back(0.9F);
+    for (std::size_t k = 0; k < layout.scores; ++k) {
+      candidate.push_back(k == i % layout.scores ? 0.9F : 0.1F);
+    }
+    candidate.resize(length, 0.5F);
     for (std::size_t k = 0; k < length; ++k) {
-      values[turned ? k * kCount + i : i * length + k] = row[k];
+      values[layout.isColumn ? k * kCount + i : i * length + k] = candidate[k];
     }
   }
+  const ov::Shape shape =
+      layout.isColumn ? ov::Shape{1, length, kCount} : ov::Shape{1, kCount, length};
   return writeNetwork({1, 3, 64, 64}, [&](const ov::Output<ov::Node>&) {
-    ov::OutputVector outputs{
-        floats(turned ? ov::Shape{1, length, kCount} : ov::Shape{1, kCount, length}, values)};
-    if (withPrototypes) {
+    ov::OutputVector outputs{floats(shape, values)};
+    if (layout.hasPrototypes) {
       outputs.push_back(floats({1, 32, 16, 16}, std::vector<float>(std::size_t{32} * 256, 0.1F)));
     }
     return outputs;
   });
 }
 
-/// A network that gives `count` numbers of 0.5 whatever it is shown.
-std::function<std::string()> numbers(std::size_t count) {
-  return [count] {
-    return writeConstant({1, 3, 64, 64}, {1, count}, std::vector<float>(count, 0.5F));
-  };
+Row candidateRow(const Family& family, const CandidateLayout& layout) {
+  return {family, [layout] { return writeCandidates(layout); }};
 }
 
-std::function<std::string()> onnx(const std::string& name) {
-  return [name] { return onnxNetworks + "/" + name + ".onnx"; };
+/// A row whose tiny network returns `count` numbers of 0.5.
+Row vectorRow(const Family& family, std::size_t count) {
+  return {family, [count] {
+            return writeConstant({1, 3, 64, 64}, {1, count}, std::vector<float>(count, 0.5F));
+          }};
+}
+
+Row textModelRow(const Family& family, cv::Size configured, cv::Size input,
+                 const std::string& file) {
+  return {family, [file] { return textModels + "/" + file; }, configured, input, true};
+}
+
+/// Throws if there is no network for the family.
+Row rowOf(const Family& family) {
+  if (!family.onnxFile.empty()) {
+    return {family, [family] { return networkOf(family, onnxNetworks); }};
+  }
+  const std::string& name = family.name;
+  // End to end: two corners, one score, and a class of 0.5, which is truncated to 0.
+  if (name == "YOLO26") return candidateRow(family, {.extra = 1});
+  if (name == "YOLO8") return candidateRow(family, {.isColumn = true, .scores = 2});
+  if (name == "YOLO8-POSE") return candidateRow(family, {.isColumn = true, .extra = 51});
+  if (name == "YOLO8-OBB") return candidateRow(family, {.isColumn = true, .scores = 2, .extra = 1});
+  if (name == "YOLO8-Seg") {
+    return candidateRow(family,
+                        {.isColumn = true, .scores = 2, .extra = 32, .hasPrototypes = true});
+  }
+  if (name == "YOLO5") return candidateRow(family, {.hasObjectness = true, .scores = 2});
+  if (name == "PaddleOCR" && family.category == "Detect") {
+    return textModelRow(family, {960, 0}, {960, 544}, "detection");
+  }
+  if (name == "PaddleOCR") return textModelRow(family, {640, 48}, {640, 48}, "recognition");
+  if (name == "ResNet") return vectorRow(family, 2);
+  if (name == "DeepSort") return vectorRow(family, 256);
+  if (name == "VsFaceNet") return vectorRow(family, 128);
+  if (name == "AudioNet") {
+    const auto network = [] { return writeConstant({1, 3, 1, 2}, {1, 2}, {0.5F, 0.5F}); };
+    return {family, network, {2, 1}, {2, 1}};
+  }
+  if (name == "VsOCR") {
+    return {family, [] { return writeConstant({1, 3, 64, 64}, {1, 3, 2}, {0, 1, 1, 0, 0, 1}); }};
+  }
+  throw std::runtime_error("no network for " + titleOf(family));
 }
 
 std::vector<Row> allRows() {
-  const std::string ov = "OpenVINO";
-  const std::string ort = "ONNXRuntime";
-  const auto yolo = [](const std::string& engine, const std::string& name,
-                       std::function<std::string()> network) {
-    return Row{engine, "Detect", name, Work::kDetect, 64, 64, {64, 64}, std::move(network)};
-  };
-  const auto object = [&](const std::string& category, const std::string& name, std::size_t count) {
-    return Row{ov, category, name, Work::kObjects, 64, 64, {64, 64}, numbers(count)};
-  };
-  return {
-      // End to end: the six numbers are two corners, the score and the class.
-      yolo(ov, "YOLO26", [] { return candidates(false, false, 1, 1); }),
-      yolo(ov, "YOLO8", [] { return candidates(true, false, 2, 0); }),
-      yolo(ov, "YOLO8-POSE", [] { return candidates(true, false, 1, 51); }),
-      yolo(ov, "YOLO8-OBB", [] { return candidates(true, false, 2, 1); }),
-      yolo(ov, "YOLO8-Seg", [] { return candidates(true, false, 2, 32, true); }),
-      yolo(ov, "YOLO5", [] { return candidates(false, true, 2, 0); }),
-      {ov,
-       "Detect",
-       "PaddleOCR",
-       Work::kDetect,
-       960,
-       0,
-       {960, 544},
-       [] { return textModels + "/detection"; }},
-      object("Classify", "ResNet", 2),
-      {ov,
-       "Classify",
-       "AudioNet",
-       Work::kSound,
-       2,
-       1,
-       {2, 1},
-       [] {
-         return writeConstant({1, 3, 1, 2}, {1, 2}, {0.5F, 0.5F});
-       }},
-      object("Track", "DeepSort", 256),
-      {ov,
-       "Track",
-       "PaddleOCR",
-       Work::kObjects,
-       640,
-       48,
-       {640, 48},
-       [] { return textModels + "/recognition"; }},
-      object("Track", "VsFaceNet", 128),
-      {ov,
-       "Track",
-       "VsOCR",
-       Work::kObjects,
-       64,
-       64,
-       {64, 64},
-       [] {
-         return writeConstant({1, 3, 64, 64}, {1, 3, 2}, {0, 1, 1, 0, 0, 1});
-       }},
-      yolo(ort, "YOLO5", onnx("yolo5")),
-      yolo(ort, "YOLO8", onnx("yolo8")),
-      yolo(ort, "YOLO26", onnx("yolo26")),
-  };
+  std::vector<Row> rows;
+  for (const Family& family : families()) rows.push_back(rowOf(family));
+  return rows;
 }
 
 int runsOf(const Row& row) {
-  return row.name == "PaddleOCR" ? kFewRuns : kManyRuns;
+  return row.isReal ? kRealNetworkRuns : kTinyNetworkRuns;
 }
 
-/// A field of the process's own state, in MB.
-double memory(const std::string& field) {
+/// A memory field of /proc/self/status, in MB.
+double readMemory(const std::string& field) {
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);) {
     if (line.starts_with(field + ":")) return std::stod(line.substr(field.size() + 1)) / 1024;
   }
-  throw std::runtime_error("no " + field);
+  throw std::runtime_error("no field " + field);
 }
 
-/// What a process of one model reports, in MB.
+/// Memory of a process that runs one model, in MB.
 struct Use {
   double early = 0;  // resident after a tenth of the runs
-  double steady = 0;
+  double late = 0;   // resident after all runs
   double peak = 0;
 };
 
-Use repeated(int runs, const std::function<void()>& run) {
+Use runRepeatedly(int runs, const std::function<void()>& run) {
   Use use;
   for (int i = 0; i < runs; ++i) {
     run();
-    if (i + 1 == runs / 10) use.early = memory("VmRSS");
+    if (i + 1 == runs / 10) use.early = readMemory("VmRSS");
   }
-  use.steady = memory("VmRSS");
-  use.peak = memory("VmHWM");
+  use.late = readMemory("VmRSS");
+  use.peak = readMemory("VmHWM");
   return use;
 }
 
-/// Four lines of text on a noisy ground, and the boxes round them.
+/// An image with four lines of text on noise, and their boxes.
 constexpr int kLines = 4;
-cv::Mat picture(std::vector<VsaObject>& boxes) {
+cv::Mat makeImage(std::vector<VsaObject>& boxes) {
   cv::Mat image = randomImage(1920, 1080) / 4;
   for (int i = 0; i < kLines; ++i) {
     const int bottom = 200 * (i + 1);
@@ -189,86 +181,88 @@ cv::Mat picture(std::vector<VsaObject>& boxes) {
   return image;
 }
 
-Use library(const Row& row, const std::string& network, cv::Mat& image,
-            const std::vector<VsaObject>& boxes) {
-  TestModel model(row.category, row.name, network);
-  model.config.engine = row.engine;
-  model.setInput(row.width, row.height);
-  model.setClasses({std::begin(kClasses), std::end(kClasses)});
+Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
+                   const std::vector<VsaObject>& boxes) {
+  TestModel model(row.family.category, row.family.name, network);
+  model.config.engine = row.family.engine;
+  model.setInput(static_cast<std::uint32_t>(row.configured.width),
+                 static_cast<std::uint32_t>(row.configured.height));
+  model.setClasses(row.family.classNames);
   model.config.objThreshold = 0.25F;
-  if (row.name == "YOLO8-POSE") model.config.classCount = 1;  // which means 17 key points
-  if (row.name == "PaddleOCR" && row.category == "Track") model.config.classNames = {"paddleocr"};
-  if (!model.init()) throw std::runtime_error("the model could not be opened");
+  if (row.family.name == "YOLO8-POSE") model.config.classCount = 1;  // 17 key points
+  if (row.isReal && row.family.category == "Track") model.config.classNames = {"paddleocr"};
+  if (!model.init()) throw std::runtime_error("cannot open the model");
   const std::vector<std::uint8_t> pcm(19200, 7);
   VsaFrame frame = frameOf(image, {"a", "b"});
   frame.wantedLabels = frame.wantedClasses;
-  if (row.work == Work::kSound) frame.kind = kVsaAudioFrame;
+  if (row.family.takes == Takes::kAudio) frame.kind = kVsaAudioFrame;
   frame.audioData = pcm.data();
   frame.audioFrameSize = static_cast<std::int32_t>(pcm.size());
-  const auto call = row.category == "Detect"     ? VsaModelDetect
-                    : row.category == "Classify" ? VsaModelClassify
-                                                 : VsaModelFeature;
-  return repeated(runsOf(row), [&] {
+  return runRepeatedly(runsOf(row), [&] {
     frame.objects.clear();
     frame.audioObjects.clear();
-    if (row.work == Work::kObjects) frame.objects = boxes;
-    const bool done = call(&model.context, &frame);
+    if (row.family.takes == Takes::kObjects) frame.objects = boxes;
+    const bool done = model.run(&frame);
     if (!done || frame.objects.size() + frame.audioObjects.size() == 0) {
-      throw std::runtime_error("a run failed or found nothing");
+      throw std::runtime_error("a run failed or gave no object");
     }
   });
 }
 
-Use bareOpenVino(const Row& row, const std::string& network) {
+Use measureOpenVino(const Row& row, const std::string& network) {
   ov::Core core;
   ov::CompiledModel compiled = core.compile_model(network + ".xml", "CPU");
   ov::InferRequest request = compiled.create_infer_request();
+  const auto width = static_cast<std::size_t>(row.input.width);
+  const auto height = static_cast<std::size_t>(row.input.height);
   ov::Tensor input = request.get_input_tensor();
-  input.set_shape({1, 3, row.shown[1], row.shown[0]});
-  std::fill_n(input.data<float>(), input.get_size(), 0.5F);  // memory counts once it is written
-  return repeated(runsOf(row), [&] {
-    for (int i = 0; i < (row.work == Work::kObjects ? kLines : 1); ++i) request.infer();
+  input.set_shape({1, 3, height, width});
+  std::fill_n(input.data<float>(), input.get_size(), 0.5F);  // resident only once it is written
+  return runRepeatedly(runsOf(row), [&] {
+    for (int i = 0; i < (row.family.takes == Takes::kObjects ? kLines : 1); ++i) request.infer();
   });
 }
 
-Use bareOnnxRuntime(const Row& row, const std::string& network) {
-  const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "bare");
+Use measureOnnxRuntime(const Row& row, const std::string& network) {
+  const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "memory");
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
   Ort::Session session(environment, network.c_str(), options);
-  const std::array<std::int64_t, 4> shape{1, 3, static_cast<std::int64_t>(row.shown[1]),
-                                          static_cast<std::int64_t>(row.shown[0])};
-  std::vector<float> planes(3 * row.shown[0] * row.shown[1]);
-  const Ort::MemoryInfo place = Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
+  const std::array<std::int64_t, 4> shape{1, 3, row.input.height, row.input.width};
+  std::vector<float> planes(std::size_t{3} * static_cast<std::size_t>(row.input.area()));
+  const Ort::MemoryInfo memoryInfo =
+      Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   const Ort::AllocatorWithDefaultOptions allocator;
   const auto input = session.GetInputNameAllocated(0, allocator);
   const auto output = session.GetOutputNameAllocated(0, allocator);
-  const char* const in = input.get();
-  const char* const out = output.get();
-  const Ort::Value tensor = Ort::Value::CreateTensor<float>(place, planes.data(), planes.size(),
-                                                            shape.data(), shape.size());
-  return repeated(runsOf(row), [&] { session.Run({}, &in, &tensor, 1, &out, 1); });
+  const char* const inputName = input.get();
+  const char* const outputName = output.get();
+  const Ort::Value tensor = Ort::Value::CreateTensor<float>(
+      memoryInfo, planes.data(), planes.size(), shape.data(), shape.size());
+  return runRepeatedly(runsOf(row),
+                       [&] { session.Run({}, &inputName, &tensor, 1, &outputName, 1); });
 }
 
-/// One of the processes: kind, number of the row, network.
+/// Runs in a process of its own.
 void measure(const std::string& kind, const Row& row, const std::string& network) {
   FLAGS_minloglevel = google::GLOG_WARNING;
   std::vector<VsaObject> boxes;
-  cv::Mat image = picture(boxes);
-  const Use use = kind == "library"          ? library(row, network, image, boxes)
-                  : row.engine == "OpenVINO" ? bareOpenVino(row, network)
-                                             : bareOnnxRuntime(row, network);
-  std::cout << use.early << " " << use.steady << " " << use.peak << "\n";
+  cv::Mat image = makeImage(boxes);
+  const Use use = kind == "library"                 ? measureLibrary(row, network, image, boxes)
+                  : row.family.engine == "OpenVINO" ? measureOpenVino(row, network)
+                                                    : measureOnnxRuntime(row, network);
+  std::cout << use.early << " " << use.late << " " << use.peak << "\n";
 }
 
-Use measuredElsewhere(const std::string& kind, std::size_t row, const std::string& network) {
+/// Starts this program again to measure a row.
+Use measureInProcess(const std::string& kind, std::size_t row, const std::string& network) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   const std::string command =
       "'" + self + "' " + kind + " " + std::to_string(row) + " '" + network + "'";
   FILE* const pipe = popen(command.c_str(), "r");
-  if (pipe == nullptr) throw std::runtime_error("no process could be started");
+  if (pipe == nullptr) throw std::runtime_error("cannot start a process");
   Use use;
-  const int read = std::fscanf(pipe, "%lf %lf %lf", &use.early, &use.steady, &use.peak);
+  const int read = std::fscanf(pipe, "%lf %lf %lf", &use.early, &use.late, &use.peak);
   if (pclose(pipe) != 0 || read != 3) throw std::runtime_error(command + " failed");
   return use;
 }
@@ -278,37 +272,39 @@ double median(std::array<double, kRepeats> values) {
   return values[kRepeats / 2];
 }
 
-/// \param only a modelName, or empty for all models.
-void table(const std::string& only) {
-  // A spectrogram of one band and two steps, so that the time goes into runs and not into parsing.
+/// Prints the rows of models named `only`, or all rows if it is empty.
+void printTable(const std::string& only) {
+  // A spectrogram of one band and two steps, so that parsing takes little time.
   const LoopbackServer service(
       LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[0.5, 0.5]]})"), 9555);
   std::puts(
-      "| model | runs | bare engine, MB | library, MB | more, MB | peak, more, MB "
-      "| growth of the library, MB | of the engine |\n|---|---|---|---|---|---|---|---|");
+      "| model | runs | engine alone, MB | library, MB | difference, MB | difference of peaks, MB "
+      "| growth of the library, MB | growth of the engine, MB "
+      "|\n|---|---|---|---|---|---|---|---|");
   const std::vector<Row> rows = allRows();
   for (std::size_t i = 0; i < rows.size(); ++i) {
-    if (!only.empty() && rows[i].name != only) continue;
+    if (!only.empty() && rows[i].family.name != only) continue;
     const std::string network = rows[i].network();
-    std::array<Use, kRepeats> bare;
+    std::array<Use, kRepeats> engine;
     std::array<Use, kRepeats> ours;
     for (std::size_t k = 0; k < kRepeats; ++k) {
-      bare[k] = measuredElsewhere("bare", i, network);
-      ours[k] = measuredElsewhere("library", i, network);
+      engine[k] = measureInProcess("engine", i, network);
+      ours[k] = measureInProcess("library", i, network);
     }
-    const auto of = [&](const std::function<double(const Use& bare, const Use& ours)>& value) {
-      std::array<double, kRepeats> values{};
-      for (std::size_t k = 0; k < kRepeats; ++k) values[k] = value(bare[k], ours[k]);
-      return median(values);
-    };
-    std::printf("| %s %s %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n",
-                rows[i].engine.c_str(), rows[i].category.c_str(), rows[i].name.c_str(),
-                runsOf(rows[i]), of([](const Use& b, const Use&) { return b.steady; }),
-                of([](const Use&, const Use& o) { return o.steady; }),
-                of([](const Use& b, const Use& o) { return o.steady - b.steady; }),
-                of([](const Use& b, const Use& o) { return o.peak - b.peak; }),
-                of([](const Use&, const Use& o) { return o.steady - o.early; }),
-                of([](const Use& b, const Use&) { return b.steady - b.early; }));
+    const auto medianOf =
+        [&](const std::function<double(const Use& engine, const Use& ours)>& value) {
+          std::array<double, kRepeats> values{};
+          for (std::size_t k = 0; k < kRepeats; ++k) values[k] = value(engine[k], ours[k]);
+          return median(values);
+        };
+    std::printf("| %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n",
+                titleOf(rows[i].family).c_str(), runsOf(rows[i]),
+                medianOf([](const Use& b, const Use&) { return b.late; }),
+                medianOf([](const Use&, const Use& o) { return o.late; }),
+                medianOf([](const Use& b, const Use& o) { return o.late - b.late; }),
+                medianOf([](const Use& b, const Use& o) { return o.peak - b.peak; }),
+                medianOf([](const Use&, const Use& o) { return o.late - o.early; }),
+                medianOf([](const Use& b, const Use&) { return b.late - b.early; }));
     std::fflush(stdout);
   }
 }
@@ -316,15 +312,19 @@ void table(const std::string& only) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::vector<std::string> words(argv + 1, argv + argc);
-  if (words.size() == 3 && (words[0] == "bare" || words[0] == "library")) {
-    measure(words[0], allRows().at(std::stoul(words[1])), words[2]);
-  } else if (words.size() == 2 || words.size() == 3) {
-    textModels = words[0];
-    onnxNetworks = words[1];
-    table(words.size() == 3 ? words[2] : "");
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  if (arguments == std::vector<std::string>{"--list"}) {
+    for (const Row& row : allRows()) {
+      std::cout << titleOf(row.family) << ": " << row.network() << "\n";
+    }
+  } else if (arguments.size() == 3 && (arguments[0] == "engine" || arguments[0] == "library")) {
+    measure(arguments[0], allRows().at(std::stoul(arguments[1])), arguments[2]);
+  } else if (arguments.size() == 2 || arguments.size() == 3) {
+    textModels = arguments[0];
+    onnxNetworks = arguments[1];
+    printTable(arguments.size() == 3 ? arguments[2] : "");
   } else {
-    std::cerr << "usage: Memory TEXT_MODELS ONNX_NETWORKS [MODEL]\n";
+    std::cerr << "usage: Memory TEXT_MODELS ONNX_NETWORKS [MODEL] | Memory --list\n";
     return 2;
   }
   return 0;

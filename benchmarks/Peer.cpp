@@ -1,7 +1,7 @@
 // Times the library as a host calls it, for benchmarks/peers.py:
 //   Peer NETWORK FRAME RUNS
-// NETWORK: a YOLOv8 network of 80 classes at 640 x 640, without ".xml"; FRAME: a file of 1920 x
-// 1080 pixels, blue, green, red. Prints milliseconds of every run as one JSON object.
+// NETWORK: path, without ".xml", of a YOLOv8 network of 80 classes at 640 x 640; FRAME: a file of
+// 1920 x 1080 BGR pixels. Prints the milliseconds of every run as one JSON object.
 
 #include <glog/logging.h>
 
@@ -27,28 +27,28 @@ double milliseconds(const std::function<void()>& work) {
       .count();
 }
 
-std::string list(const std::vector<double>& values) {
+std::string toJson(const std::vector<double>& values) {
   std::string text;
   for (const double value : values) text += (text.empty() ? "[" : ", ") + std::to_string(value);
   return text + "]";
 }
 
-void compare(const std::string& network, const std::string& picture, int runs) {
+void compare(const std::string& network, const std::string& frameFile, int runs) {
   FLAGS_minloglevel = google::GLOG_WARNING;
   cv::Mat image(kHeight, kWidth, CV_8UC3);
-  std::ifstream file(picture, std::ios::binary);
+  std::ifstream file(frameFile, std::ios::binary);
   if (!file.read(image.ptr<char>(), std::streamsize{3} * kWidth * kHeight))
-    throw std::runtime_error("no frame");
+    throw std::runtime_error("cannot read the frame");
   TestModel model("Detect", "YOLO8", network);
   model.setInput(640, 640);
   model.setClasses(std::vector<std::string>(80, "thing"));
   model.config.nmsThreshold = 0.7F;
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   VsaFrame frame = frameOf(image, {"thing"});
   ov::Core core;
-  ov::InferRequest bare = core.compile_model(network + ".xml", "CPU").create_infer_request();
-  // Memory that was never written is read faster than any picture.
-  ov::Tensor input = bare.get_input_tensor();
+  ov::InferRequest request = core.compile_model(network + ".xml", "CPU").create_infer_request();
+  // Memory that was never written is read faster than any image.
+  ov::Tensor input = request.get_input_tensor();
   cv::randu(cv::Mat(1, static_cast<int>(input.get_size()), CV_32FC1, input.data<float>()), 0.0,
             1.0);
   std::vector<double> calls;
@@ -60,14 +60,15 @@ void compare(const std::string& network, const std::string& picture, int runs) {
       done = model.detect(frame);
     });
     if (!done) throw std::runtime_error("a run failed");
-    const double inference = milliseconds([&] { bare.infer(); });
+    const double inference = milliseconds([&] { request.infer(); });
     if (i < 0) continue;
     calls.push_back(call);
     inferences.push_back(inference);
   }
-  // The library compiles the network as it is, so its own network is the plain one.
-  std::cout << R"({"call": )" << list(calls) << R"(, "own": )" << list(inferences)
-            << R"(, "plain": )" << list(inferences) << R"(, "objects": )" << frame.objects.size()
+  // The library compiles the network without changes, so its inference time is that of the plain
+  // network.
+  std::cout << R"({"call": )" << toJson(calls) << R"(, "own": )" << toJson(inferences)
+            << R"(, "plain": )" << toJson(inferences) << R"(, "objects": )" << frame.objects.size()
             << "}\n";
 }
 

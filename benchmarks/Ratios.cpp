@@ -122,7 +122,7 @@ Comparison detectOnOpenVino() {
   TestModel model("Detect", "YOLO8", kYolo);
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   ov::Core core;
   ov::InferRequest request =
       core.compile_model(std::string(kYolo) + ".xml", "CPU").create_infer_request();
@@ -137,7 +137,7 @@ Comparison detectOnOnnxRuntime() {
   model.config.engine = "ONNXRuntime";
   model.setInput(kSide, kSide);
   model.setClasses(std::vector<std::string>(kClasses, "thing"));
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "benchmark");
   Ort::SessionOptions options;
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
@@ -378,7 +378,7 @@ Comparison regionsWholeCall(const ObjectModel& objects) {
                  static_cast<std::uint32_t>(objects.input.height));
   model.setClasses(objects.names);
   model.config.scoreThreshold = 0;
-  if (!model.init()) throw std::runtime_error("the network could not be opened");
+  if (!model.init()) throw std::runtime_error("cannot open the network");
   ov::Core core;
   ov::InferRequest request =
       core.compile_model(objects.network + ".xml", "CPU").create_infer_request();
@@ -543,13 +543,13 @@ Comparison base64(std::size_t size) {
 
 std::vector<Row> allRows() {
   std::vector<Row> rows = {
-      {"YOLOv8 on OpenVINO, whole call to inference alone", Kind::kWholeCall, 1.02,
+      {"YOLOv8 on OpenVINO, whole call vs. inference alone", Kind::kWholeCall, 1.02,
        detectOnOpenVino},
       {"YOLOv8, pre- and post-processing, no candidates", Kind::kSpeedup, 10,
        [] { return detectorYolo8(0); }},
       {"YOLOv8, pre- and post-processing, 100 candidates", Kind::kSpeedup, 0,
        [] { return detectorYolo8(100); }},
-      {"YOLOv8 on ONNX Runtime, whole call to inference alone", Kind::kWholeCall, 1.03,
+      {"YOLOv8 on ONNX Runtime, whole call vs. inference alone", Kind::kWholeCall, 1.03,
        detectOnOnnxRuntime},
       {"pre-processing, 1920x1080", Kind::kSpeedup, 5,
        [] {
@@ -595,7 +595,7 @@ std::vector<Row> allRows() {
   for (const auto& [name, make] : models) {
     rows.push_back({std::string(name) + ", 30 regions, pre- and post-processing", Kind::kSpeedup, 3,
                     [make = make] { return regionsWithoutInference(make()); }});
-    rows.push_back({std::string(name) + ", 30 regions, whole call to inference alone",
+    rows.push_back({std::string(name) + ", 30 regions, whole call vs. inference alone",
                     Kind::kWholeCall, 1.02, [make = make] { return regionsWholeCall(make()); }});
   }
   return rows;

@@ -1,5 +1,5 @@
-"""Writes YOLOv8n at 640 x 640 with random weights, finding nothing, as the ONNX file that is its argument and as IR
-beside it. The network is that of the field: its layers, their sizes and their order."""
+"""Writes YOLOv8n at 640 x 640 with random weights, which detects nothing, as an ONNX file (the argument) and as OpenVINO
+IR in the same folder. Layers, sizes and order are those of the published network."""
 
 import math
 import pathlib
@@ -11,7 +11,7 @@ import openvino
 from onnx import TensorProto, helper, numpy_helper
 
 CLASSES = 80
-BINS = 16  # of each side of a box
+BINS = 16  # per side of a box
 random = numpy.random.default_rng(1)
 nodes, constants = [], []
 
@@ -27,83 +27,83 @@ def node(kind, *inputs, outputs=1, **attributes):
     return names[0] if outputs == 1 else names
 
 
-def reshaped(x, *shape):
+def reshape(x, *shape):
     return node("Reshape", x, constant(shape, numpy.int64))
 
 
-def joined(parts, axis=1):
+def concat(parts, axis=1):
     return node("Concat", *parts, axis=axis)
 
 
-def halves(x, channels):
+def split_half(x, channels):
     return node("Split", x, constant([channels // 2] * 2, numpy.int64), outputs=2, axis=1)
 
 
-def weighted(x, channels, out, kernel=1, stride=1, bias=0.0):
-    most = math.sqrt(6 / (channels * kernel * kernel))
-    weights = random.uniform(-most, most, (out, channels, kernel, kernel))
+def convolution(x, channels, out, kernel=1, stride=1, bias=0.0):
+    limit = math.sqrt(6 / (channels * kernel * kernel))
+    weights = random.uniform(-limit, limit, (out, channels, kernel, kernel))
     return node("Conv", x, constant(weights), constant(numpy.full(out, bias)), strides=[stride] * 2,
                 pads=[kernel // 2] * 4)
 
 
 def layer(*arguments):
-    x = weighted(*arguments)
+    x = convolution(*arguments)
     return node("Mul", x, node("Sigmoid", x))
 
 
 def block(x, channels, out, times, is_residual):
-    """A cross-stage block: half of the channels goes through pairs of convolutions, all results are joined."""
+    """A cross-stage block: half of the channels go through pairs of convolutions, then all results are concatenated."""
     half = out // 2
-    parts = halves(layer(x, channels, out), out)
+    parts = split_half(layer(x, channels, out), out)
     for _ in range(times):
         y = layer(layer(parts[-1], half, half, 3), half, half, 3)
         parts.append(node("Add", parts[-1], y) if is_residual else y)
-    return layer(joined(parts), (2 + times) * half, out)
+    return layer(concat(parts), (2 + times) * half, out)
 
 
-def pooled(x):
-    """Three poolings, one after the other, joined."""
+def pyramid_pooling(x):
+    """Three successive poolings, concatenated."""
     parts = [layer(x, 256, 128)]
     for _ in range(3):
         parts.append(node("MaxPool", parts[-1], kernel_shape=[5, 5], pads=[2] * 4))
-    return layer(joined(parts), 512, 256)
+    return layer(concat(parts), 512, 256)
 
 
-def enlarged(x):
+def upsample(x):
     return node("Resize", x, "", constant([1, 1, 2, 2]), mode="nearest", coordinate_transformation_mode="asymmetric",
                 nearest_mode="floor")
 
 
 def head(x, channels):
-    sides = weighted(layer(layer(x, channels, 64, 3), 64, 64, 3), 64, 4 * BINS)
+    sides = convolution(layer(layer(x, channels, 64, 3), 64, 64, 3), 64, 4 * BINS)
     scores = layer(layer(x, channels, CLASSES, 3), CLASSES, CLASSES, 3)
-    scores = weighted(scores, CLASSES, CLASSES, 1, 1, -11.0)  # none is sure
-    return reshaped(joined([sides, scores]), 1, 4 * BINS + CLASSES, -1)
+    scores = convolution(scores, CLASSES, CLASSES, 1, 1, -11.0)  # keeps all scores low
+    return reshape(concat([sides, scores]), 1, 4 * BINS + CLASSES, -1)
 
 
 def boxes(sides):
-    """The distances of a cell to the four sides are means over bins; boxes are told by centre and size."""
+    """Decodes boxes to centre and size; the distance of a cell to each side is a mean over bins."""
     grids = [numpy.stack(numpy.meshgrid(*[numpy.arange(640 // stride) + 0.5] * 2)).reshape(2, -1) for stride in (8, 16, 32)]
     centres = constant(numpy.concatenate(grids, 1)[None])
     strides = constant(numpy.concatenate([numpy.full(grid.shape[1], stride) for grid, stride in zip(grids, (8, 16, 32))]))
-    shares = node("Softmax", node("Transpose", reshaped(sides, 1, 4, BINS, -1), perm=[0, 2, 1, 3]), axis=1)
-    means = node("Conv", shares, constant(numpy.arange(BINS).reshape(1, BINS, 1, 1)))
-    near, far = halves(reshaped(means, 1, 4, -1), 4)
-    least, most = node("Sub", centres, near), node("Add", centres, far)
-    middle = node("Mul", node("Add", least, most), constant(0.5))
-    return node("Mul", joined([middle, node("Sub", most, least)]), strides)
+    weights = node("Softmax", node("Transpose", reshape(sides, 1, 4, BINS, -1), perm=[0, 2, 1, 3]), axis=1)
+    means = node("Conv", weights, constant(numpy.arange(BINS).reshape(1, BINS, 1, 1)))
+    near, far = split_half(reshape(means, 1, 4, -1), 4)
+    low, high = node("Sub", centres, near), node("Add", centres, far)
+    middle = node("Mul", node("Add", low, high), constant(0.5))
+    return node("Mul", concat([middle, node("Sub", high, low)]), strides)
 
 
 x = layer(layer("images", 3, 16, 3, 2), 16, 32, 3, 2)
 x = layer(block(x, 32, 32, 1, True), 32, 64, 3, 2)
 fine = block(x, 64, 64, 2, True)
 middle = block(layer(fine, 64, 128, 3, 2), 128, 128, 2, True)
-coarse = pooled(block(layer(middle, 128, 256, 3, 2), 256, 256, 1, True))
-middle = block(joined([enlarged(coarse), middle]), 384, 128, 1, False)
-fine = block(joined([enlarged(middle), fine]), 192, 64, 1, False)
-middle = block(joined([layer(fine, 64, 64, 3, 2), middle]), 192, 128, 1, False)
-coarse = block(joined([layer(middle, 128, 128, 3, 2), coarse]), 384, 256, 1, False)
-heads = joined([head(fine, 64), head(middle, 128), head(coarse, 256)], 2)
+coarse = pyramid_pooling(block(layer(middle, 128, 256, 3, 2), 256, 256, 1, True))
+middle = block(concat([upsample(coarse), middle]), 384, 128, 1, False)
+fine = block(concat([upsample(middle), fine]), 192, 64, 1, False)
+middle = block(concat([layer(fine, 64, 64, 3, 2), middle]), 192, 128, 1, False)
+coarse = block(concat([layer(middle, 128, 128, 3, 2), coarse]), 384, 256, 1, False)
+heads = concat([head(fine, 64), head(middle, 128), head(coarse, 256)], 2)
 sides, scores = node("Split", heads, constant([4 * BINS, CLASSES], numpy.int64), outputs=2, axis=1)
 nodes.append(helper.make_node("Concat", [boxes(sides), node("Sigmoid", scores)], ["out"], axis=1))
 

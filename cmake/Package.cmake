@@ -1,8 +1,9 @@
-# What is installed and packed: the library, its header, its CMake package and pkg-config file, and with
-# TOL_BUNDLE_ENGINES the engines' files too, so that the result runs where no engine is installed.
+# Installs and packs the library, its header, its CMake package and pkg-config file and, with TOL_BUNDLE_ENGINES, the files
+# of the engines, so that the result runs on machines without them. Reads openvino_folder of the main CMakeLists.txt; sets
+# TOL_ENGINE_RPATH and TOL_DEPENDENCY_SET, which the host's installation uses too.
 
-# Windows looks for libraries beside the program; elsewhere the engines get a folder of their own below the library's,
-# so that in /usr/lib they neither hide nor replace the system's (libtbb.so.12 is Debian's too).
+# Windows searches the folder of the program. Elsewhere the engines get a folder of their own below the library's, so that
+# in /usr/lib they neither hide nor replace the system's libraries (libtbb.so.12 is also Debian's).
 if(WIN32)
   set(engine_folder ${CMAKE_INSTALL_BINDIR})
 else()
@@ -20,8 +21,8 @@ foreach(property IMPORTED_LOCATION_RELEASE IMPORTED_LOCATION_NONE IMPORTED_LOCAT
   endif()
 endforeach()
 
-# Plug-ins and readers of model files are loaded by name, so no list of dependencies has them. Of the readers the library
-# needs the one of IR files alone.
+# Plug-ins and readers of model files are loaded by name, so no list of dependencies has them. The only reader that the
+# library needs is the one for IR files.
 file(GLOB engine_files "${openvino_folder}/*")
 list(FILTER engine_files INCLUDE REGEX "/(lib)?(openvino|tbb|hwloc)[^/]*\\.(dll|so[.0-9]*)$")
 list(FILTER engine_files EXCLUDE REGEX "openvino_c\\.|/[^/]*(gguf|jax|onnx|paddle|pytorch|tensorflow|lite)_frontend")
@@ -34,12 +35,12 @@ if(TOL_BUNDLE_ENGINES)
     message(FATAL_ERROR "TOL_BUNDLE_ENGINES needs OpenVINO from its wheel or archive and ONNX Runtime's library file")
   endif()
   install(FILES ${engine_files} DESTINATION ${engine_folder})
-  # A wheel's libonnxruntime.so.1.31.1 is looked for as libonnxruntime.so.1.
+  # Programs load the wheel's libonnxruntime.so.1.31.1 as libonnxruntime.so.1.
   get_filename_component(onnxruntime_real "${onnxruntime_file}" REALPATH)
   get_filename_component(onnxruntime_name "${onnxruntime_real}" NAME)
   string(REGEX REPLACE "(\\.so\\.[0-9]+).*" "\\1" onnxruntime_name "${onnxruntime_name}")
   install(FILES "${onnxruntime_real}" DESTINATION ${engine_folder} RENAME ${onnxruntime_name})
-  # Who passes the engines on passes their licences on.
+  # A package with the engines must include their licences.
   get_filename_component(onnxruntime_folder "${onnxruntime_real}/../.." ABSOLUTE)
   file(GLOB openvino_licences "${openvino_folder}/../../openvino-*.dist-info/licenses")
   install(DIRECTORY ${openvino_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/openvino)
@@ -47,7 +48,7 @@ if(TOL_BUNDLE_ENGINES)
   install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime)
   set(TOL_ENGINE_RPATH "")
 else()
-  # The engines are looked for beside the library first, then where they were found now.
+  # The engines are searched in the library's folder first, then where this build found them.
   set(TOL_ENGINE_RPATH "${openvino_folder}")
   if(onnxruntime_file)
     get_filename_component(onnxruntime_folder "${onnxruntime_file}" DIRECTORY)
@@ -58,7 +59,7 @@ set_target_properties(TolCompatibleLib PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN
 
 set(TOL_DEPENDENCY_SET "")
 if(WIN32)
-  # Programs of the build tree run where they are made: everything that they load is put beside them.
+  # Programs of the build tree run in their own folder, so everything that they load is copied there.
   add_custom_command(TARGET TolCompatibleLib POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_RUNTIME_DLLS:TolCompatibleLib> ${engine_files}
       $<TARGET_FILE_DIR:TolCompatibleLib>
@@ -84,7 +85,7 @@ file(RELATIVE_PATH prefix_from_pc "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/TolCompatibleLib.pc.in TolCompatibleLib.pc @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLib.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# cpack: one package with everything in it.
+# cpack: one package that contains everything.
 set(CPACK_PACKAGE_NAME tolcompatiblelib)
 set(CPACK_PACKAGE_VENDOR "TolCompatibleLib developers")
 set(CPACK_PACKAGE_CONTACT "TolCompatibleLib developers")
@@ -96,7 +97,7 @@ else()
   set(CPACK_GENERATOR "TGZ;DEB")
   set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
   set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-  # The Debian libraries are found from the files themselves, those of the engines among the package's own.
+  # dpkg-shlibdeps finds the dependencies of all files; the engines' libraries are in the package itself.
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${openvino_folder}" "${PROJECT_BINARY_DIR}")
   set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-wqy-microhei, ffmpeg")

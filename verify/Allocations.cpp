@@ -1,8 +1,10 @@
-// Fails every allocation that is made while a model of each row of the table is opened, run and released, one at a
-// time, with stand-ins for the engines. After each one: the call threw something that a host expects or returned false,
-// the frame is as it was, nothing is lost, and the next call gives what it gave before.
+// Fails every allocation that is made while a model of each row of the table is opened, run and
+// released, one at a time, with stand-ins for the engines. After each one: the call threw something
+// that a host expects or returned false, the frame is as it was, nothing is lost, and the next call
+// gives what it gave before.
 //
-// Usage: Allocations [SECONDS]    the whole takes a few seconds; after SECONDS no further row is begun
+// Usage: Allocations [SECONDS]    the whole takes a few seconds; after SECONDS no further row is
+// begun
 
 #include <dlfcn.h>
 #include <glog/logging.h>
@@ -17,6 +19,7 @@
 #include <new>
 #include <utility>
 
+#include "support/Families.h"
 #include "support/LoopbackServer.h"
 #include "support/TestHost.h"
 #include "verify/fakes/FakeEngines.h"
@@ -26,8 +29,8 @@ InputChecksum inputChecksum;
 bool hasOldOnnxRuntime = false;
 int apiRequests = 0;
 
-// The C library's own functions, behind those that are replaced below for the program and all libraries in it.
-// NOLINTBEGIN(bugprone-reserved-identifier)
+// The C library's own functions, behind those that are replaced below for the program and all
+// libraries in it. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 extern "C" void* __libc_realloc(void* memory, std::size_t size);
 extern "C" void __libc_free(void* memory);
@@ -43,7 +46,8 @@ struct Memory {
   long failing;     // which one of them fails; 0 for none
   long live;        // blocks that are not freed yet, of any origin
   bool isMatrix;    // the failed one was OpenCV's own record of a matrix
-  bool isStream;    // the failed one was within a stream of the standard library, which catches what is thrown
+  bool isStream;  // the failed one was within a stream of the standard library, which catches what
+                  // is thrown
 };
 thread_local constinit Memory memory{};
 
@@ -55,7 +59,8 @@ void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_
   void* const block = mayAllocate() ? __libc_memalign(alignment, size) : nullptr;
   if (block == nullptr) return nullptr;
   ++memory.live;
-  // Fresh memory holds nothing in particular; what reads it before it is written gives other results.
+  // Fresh memory holds nothing in particular; what reads it before it is written gives other
+  // results.
   std::memset(block, 0x5A, size);
   return block;
 }
@@ -104,7 +109,8 @@ void* operator new(std::size_t size) {
   if (block != nullptr) return block;
   Dl_info caller;
   const bool isKnown = dladdr(__builtin_return_address(0), &caller) != 0;
-  memory.isMatrix = isKnown && size == sizeof(cv::UMatData) && std::strstr(caller.dli_fname, "libopencv_core") != nullptr;
+  memory.isMatrix = isKnown && size == sizeof(cv::UMatData) &&
+                    std::strstr(caller.dli_fname, "libopencv_core") != nullptr;
   memory.isStream = isKnown && std::strstr(caller.dli_fname, "libstdc++") != nullptr;
   throw std::bad_alloc();
 }
@@ -144,9 +150,10 @@ std::vector<float> repeated(const std::vector<float>& pattern, std::size_t count
 std::vector<Row> rows() {
   const std::vector<std::int64_t> picture = {1, 3, 32, 32};
   // Two boxes apart and one that overlaps the first: a column or a row for each.
-  const FakeOutput yolo8{{1, 6, 3}, {8, 24, 9, 8, 24, 9, 8, 8, 8, 8, 8, 8, .9F, .1F, .7F, .1F, .8F, .1F}};
-  const FakeOutput yolo5{{1, 3, 7},
-                         {8, 8, 8, 8, .9F, .9F, .1F, 24, 24, 8, 8, .8F, .1F, .9F, 9, 9, 8, 8, .7F, .9F, .1F}};
+  const FakeOutput yolo8{{1, 6, 3},
+                         {8, 24, 9, 8, 24, 9, 8, 8, 8, 8, 8, 8, .9F, .1F, .7F, .1F, .8F, .1F}};
+  const FakeOutput yolo5{{1, 3, 7}, {8,   8,   8,   8, .9F, .9F, .1F, 24,  24,  8,  8,
+                                     .8F, .1F, .9F, 9, 9,   8,   8,   .7F, .9F, .1F}};
   const FakeOutput yolo26{{1, 2, 6}, {2, 2, 9, 9, .9F, 0, 12, 12, 30, 30, .8F, 1}};
   FakeOutput obb = yolo8, pose = yolo8, seg = yolo8;
   obb.shape[1] = 7;
@@ -167,7 +174,10 @@ std::vector<Row> rows() {
       {ov, "Detect", "YOLO8", {picture, false, {yolo8}}},
       {ov, "Detect", "YOLO8-POSE", {picture, false, {pose}}},
       {ov, "Detect", "YOLO8-OBB", {picture, false, {obb}}},
-      {ov, "Detect", "YOLO8-Seg", {picture, false, {seg, {{1, 32, 8, 8}, repeated({1, 2, 3}, 2048)}}}},
+      {ov,
+       "Detect",
+       "YOLO8-Seg",
+       {picture, false, {seg, {{1, 32, 8, 8}, repeated({1, 2, 3}, 2048)}}}},
       {ov, "Detect", "YOLO5", {{1, 32, 32, 3}, true, {yolo5}}},
       {ov, "Detect", "PaddleOCR", {picture, false, {text}}},
       {ov, "Classify", "ResNet", {picture, false, {scores}}},
@@ -188,16 +198,16 @@ struct End {
   bool done = false;
   std::string thrown;  // empty where nothing was
   bool isExpected = true;
-  long count = 0;  // of allocations
-  long lines = 0;  // "[E]" lines
+  long count = 0;           // of allocations
+  long lines = 0;           // "[E]" lines
   std::uint64_t input = 0;  // checksum of what the engine was given
 };
 
 /// Counts "[E]" lines without allocating.
 class ErrorCounter : public google::LogSink {
  public:
-  void send(google::LogSeverity, const char*, const char*, int, const google::LogMessageTime&, const char* message,
-            std::size_t length) override {
+  void send(google::LogSeverity, const char*, const char*, int, const google::LogMessageTime&,
+            const char* message, std::size_t length) override {
     if (length >= 3 && std::memcmp(message, "[E]", 3) == 0) ++count;
   }
   long count = 0;
@@ -240,7 +250,8 @@ End watched(long failing, const std::function<bool()>& call) {
 
 /// A model of the row, not opened yet.
 struct RowModel : TestModel {
-  explicit RowModel(const Row& row) : TestModel(row.category, row.modelName, "a folder with a name that takes memory") {
+  explicit RowModel(const Row& row)
+      : TestModel(row.category, row.modelName, "a folder with a name that takes memory") {
     config.engine = row.engine;
     config.device = "a device that takes a long name";
     config.modelFile = "a model file with a long name";
@@ -266,11 +277,12 @@ class RowCheck {
   void run() {
     for (const bool isGood : {true, false}) {
       fakeNetwork = row_.network;
-      if (!isGood) fakeNetwork.outputs = {{{1}, {0.0F}}};  // what a network says that is of another family
+      if (!isGood)
+        fakeNetwork.outputs = {{{1}, {0.0F}}};  // what a network says that is of another family
       // The first time round nothing has been set up yet, and nothing may be there to compare with.
       for (const bool isFirst : {true, false}) {
-        where = row_.engine + " " + row_.category + " " + row_.modelName + (isGood ? "" : ", refused") +
-                (isFirst ? ", first" : "");
+        where = row_.engine + " " + row_.category + " " + row_.modelName +
+                (isGood ? "" : ", refused") + (isFirst ? ", first" : "");
         checkInit(isFirst);
         if (isFirst) {
           checkFirstRuns();
@@ -319,8 +331,8 @@ class RowCheck {
     return {end.done, bytesOf(frame), end.input};
   }
 
-  /// Calls `attempt` with 0 and, with one failing allocation after the other, until none is left to fail. It returns
-  /// whether there was one.
+  /// Calls `attempt` with 0 and, with one failing allocation after the other, until none is left to
+  /// fail. It returns whether there was one.
   template <class Attempt>
   static void forEachAllocation(bool isFirst, const char* step, Attempt attempt) {
     const std::string row = std::exchange(where, where + ", " + step);
@@ -352,13 +364,14 @@ class RowCheck {
       require(end.isExpected, "an exception that no host expects: " + end.thrown);
       VsaModelRelease(&model.context);
       const End again = watched(0, [&] { return model.init(); });
-      require(again.thrown.empty() && (isFirst || again.done == expected), "the next one ends otherwise");
+      require(again.thrown.empty() && (isFirst || again.done == expected),
+              "the next one ends otherwise");
       return end.count >= n;
     });
   }
 
-  /// In the first round, all runs are made by one model: tables that are built once are not built yet, and no failure
-  /// on the way to them may spoil the run that succeeds at last.
+  /// In the first round, all runs are made by one model: tables that are built once are not built
+  /// yet, and no failure on the way to them may spoil the run that succeeds at last.
   void checkFirstRuns() {
     RowModel model(row_);
     model.init();
@@ -371,8 +384,8 @@ class RowCheck {
     afterFirst_ = outcomeOf(model, other_);
   }
 
-  /// Each allocation fails in the first run of a model of its own, which is then given a different frame of that size,
-  /// and the same frame again.
+  /// Each allocation fails in the first run of a model of its own, which is then given a different
+  /// frame of that size, and the same frame again.
   void checkRuns(bool isGood) {
     RowModel untouched(row_);
     untouched.init();
@@ -391,7 +404,8 @@ class RowCheck {
       if (!end.done) {
         require(bytesOf(frame) == before, "a call that failed changed the frame");
         // The line about a refused network may be the one that could not be written.
-        // To jsoncpp, a number for which its stream has no memory is not a number, and the reply not JSON.
+        // To jsoncpp, a number for which its stream has no memory is not a number, and the reply
+        // not JSON.
         require(!end.thrown.empty() || end.lines == linesOfRefusal() || !isGood || memory.isStream,
                 std::to_string(end.lines) + " error lines");
       } else {
@@ -399,7 +413,8 @@ class RowCheck {
         require(Outcome{true, bytesOf(frame), end.input} == expected, "other results");
         require(server_.lastRequest() == request, "another request");
       }
-      require(outcomeOf(model, other_) == other, "the next one, on a different frame, ends otherwise");
+      require(outcomeOf(model, other_) == other,
+              "the next one, on a different frame, ends otherwise");
       require(outcomeOf(model, fresh_) == expected, "the next one ends otherwise");
       return end.count >= n;
     });
@@ -412,7 +427,8 @@ class RowCheck {
       const End end = watched(n, [&] { return VsaModelRelease(&model.context), true; });
       require(end.done && model.context.models == nullptr, "not released: " + end.thrown);
       model.init();
-      VsaModelRelease(&model.context);  // the C library may have dropped the time zone that glog asks for
+      VsaModelRelease(
+          &model.context);  // the C library may have dropped the time zone that glog asks for
       return end.count >= n;
     });
   }
@@ -424,7 +440,8 @@ class RowCheck {
   Outcome afterFirst_;
 };
 
-/// An ONNX Runtime that is too old is looked at when the first model is opened, and refused by an exception.
+/// An ONNX Runtime that is too old is looked at when the first model is opened, and refused by an
+/// exception.
 void checkOldOnnxRuntime(const Row& row) {
   where = "old ONNX Runtime";
   require(apiRequests == 0, "the table of functions was asked for when the program was loaded");
@@ -438,7 +455,8 @@ void checkOldOnnxRuntime(const Row& row) {
     } catch (const std::exception& error) {
       thrown = error.what();
     }
-    require(thrown == "ONNX Runtime 0.1 is older than this library needs", "VsaModelInit throws " + thrown);
+    require(thrown == "ONNX Runtime 0.1 is older than this library needs",
+            "VsaModelInit throws " + thrown);
     require(model.context.models == nullptr, "the context has models");
   }
   hasOldOnnxRuntime = false;
@@ -452,21 +470,31 @@ int main(int argc, char** argv) {
   const std::chrono::duration<double> limit(argc > 1 ? std::atof(argv[1]) : 1e9);
   google::InitGoogleLogging(argv[0]);
   google::SetStderrLogging(google::GLOG_FATAL);
-  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) google::SetLogDestination(severity, "");
+  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity)
+    google::SetLogDestination(severity, "");
   // A request that is meant for a proxy reads otherwise.
   setenv("http_proxy", "http://127.0.0.1:9555", 1);
-  LoopbackServer server(LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[1, 0.5], [2, 3]]})"), 9555);
+  LoopbackServer server(
+      LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[1, 0.5], [2, 3]]})"), 9555);
   google::AddLogSink(&errors);
   const std::vector<Row> all = rows();
   checkOldOnnxRuntime(*std::ranges::find(all, std::string("ONNXRuntime"), &Row::engine));
+  for (const Family& family : families()) {
+    const bool isChecked = std::ranges::any_of(all, [&](const Row& row) {
+      return row.engine == family.engine && row.category == family.category &&
+             row.modelName == family.name;
+    });
+    require(isChecked, "no row for " + titleOf(family));
+  }
   std::size_t checked = 0;
   for (const Row& row : all) {
     if (std::chrono::steady_clock::now() - start > limit) break;
     RowCheck(row, server).run();
     ++checked;
   }
-  std::cout << "allocations: " << failures << " failed allocations over " << checked << " rows, " << faults
-            << " faults (" << lostByOpenCv << " matrices lost inside OpenCV)" << std::endl;
+  std::cout << "allocations: " << failures << " failed allocations over " << checked << " rows, "
+            << faults << " faults (" << lostByOpenCv << " matrices lost inside OpenCV)"
+            << std::endl;
   // Each row has some two hundred; none would mean that nothing was made to fail.
   return faults == 0 && checked > 0 && failures > 50 * static_cast<long>(checked) ? 0 : 1;
 }

@@ -1,7 +1,7 @@
-// Everything that takes numbers or records from outside, fed with arbitrary ones: libFuzzer chooses
-// the bytes,
-// `--target=NAME` what they are handed to. A target ends in a trap, a sanitizer's report or a
-// foreign exception where the library does what its headers exclude.
+// Fuzz targets for everything that takes numbers or records from outside. libFuzzer chooses the
+// bytes, --target=NAME the function that reads them. A target traps if the library breaks what its
+// headers promise; the sanitizers and exceptions that the target does not expect end the program
+// too.
 
 #include <glog/logging.h>
 #include <json/json.h>
@@ -33,16 +33,16 @@ void require(bool holds) {
   if (!holds) __builtin_trap();
 }
 
-/// The bytes of one case, and after them others that follow from them. (Braces where several are
-/// read: in them, compilers agree on the order.)
+/// Reads values from the bytes of one input, and then from pseudo-random bytes seeded by it. Values
+/// that are read in one expression stand in braces, which fix the order of evaluation.
 class Reader {
  public:
   Reader(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {
-    for (const std::uint8_t* byte = next_; byte != end_; ++byte) state_ = mixed(state_ ^ *byte);
+    for (const std::uint8_t* byte = next_; byte != end_; ++byte) state_ = mix(state_ ^ *byte);
   }
   std::uint8_t byte() {
     if (next_ != end_) return *next_++;
-    state_ = mixed(state_);
+    state_ = mix(state_);
     return static_cast<std::uint8_t>(state_ >> 56);
   }
   std::uint32_t word() {
@@ -50,7 +50,7 @@ class Reader {
     for (int i = 0; i < 4; ++i) value = value << 8 | byte();
     return value;
   }
-  int upTo(int most) { return byte() % (most + 1); }
+  int upTo(int max) { return byte() % (max + 1); }
   bool oneIn(int count) { return byte() % count == count - 1; }
   float number() {
     const std::uint8_t kind = byte();
@@ -61,7 +61,7 @@ class Reader {
     for (float& value : made) value = number();
     return made;
   }
-  /// A coordinate: near a small picture, or anywhere.
+  /// A coordinate: near a small image, or any.
   int edge() {
     const int kind = byte();
     return kind < 240 ? kind - 80
@@ -70,7 +70,7 @@ class Reader {
                                                          : 0x80000000U);
   }
   cv::Rect box() { return {edge(), edge(), edge(), edge()}; }
-  cv::Size size(int most) { return {1 + upTo(most - 1), 1 + upTo(most - 1)}; }
+  cv::Size size(int max) { return {1 + upTo(max - 1), 1 + upTo(max - 1)}; }
   std::string text() {
     std::string made(static_cast<std::size_t>(upTo(5)), ' ');
     for (char& c : made) c = static_cast<char>(byte());
@@ -85,7 +85,7 @@ class Reader {
   std::string rest() const { return {next_, end_}; }
 
  private:
-  static std::uint64_t mixed(std::uint64_t state) {
+  static std::uint64_t mix(std::uint64_t state) {
     return state * 6364136223846793005U + 1442695040888963407U;
   }
 
@@ -94,7 +94,8 @@ class Reader {
   std::uint64_t state_ = 0;
 };
 
-/// Pixels in a heap block of exactly their size, so that reading past them is seen.
+/// Pixels in a heap block of exactly their size, so that the address sanitizer reports reads past
+/// them.
 struct Pixels {
   Pixels(Reader& in, cv::Size size) : bytes(static_cast<std::size_t>(size.area()) * 3) {
     for (std::uint8_t& b : bytes) b = in.byte();
@@ -104,7 +105,7 @@ struct Pixels {
   cv::Mat image;
 };
 
-void fill(Reader& in, VsaModelConfig& config) {
+void fillConfig(Reader& in, VsaModelConfig& config) {
   config.classNames = in.names();
   config.classCount = in.oneIn(8) ? in.word() : static_cast<std::uint32_t>(in.upTo(6));
   config.scoreThreshold = in.number();
@@ -114,7 +115,7 @@ void fill(Reader& in, VsaModelConfig& config) {
 
 struct Scene {
   explicit Scene(Reader& in) : size(in.size(64)), scale(in.number()) {
-    fill(in, config);
+    fillConfig(in, config);
     frame.width = static_cast<std::uint32_t>(size.width);
     frame.height = static_cast<std::uint32_t>(size.height);
     frame.wantedClasses = {"a", "b", ""};
@@ -125,7 +126,7 @@ struct Scene {
   VsaFrame frame;
 };
 
-void check(const std::vector<VsaObject>& objects, cv::Size frame) {
+void checkObjects(const std::vector<VsaObject>& objects, cv::Size frame) {
   for (const VsaObject& object : objects) {
     require(object.left >= 0 && object.top >= 0 && object.right <= frame.width &&
             object.bottom <= frame.height);
@@ -137,23 +138,23 @@ bool thresholdsRefused(const VsaModelConfig& config) {
   return !(config.scoreThreshold >= 0.0F && config.nmsThreshold >= 0.0F);
 }
 
-/// Runs `work`, which throws cv::Exception exactly where `refused` says so.
+/// Runs `work`, which must throw cv::Exception if and only if `isRefused`.
 template <class Work>
-void throwsWhere(bool refused, Work work) {
+void throwsIf(bool isRefused, Work work) {
   bool thrown = false;
   try {
     work();
   } catch (const cv::Exception&) {
     thrown = true;
   }
-  require(thrown == refused);
+  require(thrown == isRefused);
 }
 
-void mapped(const Candidates& candidates, const Scene& scene) {
+void mapToFrame(const Candidates& candidates, const Scene& scene) {
   if (logBadBox(candidates.badBox)) return;
-  throwsWhere(thresholdsRefused(scene.config), [&] {
+  throwsIf(thresholdsRefused(scene.config), [&] {
     const FrameObjects found = wantedObjects(candidates, scene.scale, scene.config, scene.frame);
-    if (!logBadBox(found.badBox)) check(found.objects, scene.size);
+    if (!logBadBox(found.badBox)) checkObjects(found.objects, scene.size);
   });
 }
 
@@ -163,28 +164,29 @@ void yolo5(Reader& in) {
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * (classes + 5)));
   const FloatGrid rows{numbers.data(), count, classes + 5};
-  mapped(decodeYolo5(rows, classes, scene.config.objThreshold, scene.config.scoreThreshold), scene);
+  mapToFrame(decodeYolo5(rows, classes, scene.config.objThreshold, scene.config.scoreThreshold),
+             scene);
 }
 
 void yolo8(Reader& in) {
   const int classes = in.upTo(6);
-  const bool isLong =
-      in.oneIn(16);  // longer than the blocks of columns that are looked at together
+  const bool isLong = in.oneIn(16);  // longer than one block of columns
   const int count = in.upTo(24) + (isLong ? 500 : 0);
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * (classes + 4)));
   const Candidates found =
       decodeYolo8({numbers.data(), classes + 4, count}, classes, scene.config.scoreThreshold);
-  if (!isLong) mapped(found, scene);
+  if (!isLong) mapToFrame(found, scene);
 }
 
 void poseBoxes(Reader& in) {
   const int count = in.upTo(24);
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * 5));
-  const Candidates found = decodeYolo8Pose({numbers.data(), 5, count}, scene.config.scoreThreshold, scene.scale);
+  const Candidates found =
+      decodeYolo8Pose({numbers.data(), 5, count}, scene.config.scoreThreshold, scene.scale);
   if (logBadBox(found.badBox)) return;
-  throwsWhere(thresholdsRefused(scene.config), [&] { keptAfterNms(found, scene.config); });
+  throwsIf(thresholdsRefused(scene.config), [&] { keptAfterNms(found, scene.config); });
 }
 
 void yolo26(Reader& in) {
@@ -192,11 +194,12 @@ void yolo26(Reader& in) {
   const int count = in.upTo(24);
   const Scene scene(in);
   const auto numbers = in.numbers(static_cast<std::size_t>(count * columns));
-  const FrameObjects found = decodeYolo26({numbers.data(), count, columns}, scene.scale, scene.config, scene.frame);
-  if (!logBadBox(found.badBox)) check(found.objects, scene.size);
+  const FrameObjects found =
+      decodeYolo26({numbers.data(), count, columns}, scene.scale, scene.config, scene.frame);
+  if (!logBadBox(found.badBox)) checkObjects(found.objects, scene.size);
 }
 
-/// Suppression and mapping of any boxes, with any class ids.
+/// NMS and mapping of any boxes, with any class ids.
 void suppression(Reader& in) {
   const Scene scene(in);
   Candidates found;
@@ -206,7 +209,7 @@ void suppression(Reader& in) {
     found.classIds.push_back(in.upTo(7));
     found.outputIndices.push_back(i);
   }
-  mapped(found, scene);
+  mapToFrame(found, scene);
 }
 
 void outline(Reader& in) {
@@ -244,13 +247,12 @@ void regions(Reader& in) {
 void polygon(Reader& in) {
   const cv::Size size = in.size(24);
   std::array<cv::Point2f, 4> corners;
-  // Corners come from contours of the map. Farther out, OpenCV takes minutes to fill the rows in
-  // between.
-  const auto near = [&in] {
+  // Corners come from contours of the map. OpenCV takes minutes to fill much larger polygons.
+  const auto nearby = [&in] {
     const float value = in.number();
     return std::fabs(value) > 1000.0F ? NAN : value;
   };
-  for (cv::Point2f& corner : corners) corner = {near(), near()};
+  for (cv::Point2f& corner : corners) corner = {nearby(), nearby()};
   auto numbers = in.numbers(static_cast<std::size_t>(size.area()));
   polygonScore(corners, cv::Mat(size, CV_32FC1, numbers.data()));
 }
@@ -294,7 +296,7 @@ void spectrogram(Reader& in) {
     }
   } catch (const Json::Exception&) {
     require(std::ranges::count_if(text, [](char c) { return c == '[' || c == '{'; }) >
-            500);  // nested too deep
+            500);  // nested too deeply
   }
 }
 
@@ -304,10 +306,10 @@ void request(Reader& in) {
   frame.audioFrameCount = std::int64_t{in.edge()} << 32;
   frame.audioSampleRate = in.edge();
   const std::string rest = in.rest();
-  const std::vector<std::uint8_t> sound(rest.begin(), rest.end());
-  frame.audioData = sound.empty() ? nullptr : sound.data();
-  frame.audioFrameSize = static_cast<std::int32_t>(sound.size());
-  require(spectrogramRequest(frame).size() > (sound.size() + 2) / 3 * 4);
+  const std::vector<std::uint8_t> audio(rest.begin(), rest.end());
+  frame.audioData = audio.empty() ? nullptr : audio.data();
+  frame.audioFrameSize = static_cast<std::int32_t>(audio.size());
+  require(spectrogramRequest(frame).size() > (audio.size() + 2) / 3 * 4);
 }
 
 void letterboxes(Reader& in) {
@@ -328,9 +330,9 @@ void preparations(Reader& in) {
     return from >= 0 && to >= from && to <= length;
   };
   cv::Mat region;
-  throwsWhere(!inside(object.left, object.right, pixels.image.cols) ||
-                  !inside(object.top, object.bottom, pixels.image.rows),
-              [&] { region = regionOf(pixels.image, object); });
+  throwsIf(!inside(object.left, object.right, pixels.image.cols) ||
+               !inside(object.top, object.bottom, pixels.image.rows),
+           [&] { region = regionOf(pixels.image, object); });
   if (region.empty()) region = pixels.image;
   std::vector<float> planes(static_cast<std::size_t>(size.area()) * 3);
   fillClassifierPlanes(region, size, planes.data());
@@ -344,8 +346,8 @@ void preparations(Reader& in) {
   };
   const bool refused =
       side(region.rows) > size.height || side(region.rows) < 1 || side(region.cols) < 1;
-  throwsWhere(refused, [&] { FitToInput(region, size, planes.data()); });
-  throwsWhere(refused, [&] { FitToInputNormalized(region, size, planes.data()); });
+  throwsIf(refused, [&] { FitToInput(region, size, planes.data()); });
+  throwsIf(refused, [&] { FitToInputNormalized(region, size, planes.data()); });
   const cv::Size frame = in.size(256);
   const cv::Size shrunk = textInputSize(frame, in.word() >> in.upTo(31));
   require(shrunk.width % 32 == 0 && shrunk.height % 32 == 0 && shrunk.width >= 32 &&
@@ -375,11 +377,11 @@ VsaObject object(Reader& in) {
   return made;
 }
 
-/// A record for the entry points; its pixels are as many as it says or, where it must be refused,
-/// one byte.
+/// Runs the model of a family on a frame. Its buffer has as many pixels as the frame states, unless
+/// the frame must be refused.
 void record(Reader& in, const Family& family, bool isSane) {
   TestModel& model = openModel(family);
-  fill(in, model.config);
+  fillConfig(in, model.config);
   if (isSane) model.config.classCount = 2;
   const bool isText = family.outputs.empty();
   if (isText) model.config.inputWidth = in.word() >> in.upTo(31);
@@ -392,10 +394,10 @@ void record(Reader& in, const Family& family, bool isSane) {
   frame.wantedClasses = {"a", "b", "", in.text()};
   frame.wantedLabels = frame.wantedClasses;
   for (int i = in.upTo(3); i > 0; --i) frame.objects.push_back(object(in));
-  // No service may be asked: a block of sound has either no length or no bytes.
+  // The service must not be called, so a block of audio has either no length or no bytes.
   frame.audioFrameSize = in.oneIn(2) ? -1 - in.upTo(200) : 1 + in.upTo(200);
   VsaModelContext* context = &model.context;
-  VsaFrame* handed = &frame;
+  VsaFrame* framePointer = &frame;
   VsaModelContext other;
   if (!isSane) {
     if (in.oneIn(4)) frame.kind = in.oneIn(2) ? in.word() : kVsaAudioFrame;
@@ -406,7 +408,7 @@ void record(Reader& in, const Family& family, bool isSane) {
       const std::uint64_t count = std::uint64_t{width} * height;
       if (count == 0 || count > 0x7FFFFFFF / 3) frame.width = width, frame.height = height;
     }
-    if (in.oneIn(16)) handed = nullptr;
+    if (in.oneIn(16)) framePointer = nullptr;
     if (in.oneIn(16)) context = in.oneIn(2) ? nullptr : &other;
     VsaModelConfig none;
     none.engine = in.oneIn(2) ? "TensorRT" : in.text();
@@ -420,19 +422,20 @@ void record(Reader& in, const Family& family, bool isSane) {
   bool done = false;
   try {
     for (const auto run : {VsaModelDetect, VsaModelClassify, VsaModelFeature}) {
-      if (run(context, handed)) done = true;
+      if (run(context, framePointer)) done = true;
     }
   } catch (const cv::Exception&) {
-    require(mayThrow);  // of suppression, or of a box outside the picture
+    require(mayThrow);  // by NMS, or for a box outside the image
   }
   require(done ? isDetector || frame.objects.size() <= before : frame.objects.size() == before);
   if (isDetector && !isText) {
-    check({frame.objects.begin() + static_cast<std::ptrdiff_t>(before), frame.objects.end()}, size);
+    checkObjects({frame.objects.begin() + static_cast<std::ptrdiff_t>(before), frame.objects.end()},
+                 size);
   }
   VsaModelRelease(&other);
 }
 
-/// A frame that the host fills as it should, for a detector.
+/// A valid frame, for a detector.
 template <const char* name>
 void detectorRecord(Reader& in) {
   record(in, findFamily("OpenVINO", "Detect", name), true);
@@ -502,7 +505,7 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
   return 0;
 }
 
-/// What the engine's threads keep to themselves looks lost between two executions.
+/// Memory that only the engine's threads refer to looks leaked between two executions.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "leak:libopenvino.so\nleak:libtbb.so\n";
 }

@@ -1,15 +1,15 @@
-// What a program without libFuzzer needs of the targets.
+// The fuzz targets, for programs without libFuzzer.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-/// Makes `name` the target of what follows; false, after a list of the targets, where there is no
-/// such one.
+/// Chooses the target of all later inputs. Prints the names of all targets and returns false if
+/// there is none of this name.
 bool chooseTarget(std::string_view name);
 
-/// Quiet logs, one thread in OpenCV. LLVMFuzzerInitialize does it too.
+/// Silences logs and limits OpenCV to one thread, as LLVMFuzzerInitialize does.
 void prepareTargets();
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);

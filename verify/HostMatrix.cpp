@@ -1,11 +1,11 @@
-// A host with nothing but the public header and the engines' exception types. verify/hosts compiles
-// it with each compiler and calls it once for each way of loading the library, ctest for two of
-// them.
+// A host that includes only the public header and the engines' exception types. verify/hosts
+// compiles it with each compiler and runs it for each way of loading the library; ctest runs two of
+// the combinations.
 //
 // Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
 //
-// NETWORKS holds yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what went wrong
-// and, as its last line, how many expectations held; the exit code is 0 when all did.
+// NETWORKS is a folder with yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what
+// failed and, as the last line, how many expectations were met; the exit code is 0 if all were.
 #define ORT_API_MANUAL_INIT  // the types alone: ONNX Runtime is not linked
 #include <dlfcn.h>
 #include <glog/logging.h>
@@ -22,11 +22,11 @@
 
 namespace {
 
-int held = 0;
+int met = 0;
 int failed = 0;
-void expect(bool right, const std::string& what) {
-  ++(right ? held : failed);
-  if (!right) std::cout << "FAULT: " << what << "\n";
+void expect(bool isMet, const std::string& what) {
+  ++(isMet ? met : failed);
+  if (!isMet) std::cout << "FAULT: " << what << "\n";
 }
 
 struct Library {
@@ -34,7 +34,7 @@ struct Library {
     const int flags = mode == "global"     ? RTLD_GLOBAL
                       : mode == "deepbind" ? RTLD_LOCAL | RTLD_DEEPBIND
                                            : RTLD_LOCAL;
-    // A linked library is there already, among the symbols of the program itself.
+    // A linked library is loaded already; its symbols are those of the program.
     handle = dlopen(mode == "linked" ? nullptr : file, RTLD_NOW | flags);
     if (handle == nullptr) throw std::runtime_error(dlerror());
     init = find<decltype(VsaModelInit)>("VsaModelInit");
@@ -58,7 +58,7 @@ struct Library {
   decltype(VsaModelRelease)* release;
 };
 
-/// The host's own log: counts the library's lines.
+/// A log sink of the host that counts the lines of the library.
 struct Sink : google::LogSink {
   void send(google::LogSeverity, const char* file, const char*, int, const google::LogMessageTime&,
             const char*, size_t) override {
@@ -143,9 +143,9 @@ int main(int argc, char** argv) try {
   check(Library(argv[1], argv[2]), argv[4]);
   for (int i = 0; i < 20; ++i) {
     const Library again(argv[1], argv[2]);
-    expect(again.find<decltype(VsaGlobalInit)>("VsaGlobalInit")(), "loaded once more");
+    expect(again.find<decltype(VsaGlobalInit)>("VsaGlobalInit")(), "loaded again");
   }
-  std::cout << held << " of " << held + failed << "\n";
+  std::cout << met << " of " << met + failed << "\n";
   return failed > 0 ? 1 : 0;
 } catch (const std::exception& error) {
   std::cerr << "HostMatrix: " << error.what() << "\n";

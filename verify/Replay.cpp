@@ -1,4 +1,4 @@
-// Runs the targets on the stored inputs, a folder for each target, without libFuzzer.
+// Runs the fuzz targets on stored inputs, one folder per target, without libFuzzer.
 
 #include <cstdio>
 #include <filesystem>
@@ -16,7 +16,7 @@ int main(int argc, char** argv) {
     if (!chooseTarget(folder.path().filename().string())) return 1;
     for (const auto& file : std::filesystem::directory_iterator(folder)) {
       std::printf("%s\n",
-                  file.path().c_str());  // the last line names the input that ends the program
+                  file.path().c_str());  // if the program dies, the last line names its input
       std::fflush(stdout);
       std::ifstream stream(file.path(), std::ios::binary);
       const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});

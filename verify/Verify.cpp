@@ -1,9 +1,10 @@
-// Long checks of every model: opened and released many times, run thousands of times, run by many threads. Scripts of this
-// folder call it.
+// Long checks of every model: opened and released many times, run thousands of times, run by many
+// threads. Scripts of this folder call it.
 //
 // Usage: Verify (lifecycles | soak | threads) [SECONDS]
 //
-// The last line printed is the name of the check and its figure; the exit code is 0 if no fault was found.
+// The last line printed is the name of the check and its figure; the exit code is 0 if no fault was
+// found.
 
 #include <glog/logging.h>
 #include <malloc.h>
@@ -50,8 +51,15 @@ std::vector<Row> makeRows() {
                     networkOf(family, TOL_ONNX_NETWORKS)});
   }
   if (std::filesystem::exists(kTextModels + "detection.xml")) {
-    rows.push_back({"OpenVINO", "Detect", "PaddleOCR", {640, 0}, {"text"}, kTextModels + "detection", false});
-    rows.push_back({"OpenVINO", "Track", "PaddleOCR", {320, 48}, {"paddleocr"}, kTextModels + "recognition", false});
+    rows.push_back(
+        {"OpenVINO", "Detect", "PaddleOCR", {640, 0}, {"text"}, kTextModels + "detection", false});
+    rows.push_back({"OpenVINO",
+                    "Track",
+                    "PaddleOCR",
+                    {320, 48},
+                    {"paddleocr"},
+                    kTextModels + "recognition",
+                    false});
   }
   return rows;
 }
@@ -60,20 +68,24 @@ std::string titleOf(const Row& row) {
   return row.engine + " " + row.category + " " + row.name + (row.tiny ? "" : " (real)");
 }
 
-/// A frame that every model accepts: an image with bars, a word and three objects, and a block of audio. The bytes of its
-/// colours select scores and coordinates in the tiny networks (writeFamilyNetwork).
+/// A frame that every model accepts: an image with bars, a word and three objects, and a block of
+/// audio. The bytes of its colours select scores and coordinates in the tiny networks
+/// (writeFamilyNetwork).
 struct Input {
-  explicit Input(int width = 128, int height = 96) : image(height, width, CV_8UC3, cv::Scalar::all(80)) {
+  explicit Input(int width = 128, int height = 96)
+      : image(height, width, CV_8UC3, cv::Scalar::all(80)) {
     for (int y = 8; y + 12 <= height; y += 24) {
       cv::rectangle(image, cv::Rect(8, y, width - 24, 10), cv::Scalar(255, 200, 170), cv::FILLED);
     }
-    cv::putText(image, "TEXT", {8, height / 2}, cv::FONT_HERSHEY_SIMPLEX, 1.2, cv::Scalar::all(255), 2);
+    cv::putText(image, "TEXT", {8, height / 2}, cv::FONT_HERSHEY_SIMPLEX, 1.2, cv::Scalar::all(255),
+                2);
     frame = frameOf(image, {"a", "b", "c", "text"});
     frame.wantedLabels = frame.wantedClasses;
     frame.audioData = audio;
     frame.audioFrameSize = sizeof audio;
     frame.audioSampleRate = 48000;
-    for (int i = 0; i < 3; ++i) frame.objects.emplace_back(width, height, 8 * i, 6, 8 * i + 40, 40, 0.5F, i, "a");
+    for (int i = 0; i < 3; ++i)
+      frame.objects.emplace_back(width, height, 8 * i, 6, 8 * i + 40, 40, 0.5F, i, "a");
   }
   cv::Mat image;
   std::uint8_t audio[64] = {1, 2, 3};
@@ -84,7 +96,8 @@ struct Model : TestModel {
   explicit Model(const Row& row) : TestModel(row.category, row.name, row.network) {
     config.engine = row.engine;
     config.objThreshold = 0.25F;
-    setInput(static_cast<std::uint32_t>(row.input.width), static_cast<std::uint32_t>(row.input.height));
+    setInput(static_cast<std::uint32_t>(row.input.width),
+             static_cast<std::uint32_t>(row.input.height));
     setClasses(row.classes);
     if (!init()) throw std::runtime_error("VsaModelInit returned false");
   }
@@ -112,12 +125,13 @@ double residentMemory() {
 using Counts = std::pair<std::ptrdiff_t, std::ptrdiff_t>;
 Counts counts() {
   const auto entries = [](const char* folder) {
-    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+    return std::distance(std::filesystem::directory_iterator(folder),
+                         std::filesystem::directory_iterator());
   };
   return {entries("/proc/self/task"), entries("/proc/self/fd")};
 }
-/// The counts once they have not changed for 0.3 s: threads end and the service closes its connection a little later
-/// than the call returns.
+/// The counts once they have not changed for 0.3 s: threads end and the service closes its
+/// connection a little later than the call returns.
 Counts settledCounts() {
   Counts last = counts();
   for (int same = 0, i = 0; same < 30 && i < 300; ++i) {
@@ -134,8 +148,8 @@ double median(std::vector<double> values) {
   std::nth_element(values.begin(), middle, values.end());
   return *middle;
 }
-/// Growth per sample over the second half: the median of all slopes between two samples. A leak changes most of the
-/// slopes, a single block that the allocator takes or returns only a few.
+/// Growth per sample over the second half: the median of all slopes between two samples. A leak
+/// changes most of the slopes, a single block that the allocator takes or returns only a few.
 double slope(const std::vector<double>& samples) {
   std::vector<double> slopes;
   for (std::size_t i = samples.size() / 2; i < samples.size(); ++i) {
@@ -156,7 +170,8 @@ double growth(const std::vector<double>& samples) {
 /// Divides a time limit among the parts of a check; without a limit, parts run to their end.
 class Shares {
  public:
-  Shares(double seconds, std::size_t parts) : seconds_(seconds), parts_(static_cast<double>(parts)) {}
+  Shares(double seconds, std::size_t parts)
+      : seconds_(seconds), parts_(static_cast<double>(parts)) {}
   void next() { ++part_; }
   /// Whether the part continues after `done` rounds: always below `min`, never from `max` on.
   bool more(int done, int min, int max) const {
@@ -209,15 +224,16 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
   double maxGrowth = 0;
   int fewest = 200;
   int fewestFailures = 400;
-  const auto runPart = [&](const std::string& title, int min, int max, int& fewestDone, const auto& cycle) {
+  const auto runPart = [&](const std::string& title, int min, int max, int& fewestDone,
+                           const auto& cycle) {
     shares.next();
     for (int i = 0; i < 3; ++i) cycle();  // initialises what is kept
     const Counts before = settledCounts();
     std::vector<double> samples;
     int done = 0;
     double grown = 0;
-    // Over a few cycles, blocks that the allocator keeps look like growth. A part that seems to grow runs twice as many
-    // cycles, repeatedly, up to twice the full count.
+    // Over a few cycles, blocks that the allocator keeps look like growth. A part that seems to
+    // grow runs twice as many cycles, repeatedly, up to twice the full count.
     for (int count = min; done == 0 || (grown >= 1 && count <= 2 * max); count = 2 * done) {
       for (; shares.more(done, count, std::max(count, max)); ++done) {
         cycle();
@@ -225,12 +241,13 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
       }
       grown = slope(samples);
     }
-    std::cout << title << ": " << done << " cycles, " << formatNumber(grown) << " KB a cycle, " << formatNumber(samples.back(), 0)
-              << " KB" << std::endl;
+    std::cout << title << ": " << done << " cycles, " << formatNumber(grown) << " KB a cycle, "
+              << formatNumber(samples.back(), 0) << " KB" << std::endl;
     expect(grown < 1, title + " grows");
     const Counts after = settledCounts();
-    expect(after == before, title + " leaves threads or files: " + std::to_string(before.first) + " and " +
-                                std::to_string(before.second) + " before, " + std::to_string(after.first) + " and " +
+    expect(after == before, title + " leaves threads or files: " + std::to_string(before.first) +
+                                " and " + std::to_string(before.second) + " before, " +
+                                std::to_string(after.first) + " and " +
                                 std::to_string(after.second) + " after");
     maxGrowth = std::max(maxGrowth, grown);
     fewestDone = std::min(fewestDone, done);
@@ -252,8 +269,9 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
     });
   }
   return std::to_string(rows.size()) + " models x " + formatRange(fewest, 200) + " cycles, " +
-         std::to_string(std::size(failures)) + " failing inits x " + formatRange(fewestFailures, 400) + ", at most " +
-         formatNumber(maxGrowth) + " KB a cycle, no thread or file left";
+         std::to_string(std::size(failures)) + " failing inits x " +
+         formatRange(fewestFailures, 400) + ", at most " + formatNumber(maxGrowth) +
+         " KB a cycle, no thread or file left";
 }
 
 std::string soak(const std::vector<Row>& rows, double seconds) {
@@ -286,8 +304,9 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
       if (done % 25 == 24) samples.push_back(residentMemory());
     }
     const double grown = growth(samples);
-    std::cout << titleOf(row) << ": " << done << " runs, " << formatNumber(grown, 0) << " KB in the second half, "
-              << formatNumber(samples.back(), 0) << " KB, " << different << " differ" << std::endl;
+    std::cout << titleOf(row) << ": " << done << " runs, " << formatNumber(grown, 0)
+              << " KB in the second half, " << formatNumber(samples.back(), 0) << " KB, "
+              << different << " differ" << std::endl;
     expect(grown < (row.tiny ? 256 : 1024), titleOf(row) + " grows");
     expect(different == 0, titleOf(row) + " gives other results for the same frame");
     expect(bytesOf(model.runOn(plain)) != bytesOf(plain.frame), titleOf(row) + " has no result");
@@ -296,14 +315,16 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
     runs += done;
     if (row.tiny) fewest = std::min(fewest, done);
   }
-  return formatNumber(runs, 0) + " runs of " + std::to_string(rows.size()) + " models (each tiny one " +
-         formatRange(fewest, 20000) + "), at most " + formatNumber(maxGrowth, 0) + " KB in the second half, " +
+  return formatNumber(runs, 0) + " runs of " + std::to_string(rows.size()) +
+         " models (each tiny one " + formatRange(fewest, 20000) + "), at most " +
+         formatNumber(maxGrowth, 0) + " KB in the second half, " +
          std::to_string(differentResults) + " results differ";
 }
 
-/// Four threads run one context of `row` at once, each on a frame of its own. Returns how many runs gave another result
-/// than alone.
-int runTogether(const Row& row, const Input (&inputs)[2], const Strings (&expected)[2], std::size_t index) {
+/// Four threads run one context of `row` at once, each on a frame of its own. Returns how many runs
+/// gave another result than alone.
+int runTogether(const Row& row, const Input (&inputs)[2], const Strings (&expected)[2],
+                std::size_t index) {
   std::atomic<int> different = 0;
   Model model(row);
   std::vector<std::thread> running;
@@ -324,15 +345,18 @@ int runTogether(const Row& row, const Input (&inputs)[2], const Strings (&expect
 }
 
 std::string threads(const std::vector<Row>& rows, double seconds) {
-  const Input inputs[] = {Input(128, 96), Input(96, 160)};  // contexts of one model must not mix them up
+  const Input inputs[] = {Input(128, 96),
+                          Input(96, 160)};  // contexts of one model must not mix them up
   Strings expected[2];
   for (const Row& row : rows) {
-    for (const std::size_t i : {0U, 1U}) expected[i].push_back(bytesOf(Model(row).runOn(inputs[i])));
+    for (const std::size_t i : {0U, 1U})
+      expected[i].push_back(bytesOf(Model(row).runOn(inputs[i])));
   }
   int shared = 0;
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (rows[i].engine != "ONNXRuntime") continue;
-    expect(runTogether(rows[i], inputs, expected, i) == 0, titleOf(rows[i]) + " differs if runs overlap");
+    expect(runTogether(rows[i], inputs, expected, i) == 0,
+           titleOf(rows[i]) + " differs if runs overlap");
     ++shared;
   }
   std::atomic<int> different = 0, made = 0, thrown = 0, working = 8;
@@ -342,7 +366,8 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
     const std::size_t input = thread % 2;
     try {
       Model model(rows[row]);
-      for (int i = 0; i < runs; ++i) different += bytesOf(model.runOn(inputs[input])) != expected[input][row];
+      for (int i = 0; i < runs; ++i)
+        different += bytesOf(model.runOn(inputs[input])) != expected[input][row];
       ++made;
     } catch (const std::exception& error) {
       ++thrown;
@@ -369,8 +394,8 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
   expect(different == 0, std::to_string(different) + " runs gave another result than alone");
   expect(thrown == 0, std::to_string(thrown) + " calls failed");
   return "12 threads, " + std::to_string(made) + " contexts of " + std::to_string(rows.size()) +
-         " models made and run, " + std::to_string(different) + " results differ; " + std::to_string(shared) +
-         " ONNX contexts run by 4 threads at once";
+         " models made and run, " + std::to_string(different) + " results differ; " +
+         std::to_string(shared) + " ONNX contexts run by 4 threads at once";
 }
 
 }  // namespace
@@ -380,16 +405,20 @@ int main(int argc, char** argv) try {
   const std::pair<std::string_view, Check> checks[] = {
       {"lifecycles", lifecycles}, {"soak", soak}, {"threads", threads}};
   const std::string_view name = argc > 1 ? argv[1] : "";
-  const auto* const check =
-      std::find_if(std::begin(checks), std::end(checks), [&](const auto& c) { return c.first == name; });
-  if (check == std::end(checks)) throw std::runtime_error("usage: Verify (lifecycles | soak | threads) [SECONDS]");
+  const auto* const check = std::find_if(std::begin(checks), std::end(checks),
+                                         [&](const auto& c) { return c.first == name; });
+  if (check == std::end(checks))
+    throw std::runtime_error("usage: Verify (lifecycles | soak | threads) [SECONDS]");
   // The library's log lines are formatted and discarded.
   google::InitGoogleLogging(argv[0]);
-  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) google::SetLogDestination(severity, "");
+  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity)
+    google::SetLogDestination(severity, "");
   FLAGS_stderrthreshold = google::GLOG_FATAL;
-  LoopbackServer service(LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[1, 2], [3, 4]]})"), 9555);
+  LoopbackServer service(
+      LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[1, 2], [3, 4]]})"), 9555);
   const std::string figure = check->second(makeRows(), argc > 2 ? std::stod(argv[2]) : 0);
-  std::cout << name << ": " << figure << (faults > 0 ? ", " + std::to_string(faults) + " FAULTS" : "") << std::endl;
+  std::cout << name << ": " << figure
+            << (faults > 0 ? ", " + std::to_string(faults) + " FAULTS" : "") << std::endl;
   return faults > 0 ? 1 : 0;
 } catch (const std::exception& error) {
   std::cerr << "Verify: " << error.what() << "\n";

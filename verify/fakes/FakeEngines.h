@@ -1,5 +1,5 @@
-// Stand-ins for the engines' libraries, of the functions that the library links to: every network is the one that
-// `fakeNetwork` describes, and answers with its outputs whatever it is shown.
+// Stand-ins for the engines' libraries, of the functions that the library links to: every network
+// is the one that `fakeNetwork` describes, and answers with its outputs whatever it is shown.
 #pragma once
 
 #include <cstdint>

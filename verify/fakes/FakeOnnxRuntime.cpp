@@ -1,5 +1,5 @@
-// ONNX Runtime's side of the library's calls. Every object handed out is allocated, so that one that is never released
-// shows as a leak.
+// ONNX Runtime's side of the library's calls. Every object handed out is allocated, so that one
+// that is never released shows as a leak.
 
 #include <onnxruntime_c_api.h>
 
@@ -35,7 +35,9 @@ void release(Object* object) {
   delete object;
 }
 
-OrtTensorTypeAndShapeInfo infoOf(const FakeOutput& output) { return {{{output.shape.begin(), output.shape.end()}}}; }
+OrtTensorTypeAndShapeInfo infoOf(const FakeOutput& output) {
+  return {{{output.shape.begin(), output.shape.end()}}};
+}
 
 OrtAllocator* allocator() {
   static OrtAllocator only{};
@@ -51,14 +53,18 @@ const OrtApi* api() {
     made.CreateSessionOptions = [](OrtSessionOptions** out) noexcept { return make(out); };
     made.SetSessionGraphOptimizationLevel = [](auto, auto) noexcept { return OrtStatusPtr(); };
     made.CreateSession = [](auto, auto, auto, OrtSession** out) noexcept { return make(out); };
-    made.SessionGetInputCount = [](auto, std::size_t* count) noexcept { return *count = 1, OrtStatusPtr(); };
+    made.SessionGetInputCount = [](auto, std::size_t* count) noexcept {
+      return *count = 1, OrtStatusPtr();
+    };
     made.SessionGetOutputCount = [](auto, std::size_t* count) noexcept {
       return *count = fakeNetwork.outputs.size(), OrtStatusPtr();
     };
     made.GetAllocatorWithDefaultOptions = [](OrtAllocator** out) noexcept {
       return *out = allocator(), OrtStatusPtr();
     };
-    made.SessionGetInputName = [](auto, auto, auto, char** name) noexcept { return make(name, 'i'); };
+    made.SessionGetInputName = [](auto, auto, auto, char** name) noexcept {
+      return make(name, 'i');
+    };
     made.SessionGetOutputName = made.SessionGetInputName;
     made.SessionGetInputTypeInfo = [](auto, auto, OrtTypeInfo** out) noexcept {
       const EngineMemory own;
@@ -68,8 +74,11 @@ const OrtApi* api() {
       const EngineMemory own;
       return make<OrtTypeInfo>(out, infoOf(fakeNetwork.outputs[i]));
     };
-    made.GetOnnxTypeFromTypeInfo = [](auto, ONNXType* out) noexcept { return *out = ONNX_TYPE_TENSOR, OrtStatusPtr(); };
-    made.CastTypeInfoToTensorInfo = [](const OrtTypeInfo* info, const OrtTensorTypeAndShapeInfo** out) noexcept {
+    made.GetOnnxTypeFromTypeInfo = [](auto, ONNXType* out) noexcept {
+      return *out = ONNX_TYPE_TENSOR, OrtStatusPtr();
+    };
+    made.CastTypeInfoToTensorInfo = [](const OrtTypeInfo* info,
+                                       const OrtTensorTypeAndShapeInfo** out) noexcept {
       return *out = static_cast<const OrtTensorTypeAndShapeInfo*>(info), OrtStatusPtr();
     };
     made.GetTensorElementType = [](auto, ONNXTensorElementDataType* out) noexcept {
@@ -78,7 +87,8 @@ const OrtApi* api() {
     made.GetDimensionsCount = [](const OrtTensorTypeAndShapeInfo* info, std::size_t* out) noexcept {
       return *out = info->dimensions.size(), OrtStatusPtr();
     };
-    made.GetDimensions = [](const OrtTensorTypeAndShapeInfo* info, std::int64_t* out, std::size_t) noexcept {
+    made.GetDimensions = [](const OrtTensorTypeAndShapeInfo* info, std::int64_t* out,
+                            std::size_t) noexcept {
       return std::ranges::copy(info->dimensions, out), OrtStatusPtr();
     };
     made.CreateCpuMemoryInfo = [](auto, auto, OrtMemoryInfo** out) noexcept { return make(out); };
@@ -86,16 +96,19 @@ const OrtApi* api() {
                                              OrtValue** out) noexcept {
       return make<OrtValue>(out, {{}, data, bytes});
     };
-    made.Run = [](auto, auto, auto, const OrtValue* const* inputs, auto, auto, auto, OrtValue** out) noexcept {
+    made.Run = [](auto, auto, auto, const OrtValue* const* inputs, auto, auto, auto,
+                  OrtValue** out) noexcept {
       const EngineMemory own;
       inputChecksum.add(inputs[0]->input, inputs[0]->inputBytes);
       return make<OrtValue>(out, {fakeNetwork.outputs[0]});
     };
-    made.GetTensorTypeAndShape = [](const OrtValue* value, OrtTensorTypeAndShapeInfo** out) noexcept {
+    made.GetTensorTypeAndShape = [](const OrtValue* value,
+                                    OrtTensorTypeAndShapeInfo** out) noexcept {
       const EngineMemory own;
       return make(out, infoOf(value->content));
     };
-    made.GetTensorShapeElementCount = [](const OrtTensorTypeAndShapeInfo* info, std::size_t* out) noexcept {
+    made.GetTensorShapeElementCount = [](const OrtTensorTypeAndShapeInfo* info,
+                                         std::size_t* out) noexcept {
       *out = 1;
       for (const std::int64_t length : info->dimensions) *out *= static_cast<std::size_t>(length);
       return OrtStatusPtr();

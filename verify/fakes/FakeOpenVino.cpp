@@ -1,5 +1,5 @@
-// OpenVINO's side of the library's calls. Tensors and shapes are made by the library's own code, so their memory may
-// fail; what the engine does inside is its own.
+// OpenVINO's side of the library's calls. Tensors and shapes are made by the library's own code, so
+// their memory may fail; what the engine does inside is its own.
 
 #include <algorithm>
 #include <openvino/openvino.hpp>
@@ -28,7 +28,8 @@ struct IAsyncInferRequest {
 };
 class Core::Impl {};
 
-Shape::Shape(const std::initializer_list<std::size_t>& lengths) : std::vector<std::size_t>(lengths) {}
+Shape::Shape(const std::initializer_list<std::size_t>& lengths)
+    : std::vector<std::size_t>(lengths) {}
 Shape::Shape(const std::vector<std::size_t>& lengths) : std::vector<std::size_t>(lengths) {}
 Shape::Shape(const Shape& other) = default;
 Shape::Shape() = default;
@@ -36,7 +37,9 @@ Shape::~Shape() = default;
 Shape& Shape::operator=(const Shape& other) = default;
 Shape& Shape::operator=(Shape&& other) noexcept = default;
 Shape::const_reference Shape::operator[](std::ptrdiff_t i) const { return begin()[i]; }
-std::string Shape::to_string() const { return "[of rank " + std::to_string(size()) + ", as the fake engine says]"; }
+std::string Shape::to_string() const {
+  return "[of rank " + std::to_string(size()) + ", as the fake engine says]";
+}
 
 Interval::Interval(value_type value) : m_min_val(value), m_max_val(value) {}
 Dimension::Dimension(value_type length) : m_dimension(length) {}
@@ -45,14 +48,16 @@ PartialShape::PartialShape(std::initializer_list<Dimension> dimensions)
 PartialShape::PartialShape(bool hasRank, std::vector<Dimension> dimensions)
     : m_rank_is_static(hasRank), m_dimensions(std::move(dimensions)) {}
 bool PartialShape::compatible(const PartialShape& other) const {
-  return std::ranges::equal(m_dimensions, other.m_dimensions, [](const Dimension& a, const Dimension& b) {
-    return a.get_interval().get_min_val() == b.get_interval().get_min_val();
-  });
+  return std::ranges::equal(
+      m_dimensions, other.m_dimensions, [](const Dimension& a, const Dimension& b) {
+        return a.get_interval().get_min_val() == b.get_interval().get_min_val();
+      });
 }
 bool PartialShape::operator!=(const PartialShape& other) const { return !compatible(other); }
 Shape PartialShape::to_shape() const {
   Shape shape;
-  for (const Dimension& d : m_dimensions) shape.push_back(static_cast<std::size_t>(d.get_interval().get_min_val()));
+  for (const Dimension& d : m_dimensions)
+    shape.push_back(static_cast<std::size_t>(d.get_interval().get_min_val()));
   return shape;
 }
 std::string PartialShape::to_string() const { return to_shape().to_string(); }
@@ -62,7 +67,8 @@ Any::~Any() = default;
 Allocator::Allocator() = default;
 Allocator::~Allocator() = default;
 
-Tensor::Tensor(const element::Type& type, const Shape& shape, const Allocator&) : _impl(std::make_shared<ITensor>()) {
+Tensor::Tensor(const element::Type& type, const Shape& shape, const Allocator&)
+    : _impl(std::make_shared<ITensor>()) {
   _impl->type = type;
   set_shape(shape);
 }
@@ -96,8 +102,11 @@ Core::Core(const std::string&) {
   const EngineMemory own;
   _impl = std::make_shared<Impl>();
 }
-std::vector<std::string> Core::get_available_devices() const { return {"CPU", "GPU.0 of the fake engine"}; }
-std::shared_ptr<Model> Core::read_model(const std::string&, const std::string&, const AnyMap&) const {
+std::vector<std::string> Core::get_available_devices() const {
+  return {"CPU", "GPU.0 of the fake engine"};
+}
+std::shared_ptr<Model> Core::read_model(const std::string&, const std::string&,
+                                        const AnyMap&) const {
   return nullptr;  // nothing but the engine looks at it
 }
 CompiledModel Core::compile_model(const std::string&, const std::string&, const AnyMap&) {
@@ -109,7 +118,8 @@ CompiledModel Core::compile_model(const std::shared_ptr<const Model>&, const std
   return compile_model(std::string(), device, properties);
 }
 
-CompiledModel::CompiledModel(const std::shared_ptr<ICompiledModel>& impl, const std::shared_ptr<void>& so)
+CompiledModel::CompiledModel(const std::shared_ptr<ICompiledModel>& impl,
+                             const std::shared_ptr<void>& so)
     : _impl(impl), _so(so) {}
 CompiledModel::~CompiledModel() = default;
 const Output<const Node>& CompiledModel::input() const { return _impl->input; }
@@ -117,12 +127,15 @@ const Output<const Node>& CompiledModel::input(std::size_t) const { return _impl
 InferRequest CompiledModel::create_infer_request() {
   const EngineMemory own;
   auto request = std::make_shared<IAsyncInferRequest>();
-  request->input = Tensor(_impl->input.get_element_type(), inputShape(fakeNetwork.input).to_shape());
-  for (const FakeOutput& output : fakeNetwork.outputs) request->outputs.emplace_back(element::f32, output.shape);
+  request->input =
+      Tensor(_impl->input.get_element_type(), inputShape(fakeNetwork.input).to_shape());
+  for (const FakeOutput& output : fakeNetwork.outputs)
+    request->outputs.emplace_back(element::f32, output.shape);
   return {request, nullptr};
 }
 
-InferRequest::InferRequest(const std::shared_ptr<IAsyncInferRequest>& impl, const std::shared_ptr<void>& so)
+InferRequest::InferRequest(const std::shared_ptr<IAsyncInferRequest>& impl,
+                           const std::shared_ptr<void>& so)
     : _impl(impl), _so(so) {}
 InferRequest::~InferRequest() = default;
 Tensor InferRequest::get_input_tensor() { return _impl->input; }
@@ -132,7 +145,8 @@ Tensor InferRequest::get_output_tensor() { return _impl->outputs.at(0); }
 Tensor InferRequest::get_output_tensor(std::size_t index) { return _impl->outputs.at(index); }
 void InferRequest::infer() {
   const Tensor& input = _impl->input;
-  inputChecksum.add(input.data(element::dynamic), input.get_size() * (fakeNetwork.takesBytes ? 1 : sizeof(float)));
+  inputChecksum.add(input.data(element::dynamic),
+                    input.get_size() * (fakeNetwork.takesBytes ? 1 : sizeof(float)));
   for (std::size_t i = 0; i < _impl->outputs.size(); ++i)
     std::ranges::copy(fakeNetwork.outputs[i].numbers, _impl->outputs[i].data<float>());
 }
@@ -172,7 +186,8 @@ OutputInfo::~OutputInfo() = default;
 
 InputTensorInfo& InputTensorInfo::set_element_type(const element::Type&) { return *this; }
 InputTensorInfo& InputTensorInfo::set_layout(const Layout&) { return *this; }
-InputTensorInfo& InputTensorInfo::set_color_format(const ColorFormat&, const std::vector<std::string>&) {
+InputTensorInfo& InputTensorInfo::set_color_format(const ColorFormat&,
+                                                   const std::vector<std::string>&) {
   return *this;
 }
 InputModelInfo& InputModelInfo::set_layout(const Layout&) { return *this; }
