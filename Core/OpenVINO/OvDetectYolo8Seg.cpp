@@ -28,58 +28,55 @@ class OvDetectYolo8Seg final : public OvModel<VsaDetect> {
   bool run(VsaFrame* frame) override;
 
  private:
-  std::optional<VsaShape> outlineOf(const Candidates& candidates, int index, FloatGrid columns,
-                                    const MaskPrototypes& prototypes, float scale);
+  std::optional<VsaObject> segmentObject(const Candidates& candidates, int index, FloatGrid columns,
+                                         const MaskPrototypes& prototypes, float scale,
+                                         const VsaFrame& frame);
 
   std::vector<std::uint8_t> maskMemory_;
 };
 
-/// The outline of the mask of candidate `index` in frame pixels, under its tag; without points if
-/// there is none. Returns nullopt, after one "[E]" line, if a coordinate does not fit an int32.
-std::optional<VsaShape> OvDetectYolo8Seg::outlineOf(const Candidates& candidates, int index,
-                                                    FloatGrid columns,
-                                                    const MaskPrototypes& prototypes, float scale) {
+/// Candidate `index` as an object with its outline; without a shape if it has no outline. Returns
+/// nullopt, after one "[E]" line, if a coordinate does not fit an int32.
+std::optional<VsaObject> OvDetectYolo8Seg::segmentObject(const Candidates& candidates, int index,
+                                                         FloatGrid columns,
+                                                         const MaskPrototypes& prototypes,
+                                                         float scale, const VsaFrame& frame) {
   const auto i = static_cast<std::size_t>(index);
   const int candidate = candidates.outputIndices[i];
+  const cv::Rect& box = candidates.boxes[i];
+  if (logBadBox(badFarEdge(candidates, index))) return std::nullopt;
+
   MaskCoefficients coefficients;
   for (std::size_t k = 0; k < kMaskCoefficients; ++k) {
-    const auto row = static_cast<int>(config->classCount + 4 + k);
-    coefficients[k] = columns.row(row)[candidate];
+    coefficients[k] = columns.row(static_cast<int>(config->classCount + 4 + k))[candidate];
   }
-  VsaShape shape;
-  shape.tag = kVsaOutlineTag;
+  VsaShape outline;
+  outline.tag = kVsaOutlineTag;
   for (const cv::Point& corner :
-       maskOutline(prototypes, coefficients, candidates.boxes[i], inputSize, maskMemory_)) {
-    const std::optional<VsaPoint> point =
-        framePoint(static_cast<float>(corner.x) * scale, static_cast<float>(corner.y) * scale,
-                   "outline point", candidate);
+       maskOutline(prototypes, coefficients, box, inputSize, maskMemory_)) {
+    const auto point = framePoint(static_cast<float>(corner.x) * scale,
+                                  static_cast<float>(corner.y) * scale, "outline point", candidate);
     if (!point) return std::nullopt;
-    shape.points.push_back(*point);
+    outline.points.push_back(*point);
   }
-  return shape;
-}
+  if (outline.points.empty()) return VsaObject();
 
-/// The object of candidate `index` without its outline. Returns nullopt, after one "[E]" line, if
-/// an edge does not fit an int32.
-std::optional<VsaObject> segmentObject(
-    const Candidates& candidates, int index, float scale, const VsaModelConfig& config,
-    const VsaFrame& frame, std::source_location where = std::source_location::current()) {
-  const auto i = static_cast<std::size_t>(index);
-  const cv::Rect& box = candidates.boxes[i];
   // Both edges are scaled as a whole, unlike those of plain detectors.
   const std::array<float, 4> edges{static_cast<float>(box.x) * scale,
                                    static_cast<float>(box.y) * scale,
                                    static_cast<float>(box.x + box.width) * scale,
                                    static_cast<float>(box.y + box.height) * scale};
   if (!std::ranges::all_of(edges, fitsInt)) {
-    logBadBox(BadBox{candidates.outputIndices[i], edges}, where);
+    logBadBox(BadBox{candidate, edges});
     return std::nullopt;
   }
   const int classId = candidates.classIds[i];
-  return VsaObject(static_cast<int>(frame.width), static_cast<int>(frame.height),
+  VsaObject object(static_cast<int>(frame.width), static_cast<int>(frame.height),
                    truncateToInt(edges[0]), truncateToInt(edges[1]), truncateToInt(edges[2]),
                    truncateToInt(edges[3]), candidates.scores[i], classId,
-                   config.classNames[static_cast<std::size_t>(classId)]);
+                   config->classNames[static_cast<std::size_t>(classId)]);
+  object.shapes.push_back(std::move(outline));
+  return object;
 }
 
 bool OvDetectYolo8Seg::run(VsaFrame* frame) {
@@ -103,16 +100,10 @@ bool OvDetectYolo8Seg::run(VsaFrame* frame) {
   if (logBadBox(candidates.badBox)) return false;
   std::vector<VsaObject> objects;
   for (const int index : wantedAfterNms(candidates, *config, frame->wantedClasses)) {
-    if (logBadBox(badFarEdge(candidates, index))) return false;
-    std::optional<VsaShape> outline =
-        outlineOf(candidates, index, columns, prototypes, inference->scale);
-    if (!outline) return false;
-    if (outline->points.empty()) continue;
     std::optional<VsaObject> object =
-        segmentObject(candidates, index, inference->scale, *config, *frame);
+        segmentObject(candidates, index, columns, prototypes, inference->scale, *frame);
     if (!object) return false;
-    objects.push_back(std::move(*object));
-    objects.back().shapes.push_back(std::move(*outline));
+    if (!object->shapes.empty()) objects.push_back(std::move(*object));
   }
   append(frame->objects, std::move(objects));
   return true;
