@@ -81,7 +81,7 @@ class DoctorTest(Case):
             (1, "the built-in dictionary is for 6625", [BOXES, {**LINES, "classNames": ["paddleocr"]}]),
         ]
         if (MODELS / "text/detection.xml").is_file():
-            cases += [(0, "every new size", [TEXT, LINES]), (1, "works on boxes", [TEXT, FACES])]
+            cases += [(0, "each new frame size", [TEXT, LINES]), (1, "works on boxes", [TEXT, FACES])]
         for status, words, models in cases:
             with self.subTest(words):
                 self.models = models

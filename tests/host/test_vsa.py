@@ -280,7 +280,7 @@ class ChainTest(ChainCase):
              r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
             ([self.detector, self.persons], "none.png", 1, r"none.png: no such file"),
             ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2, r".+: models\[0\]: the library has no model .+"),
-            ([{**self.labels, "modelName": "AudioNet"}], "blue.png", 2, r".+: compare takes pictures, not sound"),
+            ([{**self.labels, "modelName": "AudioNet"}], "blue.png", 2, r".+: compare takes images, not audio"),
         ]:
             with self.subTest(sentence):
                 self.use(*models)
@@ -370,9 +370,9 @@ class PipelineTest(ChainCase):
         sound = {**self.labels, "modelName": "AudioNet"}
         seconds = "blockSeconds must be a number"
         for models, more, sentence in (
-                ((sound, self.labels), {}, r"models\[0\] AudioNet \(Classify\) takes sound and models\[1\] ResNet "
-                                           r"\(Classify\) takes pictures; they belong in two pipelines"),
-                ((self.labels,), {"blockSeconds": 1}, "blockSeconds is for models that take sound"),
+                ((sound, self.labels), {}, r"models\[0\] AudioNet \(Classify\) takes audio and models\[1\] ResNet "
+                                           r"\(Classify\) takes images; they belong in two pipelines"),
+                ((self.labels,), {"blockSeconds": 1}, "blockSeconds is for models that take audio"),
                 ((sound,), {"blockSeconds": "1"}, f"{seconds}, not a string"),
                 ((sound,), {"blockSeconds": 0}, rf"{seconds} of seconds from 0\.02 to 60, not 0")):
             with self.subTest(sentence):
@@ -393,7 +393,7 @@ class RunTest(ChainCase):
         self.file("in/large.png", png(128, 64))
         self.file("in/other.png", png(64, 64))
         process = self.start(VSA, "run", "--stdin", "-q", self.pipeline)
-        no_path = ("this line is no path", None)
+        no_path = ("the line is not a path", None)
         for line, *answers in (
                 (b"blue.png", (None, 64)), (b"none.png\r", ("no such file", None)), (b"",),
                 (b"in", (None, 128), (None, 64)), (b"none*", ("no file matches this pattern", None)),
@@ -422,7 +422,7 @@ class RunTest(ChainCase):
         for name, content, status, sentence in (
                 ("wide", found.replace(b'"width":64', b'"width":65'), 1, "blue.png: in wide frame 0 has 65 x 64 .+"),
                 ("other", error, 1, "blue.png: frame 0 is not in other"),
-                ("deep", error + b"[" * 100000, 2, "deep: line 2: .+"), ("text", b"x", 2, "text: line 1: this is no JSON"),
+                ("deep", error + b"[" * 100000, 2, "deep: line 2: .+"), ("text", b"x", 2, "text: line 1: not JSON"),
                 ("none", None, 2, "none: the file cannot be read"),
                 ("box", b'{"input":"a","frame":0,"width":9,"height":9,"objects":[{"box":[1]}]}', 2,
                  "box: line 1: an array is missing or has another length")):
@@ -481,7 +481,7 @@ class RunTest(ChainCase):
                  "cut.y4m": (self.film(9).read_bytes()[:300], "no frame can be read"),
                  "text.png": (b"no picture", ".+"), "void.jpg": (b"", ".+"), "text.mp4": (b"no film", ".+"), "cut.png": (png(400, 300)[:60], ".+"),
                  "none.png": (None, "no such file"), "none*.png": (None, ".+"), "nothing": (None, ".+"),
-                 "pipe.png": (None, "this is no regular file")}
+                 "pipe.png": (None, "not a regular file")}
         for name, (content, sentence) in cases.items():
             if content is not None:
                 self.file(name, content)
@@ -638,7 +638,7 @@ class SoundTest(Case):
         self.serve([self.spectrum(0, -75), self.spectrum(-50, -50)])
         self.assertEqual(self.vsa("run", self.pipeline, "in", "--max-frames", "2"),
                          "in/a.wav: 0.000 s to 0.200 s: low 0.800\nin/a.wav: 0.200 s to 0.400 s: nothing\n")
-        for option, sentence in (("--output", "draws pictures"), ("--crops", "is for pictures")):
+        for option, sentence in (("--output", "draws images"), ("--crops", "is for images")):
             self.vsa("run", self.pipeline, "in/a.wav", option, "out", status=2)
             self.assertIn(f"{option} {sentence}", self.err)
 
@@ -673,8 +673,8 @@ if name == "broken":
         self.assertEqual((self.folder / "asked").read_text(),
                          f"-nostdin -v error -i file:{film} -map 0:a:0 -c:a pcm_s16be -f au pipe:1")
         self.assertEqual(self.sent(), struct.pack("<300h", *range(300)) + bytes(200))
-        for name, blocks, sentence in (("broken", 2, "ffmpeg cannot read the sound: film: the rest is damaged"),
-                                       ("silent", 0, "there is no sound in this file")):
+        for name, blocks, sentence in (("broken", 2, "ffmpeg cannot read the audio: film: the rest is damaged"),
+                                       ("silent", 0, "there is no audio in this file")):
             film.rename(self.folder / f"{name}.y4m")
             film = self.folder / f"{name}.y4m"
             self.assertEqual(len(self.run_json(film, PATH=path, status=1)), blocks)
