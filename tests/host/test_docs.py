@@ -15,7 +15,7 @@ import time
 import unittest
 import wave
 
-from test_vsa import EXAMPLES, MODELS, NETWORKS, ROOT, VSA, Case
+from vsa_case import EXAMPLES, MODELS, NETWORKS, ROOT, VSA, VsaCase
 
 # Commands that something else runs, and the file that does.
 ELSEWHERE = {
@@ -24,7 +24,7 @@ ELSEWHERE = {
     r"scripts/setup|scripts/test \w+": "scripts/test",
     r"benchmarks/ratios.*": "benchmarks/ratios",
     r"cmake --preset release && .*": "tests/package_test.py",
-    r"python3 -m venv ray && .*|ray/bin/.*": "tests/host/test_vsa.py",
+    r"python3 -m venv ray && .*|ray/bin/.*": "tests/host/test_ray.py",
     r"\.deps/venv/bin/python examples/melservice/.*": "tests/host/test_docs.py",
 }
 
@@ -39,7 +39,7 @@ def blocks():
                 yield str(page.relative_to(ROOT)), "not marked", line
 
 
-class DocsTest(Case):
+class DocsTest(VsaCase):
     def network(self, name, *places):
         for place in places:
             place.parent.mkdir(parents=True, exist_ok=True)
@@ -57,9 +57,9 @@ class DocsTest(Case):
         self.network("ones7", *(self.folder / name for name in ("colour", "detection", "recognition", "person-reid")))
         for name in ("page.png", "picture.png", "one.jpg", "other.jpg", "scans/a.png", "scans/b.png", "more/c.jpg",
                      "pictures/d.png"):
-            self.sign(name)
+            self.write_sign(name)
         (self.folder / "pictures.txt").write_text("scans/a.png\nscans/b.png\n")
-        self.film(2).rename(self.folder / "clip.mp4")
+        self.write_film(2).rename(self.folder / "clip.mp4")
         for name in ("siren.wav", "dog.wav"):
             with wave.open(str(self.folder / name), "wb") as file:
                 file.setparams((1, 2, 16000, 0, "NONE", ""))
