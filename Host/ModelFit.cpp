@@ -246,14 +246,13 @@ Fit fitOf(const Family& family, const ModelFile& file) {
 }
 
 std::vector<const Family*> fittingFamilies(const ModelFile& file) {
-  std::vector<std::pair<int, const Family*>> good;
-  for (const Family& family : families()) {
-    const Fit fit = fitOf(family, file);
-    if (fit.isGood()) good.emplace_back(fit.likelihood, &family);
-  }
-  std::ranges::stable_sort(good, std::ranges::greater(), &std::pair<int, const Family*>::first);
   std::vector<const Family*> fitting;
-  for (const auto& [likelihood, family] : good) fitting.push_back(family);
+  for (const Family& family : families()) {
+    if (fitOf(family, file).isGood()) fitting.push_back(&family);
+  }
+  std::ranges::stable_sort(fitting, std::ranges::greater(), [&file](const Family* family) {
+    return fitOf(*family, file).likelihood;
+  });
   return fitting;
 }
 

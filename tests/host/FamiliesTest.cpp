@@ -55,18 +55,5 @@ TEST(FamiliesTest, LibraryHasExactlyTheseModels) {
   }
 }
 
-TEST(FamiliesTest, RowsAreConsistent) {
-  for (const Family& family : families()) {
-    SCOPED_TRACE(family.category + " " + family.modelName);
-    EXPECT_EQ(findFamily(family.category, family.modelName), &family);  // no two rows are the same
-    EXPECT_FALSE(family.engines.empty() || family.outputText.empty());
-    EXPECT_EQ(family.needs == Needs::kNothing,
-              family.category == "Detect" || family.takes == Media::kAudio);
-    EXPECT_EQ(family.isYolo(), family.width == 0);
-    EXPECT_EQ(family.isEmbedding(), family.featureLength > 0);
-    EXPECT_EQ(family.builtInNames.empty(), family.builtInClasses == 0);
-  }
-}
-
 }  // namespace
 }  // namespace vsa

@@ -51,13 +51,16 @@ TEST_F(PipelineTest, FillsTheRecords) {
   write("names.txt", "\xEF\xBB\xBFperson\r\nfire truck\n\n \n\n");
   const Pipeline pipeline = readPipeline(write("p.json", R"({ // comments are allowed
     "modelRoot": "models",
-    "models": [{"category": "Detect", "modelName": "YOLO8", "engine": "OpenVINO", "modelFile": "net",
-                "classNames": "names.txt", "inputWidth": 640.0, "inputHeight": 65535, "scoreThreshold": 0.25,
-                "nmsThreshold": 0.5, "objThreshold": 0.75, "wantedClasses": ["person"]},
-               {"category": "Track", "modelName": "PaddleOCR", "engine": "ONNXRuntime", "device": "GPU",
-                "modelRoot": "models/", "modelFile": "net.onnx", "classNames": ["paddleocr"], "classCount": 6625},
-               {"category": "Track", "modelName": "VsOCR", "engine": "OpenVINO", "modelRoot": "models//net",
-                "modelFile": "", "classNames": ["paddleocr"]}]})"));
+    "models": [
+      {"category": "Detect", "modelName": "YOLO8", "engine": "OpenVINO", "modelFile": "net",
+       "classNames": "names.txt", "inputWidth": 640.0, "inputHeight": 65535,
+       "scoreThreshold": 0.25, "nmsThreshold": 0.5, "objThreshold": 0.75,
+       "wantedClasses": ["person"]},
+      {"category": "Track", "modelName": "PaddleOCR", "engine": "ONNXRuntime", "device": "GPU",
+       "modelRoot": "models/", "modelFile": "net.onnx", "classNames": ["paddleocr"],
+       "classCount": 6625},
+      {"category": "Track", "modelName": "VsOCR", "engine": "OpenVINO", "modelFile": "",
+       "modelRoot": "models//net", "classNames": ["paddleocr"]}]})"));
   EXPECT_FALSE(pipeline.takesAudio);
   EXPECT_EQ(pipeline.blockSeconds, 1.0);
   const std::vector<ModelSpec>& specs = pipeline.models;
@@ -123,8 +126,9 @@ TEST(ReportTest, WritesUnusualValuesAsJson) {
   EXPECT_EQ(
       frameJson(info, {object}),
       R"({"frame":3,"height":80,"input":"a\"�.png","objects":[{"classId":2,"className":"bad �\n",)"
-      R"("classifyId":0,"classifyName":"","classifyScore":null,"corners":[[0,7],[100,60],[0,0],[0,0]],)"
-      R"("feature":[0.1,null,-3.0],"score":0.9,"shapes":[{"points":[],"tag":10}],"text":"字",)"
+      R"("classifyId":0,"classifyName":"","classifyScore":null,)"
+      R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
+      R"("shapes":[{"points":[],"tag":10}],"text":"字",)"
       R"("textScore":1.0}],"time":0.333,"width":100})"
       "\n");
 }
@@ -186,40 +190,38 @@ TEST_F(InputTest, ExpandsFoldersAndPatterns) {
     write(name, "");
   }
   fs::create_directories(folder_ / "nothing");
-  // The files found, and "!" for each problem.
+  // The files found; if there are none, there must be a problem.
+  using Names = std::vector<std::string>;
   const auto expand = [this](const std::string& argument, bool recursive = false,
                              Media media = Media::kImages) {
     const InputList list = expandInputs({(folder_ / argument).string()}, recursive, media);
-    std::string found;
+    Names names;
     for (const std::string& input : list.inputs) {
-      found += fs::path(input).lexically_relative(folder_).generic_string() + " ";
+      names.push_back(fs::path(input).lexically_relative(folder_).generic_string());
     }
-    return found + std::string(list.problems.size(), '!');
+    EXPECT_EQ(list.problems.size(), names.empty() ? 1U : 0U) << argument;
+    return names;
   };
-  EXPECT_EQ(expand(""), ".hidden.png a1.jpg a2.jpg a[1].jpg b.PNG clip.mp4 你.png ");
-  EXPECT_EQ(expand("in", true), "in/c.png in/deep/d.png ");
-  // An existing file is not a pattern, a matching folder is expanded, a missing file fails when it
-  // is opened.
-  const std::pair<const char*, const char*> kPatterns[] = {{"a[1].jpg", "a[1].jpg "},
-                                                           {"a[0-1].jpg", "a1.jpg "},
-                                                           {"a[!1].jpg", "a2.jpg "},
-                                                           {"a[[]1[]].jpg", "a[1].jpg "},
-                                                           {"a[1.*", "!"},
-                                                           {"?.*", "b.PNG 你.png "},
-                                                           {"*.png", "你.png "},
-                                                           {".*.png", ".hidden.png "},
-                                                           {"[io]n/*.p*g", "in/c.png on/c.png "},
-                                                           {"*n", "in/c.png on/c.png "},
-                                                           {"*t*s*.t?t*", "notes.txt "},
-                                                           {"none.png", "none.png "},
-                                                           {"nothing", "!"},
-                                                           {"none*", "!"}};
-  for (const auto& [pattern, found] : kPatterns) EXPECT_EQ(expand(pattern), found) << pattern;
+  EXPECT_EQ(expand(""),
+            (Names{".hidden.png", "a1.jpg", "a2.jpg", "a[1].jpg", "b.PNG", "clip.mp4", "你.png"}));
+  EXPECT_EQ(expand("in", true), (Names{"in/c.png", "in/deep/d.png"}));
+  // An existing file is not a pattern, a matching folder is expanded, and a missing file is an
+  // error only when it is opened.
+  const std::pair<const char*, Names> kPatterns[] = {
+      {"a[1].jpg", {"a[1].jpg"}},       {"a[0-1].jpg", {"a1.jpg"}},
+      {"a[!1].jpg", {"a2.jpg"}},        {"a[[]1[]].jpg", {"a[1].jpg"}},
+      {"?.*", {"b.PNG", "你.png"}},     {"*.png", {"你.png"}},
+      {".*.png", {".hidden.png"}},      {"[io]n/*.p*g", {"in/c.png", "on/c.png"}},
+      {"*n", {"in/c.png", "on/c.png"}}, {"*t*s*.t?t*", {"notes.txt"}},
+      {"none.png", {"none.png"}},
+  };
+  for (const auto& [pattern, names] : kPatterns) EXPECT_EQ(expand(pattern), names) << pattern;
+  for (const char* pattern : {"a[1.*", "nothing", "none*"}) EXPECT_EQ(expand(pattern), Names());
   EXPECT_EQ(expandInputs({"rtsp://camera/?x=[1]*"}, false).inputs.size(), 1U);
   write("in/c.WAV", "");
-  EXPECT_EQ(expand("", false, Media::kAudio), "clip.mp4 ");
-  EXPECT_EQ(expand("in", false, Media::kAudio), "in/c.WAV ");
-  EXPECT_EQ(expand("on", false, Media::kAudio), "!");
+  EXPECT_EQ(expand("", false, Media::kAudio), Names{"clip.mp4"});
+  EXPECT_EQ(expand("in", false, Media::kAudio), Names{"in/c.WAV"});
+  EXPECT_EQ(expand("on", false, Media::kAudio), Names());
 }
 
 TEST_F(InputTest, ReadsEveryPixelFormat) {

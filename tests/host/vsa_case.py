@@ -28,7 +28,8 @@ SCHEMA = jsonschema.Draft202012Validator(
 
 def png(width, height, colour=(255, 255, 255), rows=None):
     def chunk(kind, data):
-        return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+        checksum = struct.pack(">I", zlib.crc32(kind + data))
+        return struct.pack(">I", len(data)) + kind + data + checksum
 
     rows = (b"\0" + bytes(colour) * width) * height if rows is None else rows
     header = struct.pack(">IIBBBBB", width, height, 8, 2, 0, 0, 0)
