@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,8 +11,7 @@
 
 namespace CLI {
 class App;
-class Option;
-}  // namespace CLI
+}
 
 namespace vsa {
 
@@ -23,6 +21,7 @@ inline constexpr int kSomeFailed = 1;
 inline constexpr int kUsageError = 2;
 inline constexpr int kInterrupted = 130;
 
+/// One command of the program: its options, and what it does.
 class Command {
  public:
   virtual ~Command() = default;
@@ -42,6 +41,7 @@ class Command {
   Command(std::string name, std::string description);
 
   virtual void addOptions(CLI::App* command) = 0;
+  /// Returns the exit status. An exception is reported as an error and ends with kSomeFailed.
   virtual int run(Console* console, const LogToConsole* log) const = 0;
 
   // Options that several commands have. The values are in the members below.

@@ -73,6 +73,7 @@ const std::vector<Family>& families() {
        .task = "pose",
        .fixedValues = 5,
        .valuesPerClass = 3,
+       .keyPoints = 17,
        .onlyName = "person",
        .score = 0.25F,
        .nms = 0.45F},

@@ -33,6 +33,7 @@ enum class Needs {
 /// What a model adds to the frame.
 enum class Gives { kBoxes, kTextRegions, kLabels, kText, kFeatures, kAudioClasses };
 
+/// One row of the table.
 struct Family {
   std::string category;
   std::string modelName;
@@ -44,13 +45,14 @@ struct Family {
   Media takes = Media::kImages;
 
   std::string task = "";            ///< What exporters call the task of such a network.
-  std::int64_t fixedValues = 0;     ///< Values of a candidate before or besides its classes.
+  std::int64_t fixedValues = 0;     ///< Values of a candidate other than its classes.
   std::int64_t valuesPerClass = 1;  ///< 3 if the values are those of key points.
+  std::int64_t keyPoints = 0;       ///< What classCount 1 means for a pose network; 0 for others.
   bool hasMasks = false;            ///< A second output holds prototype masks.
   int preference = 0;               ///< Orders the families that fit the same shapes.
 
-  std::int64_t width = 0;   ///< Input in pixels if the network leaves it open; 0 if it must not.
-  std::int64_t height = 0;  ///< For text maps the max longest side of the frame.
+  std::int64_t width = 0;   ///< A good inputWidth if the network leaves it open; 0 if it must not.
+  std::int64_t height = 0;  ///< The same for inputHeight.
   std::int64_t unsetWidth = 0;   ///< What the library uses if inputWidth is 0; 0 if it needs one.
   std::int64_t unsetHeight = 0;  ///< The same for inputHeight.
 
@@ -69,7 +71,7 @@ struct Family {
   bool isClassifier() const { return gives == Gives::kLabels || gives == Gives::kAudioClasses; }
   bool isEmbedding() const { return gives == Gives::kFeatures; }
   bool readsText() const { return gives == Gives::kText; }
-  bool hasKeyPoints() const { return valuesPerClass > 1; }
+  bool hasKeyPoints() const { return keyPoints > 0; }
 };
 
 /// All families, in the order of messages.

@@ -1,5 +1,4 @@
-// One frame on its way through the host: where it comes from, how it went, and its record for the
-// library.
+// A frame in the host: its origin, its outcome, and its record for the library.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>

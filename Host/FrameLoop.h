@@ -1,5 +1,4 @@
-// The work of vsa run: every frame of an input through every model, and the results to where they
-// are wanted.
+// The work of vsa run: runs all models on each frame of an input and writes the results.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -42,7 +41,7 @@ struct RunOptions {
   bool quiet = false;
 };
 
-/// Files and folders that a run reads or writes, as far as its options name them.
+/// The files and folders that the options of a run name.
 struct RunFiles {
   std::optional<AnnotatedOutput> annotated;
   std::optional<OutputFolder> crops;
@@ -58,14 +57,15 @@ struct CannotContinue : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// Runs a pipeline on inputs.
 class FrameLoop {
  public:
   /// All arguments must outlive the loop.
   FrameLoop(const RunOptions& options, const Pipeline& pipeline, Chain* chain, RunFiles* files,
             Console* console);
 
-  /// Processes all frames of the input. Failures are reported and counted. `number` is that of the
-  /// input among `count`, for the progress. Throws CannotContinue.
+  /// Processes all frames of the input. Failures are reported and counted. The progress bar shows
+  /// it as input `number` (from 0) of `count`. Throws CannotContinue.
   void process(const std::string& input, std::size_t number, std::size_t count);
 
   /// Reports and counts an input that cannot be processed.

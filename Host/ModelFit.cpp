@@ -120,8 +120,7 @@ void checkCandidates(const Family& family, const ModelFile& file, const std::str
     if (classValues % family.valuesPerClass != 0) fit->mismatch = otherOutput;
     fit->classes = classValues / family.valuesPerClass;
     fit->likelihood = family.preference;
-    constexpr std::int64_t kBodyKeyPoints = 17;
-    if (family.hasKeyPoints() && fit->classes == kBodyKeyPoints) fit->likelihood = 2;
+    if (family.hasKeyPoints() && fit->classes == family.keyPoints) fit->likelihood = 2;
     if (!family.hasMasks && isTransposed(output, inColumns)) {
       fit->doubt = "its output " + output.text() + " would have more values than candidates, and " +
                    family.outputText + " is meant";

@@ -44,14 +44,14 @@ void checkNames(const Names& given, const Names& own, Findings* findings) {
                                ": check the order of the names");
 }
 
-void checkKeyPoints(const VsaModelConfig& config, std::int64_t keyPoints, const std::string& has,
-                    Findings* findings) {
-  constexpr std::int64_t kMeantByOne = 17;
+void checkKeyPoints(const VsaModelConfig& config, const Family& family, std::int64_t keyPoints,
+                    const std::string& has, Findings* findings) {
   const auto count = std::int64_t{config.classCount};
-  if (keyPoints < 1 || (count == 1 ? kMeantByOne : count) == keyPoints) return;
-  findings->wrong.push_back("classCount is " + std::to_string(count) +
-                            (count == 1 ? ", which means 17 key points," : "") + " and " + has +
-                            ": set " + setting("classCount", keyPoints));
+  const std::int64_t meant = count == 1 ? family.keyPoints : count;
+  if (keyPoints < 1 || meant == keyPoints) return;
+  const std::string meaning = ", which means " + classesText(family, meant) + ",";
+  findings->wrong.push_back("classCount is " + std::to_string(count) + (count == 1 ? meaning : "") +
+                            " and " + has + ": set " + setting("classCount", keyPoints));
 }
 
 void checkAlphabet(const VsaModelConfig& config, const Family& family, const Port& output,
@@ -80,7 +80,7 @@ void checkAlphabet(const VsaModelConfig& config, const Family& family, const Por
 void checkClasses(const VsaModelConfig& config, const Family& family, const ModelFile& file,
                   std::int64_t classes, Findings* findings) {
   const std::string has = "the network has " + classesText(family, classes);
-  if (family.hasKeyPoints()) return checkKeyPoints(config, classes, has, findings);
+  if (family.hasKeyPoints()) return checkKeyPoints(config, family, classes, has, findings);
   if (family.readsText()) {
     return checkAlphabet(config, family, file.outputs[0], classes, has, findings);
   }
@@ -113,6 +113,12 @@ void checkSize(const VsaModelConfig& config, const Family& family, const ModelFi
                             " and the network takes " + sizeText(width, height) + ": set " +
                             setting("inputWidth", width > 0 ? width : family.width) + ", " +
                             setting("inputHeight", height > 0 ? height : family.height));
+}
+
+// The model that reads text regions.
+std::string readerOfRegions() {
+  const auto family = std::ranges::find(families(), Needs::kTextRegions, &Family::needs);
+  return family == families().end() ? "another model" : family->modelName;
 }
 
 std::string mismatchText(const VsaModelConfig& config, const ModelFile& file, const Fit& fit) {
@@ -194,7 +200,7 @@ std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {
       order[i].wrong.push_back(
           "it works on boxes, and the text detector before it gives corners: put a YOLO detector "
           "before it" +
-          std::string(family->readsText() ? ", or read with PaddleOCR" : ""));
+          (family->readsText() ? ", or read with " + readerOfRegions() : ""));
     }
   }
   return order;
