@@ -6,11 +6,10 @@ import random
 import shutil
 import unittest
 
-from vsa_case import MODELS, NETWORKS, VsaCase, png
+from vsa_case import MODELS, NETWORKS, YOLO8, VsaCase, png
 
 THINGS = [f"thing {i}" for i in range(80)]
-DETECTOR = {"category": "Detect", "modelName": "YOLO8", "modelFile": "detect", "inputWidth": 64,
-            "inputHeight": 64, "classNames": THINGS, "scoreThreshold": 0.25, "nmsThreshold": 0.45}
+DETECTOR = {**YOLO8, "modelFile": "detect", "classNames": THINGS}
 LINE_READER = {"category": "Track", "modelName": "PaddleOCR", "modelFile": "plate",
                "inputWidth": 32, "inputHeight": 16, "classNames": list("-ABCDEFG")}
 BOX_READER = {**LINE_READER, "modelName": "VsOCR"}

@@ -2,13 +2,10 @@
 
 import json
 
-from vsa_case import NETWORKS, VsaCase, png
+from vsa_case import NETWORKS, YOLO8, ChainCase, VsaCase, png
 
-DETECTOR = {"category": "Detect", "modelName": "YOLO8", "modelFile": "one", "classNames": ["a"],
-            "inputWidth": 64, "inputHeight": 64, "scoreThreshold": 0.25, "nmsThreshold": 0.45}
+DETECTOR = {**YOLO8, "modelFile": "one", "classNames": ["a"]}
 ONNX_DETECTOR = {**DETECTOR, "engine": "ONNXRuntime", "modelFile": "one.onnx"}
-FACES = {"category": "Track", "modelName": "VsFaceNet", "modelFile": "feature128",
-         "classNames": ["x"], "inputWidth": 16, "inputHeight": 16}
 
 
 class EnginesTest(VsaCase):
@@ -46,7 +43,7 @@ class EnginesTest(VsaCase):
         self.compare("none.png", status=1)
 
     def test_bench(self):
-        self.use(DETECTOR, FACES, ONNX_DETECTOR)
+        self.use(DETECTOR, ChainCase.faces, ONNX_DETECTOR)
         command = ["bench", self.pipeline, self.image, "--runs", "20"]
         *models, total = json.loads(self.vsa(*command, "--json"))["models"]
         self.assertEqual([model["name"].split()[-2] for model in models],

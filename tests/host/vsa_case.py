@@ -22,6 +22,8 @@ NETWORKS = pathlib.Path(os.environ["TOL_NETWORKS"])
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EXAMPLES = ROOT / "examples"
 COLUMNS = 80  # of a terminal
+YOLO8 = {"category": "Detect", "modelName": "YOLO8", "inputWidth": 64, "inputHeight": 64,
+         "scoreThreshold": 0.25, "nmsThreshold": 0.45}
 SCHEMA = jsonschema.Draft202012Validator(
     json.loads((ROOT / "docs/vsa-output.schema.json").read_text("utf-8")))
 
