@@ -138,7 +138,7 @@ class AudioTest(VsaCase):
     def test_audio_of_a_video(self):
         # A program that takes the place of ffmpeg and records its arguments.
         path = str(self.folder / "bin")
-        film = self.write_film(2)
+        video = self.write_video(2)
         self.write("bin/ffmpeg", f"""#!{sys.executable}
 import pathlib, struct, sys
 pathlib.Path("arguments").write_text(" ".join(sys.argv[1:]))
@@ -149,20 +149,20 @@ header = struct.pack(">4sIIIII", b".snd", 24, 0xffffffff, 3, 1000, 1)
 sys.stdout.buffer.write(header + struct.pack(">300h", *range(300)))
 sys.stdout.buffer.flush()
 if name == "broken":
-    sys.exit("film: the rest is damaged")
+    sys.exit("video: the rest is damaged")
 """.encode()).chmod(0o755)
         self.serve(*[spectrum(0, -75)] * 4)
-        frames = self.run_json(film, PATH=path)
+        frames = self.run_json(video, PATH=path)
         self.assertEqual([frame["duration"] for frame in frames], [0.2, 0.1])
         self.assertEqual(
             (self.folder / "arguments").read_text(),
-            f"-nostdin -v error -i file:{film} -map 0:a:0 -c:a pcm_s16be -f au pipe:1")
+            f"-nostdin -v error -i file:{video} -map 0:a:0 -c:a pcm_s16be -f au pipe:1")
         self.assertEqual(self.sent_samples(), struct.pack("<300h", *range(300)) + bytes(200))
-        damaged = "ffmpeg cannot read the audio: film: the rest is damaged"
+        damaged = "ffmpeg cannot read the audio: video: the rest is damaged"
         for name, blocks, sentence in (("broken", 2, damaged),
                                        ("silent", 0, "there is no audio in this file")):
-            film = film.rename(self.folder / f"{name}.y4m")
-            self.assertEqual(len(self.run_json(film, PATH=path, status=1)), blocks)
-            self.check_error(f"{film}: {sentence}")
-        self.assertEqual(self.run_json(film, PATH=str(self.folder), status=1), [])
-        self.check_error(f"{film}: .*the program ffmpeg.* is not on the PATH")
+            video = video.rename(self.folder / f"{name}.y4m")
+            self.assertEqual(len(self.run_json(video, PATH=path, status=1)), blocks)
+            self.check_error(f"{video}: {sentence}")
+        self.assertEqual(self.run_json(video, PATH=str(self.folder), status=1), [])
+        self.check_error(f"{video}: .*the program ffmpeg.* is not on the PATH")

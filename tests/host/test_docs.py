@@ -63,7 +63,7 @@ class DocsTest(VsaCase):
                      "scans/b.png", "more/c.jpg", "pictures/d.png"):
             self.write_sign(name)
         self.write("pictures.txt", b"scans/a.png\nscans/b.png\n")
-        self.write_film(2).rename(self.folder / "clip.mp4")
+        self.write_video(2).rename(self.folder / "clip.mp4")
         for name in ("siren.wav", "dog.wav"):
             with wave.open(str(self.folder / name), "wb") as file:
                 file.setparams((1, 2, 16000, 0, "NONE", ""))

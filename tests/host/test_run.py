@@ -129,7 +129,7 @@ class RunTest(ChainCase):
                 ("e.jpg", jpeg(60000), header),
                 ("f.jpg", jpeg(20000), limit),
                 ("g.pgm", b"P5 20000 20000 255 x", limit),
-                ("cut.y4m", self.write_film(9).read_bytes()[:300], "no frame can be read"),
+                ("cut.y4m", self.write_video(9).read_bytes()[:300], "no frame can be read"),
                 ("text.png", b"not an image", ".+"),
                 ("void.jpg", b"", ".+"),
                 ("text.mp4", b"not a video", ".+"),
@@ -143,9 +143,9 @@ class RunTest(ChainCase):
             self.assertEqual(len(self.run_json(name, "good.png", status=1)), 1, name)
             self.check_error(f"{re.escape(name)}: {sentence}")
             self.assertIn("1 input failed", self.err)
-        film = self.write_film(3)
-        self.assertEqual(self.run_json(film, "good.png", "--max-pixels", 3000, status=1), [])
-        self.check_error(f"{film}: its 64 x 48 pixels are more than the limit of 3000")
+        video = self.write_video(3)
+        self.assertEqual(self.run_json(video, "good.png", "--max-pixels", 3000, status=1), [])
+        self.check_error(f"{video}: its 64 x 48 pixels are more than the limit of 3000")
         self.assertIn("2 inputs failed", self.err)
 
     def test_links_to_folders_are_not_followed(self):
@@ -165,8 +165,8 @@ class EndTest(ChainCase):
 
     @unittest.skipIf(os.name == "nt", "needs POSIX signals")
     def test_results_are_complete_after_an_interrupt(self):
-        film = self.write_film(5000)
-        process = self.start(VSA, "run", self.pipeline, "--json", film, "--output", "out")
+        video = self.write_video(5000)
+        process = self.start(VSA, "run", self.pipeline, "--json", video, "--output", "out")
         lines = [process.stdout.readline() for _ in range(3)]
         process.send_signal(signal.SIGINT)
         out = process.stdout.read()  # communicate() would lose what readline() has buffered
@@ -175,17 +175,17 @@ class EndTest(ChainCase):
         frames = [json.loads(line) for line in lines + out.splitlines()]
         self.assertLess(len(frames), 5000)
         self.assertIn(f"{len(frames)} frames", err.decode())
-        self.assertEqual(len(self.run_json(self.folder / "out/film.mp4")), len(frames))
+        self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
 
     def test_closed_pipe(self):
-        process = self.start(VSA, "run", self.pipeline, self.write_film(5000), "--output", "out")
+        process = self.start(VSA, "run", self.pipeline, self.write_video(5000), "--output", "out")
         process.stdout.readline()
         process.stdout.close()
         start = time.monotonic()
         self.assertEqual(process.wait(timeout=60), 1)
         self.assertLess(time.monotonic() - start, 20)
         self.assertNotIn(b"cannot be written", process.stderr.read())
-        self.assertGreater((self.folder / "out/film.mp4").stat().st_size, 0)
+        self.assertGreater((self.folder / "out/video.mp4").stat().st_size, 0)
 
     @unittest.skipUnless(os.path.exists("/dev/full"), "needs /dev/full")
     def test_full_disk(self):

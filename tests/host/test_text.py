@@ -53,8 +53,8 @@ class TextTest(VsaCase):
         self.assertFalse((out / "white.png").is_symlink())
 
     def test_video(self):
-        film = self.write_film(6)
-        frames = self.run_json(film)
+        video = self.write_video(6)
+        frames = self.run_json(video)
         self.assertEqual([frame["frame"] for frame in frames], list(range(6)))
         self.assertEqual([round(frame["time"], 2) for frame in frames], [0, .1, .2, .3, .4, .5])
-        self.assertEqual(len(self.run_json(film, "--max-frames", "2")), 2)
+        self.assertEqual(len(self.run_json(video, "--max-frames", "2")), 2)

@@ -77,10 +77,10 @@ class VsaCase(unittest.TestCase):
     def write_sign(self, name="sign.png"):
         return self.write(name, (PICTURES / "sign.png").read_bytes())
 
-    def write_film(self, frames):
+    def write_video(self, frames):
         """A grey video of raw pixels, 64 x 48 at 10 frames per second."""
         frame = b"FRAME\n" + b"\x80" * (64 * 48 * 3 // 2)
-        return self.write("film.y4m", b"YUV4MPEG2 W64 H48 F10:1 C420\n" + frame * frames)
+        return self.write("video.y4m", b"YUV4MPEG2 W64 H48 F10:1 C420\n" + frame * frames)
 
     def vsa(self, *arguments, status=0, **environment):
         """Runs vsa and returns what it prints. `status` is the expected status, or several."""
