@@ -1,7 +1,7 @@
-// The command "bench". Every run of a model is followed (in every other round: preceded) by as many
-// bare runs of its network as the model made, so that both meet the machine in the same state.
-#include "Bench.h"
-
+// The command "bench": measures the models of a pipeline. Every run of a model is followed (in
+// every other round: preceded) by as many bare runs of its network, so that both meet the machine
+// in the same state.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -10,16 +10,15 @@
 #include <limits>
 #include <memory>
 #include <numeric>
-#include <opencv2/core/utils/logger.hpp>
 #include <stdexcept>
 
-#include "Console.h"
-#include "Inputs.h"
-#include "Log.h"
+#include "Command.h"
+#include "Frame.h"
+#include "FrameSource.h"
+#include "JsonLines.h"
+#include "Messages.h"
 #include "Model.h"
-#include "ModelTable.h"
-#include "Report.h"
-#include "Run.h"
+#include "ModelFile.h"
 #include "Text.h"
 
 #if defined(__linux__)
@@ -32,14 +31,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kWarmUpRuns = 3;
-constexpr std::size_t kMostFrames = 16;  // of a video, kept in memory
+constexpr std::size_t kMaxFrames = 16;  // of a video; they are kept in memory
 constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 double millisecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
 }
 
-// Memory of the process that lies in RAM, in MB; kUnknown where the system does not tell.
+// Resident memory of the process in MB; kUnknown if the system does not report it.
 double residentMegabytes() {
 #if defined(__linux__)
   std::ifstream file("/proc/self/statm");
@@ -52,16 +51,19 @@ double residentMegabytes() {
   return kUnknown;
 }
 
-// The input that the model gives its network for this frame.
+// The shape of the network input that the model fills for this frame.
 std::vector<std::int64_t> inputShape(const ModelSpec& spec, const VsaFrame& frame) {
   const VsaModelConfig& config = spec.config;
   std::int64_t width = config.inputWidth;
   std::int64_t height = config.inputHeight;
-  const ModelRow* row = findRow(config.category, config.modelName);
-  if (row != nullptr && row->head == Head::kText) {
-    // Shrunk to the longest side, then rounded up to the grid of the network.
+  const Family* family = spec.family();
+  if (family == nullptr) return {1, 3, height, width};
+  if (width == 0) width = family->unsetWidth;
+  if (height == 0) height = family->unsetHeight;
+  if (family->layout == OutputLayout::kTextMap) {
+    // The longest side is limited, then both are rounded up to multiples of 32.
     const auto longest = static_cast<float>(std::max(frame.width, frame.height));
-    const auto limit = static_cast<float>(width > 0 ? width : row->width);
+    const auto limit = static_cast<float>(width);
     const float ratio = longest > limit ? limit / longest : 1.0F;
     const auto side = [ratio](std::uint32_t length) {
       const auto shrunk = static_cast<std::int64_t>(static_cast<float>(length) * ratio);
@@ -69,41 +71,48 @@ std::vector<std::int64_t> inputShape(const ModelSpec& spec, const VsaFrame& fram
     };
     width = side(frame.width);
     height = side(frame.height);
-  } else if (row != nullptr && row->head == Head::kLine) {
-    if (width == 0) width = 320;
-    if (height == 0) height = 48;
   }
   return {1, 3, height, width};
 }
 
-// The least of the values that at least `share` (0 to 1) of all do not exceed. Not of none.
-double percentile(std::vector<double> values, double share) {
+// The smallest of the values that at least `fraction` (0 to 1) of them do not exceed. There must be
+// values.
+double percentile(std::vector<double> values, double fraction) {
   const auto rank =
-      static_cast<std::ptrdiff_t>(std::ceil(share * static_cast<double>(values.size())));
-  const auto place = values.begin() + std::max<std::ptrdiff_t>(rank - 1, 0);
-  std::nth_element(values.begin(), place, values.end());
-  return *place;
+      static_cast<std::ptrdiff_t>(std::ceil(fraction * static_cast<double>(values.size())));
+  const auto value = values.begin() + std::max<std::ptrdiff_t>(rank - 1, 0);
+  std::nth_element(values.begin(), value, values.end());
+  return *value;
 }
 
-struct Measured {
-  const ModelSpec* spec = nullptr;
+struct Options {
+  std::string pipeline;
+  std::string input;
+  int runs = 100;
+  bool json = false;
+};
+
+// A model with its measurements.
+struct Subject {
   std::unique_ptr<Model> model;
   BareNetwork bare;
   double megabytes = 0.0;
-  std::vector<double> times = {};   // milliseconds of each run
-  std::vector<double> shares = {};  // of the time outside the engine
+  std::vector<double> times = {};             // milliseconds of each run
+  std::vector<double> outsideFractions = {};  // of the time, spent outside the engine
+
+  const ModelSpec& spec() const { return model->spec(); }
 };
 
-class Bench {
+class Measurement {
  public:
-  Bench(const BenchOptions& options, Console* console) : options_(options), console_(*console) {}
+  Measurement(const Options& options, Console* console) : options_(options), console_(*console) {}
 
-  int go() {
+  int run() {
     Pipeline pipeline;
     try {
       pipeline = readPipeline(options_.pipeline);
-      if (pipeline.takesSound) {
-        throw PipelineError(options_.pipeline, "bench takes pictures, not sound");
+      if (pipeline.takesAudio) {
+        throw PipelineError(options_.pipeline, "bench takes images, not audio");
       }
       readFrames();
       load(pipeline);
@@ -123,110 +132,106 @@ class Bench {
       return kSomeFailed;
     }
     console_.clear();
-    return console_.write(options_.json ? jsonText() : table()) ? kDone : kSomeFailed;
+    return console_.write(options_.json ? jsonResults() : table()) ? kDone : kSomeFailed;
   }
 
  private:
   void readFrames() {
     try {
-      Source source(options_.input);
-      cv::Mat picture;
-      while (pictures_.size() < kMostFrames && source.next(&picture)) {
-        pictures_.push_back(picture.clone());
+      FrameSource source(options_.input);
+      cv::Mat image;
+      while (images_.size() < kMaxFrames && source.next(&image)) {
+        images_.push_back(image.clone());
       }
-      if (pictures_.empty()) throw std::runtime_error("no frame can be read");
+      if (images_.empty()) throw std::runtime_error("no frame can be read");
     } catch (const std::exception& error) {
       throw std::runtime_error(options_.input + ": " + oneLine(error.what()));
     }
   }
 
-  // Loads the models one by one and runs each once, as much memory comes with the first run.
+  // Loads the models one by one and runs each once, because the first run allocates memory too.
   void load(const Pipeline& pipeline) {
     VsaDeviceSet devices;
-    VsaGetDeviceSet(&devices);  // loads the engines, whose memory belongs to no model
-    VsaFrame frame = frameOf(pictures_[0]);
+    VsaGetDeviceSet(&devices);  // loads the engines, whose memory must not count for a model
+    VsaFrame frame = frameOf(images_[0]);
     for (const ModelSpec& spec : pipeline.models) {
       const double before = residentMegabytes();
-      Measured entry{&spec, std::make_unique<Model>(spec), {}};
-      runModel(entry, &frame);
-      entry.megabytes = residentMegabytes() - before;
-      models_.push_back(std::move(entry));
+      Subject subject{std::make_unique<Model>(spec), {}};
+      runModel(subject, &frame);
+      subject.megabytes = residentMegabytes() - before;
+      subjects_.push_back(std::move(subject));
     }
-    // The specs live on in the models.
-    for (Measured& entry : models_) {
-      entry.spec = &entry.model->spec();
-      const VsaModelConfig& config = entry.spec->config;
-      entry.bare = openBare(config.engine, entry.spec->networkFile(), config.device);
+    for (Subject& subject : subjects_) {
+      const VsaModelConfig& config = subject.spec().config;
+      subject.bare = openBare(config.engine, subject.spec().networkFile(), config.device);
     }
   }
 
-  static void runModel(const Measured& entry, VsaFrame* frame) {
-    if (!entry.model->run(frame)) {
-      throw std::runtime_error(entry.spec->name + ": the model refused the frame");
+  static void runModel(const Subject& subject, VsaFrame* frame) {
+    if (!subject.model->run(frame)) {
+      throw std::runtime_error(subject.spec().name + ": the model refused the frame");
     }
   }
 
   void runAll(int run) {
     const int round = run + kWarmUpRuns;
-    VsaFrame frame = frameOf(pictures_[static_cast<std::size_t>(round) % pictures_.size()]);
+    VsaFrame frame = frameOf(images_[static_cast<std::size_t>(round) % images_.size()]);
     double total = 0.0;
-    for (Measured& entry : models_) {
-      const std::size_t inferences = entry.model->needsObjects() ? frame.objects.size() : 1;
-      const std::vector<std::int64_t> shape = inputShape(*entry.spec, frame);
+    for (Subject& subject : subjects_) {
+      const std::size_t inferences = subject.spec().needsObjects() ? frame.objects.size() : 1;
+      const std::vector<std::int64_t> shape = inputShape(subject.spec(), frame);
       double engine = 0.0;
       const auto inferBare = [&] {
         const Clock::time_point start = Clock::now();
-        for (std::size_t i = 0; i < inferences; ++i) entry.bare(shape);
+        for (std::size_t i = 0; i < inferences; ++i) subject.bare(shape);
         engine = millisecondsSince(start);
       };
       if (round % 2 == 1) inferBare();
       const Clock::time_point start = Clock::now();
-      runModel(entry, &frame);
+      runModel(subject, &frame);
       const double time = millisecondsSince(start);
       if (round % 2 == 0) inferBare();
       total += time;
       if (run < 0) continue;
-      entry.times.push_back(time);
-      if (inferences > 0) entry.shares.push_back((time - engine) / time);
+      subject.times.push_back(time);
+      if (inferences > 0) subject.outsideFractions.push_back((time - engine) / time);
     }
     if (run >= 0) totals_.push_back(total);
   }
 
   struct Row {
     std::string name;
-    std::vector<double> numbers;  // median, p90, p99, max, frames a second, MB, share
+    std::vector<double> numbers;  // median, p90, p99, max, frames per second, MB, outside
   };
 
   std::vector<Row> rows() const {
     const auto row = [](const std::string& name, const std::vector<double>& times, double megabytes,
-                        double share) {
+                        double outside) {
       const double sum = std::accumulate(times.begin(), times.end(), 0.0);
       return Row{name,
                  {percentile(times, 0.5), percentile(times, 0.9), percentile(times, 0.99),
                   percentile(times, 1.0), 1000.0 * static_cast<double>(times.size()) / sum,
-                  megabytes, share}};
+                  megabytes, outside}};
     };
     std::vector<Row> all;
     double megabytes = 0.0;
-    for (const Measured& entry : models_) {
-      const double share = entry.shares.empty() ? kUnknown : percentile(entry.shares, 0.5);
-      all.push_back(row(entry.spec->name, entry.times, entry.megabytes, share));
-      megabytes += entry.megabytes;
+    for (const Subject& subject : subjects_) {
+      const auto& fractions = subject.outsideFractions;
+      const double outside = fractions.empty() ? kUnknown : percentile(fractions, 0.5);
+      all.push_back(row(subject.spec().name, subject.times, subject.megabytes, outside));
+      megabytes += subject.megabytes;
     }
     if (all.size() > 1) all.push_back(row("all", totals_, megabytes, kUnknown));
     return all;
   }
 
   std::string table() const {
-    // A blank comes first in any case; digits behind the point go where there is no room for them.
-    const auto cell = [](double value, int width, int digits) {
-      char buffer[400] = "-";
-      for (int length = width; !std::isnan(value) && length >= width && digits >= 0; --digits) {
-        length = std::snprintf(buffer, sizeof buffer, "%.*f", digits, value);
-      }
-      const std::string text = buffer;
-      const auto blanks = std::max<std::ptrdiff_t>(width - std::ssize(text), 1);
-      return std::string(static_cast<std::size_t>(blanks), ' ') + text;
+    // Begins with a space. Decimals are left out if the number is too wide for them.
+    const auto cell = [](double value, std::ptrdiff_t width, int digits) {
+      std::string number = std::isnan(value) ? "-" : fixed(value, digits);
+      while (std::ssize(number) >= width && digits > 0) number = fixed(value, --digits);
+      const auto spaces = std::max<std::ptrdiff_t>(width - std::ssize(number), 1);
+      return std::string(static_cast<std::size_t>(spaces), ' ') + number;
     };
     std::string text = printable(options_.input) + ": " + std::to_string(options_.runs) +
                        " runs, times in ms\n" +
@@ -235,13 +240,13 @@ class Bench {
       for (std::size_t i = 0; i < 4; ++i) text += cell(numbers[i], 7, 2);
       text += cell(numbers[4], 9, 1) + cell(numbers[5], 7, 1);
       text += cell(numbers[6] * 100.0, 7, 1) + (std::isnan(numbers[6]) ? " " : "%");
-      // "models[0] YOLO8 (Detect)" without its first word, for the sake of 80 columns.
+      // "[0] YOLO8 (Detect)", without "models", to stay within 80 columns.
       text += "  " + name.substr(name.starts_with("models") ? 6 : 0) + "\n";
     }
     return text;
   }
 
-  std::string jsonText() const {
+  std::string jsonResults() const {
     constexpr const char* kKeys[] = {"medianMs",        "p90Ms",      "p99Ms",        "maxMs",
                                      "framesPerSecond", "residentMb", "outsideEngine"};
     Json::Value json;
@@ -258,20 +263,44 @@ class Bench {
     return jsonLine(json);
   }
 
-  const BenchOptions& options_;
+  const Options& options_;
   Console& console_;
-  std::vector<cv::Mat> pictures_;
-  std::vector<Measured> models_;
+  std::vector<cv::Mat> images_;
+  std::vector<Subject> subjects_;
   std::vector<double> totals_;
+};
+
+class Bench : public Command {
+ public:
+  Bench() : Command("bench", "Measure the models of a pipeline") {}
+
+ protected:
+  void addOptions(CLI::App* command) override {
+    addPipeline(command, "JSON file that names the models");
+    command->add_option("INPUT", options_.input, "An image or a video")->type_name("")->required();
+    command->add_option("-n,--runs", options_.runs, "Number of measured runs")
+        ->check(CLI::Range(1, 1000000))
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    addJson(command, "Print one JSON object");
+    addVerbose(command);
+  }
+
+  int run(Console* console, const LogToConsole* /*log*/) const override {
+    Options options = options_;
+    options.pipeline = pipeline_;
+    options.json = json_;
+    return Measurement(options, console).run();
+  }
+
+ private:
+  Options options_;
 };
 
 }  // namespace
 
-int bench(const BenchOptions& options) {
-  if (!options.verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  Console console;
-  const LogToConsole log(&console, options.verbose);
-  return Bench(options, &console).go();
+std::unique_ptr<Command> makeBench() {
+  return std::make_unique<Bench>();
 }
 
 }  // namespace vsa

@@ -1,9 +1,8 @@
-// Runs models, times them and finds words for what went wrong.
 #include "Chain.h"
 
 #include <chrono>
 
-#include "Text.h"
+#include "Messages.h"
 
 namespace vsa {
 namespace {
@@ -30,7 +29,7 @@ std::vector<Failure> Chain::run(VsaFrame* frame) {
   for (std::size_t i = 0; i < models_.size(); ++i) {
     Model& model = *models_[i];
     std::string reason;
-    if (failures.empty() || !model.needsObjects()) {
+    if (failures.empty() || !model.spec().needsObjects()) {
       const int errorsBefore = log_.errors();
       const Clock::time_point start = Clock::now();
       try {

@@ -1,4 +1,4 @@
-// The models of a pipeline, one after the other over one frame.
+// The models of a pipeline, one after the other, over one frame.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -10,23 +10,23 @@
 #include "Log.h"
 #include "Model.h"
 #include "Pipeline.h"
-#include "Report.h"
+#include "Totals.h"
 
 namespace vsa {
 
-/// A model that did not do its work on a frame.
+/// A model that failed on a frame or was skipped.
 struct Failure {
   int model = 0;
-  std::string reason;  ///< Empty where it was skipped, as a model before it failed.
+  std::string reason;  ///< Empty if it was skipped because a model before it failed.
 };
 
 class Chain {
  public:
-  /// Loads the models. Throws PipelineError. `log` tells whether the library gave a reason.
+  /// Loads the models. Throws PipelineError. `log` counts the errors that the library logs.
   Chain(const Pipeline& pipeline, const LogToConsole* log);
 
-  /// Runs all models in their order. Once one has failed, those that work on its objects are
-  /// skipped; detectors still run.
+  /// Runs all models in order. After a failure, models that work on objects are skipped; others
+  /// still run.
   std::vector<Failure> run(VsaFrame* frame);
 
   const std::string& nameOf(int model) const {

@@ -1,24 +1,22 @@
-// The command "compare-engines".
-#include "CompareEngines.h"
-
+// The command "compare-engines": runs the detectors of a pipeline on OpenVINO and on ONNX Runtime
+// and compares their objects.
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
-#include <limits>
 #include <memory>
-#include <opencv2/core/utils/logger.hpp>
 #include <tuple>
 #include <utility>
 
 #include "Chain.h"
-#include "Console.h"
+#include "Command.h"
+#include "Frame.h"
+#include "FrameSource.h"
 #include "Inputs.h"
-#include "Log.h"
-#include "ModelTable.h"
+#include "JsonLines.h"
+#include "Messages.h"
 #include "Pipeline.h"
-#include "Report.h"
-#include "Run.h"
 #include "Text.h"
 
 namespace vsa {
@@ -26,39 +24,49 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Intersection over union; of boxes without an area 1 where they are the same.
+struct Options {
+  std::string pipeline;
+  std::vector<std::string> inputs;
+  std::string other;  // the network for the other engine; empty: the file next to the first
+  int pixels = 2;     // allowed difference of box edges
+  double score = 0.1;
+  std::int64_t maxFrames = 0;  // of each video; 0 means all
+  bool json = false;
+};
+
+// Intersection over union. If neither box has an area, 1 for equal boxes and 0 for others.
 double overlap(const VsaObject& a, const VsaObject& b) {
-  // A box in the padding has its edges the wrong way round.
+  // The edges of a box in the padding may be in the wrong order.
   const auto common = [](double a1, double a2, double b1, double b2) {
     return std::max(0.0, std::min(std::max(a1, a2), std::max(b1, b2)) -
                              std::max(std::min(a1, a2), std::min(b1, b2)));
   };
-  const auto shared = [&common](const VsaObject& p, const VsaObject& q) {
+  const auto intersection = [&common](const VsaObject& p, const VsaObject& q) {
     return common(p.left, p.right, q.left, q.right) * common(p.top, p.bottom, q.top, q.bottom);
   };
-  const double either = shared(a, a) + shared(b, b) - shared(a, b);
-  if (either > 0.0) return shared(a, b) / either;
+  const double unionArea = intersection(a, a) + intersection(b, b) - intersection(a, b);
+  if (unionArea > 0.0) return intersection(a, b) / unionArea;
   return std::tie(a.left, a.top, a.right, a.bottom) == std::tie(b.left, b.top, b.right, b.bottom);
 }
 
 // How two lists of objects differ.
 struct Difference {
   std::size_t matched = 0;
-  std::int64_t pixels = 0;  // largest distance of two edges of matched boxes
-  double score = 0.0;       // largest difference of their scores; NaN where one has none
-  double alone = 0.0;       // best score of an object that has no match
+  std::int64_t pixels = 0;  // largest difference of the edges of matched boxes
+  double score = 0.0;       // largest difference of their scores; NaN if a score is NaN
+  double unmatched = 0.0;   // highest score of an object without a match
 };
 
-// Matches objects of one class by their overlap, the best pairs first; those that overlap by less
-// than half stay alone.
+// Matches objects of the same class by their overlap, the best pairs first. Objects that overlap by
+// less than half are not matched.
 Difference difference(const std::vector<VsaObject>& first, const std::vector<VsaObject>& second) {
-  constexpr double kLeastOverlap = 0.5;
+  constexpr double kMinOverlap = 0.5;
   std::vector<std::tuple<double, std::size_t, std::size_t>> pairs;
   for (std::size_t i = 0; i < first.size(); ++i) {
     for (std::size_t j = 0; j < second.size(); ++j) {
-      const double share = overlap(first[i], second[j]);
-      if (first[i].classId == second[j].classId && share >= kLeastOverlap) {
-        pairs.emplace_back(-share, i, j);
+      const double iou = overlap(first[i], second[j]);
+      if (first[i].classId == second[j].classId && iou >= kMinOverlap) {
+        pairs.emplace_back(-iou, i, j);
       }
     }
   }
@@ -66,51 +74,61 @@ Difference difference(const std::vector<VsaObject>& first, const std::vector<Vsa
   Difference found;
   std::vector<bool> firstMatched(first.size());
   std::vector<bool> secondMatched(second.size());
-  for (const auto& [share, i, j] : pairs) {
+  for (const auto& [iou, i, j] : pairs) {
     if (firstMatched[i] || secondMatched[j]) continue;
     firstMatched[i] = secondMatched[j] = true;
     ++found.matched;
     const VsaObject& a = first[i];
     const VsaObject& b = second[j];
-    const auto apart = [](std::int64_t p, std::int64_t q) { return std::abs(p - q); };
-    found.pixels = std::max({found.pixels, apart(a.left, b.left), apart(a.top, b.top),
-                             apart(a.right, b.right), apart(a.bottom, b.bottom)});
-    const double off = std::abs(double{a.score} - double{b.score});
-    if (std::isnan(off) || off > found.score) found.score = off;
+    const auto distance = [](std::int64_t p, std::int64_t q) { return std::abs(p - q); };
+    found.pixels = std::max({found.pixels, distance(a.left, b.left), distance(a.top, b.top),
+                             distance(a.right, b.right), distance(a.bottom, b.bottom)});
+    const double scores = std::abs(double{a.score} - double{b.score});
+    if (std::isnan(scores) || scores > found.score) found.score = scores;
   }
   for (std::size_t i = 0; i < first.size(); ++i) {
-    if (!firstMatched[i]) found.alone = std::max(found.alone, double{first[i].score});
+    if (!firstMatched[i]) found.unmatched = std::max(found.unmatched, double{first[i].score});
   }
   for (std::size_t j = 0; j < second.size(); ++j) {
-    if (!secondMatched[j]) found.alone = std::max(found.alone, double{second[j].score});
+    if (!secondMatched[j]) found.unmatched = std::max(found.unmatched, double{second[j].score});
   }
   return found;
 }
 
-bool isOnBothEngines(const ModelSpec& spec) {
-  const ModelRow* row = findRow(spec.config.category, spec.config.modelName);
-  return row != nullptr && row->onBothEngines;
+bool isOnBothEngines(const Family& family) {
+  return family.isOn("OpenVINO") && family.isOn("ONNXRuntime");
 }
 
-// The network of `spec` for the other engine: beside it, or where the YOLO exporter puts the two,
-// "NAME.onnx" and "NAME_openvino_model/NAME.xml".
+// "YOLO8, YOLO5 and YOLO26".
+std::string familiesOnBothEngines() {
+  std::vector<std::string> names;
+  for (const Family& family : families()) {
+    if (isOnBothEngines(family)) names.push_back(family.modelName);
+  }
+  const std::string last = names.back();
+  names.pop_back();
+  return joined(names, ", ") + " and " + last;
+}
+
+// The network of `spec` for the other engine: in the same folder, or where the YOLO exporter puts
+// the two, "NAME.onnx" and "NAME_openvino_model/NAME.xml".
 fs::path otherFile(const ModelSpec& spec) {
   const fs::path file = spec.networkFile();
   const bool isXml = spec.config.engine == "OpenVINO";
   const fs::path folder = file.parent_path();
   const std::string name = file.stem().string() + (isXml ? ".onnx" : ".xml");
-  const fs::path places[] = {
+  const fs::path candidates[] = {
       folder / name, folder / (isXml ? ".." : file.stem().string() + "_openvino_model") / name};
-  for (const fs::path& place : places) {
-    if (fs::is_regular_file(place)) return place;
+  for (const fs::path& candidate : candidates) {
+    if (fs::is_regular_file(candidate)) return candidate;
   }
-  throw PipelineError(spec.place, "there is no network for the other engine, \"" +
-                                      places[0].lexically_normal().string() +
-                                      "\": export it or name it with --other");
+  throw PipelineError(spec.location, "there is no network for the other engine, " +
+                                         inQuotes(candidates[0].lexically_normal().string()) +
+                                         ": export it or name it with --other");
 }
 
 // The same model on the other engine.
-ModelSpec swapped(const ModelSpec& spec, const std::string& given) {
+ModelSpec forOtherEngine(const ModelSpec& spec, const std::string& given) {
   ModelSpec other = spec;
   const bool toOnnx = spec.config.engine == "OpenVINO";
   other.config.engine = toOnnx ? "ONNXRuntime" : "OpenVINO";
@@ -127,53 +145,51 @@ ModelSpec swapped(const ModelSpec& spec, const std::string& given) {
 }
 
 // The detectors of the pipeline that both engines have, on OpenVINO and on ONNX Runtime.
-std::pair<Pipeline, Pipeline> bothPipelines(const CompareEnginesOptions& options,
-                                            Console* console) {
+std::pair<Pipeline, Pipeline> pipelinesForBoth(const Options& options, Console* console) {
   std::pair<Pipeline, Pipeline> both;
   for (ModelSpec spec : readPipeline(options.pipeline).models) {
-    if (!isOnBothEngines(spec)) {
-      console->note(spec.name + " runs on OpenVINO alone and is left out");
+    const Family* family = spec.family();
+    if (family == nullptr || !isOnBothEngines(*family)) {
+      console->note(spec.name + " runs on OpenVINO only and is left out");
       continue;
     }
     if (!options.other.empty() && !both.first.models.empty()) {
       throw PipelineError(options.pipeline, "--other goes with one detector only");
     }
-    if (spec.config.modelName == "YOLO5") {
-      console->note(spec.name +
-                    " sees blue first on OpenVINO and red first on ONNX Runtime, so "
-                    "coloured pictures give other scores");
-    }
-    ModelSpec other = swapped(spec, options.other);
+    if (!family->engineNote.empty()) console->note(spec.name + " " + family->engineNote);
+    ModelSpec other = forOtherEngine(spec, options.other);
     if (spec.config.engine != "OpenVINO") std::swap(spec, other);
     both.first.models.push_back(std::move(spec));
     both.second.models.push_back(std::move(other));
   }
   if (both.first.models.empty()) {
     throw PipelineError(options.pipeline,
-                        "no model runs on both engines; YOLO8, YOLO5 and YOLO26 do");
+                        "no model runs on both engines; " + familiesOnBothEngines() + " do");
   }
   return both;
 }
 
 class EngineComparison {
  public:
-  EngineComparison(const CompareEnginesOptions& options, Console* console, const LogToConsole* log)
+  EngineComparison(const Options& options, Console* console, const LogToConsole* log)
       : options_(options), console_(*console), log_(*log) {}
 
-  int go() {
+  int run() {
     try {
-      const auto [openVino, onnxRuntime] = bothPipelines(options_, &console_);
+      const auto [openVino, onnxRuntime] = pipelinesForBoth(options_, &console_);
       chains_.push_back(std::make_unique<Chain>(openVino, &log_));
       chains_.push_back(std::make_unique<Chain>(onnxRuntime, &log_));
       for (const ModelSpec& spec : openVino.models) {
-        leastScore_ = std::min(leastScore_, double{spec.config.scoreThreshold});
+        minThreshold_ = std::min(minThreshold_, double{spec.config.scoreThreshold});
       }
     } catch (const std::exception& error) {
       console_.note(error.what());
       return kUsageError;
     }
     const InputList list = expandInputs(options_.inputs, false);
-    for (const std::string& problem : list.problems) fail(problem);
+    for (const InputProblem& problem : list.problems) {
+      fail(problem.input + ": " + problem.reason);
+    }
     if (!options_.json) write("OpenVINO  ONNXRuntime  matched  edges px   score  input\n");
     for (const std::string& input : list.inputs) {
       try {
@@ -195,31 +211,32 @@ class EngineComparison {
   }
 
   void compareInput(const std::string& input) {
-    Source source(input);
-    cv::Mat picture;
+    FrameSource source(input);
+    cv::Mat image;
     std::int64_t index = 0;
-    for (; (options_.maxFrames == 0 || index < options_.maxFrames) && source.next(&picture);
+    for (; (options_.maxFrames == 0 || index < options_.maxFrames) && source.next(&image);
          ++index) {
       std::vector<VsaFrame> frames;
       for (const auto& chain : chains_) {
-        frames.push_back(frameOf(picture));
+        frames.push_back(frameOf(image));
         const std::vector<Failure> failures = chain->run(&frames.back());
         if (!failures.empty()) {
           throw std::runtime_error(chain->nameOf(failures[0].model) + ": " + failures[0].reason);
         }
       }
-      report(source.isVideo() ? input + " frame " + std::to_string(index) : input,
-             frames[0].objects, frames[1].objects);
+      print(source.isVideo() ? input + " frame " + std::to_string(index) : input, frames[0].objects,
+            frames[1].objects);
     }
     if (index == 0) throw std::runtime_error("no frame can be read");
   }
 
-  void report(const std::string& name, const std::vector<VsaObject>& first,
-              const std::vector<VsaObject>& second) {
+  void print(const std::string& name, const std::vector<VsaObject>& first,
+             const std::vector<VsaObject>& second) {
     const Difference found = difference(first, second);
-    // An object that only just passes the threshold on one engine may miss it on the other.
-    const bool isGood = found.pixels <= options_.pixels && found.score <= options_.score &&
-                        found.alone <= (leastScore_ > 0.0 ? leastScore_ + options_.score : 0.0);
+    // An object that barely passes the threshold on one engine may miss it on the other.
+    const bool isGood =
+        found.pixels <= options_.pixels && found.score <= options_.score &&
+        found.unmatched <= (minThreshold_ > 0.0 ? minThreshold_ + options_.score : 0.0);
     if (!isGood) status_ = kSomeFailed;
     if (options_.json) {
       Json::Value json;
@@ -239,21 +256,58 @@ class EngineComparison {
     write(line + printable(name) + (isGood ? "" : "  (differs)") + "\n");
   }
 
-  const CompareEnginesOptions& options_;
+  const Options& options_;
   Console& console_;
   const LogToConsole& log_;
   std::vector<std::unique_ptr<Chain>> chains_;
-  double leastScore_ = 1.0;
+  double minThreshold_ = 1.0;
   int status_ = kDone;
+};
+
+class CompareEngines : public Command {
+ public:
+  CompareEngines() : Command("compare-engines", "Compare the results of the two engines") {}
+
+ protected:
+  void addOptions(CLI::App* command) override {
+    addPipeline(command, "JSON file that names a detector");
+    command->add_option("INPUT", options_.inputs, "Images, videos, folders of them, patterns")
+        ->type_name("")
+        ->required();
+    command
+        ->add_option("--other", options_.other,
+                     "Network for the other engine (default: the file next to the first, .onnx for "
+                     ".xml and vice versa)")
+        ->type_name("FILE");
+    command->add_option("--pixels", options_.pixels, "Allowed difference of box edges")
+        ->check(CLI::NonNegativeNumber)
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    command->add_option("--score", options_.score, "Allowed difference of scores")
+        ->check(CLI::Range(0.0, 1.0))
+        ->type_name("NUMBER")
+        ->capture_default_str();
+    addMaxFrames(command, "Stop each video after this many frames");
+    addJson(command, "Print JSON Lines, one object per image");
+    addVerbose(command);
+  }
+
+  int run(Console* console, const LogToConsole* log) const override {
+    Options options = options_;
+    options.pipeline = pipeline_;
+    options.maxFrames = maxFrames_;
+    options.json = json_;
+    return EngineComparison(options, console, log).run();
+  }
+
+ private:
+  Options options_;
 };
 
 }  // namespace
 
-int compareEngines(const CompareEnginesOptions& options) {
-  if (!options.verbose) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
-  Console console;
-  const LogToConsole log(&console, options.verbose);
-  return EngineComparison(options, &console, &log).go();
+std::unique_ptr<Command> makeCompareEngines() {
+  return std::make_unique<CompareEngines>();
 }
 
 }  // namespace vsa

@@ -1,11 +1,12 @@
-// Standard output, standard error, and what differs between systems about them.
 #include "Console.h"
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <iostream>
 
+#include "Messages.h"
 #include "Text.h"
 
 #if defined(_WIN32)
@@ -15,8 +16,6 @@
 #else
 #include <poll.h>
 #include <unistd.h>
-
-#include <csignal>
 #endif
 
 namespace vsa {
@@ -30,6 +29,13 @@ bool isTerminal(std::FILE* stream) {
 #endif
 }
 
+volatile std::sig_atomic_t interrupted = 0;
+
+extern "C" void onInterrupt(int signal) {
+  interrupted = 1;
+  std::signal(signal, SIG_DFL);
+}
+
 }  // namespace
 
 Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isTerminal(stderr)) {
@@ -37,8 +43,7 @@ Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isT
   SetConsoleOutputCP(CP_UTF8);
   _setmode(_fileno(stdout), _O_BINARY);  // JSON Lines end in "\n" everywhere
 #else
-  // A pipe whose reader has gone is to be seen as a failed write, after which everything is closed
-  // as at any other end.
+  // If the reader of a pipe has gone, a failed write ends the work in order instead of a signal.
   std::signal(SIGPIPE, SIG_IGN);
 #endif
 }
@@ -47,7 +52,7 @@ bool Console::write(std::string_view text) {
   if (outputIsTerminal_) clear();
   if (outputWorks_ && (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
                        std::fflush(stdout) != 0)) {
-    // That the reader of a pipe has gone needs no message.
+    // A closed pipe needs no message.
     if (errno != EPIPE) note("the results cannot be written to standard output");
     outputWorks_ = false;
   }
@@ -56,11 +61,19 @@ bool Console::write(std::string_view text) {
 
 bool Console::waitForInput() {
 #if !defined(_WIN32)
-  // Unlike a read, poll() is not begun again after a signal.
+  // Unlike a read, poll() is not restarted after a signal.
   pollfd input{STDIN_FILENO, POLLIN, 0};
   if (std::cin.rdbuf()->in_avail() <= 0 && poll(&input, 1, -1) < 0) return errno != EINTR;
 #endif
   return true;
+}
+
+void Console::catchInterrupt() {
+  std::signal(SIGINT, onInterrupt);
+}
+
+bool Console::isInterrupted() {
+  return interrupted != 0;
 }
 
 void Console::note(const std::string& sentence) {
@@ -70,7 +83,7 @@ void Console::note(const std::string& sentence) {
   std::fprintf(stderr, "%s\n", text.c_str());
 }
 
-void Console::progress(double share, const std::string& text) {
+void Console::progress(double fraction, const std::string& text) {
   constexpr int kBar = 30;
   const auto now = std::chrono::steady_clock::now();
   if (!errorIsTerminal_ || now - start_ < std::chrono::seconds(1) ||
@@ -78,11 +91,11 @@ void Console::progress(double share, const std::string& text) {
     return;
   }
   drawn_ = now;
-  share = std::clamp(share, 0.0, 1.0);
-  const auto filled = static_cast<std::size_t>(share * kBar);
+  fraction = std::clamp(fraction, 0.0, 1.0);
+  const auto filled = static_cast<std::size_t>(fraction * kBar);
   const std::string bar = std::string(filled, '#') + std::string(kBar - filled, '.');
-  // The text is ASCII and short; 42 letters keep the line below 80 columns.
-  std::fprintf(stderr, "\r[%s] %3.0f%% %-42.42s", bar.c_str(), share * 100.0, text.c_str());
+  // The text is ASCII; 42 characters keep the line below 80 columns.
+  std::fprintf(stderr, "\r[%s] %3.0f%% %-42.42s", bar.c_str(), fraction * 100.0, text.c_str());
   std::fflush(stderr);
   shown_ = true;
 }

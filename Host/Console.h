@@ -1,5 +1,5 @@
-// The two streams of the host: results on standard output, messages and a progress bar on standard
-// error. They are in one place because on a terminal the bar must give way to both.
+// The terminal: results on standard output, messages and a progress bar on standard error, Ctrl-C.
+// One class writes to both streams because on a terminal the bar must be removed before either.
 #pragma once
 
 #include <chrono>
@@ -12,24 +12,27 @@ class Console {
  public:
   Console();
 
-  /// Writes results to standard output and flushes them. Returns false from then on once they
-  /// cannot be written, for example because the reader of a pipe has gone.
+  /// Writes results to standard output and flushes them. Once a write has failed, for example
+  /// because the reader of a pipe has gone, this and all later calls return false.
   bool write(std::string_view text);
 
-  /// Waits until there is something to read on standard input, or its end; false where a signal
-  /// came first.
+  /// Waits for standard input to have data or to end. False if a signal came first.
   static bool waitForInput();
+
+  /// From now on the first Ctrl-C only sets isInterrupted(); the second one ends the program.
+  static void catchInterrupt();
+  static bool isInterrupted();
 
   /// Writes "vsa: ..." to standard error, on a terminal in lines of its width.
   void note(const std::string& sentence);
 
-  /// Shows how far the work is (0 to 1), on a terminal and after the first second only.
-  void progress(double share, const std::string& text);
+  /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.
+  void progress(double fraction, const std::string& text);
 
   /// Removes the progress bar.
   void clear();
 
-  /// Columns of the terminal that results go to; 0 where they go elsewhere.
+  /// Columns of the terminal on standard output; 0 if it is not a terminal.
   int columns() const { return outputIsTerminal_ ? kColumns : 0; }
 
  private:

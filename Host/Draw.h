@@ -1,34 +1,31 @@
-// Draws results into a picture: boxes, quadrilaterals, poses and outlines, with labels that keep
-// out of each other's way.
+// Draws results into an image: boxes, quadrilaterals, poses and outlines, with labels that avoid
+// each other.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
 
-#include <memory>
 #include <opencv2/core.hpp>
 #include <string>
 #include <vector>
 
+#include "Font.h"
+
 namespace vsa {
 
-/// Corners of the object in its picture, limited to what OpenCV can draw: the quadrilateral of a
-/// text region, else the box, turned about its centre where it has an angle (in radians).
+/// Corners of the object in its image, clamped to values that OpenCV can draw: the quadrilateral of
+/// a text region, else the box, rotated about its centre by its angle (in radians) if it has one.
 std::vector<cv::Point> cornersOf(const VsaObject& object);
 
 class Painter {
  public:
-  /// `fontFile` is a TrueType or OpenType font; empty looks in the usual places for one with
-  /// Chinese letters. Without a font, labels are in ASCII with "?" for other letters. Throws
-  /// std::runtime_error for a font that was asked for and cannot be used.
-  explicit Painter(const std::string& fontFile);
-  ~Painter();
+  /// See Font for `fontFile`.
+  explicit Painter(const std::string& fontFile) : font_(fontFile) {}
 
-  /// Draws the objects into an 8-bit BGR picture.
-  void paint(cv::Mat* picture, const std::vector<VsaObject>& objects) const;
+  /// Draws the objects into an 8-bit BGR image.
+  void paint(cv::Mat* image, const std::vector<VsaObject>& objects) const;
 
  private:
-  class Font;
-  std::unique_ptr<Font> font_;
+  Font font_;
 };
 
 }  // namespace vsa

@@ -1,7 +1,6 @@
-// A sink of glog that picks out the library's "[E]" lines.
 #include "Log.h"
 
-#include "Text.h"
+#include "Messages.h"
 
 namespace vsa {
 
@@ -23,7 +22,7 @@ void LogToConsole::send(google::LogSeverity severity, const char* /*fullName*/,
                         std::size_t length) {
   const std::string text = oneLine({message, length});
   const bool isError = text.find("[E]") != std::string::npos || severity >= google::GLOG_ERROR;
-  // A video that fails tells the same for every frame.
+  // A video that fails logs the same line for every frame.
   if ((isError && text != last_) || verbose_) console_->note(text);
   if (isError) last_ = text;
   if (isError) ++errors_;

@@ -1,4 +1,4 @@
-// What the library logs, as far as people want to see it.
+// The log lines of the library, on the console.
 #pragma once
 
 #include <glog/logging.h>
@@ -10,8 +10,8 @@
 
 namespace vsa {
 
-/// Shows the library's log lines on standard error: those that give the reason of a failure always,
-/// the others when asked for. glog itself writes nothing.
+/// Shows the library's error lines on standard error, and all other lines if `verbose`. While it
+/// exists, glog itself writes nothing.
 class LogToConsole : public google::LogSink {
  public:
   LogToConsole(Console* console, bool verbose);
@@ -22,7 +22,7 @@ class LogToConsole : public google::LogSink {
   void send(google::LogSeverity severity, const char* fullName, const char* baseName, int line,
             const google::LogMessageTime& time, const char* message, std::size_t length) override;
 
-  /// Number of lines so far that tell of a failure.
+  /// Number of error lines so far.
   int errors() const { return errors_; }
 
  private:

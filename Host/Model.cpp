@@ -1,7 +1,8 @@
-// The calls of the library in their order: fill the two records, VsaModelInit, one run call for
-// each frame, VsaModelRelease.
+// The calls of the library in order: fill the two records, VsaModelInit, one run call for each
+// frame, VsaModelRelease.
 #include "Model.h"
 
+#include "Messages.h"
 #include "Text.h"
 
 namespace vsa {
@@ -14,20 +15,20 @@ Model::Model(const ModelSpec& spec) : spec_(spec) {
   try {
     ready = VsaModelInit(&context_);
   } catch (const std::exception& error) {
-    // Nothing to release: the context is as it was.
-    throw PipelineError(spec_.place, "the model cannot be loaded: " + oneLine(error.what()));
+    // There is nothing to release: the context is unchanged.
+    throw PipelineError(spec_.location, "the model cannot be loaded: " + oneLine(error.what()));
   }
   if (ready) return;
-  // The destructor does not run for a half-made object, and the library leaves a set, with the
-  // model in it where the model refused its network.
+  // The destructor does not run if the constructor throws, and the library leaves a set: with a
+  // model in it if the model refused its network, else empty.
   const VsaModelSet* set = context_.models;
   const bool isKnown = set != nullptr && (set->detect || set->feature || set->classify);
   VsaModelRelease(&context_);
-  if (isKnown) throw PipelineError(spec_.place, "the model refuses its network");
-  throw PipelineError(spec_.place, "the library has no model \"" +
-                                       printable(spec_.config.modelName) + "\" for category \"" +
-                                       spec_.config.category + "\" on engine \"" +
-                                       spec_.config.engine + '"');
+  if (isKnown) throw PipelineError(spec_.location, "the model refuses its network");
+  throw PipelineError(spec_.location, "the library has no model " +
+                                          inQuotes(spec_.config.modelName) + " for category " +
+                                          inQuotes(spec_.config.category) + " on engine " +
+                                          inQuotes(spec_.config.engine));
 }
 
 Model::~Model() {
@@ -35,7 +36,7 @@ Model::~Model() {
 }
 
 bool Model::run(VsaFrame* frame) {
-  // What is wanted belongs to the frame but is a matter of each model.
+  // The wanted names are members of the frame but set for each model.
   frame->wantedClasses = spec_.wantedClasses;
   frame->wantedLabels = spec_.wantedLabels;
   if (spec_.config.category == "Detect") return VsaModelDetect(&context_, frame);

@@ -1,4 +1,3 @@
-// OpenVINO's read_model and ONNX Runtime's session, seen through one pair of glasses.
 #include "ModelFile.h"
 
 #include <onnxruntime_cxx_api.h>
@@ -11,7 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "Text.h"
+#include "Messages.h"
 
 #if !defined(_WIN32)
 #include <fcntl.h>
@@ -25,8 +24,8 @@ namespace fs = std::filesystem;
 
 using Shape = std::vector<std::int64_t>;
 
-// Where exporters leave their notes in OpenVINO's run-time information: at its top, in the group of
-// the YOLO exporters and in that of ovc, which moves the metadata of an ONNX file there.
+// Exporters write metadata into OpenVINO's run-time information at three levels: the top, the group
+// of the YOLO exporters, and the group to which ovc copies the metadata of an ONNX file.
 constexpr std::array<const char*, 2> kGroups = {"model_info", "framework"};
 constexpr std::array<const char*, 10> kKeys = {"names",  "labels", "imgsz",     "task",
                                                "stride", "author", "character", "kpt_shape",
@@ -46,17 +45,17 @@ Port portOf(const ov::Output<const ov::Node>& node) {
   return port;
 }
 
-// Nothing reaches standard error while it lives. OpenVINO tries a file that it does not know with
-// all its readers, some of which print what they think of it.
+// While it exists, standard error is discarded. OpenVINO tries all its readers on a file of unknown
+// format, and some of them print messages.
 class Silence {
  public:
 #if defined(_WIN32)
   Silence() {}  // not trivial, so that a variable of it counts as used
 #else
   Silence() : kept_(dup(STDERR_FILENO)) {
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (kept_ >= 0 && nowhere >= 0) dup2(nowhere, STDERR_FILENO);
-    if (nowhere >= 0) close(nowhere);
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (kept_ >= 0 && null >= 0) dup2(null, STDERR_FILENO);
+    if (null >= 0) close(null);
   }
   ~Silence() {
     if (kept_ < 0) return;
@@ -78,23 +77,23 @@ ModelFile readOpenVino(const std::string& path) {
   const std::shared_ptr<const ov::Model> model = core.read_model(path);
   for (const auto& input : model->inputs()) file.inputs.push_back(portOf(input));
   for (const auto& output : model->outputs()) file.outputs.push_back(portOf(output));
-  const auto look = [&](const std::vector<std::string>& place) {
+  const auto read = [&](const std::vector<std::string>& keys) {
     try {
-      if (model->has_rt_info(place)) {
-        file.metadata.emplace(place.back(), model->get_rt_info<ov::Any>(place).as<std::string>());
+      if (model->has_rt_info(keys)) {
+        file.metadata.emplace(keys.back(), model->get_rt_info<ov::Any>(keys).as<std::string>());
       }
     } catch (const ov::Exception&) {
-      // A note that is no text tells nothing.
+      // Values that are not text are skipped.
     }
   };
   for (const char* key : kKeys) {
-    for (const char* group : kGroups) look({group, key});
-    if (std::string_view(key) != "version") look({key});  // at the top it is the format's
+    for (const char* group : kGroups) read({group, key});
+    if (std::string_view(key) != "version") read({key});  // at the top it is that of the format
   }
   return file;
 }
 
-// The element types that networks for pictures come with; others are told by their number.
+// The usual element types by name, others by number.
 std::string typeText(ONNXTensorElementDataType type) {
   static const std::map<ONNXTensorElementDataType, std::string> names = {
       {ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT, "f32"},  {ONNX_TENSOR_ELEMENT_DATA_TYPE_FLOAT16, "f16"},
@@ -124,14 +123,14 @@ Ort::Session openOnnx(const Ort::Env& environment, const std::string& path,
   return {environment, file.c_str(), options};
 }
 
-// Older engines than the headers have a null table of calls.
+// An engine older than the headers returns a null function table.
 void requireOnnxRuntime() {
   if (OrtGetApiBase()->GetApi(ORT_API_VERSION) == nullptr) {
-    throw std::runtime_error("this ONNX Runtime is older than vsa was built for");
+    throw std::runtime_error("ONNX Runtime is older than the version that vsa was built for");
   }
 }
 
-// The engine's own lines on standard error would tell again what it throws.
+// Logs nothing: the engine would print the same text that it throws.
 Ort::Env quietEnvironment() {
   requireOnnxRuntime();
   return {ORT_LOGGING_LEVEL_FATAL, "vsa"};
@@ -161,7 +160,7 @@ ModelFile readOnnx(const std::string& path) {
 }  // namespace
 
 std::string Port::text() const {
-  if (type.empty()) return "no tensor";
+  if (type.empty()) return "not a tensor";
   std::string text = type + " [";
   for (const std::int64_t side : shape) {
     if (!text.ends_with('[')) text += ',';
@@ -173,7 +172,7 @@ std::string Port::text() const {
 ModelFile readModelFile(const std::string& path) {
   std::error_code unused;
   if (fs::is_directory(path, unused)) {
-    throw std::runtime_error(path + ": this is a folder, not a network file");
+    throw std::runtime_error(path + ": not a network file but a folder");
   }
   if (!fs::is_regular_file(path, unused)) throw std::runtime_error(path + ": no such file");
   const bool isXml = fs::path(path).extension() == ".xml";
@@ -193,7 +192,7 @@ ModelFile readModelFile(const std::string& path) {
 BareNetwork openBare(const std::string& engine, const std::string& path,
                      const std::string& device) {
   if (engine == "OpenVINO") {
-    const auto core = std::make_shared<ov::Core>();  // kept: the network is its
+    const auto core = std::make_shared<ov::Core>();  // must outlive the network
     ov::InferRequest request = core->compile_model(path, device).create_infer_request();
     return [core, request, input = ov::Tensor()](const Shape& shape) mutable {
       const ov::Shape wanted(shape.begin(), shape.end());

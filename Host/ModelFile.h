@@ -1,5 +1,5 @@
-// A network file as the engine itself sees it: opened with the engine's own reader, and run bare,
-// without the library. The one place of the host that uses the engines.
+// A network file as the engine sees it: opened with the engine's own reader, or run without the
+// library. No other file of the host uses the engines.
 #pragma once
 
 #include <cstdint>
@@ -10,13 +10,13 @@
 
 namespace vsa {
 
-/// Stands for a dimension that the file leaves open.
+/// A dimension that the file leaves open.
 inline constexpr std::int64_t kAnySize = -1;
 
-/// An input or output.
+/// An input or output of a network.
 struct Port {
   std::string name;
-  std::string type;    ///< Element type in OpenVINO's words, "f32"; empty where it is no tensor.
+  std::string type;    ///< Element type as OpenVINO names it, "f32"; empty if not a tensor.
   bool ranked = true;  ///< Whether the number of dimensions is known.
   std::vector<std::int64_t> shape = {};
 
@@ -24,23 +24,25 @@ struct Port {
   std::string text() const;
 };
 
-/// What a file holds besides its weights.
+/// What a file holds besides the weights.
 struct ModelFile {
   std::string path;
   std::string engine;  ///< "OpenVINO" or "ONNXRuntime".
   std::vector<Port> inputs;
   std::vector<Port> outputs;
-  /// What exporters write about names and sizes, by its own key ("names", "imgsz", "task").
+  /// What the exporter wrote about names and sizes, by its keys ("names", "imgsz", "task").
   std::map<std::string, std::string> metadata;
 };
 
 /// Opens an .xml file with OpenVINO, any other with ONNX Runtime. Throws std::runtime_error with
-/// one sentence where there is no such file or the engine refuses it.
+/// one sentence if there is no such file or the engine refuses it.
 ModelFile readModelFile(const std::string& path);
 
-/// Opens a network of one float input with the settings that the library uses. The function that it
-/// gives runs it once on a grey input of that shape. Both throw std::exception.
+/// Runs a network once on a grey input of that shape. Throws std::exception.
 using BareNetwork = std::function<void(const std::vector<std::int64_t>& shape)>;
+
+/// Opens a network with one float input, with the settings that the library uses. Throws
+/// std::exception.
 BareNetwork openBare(const std::string& engine, const std::string& path, const std::string& device);
 
 }  // namespace vsa

@@ -1,7 +1,4 @@
-// Reads objects from JSON, and moves them between sizes of one picture.
 #include "Objects.h"
-
-#include <json/json.h>
 
 #include <algorithm>
 #include <cmath>
@@ -13,17 +10,18 @@
 #include <stdexcept>
 
 #include "Inputs.h"
+#include "Messages.h"
 #include "Text.h"
 
 namespace vsa {
 namespace {
 
-int whole(const Json::Value& value) {
+int integer(const Json::Value& value) {
   if (!value.isInt()) throw std::runtime_error("a whole number is missing or too large");
   return value.asInt();
 }
 
-// objectJson() writes null for what is not finite.
+// objectJson() writes null for numbers that are not finite.
 float number(const Json::Value& value) {
   if (value.isNull()) return std::numeric_limits<float>::quiet_NaN();
   if (!value.isNumeric()) throw std::runtime_error("a number is missing");
@@ -35,7 +33,7 @@ std::string text(const Json::Value& value) {
   return value.asString();
 }
 
-// An array of `size` values, of any number for 0.
+// An array of `size` values, or of any length if `size` is 0.
 const Json::Value& array(const Json::Value& value, Json::ArrayIndex size) {
   if (!value.isArray() || (size != 0 && value.size() != size)) {
     throw std::runtime_error("an array is missing or has another length");
@@ -43,7 +41,7 @@ const Json::Value& array(const Json::Value& value, Json::ArrayIndex size) {
   return value;
 }
 
-// The array of that name, null where there is none.
+// The array of that name; null if there is none.
 const Json::Value& optionalArray(const Json::Value& parent, const char* key) {
   const Json::Value& value = parent[key];
   if (parent.isMember(key) && !value.isArray()) {
@@ -59,7 +57,7 @@ const Json::Value& object(const Json::Value& value) {
 
 VsaPoint point(const Json::Value& value) {
   array(value, 2);
-  return {whole(value[0]), whole(value[1])};
+  return {integer(value[0]), integer(value[1])};
 }
 
 Json::Value parseLine(const std::string& line) {
@@ -70,44 +68,50 @@ Json::Value parseLine(const std::string& line) {
   Json::Value value;
   std::string errors;
   if (!reader->parse(line.data(), line.data() + line.size(), &value, &errors)) {
-    throw std::runtime_error("this is no JSON");
+    throw std::runtime_error("not JSON");
   }
   if (!strict->parse(line.data(), line.data() + line.size(), &value, &errors)) {
-    throw std::runtime_error("there is text behind the JSON");
+    throw std::runtime_error("there is text after the JSON");
   }
   return object(value);
 }
 
 }  // namespace
 
-VsaObject objectOf(const Json::Value& json, const cv::Size& picture) {
+VsaObject objectFromJson(const Json::Value& json, const cv::Size& imageSize) {
   VsaObject found;
-  found.imageWidth = picture.width;
-  found.imageHeight = picture.height;
+  found.imageWidth = imageSize.width;
+  found.imageHeight = imageSize.height;
   if (object(json).isMember("corners")) {
     const Json::Value& corners = array(json["corners"], 4);
     const VsaPoint points[] = {point(corners[0]), point(corners[1]), point(corners[2]),
                                point(corners[3])};
-    found.left = points[0].x, found.top = points[0].y;
-    found.right = points[1].x, found.bottom = points[1].y;
-    found.cornerX2 = points[2].x, found.cornerY2 = points[2].y;
-    found.cornerX3 = points[3].x, found.cornerY3 = points[3].y;
+    found.left = points[0].x;
+    found.top = points[0].y;
+    found.right = points[1].x;
+    found.bottom = points[1].y;
+    found.cornerX2 = points[2].x;
+    found.cornerY2 = points[2].y;
+    found.cornerX3 = points[3].x;
+    found.cornerY3 = points[3].y;
   } else {
     const Json::Value& box = array(json["box"], 4);
-    found.left = whole(box[0]), found.top = whole(box[1]);
-    found.right = whole(box[2]), found.bottom = whole(box[3]);
+    found.left = integer(box[0]);
+    found.top = integer(box[1]);
+    found.right = integer(box[2]);
+    found.bottom = integer(box[3]);
   }
   found.score = number(json["score"]);
-  found.classId = whole(json["classId"]);
+  found.classId = integer(json["classId"]);
   found.className = text(json["className"]);
   if (json.isMember("angle")) found.angle = number(json["angle"]);
   for (const Json::Value& entry : optionalArray(json, "shapes")) {
     VsaShape& shape = found.shapes.emplace_back();
-    shape.tag = whole(object(entry)["tag"]);
-    for (const Json::Value& at : array(entry["points"], 0)) shape.points.push_back(point(at));
+    shape.tag = integer(object(entry)["tag"]);
+    for (const Json::Value& pair : array(entry["points"], 0)) shape.points.push_back(point(pair));
   }
   if (json.isMember("classifyId")) {
-    found.classifyId = whole(json["classifyId"]);
+    found.classifyId = integer(json["classifyId"]);
     found.classifyScore = number(json["classifyScore"]);
     found.classifyName = text(json["classifyName"]);
   }
@@ -116,13 +120,14 @@ VsaObject objectOf(const Json::Value& json, const cv::Size& picture) {
     found.text = text(json["text"]);
     found.textScore = number(json["textScore"]);
   }
-  for (const Json::Value& value : optionalArray(json, "feature"))
+  for (const Json::Value& value : optionalArray(json, "feature")) {
     found.feature.push_back(number(value));
+  }
   return found;
 }
 
 RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
-  constexpr std::size_t kLongestLine = std::size_t{64} << 20;
+  constexpr std::size_t kMaxLineBytes = std::size_t{64} << 20;
   std::ifstream file(path, std::ios::binary);
   std::error_code unused;
   if (!file || std::filesystem::is_directory(path, unused)) {
@@ -130,7 +135,7 @@ RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
   }
   std::string line;
   Line read = Line::kRead;
-  for (std::int64_t number = 1; (read = readLine(&file, kLongestLine, &line)) != Line::kEnd;
+  for (std::int64_t number = 1; (read = readLine(&file, kMaxLineBytes, &line)) != Line::kEnd;
        ++number) {
     try {
       if (read == Line::kTooLong) throw std::runtime_error("the line is too long");
@@ -139,9 +144,9 @@ RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
       if (json.isMember("error")) continue;
       if (!json["frame"].isInt64()) throw std::runtime_error("the number of the frame is missing");
       Frame& frame = frames_[{text(json["input"]), json["frame"].asInt64()}];
-      frame = {whole(json["width"]), whole(json["height"]), {}};
+      frame = {integer(json["width"]), integer(json["height"]), {}};
       for (const Json::Value& entry : array(json["objects"], 0)) {
-        frame.objects.push_back(objectOf(entry, {frame.width, frame.height}));
+        frame.objects.push_back(objectFromJson(entry, {frame.width, frame.height}));
       }
     } catch (const std::exception& error) {
       throw std::runtime_error(path + ": line " + std::to_string(number) + ": " +
@@ -164,38 +169,41 @@ const std::vector<VsaObject>& RecordedObjects::of(const FrameInfo& info) const {
   return frame.objects;
 }
 
-cv::Mat shrunk(const cv::Mat& picture, int maxSide) {
-  const int longer = std::max(picture.cols, picture.rows);
-  if (maxSide == 0 || longer <= maxSide) return picture;
+cv::Mat shrunk(const cv::Mat& image, int maxSide) {
+  const int longer = std::max(image.cols, image.rows);
+  if (maxSide == 0 || longer <= maxSide) return image;
   const double factor = static_cast<double>(maxSide) / longer;
   const auto side = [factor](int pixels) {
     return std::max(1, static_cast<int>(std::lround(pixels * factor)));
   };
   cv::Mat smaller;
-  cv::resize(picture, smaller, {side(picture.cols), side(picture.rows)}, 0, 0, cv::INTER_AREA);
+  cv::resize(image, smaller, {side(image.cols), side(image.rows)}, 0, 0, cv::INTER_AREA);
   return smaller;
 }
 
 void rescale(const cv::Size& from, const cv::Size& to, std::vector<VsaObject>* objects) {
   if (from == to) return;
-  const auto moved = [](int* at, int fromSide, int toSide) {
-    constexpr double kMost = std::numeric_limits<int>::max();
-    const double target = std::round(static_cast<double>(*at) * toSide / fromSide);
-    *at = static_cast<int>(std::clamp(target, -kMost, kMost));
+  const auto scale = [](int* coordinate, int fromSide, int toSide) {
+    constexpr double kMax = std::numeric_limits<int>::max();
+    const double scaled = std::round(static_cast<double>(*coordinate) * toSide / fromSide);
+    *coordinate = static_cast<int>(std::clamp(scaled, -kMax, kMax));
   };
-  const auto x = [&](int* at) { moved(at, from.width, to.width); };
-  const auto y = [&](int* at) { moved(at, from.height, to.height); };
+  const auto scaleX = [&](int* x) { scale(x, from.width, to.width); };
+  const auto scaleY = [&](int* y) { scale(y, from.height, to.height); };
   for (VsaObject& object : *objects) {
     object.imageWidth = to.width;
     object.imageHeight = to.height;
-    for (int* at : {&object.left, &object.right}) x(at);
-    for (int* at : {&object.top, &object.bottom}) y(at);
+    for (int* x : {&object.left, &object.right}) scaleX(x);
+    for (int* y : {&object.top, &object.bottom}) scaleY(y);
     if (isTextRegion(object)) {
-      for (int* at : {&object.cornerX2, &object.cornerX3}) x(at);
-      for (int* at : {&object.cornerY2, &object.cornerY3}) y(at);
+      for (int* x : {&object.cornerX2, &object.cornerX3}) scaleX(x);
+      for (int* y : {&object.cornerY2, &object.cornerY3}) scaleY(y);
     }
     for (VsaShape& shape : object.shapes) {
-      for (VsaPoint& at : shape.points) x(&at.x), y(&at.y);
+      for (VsaPoint& point : shape.points) {
+        scaleX(&point.x);
+        scaleY(&point.y);
+      }
     }
   }
 }

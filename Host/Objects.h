@@ -1,7 +1,8 @@
-// Lists of objects: recorded earlier and read again, scaled with their picture, chosen by class.
+// Lists of objects: read from recorded results, and scaled with their image.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
+#include <json/json.h>
 
 #include <cstdint>
 #include <map>
@@ -10,20 +11,19 @@
 #include <utility>
 #include <vector>
 
-#include "Report.h"
+#include "Frame.h"
 
 namespace vsa {
 
-/// Results that vsa wrote as JSON Lines, by input and frame.
+/// Results that vsa wrote as JSON Lines, indexed by input and frame.
 class RecordedObjects {
  public:
-  /// Reads the whole file. Empty lines and those that tell of an error are passed over; where a
-  /// frame is there twice, the last one counts. Throws std::runtime_error with the place of what is
-  /// wrong.
+  /// Reads the whole file. Empty lines and error lines are skipped; if a frame is there twice, the
+  /// last one counts. Throws std::runtime_error with the line number of a mistake.
   explicit RecordedObjects(const std::string& path);
 
-  /// The objects of a frame, in its pixels. Throws std::runtime_error where none were recorded, or
-  /// for a frame of another size.
+  /// The objects of a frame, in its pixels. Throws std::runtime_error if the frame was not recorded
+  /// or had another size.
   const std::vector<VsaObject>& of(const FrameInfo& info) const;
 
  private:
@@ -37,14 +37,15 @@ class RecordedObjects {
   std::map<std::pair<std::string, std::int64_t>, Frame> frames_;
 };
 
-/// The inverse of objectJson() for a picture of that size. Throws std::exception for what vsa does
-/// not write.
-VsaObject objectOf(const Json::Value& json, const cv::Size& picture);
+/// The inverse of objectJson() for an image of that size. Throws std::exception if the value is not
+/// one that vsa writes.
+VsaObject objectFromJson(const Json::Value& json, const cv::Size& imageSize);
 
-/// The picture itself or, where its longer side has more than `maxSide` pixels, a smaller one.
-cv::Mat shrunk(const cv::Mat& picture, int maxSide);
+/// The image itself or, if its longer side has more than `maxSide` pixels, a smaller copy with such
+/// a side. 0 means no limit.
+cv::Mat shrunk(const cv::Mat& image, int maxSide);
 
-/// Moves the objects from the pixels of a picture to those of one of another size.
+/// Scales the objects from an image of one size to the same image in another size.
 void rescale(const cv::Size& from, const cv::Size& to, std::vector<VsaObject>* objects);
 
 }  // namespace vsa

@@ -1,5 +1,5 @@
-// Names the annotated files and writes them. Inputs are never written to: their folder is refused,
-// and a link that bears an output's name is removed before the output is made.
+// Inputs are never overwritten: an output folder that holds one is refused, and a link with the
+// name of an output is removed before the output is written.
 #include "Output.h"
 
 #include <algorithm>
@@ -15,20 +15,18 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A file name for an address: what stands behind its last slash, in harmless letters.
+// A file name for an address: the part after the last slash, with "_" for special characters.
 std::string nameOfAddress(const std::string& address) {
   std::string name = address.substr(0, address.find_first_of("?#"));
   name = name.substr(name.rfind('/') + 1);
-  for (char& letter : name) {
-    if (std::isalnum(static_cast<unsigned char>(letter)) == 0 && letter != '.') letter = '_';
+  for (char& c : name) {
+    if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '.') c = '_';
   }
   return name.empty() ? "stream" : name;
 }
 
 std::string lowerCase(std::string text) {
-  for (char& letter : text) {
-    letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-  }
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
 }
 
@@ -38,7 +36,7 @@ OutputFolder::OutputFolder(const std::string& path) : path_(path) {
   std::error_code error;
   fs::create_directories(path_, error);
   if (!fs::is_directory(path_)) {
-    throw std::runtime_error(path + ": the folder cannot be made" +
+    throw std::runtime_error(path + ": the folder cannot be created" +
                              (error ? " (" + error.message() + ")" : ""));
   }
 }
@@ -57,7 +55,7 @@ fs::path OutputFolder::newFile(const std::string& input, const std::string& suff
   const fs::path name = isAddress(input) ? fs::path(nameOfAddress(input)) : fs::path(input);
   const std::string stem = name.stem().string() + suffix;
   std::string chosen = stem + extension;
-  // Two inputs of one name get different outputs, also where case makes no difference to files.
+  // Two inputs of the same name get different outputs, even if file names ignore case.
   for (int number = 2; !used_.insert(lowerCase(chosen)).second; ++number) {
     chosen = stem + '-';
     chosen += std::to_string(number);
@@ -68,12 +66,12 @@ fs::path OutputFolder::newFile(const std::string& input, const std::string& suff
   return file;
 }
 
-void Output::write(const std::string& input, double frameRate, cv::Mat* frame,
-                   const std::vector<VsaObject>& objects) {
+void AnnotatedOutput::write(const std::string& input, double frameRate, cv::Mat* frame,
+                            const std::vector<VsaObject>& objects) {
   if (frameRate > 0.0 && !video_.isOpened()) openVideo(input, frameRate, frame->size());
   painter_.paint(frame, objects);
   if (frameRate > 0.0) {
-    // A stream may change its size on the way, a file cannot.
+    // A stream may change its size, a file cannot.
     if (frame->size() != videoSize_) cv::resize(*frame, *frame, videoSize_);
     video_.write(*frame);
     return;
@@ -84,11 +82,11 @@ void Output::write(const std::string& input, double frameRate, cv::Mat* frame,
   if (!cv::imwrite(file, *frame)) throw std::runtime_error(file + " cannot be written");
 }
 
-void Output::openVideo(const std::string& input, double frameRate, const cv::Size& size) {
+void AnnotatedOutput::openVideo(const std::string& input, double frameRate, const cv::Size& size) {
   const std::string file = folder_.newFile(input, "", ".mp4").string();
   videoSize_ = size;
-  // H.264, which every player knows, where there is an encoder; MPEG-4 part 2 is nearly always
-  // there.
+  // H.264, which every player supports, if there is an encoder; else MPEG-4 part 2, which is nearly
+  // always there.
   for (const char* codec : {"avc1", "mp4v"}) {
     if (video_.open(file, cv::VideoWriter::fourcc(codec[0], codec[1], codec[2], codec[3]),
                     frameRate, size)) {
@@ -98,7 +96,7 @@ void Output::openVideo(const std::string& input, double frameRate, const cv::Siz
   throw std::runtime_error(file + " cannot be written");
 }
 
-void Output::finish() {
+void AnnotatedOutput::finish() {
   video_.release();
 }
 
@@ -107,15 +105,16 @@ std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
   std::vector<std::string> files;
   for (const VsaObject& object : objects) {
     std::string& file = files.emplace_back();
-    cv::Rect place = cv::boundingRect(cornersOf(object));
-    --place.width, --place.height;  // corners lie between pixels
-    place &= cv::Rect(cv::Point(0, 0), frame.size());
-    if (place.empty()) continue;
+    cv::Rect area = cv::boundingRect(cornersOf(object));
+    --area.width;  // corners lie between pixels
+    --area.height;
+    area &= cv::Rect(cv::Point(0, 0), frame.size());
+    if (area.empty()) continue;
     std::string suffix = "-";
     if (info.time) suffix.append(std::to_string(info.index)).append("-");
     suffix += std::to_string(files.size());
     file = folder->newFile(info.input, suffix, ".png").string();
-    if (!cv::imwrite(file, frame(place))) throw std::runtime_error(file + " cannot be written");
+    if (!cv::imwrite(file, frame(area))) throw std::runtime_error(file + " cannot be written");
   }
   return files;
 }

@@ -1,4 +1,4 @@
-// Annotated pictures and videos, and pictures of single objects, each kind in a folder of its own.
+// Annotated images and videos, and cropped images of single objects, each in a folder of its own.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -11,22 +11,22 @@
 #include <vector>
 
 #include "Draw.h"
-#include "Report.h"
+#include "Frame.h"
 
 namespace vsa {
 
-/// A folder that takes files named after inputs and never harms an input.
+/// A folder for files that are named after inputs. It never harms an input.
 class OutputFolder {
  public:
-  /// Makes the folder. Throws std::runtime_error where that fails.
+  /// Creates the folder. Throws std::runtime_error if that fails.
   explicit OutputFolder(const std::string& path);
 
   const std::filesystem::path& path() const { return path_; }
 
-  /// Throws std::runtime_error where the input lies in the folder.
+  /// Throws std::runtime_error if the input lies in the folder.
   void refuse(const std::string& input) const;
 
-  /// The path of a new file: the name of the input, `suffix`, a number where that is taken.
+  /// The path of a new file: the name of the input, `suffix`, and a number if that name is taken.
   std::filesystem::path newFile(const std::string& input, const std::string& suffix,
                                 const std::string& extension);
 
@@ -35,16 +35,17 @@ class OutputFolder {
   std::set<std::string> used_;
 };
 
-class Output {
+/// Annotated copies of the inputs.
+class AnnotatedOutput {
  public:
-  /// Throws std::runtime_error for an unusable folder or font.
-  Output(const std::string& folder, const std::string& fontFile)
+  /// Throws std::runtime_error if the folder or the font cannot be used.
+  AnnotatedOutput(const std::string& folder, const std::string& fontFile)
       : folder_(folder), painter_(fontFile) {}
 
   const OutputFolder& folder() const { return folder_; }
 
-  /// Writes the annotated frame of an input: a picture file, or the next frame of a video whose
-  /// `frameRate` is not 0. Throws std::exception with a reason. `frame` is drawn into.
+  /// Draws into `*frame` and writes it: as an image file if `frameRate` is 0, else as the next
+  /// frame of a video. Throws std::exception with a reason.
   void write(const std::string& input, double frameRate, cv::Mat* frame,
              const std::vector<VsaObject>& objects);
 
@@ -60,9 +61,9 @@ class Output {
   cv::Size videoSize_;
 };
 
-/// Writes the objects of a frame as PNG files named after input, frame (of a video) and number of
-/// the object from 1. Gives their paths in the order of the objects, "" for one that has no pixel
-/// in the frame. Throws std::runtime_error where one cannot be written.
+/// Writes the objects of a frame as PNG files. They are named after the input, the frame (of a
+/// video) and the number of the object from 1. Returns their paths in the order of the objects, ""
+/// for an object without a pixel in the frame. Throws std::runtime_error if one cannot be written.
 std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
                                     const std::vector<VsaObject>& objects, OutputFolder* folder);
 

@@ -1,5 +1,5 @@
-// Reads the pipeline file. Every mistake in it ends in one sentence that says where it is: the
-// library itself gets only configurations whose names, types, ranges and files are in order.
+// Every mistake in a pipeline file is reported in one sentence that says where it is. The library
+// gets only configurations whose names, types, ranges and files were checked.
 #include "Pipeline.h"
 
 #include <json/json.h>
@@ -12,10 +12,11 @@
 #include <fstream>
 #include <limits>
 #include <memory>
-#include <numeric>
 #include <string_view>
 #include <tuple>
 
+#include "Families.h"
+#include "Messages.h"
 #include "Text.h"
 
 namespace vsa {
@@ -32,39 +33,19 @@ const Names kModelKeys = {"category",     "modelName",    "engine",        "devi
                           "nmsThreshold", "objThreshold", "wantedClasses", "wantedLabels"};
 const Names kCategories = {"Detect", "Classify", "Track"};
 const Names kEngines = {"OpenVINO", "ONNXRuntime"};
-constexpr std::uint32_t kLargestSide = 65535;
-// Of a pipeline file or a file of class names; the largest dictionaries in use have some 100 kB.
-constexpr std::size_t kLargestFile = std::size_t{16} << 20;
+constexpr std::uint32_t kMaxSide = 65535;
+// For pipeline files and files of class names; the largest dictionaries in use have about 100 kB.
+constexpr std::size_t kMaxFileBytes = std::size_t{16} << 20;
 
-std::string inQuotes(const std::string& text) {
-  constexpr std::size_t kMost = 200;
-  return '"' + printable(text.substr(0, kMost)) + (text.size() > kMost ? "...\"" : "\"");
-}
-
-std::string joined(const Names& names) {
-  std::string list;
-  for (const std::string& name : names) list += (list.empty() ? "" : " or ") + inQuotes(name);
-  return list;
+std::string choicesText(const Names& names) {
+  Names texts;
+  for (const std::string& name : names) texts.push_back(inQuotes(name));
+  return joined(texts, " or ");
 }
 
 // JSON is UTF-8 on every system, file names are not.
 fs::path pathOf(const std::string& utf8) {
   return {std::u8string(utf8.begin(), utf8.end())};
-}
-
-std::size_t editDistance(std::string_view a, std::string_view b) {
-  std::vector<std::size_t> row(b.size() + 1);
-  std::iota(row.begin(), row.end(), std::size_t{0});
-  for (std::size_t i = 1; i <= a.size(); ++i) {
-    std::size_t diagonal = row[0];
-    row[0] = i;
-    for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-      diagonal = row[j];
-      row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-    }
-  }
-  return row.back();
 }
 
 std::string kindOf(const Json::Value& value) {
@@ -84,27 +65,27 @@ std::string kindOf(const Json::Value& value) {
   }
 }
 
-// The content of a file in `*content`, or what is wrong with the file.
+// Reads the file into `*content`. Returns what is wrong with it, empty if nothing is.
 std::string readFile(const fs::path& path, std::string* content) {
   std::error_code unused;
   std::ifstream file(path, std::ios::binary);
   if (fs::is_directory(path, unused) || !file.is_open()) return " cannot be read";
-  // A size is known of files alone, so pipes and devices are read up to the limit.
+  // Pipes and devices have no size, so they are read up to the limit.
   std::array<char, 1 << 16> block;
   while (file.read(block.data(), block.size()), file.gcount() > 0) {
     content->append(block.data(), static_cast<std::size_t>(file.gcount()));
-    if (content->size() > kLargestFile) {
-      return " is larger than " + std::to_string(kLargestFile >> 20) + " MiB";
+    if (content->size() > kMaxFileBytes) {
+      return " is larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB";
     }
   }
   return file.bad() ? " cannot be read" : "";
 }
 
-// The members of one JSON object, each checked as it is read.
+// The members of one JSON object. Each is checked when it is read.
 class Fields {
  public:
-  Fields(const Json::Value& object, std::string place, const Names& known)
-      : object_(object), place_(std::move(place)) {
+  Fields(const Json::Value& object, std::string location, const Names& known)
+      : object_(object), location_(std::move(location)) {
     if (!object_.isObject()) fail("must be an object, not " + kindOf(object_));
     for (const std::string& key : object_.getMemberNames()) {
       if (std::find(known.begin(), known.end(), key) == known.end()) {
@@ -114,7 +95,7 @@ class Fields {
   }
 
   [[noreturn]] void fail(const std::string& sentence) const {
-    throw PipelineError(place_, sentence);
+    throw PipelineError(location_, sentence);
   }
 
   bool has(const char* key) const { return object_.isMember(key); }
@@ -130,30 +111,30 @@ class Fields {
   std::string oneOf(const char* key, const Names& choices) const {
     std::string value = text(key);
     if (std::find(choices.begin(), choices.end(), value) == choices.end()) {
-      fail(std::string(key) + " must be " + joined(choices) + ", not " + inQuotes(value) +
+      fail(std::string(key) + " must be " + choicesText(choices) + ", not " + inQuotes(value) +
            suggestion(value, choices));
     }
     return value;
   }
 
-  std::uint32_t whole(const char* key, std::uint32_t most, std::uint32_t fallback) const {
+  std::uint32_t wholeNumber(const char* key, std::uint32_t max, std::uint32_t fallback) const {
     if (!has(key)) return fallback;
     if (!at(key).isNumeric()) wrongType(key, "a number");
-    if (!at(key).isUInt() || at(key).asUInt() > most) {
-      wrongNumber(key, "a whole number from 0 to " + std::to_string(most));
+    if (!at(key).isUInt() || at(key).asUInt() > max) {
+      wrongNumber(key, "a whole number from 0 to " + std::to_string(max));
     }
     return at(key).asUInt();
   }
 
-  float share(const char* key) const {
+  float fraction(const char* key) const {
     if (!has(key)) return 0.0F;
     return static_cast<float>(number(key, 0.0, 1.0, "a number from 0 to 1"));
   }
 
-  double number(const char* key, double least, double most, const char* wanted) const {
+  double number(const char* key, double min, double max, const char* wanted) const {
     if (!at(key).isNumeric()) wrongType(key, "a number");
     const double value = at(key).asDouble();
-    if (!(value >= least && value <= most)) wrongNumber(key, wanted);
+    if (!(value >= min && value <= max)) wrongNumber(key, wanted);
     return value;
   }
 
@@ -182,7 +163,7 @@ class Fields {
   }
 
   const Json::Value& object_;
-  std::string place_;
+  std::string location_;
 };
 
 Json::Value parse(const std::string& path) {
@@ -202,8 +183,8 @@ Json::Value parse(const std::string& path) {
     throw PipelineError(path, "arrays or objects are nested too deep");
   }
   if (good) return root;
-  // jsoncpp writes "* Line 3, Column 5\n  What is wrong.\n" for each error; the first one is the
-  // cause, what follows it mostly consequences.
+  // jsoncpp writes "* Line 3, Column 5\n  What is wrong.\n" for each error. The first is the cause;
+  // most others follow from it.
   std::string first = oneLine(std::string_view(errors).substr(0, errors.find("\n*")));
   int line = 0;
   int column = 0;
@@ -215,7 +196,7 @@ Json::Value parse(const std::string& path) {
   throw PipelineError(path, first);
 }
 
-// Names from a text file, one a line. The lines are kept as they are, as a dictionary may hold a
+// Names from a text file, one per line. Lines are kept as they are because a dictionary may hold a
 // space or an empty name; only empty lines at the end are dropped.
 Names readNames(const Fields& fields, const fs::path& folder) {
   const std::string given = fields.at("classNames").asString();
@@ -264,7 +245,7 @@ std::set<std::string> wanted(const Fields& fields, const char* key, const Names&
   return {chosen.begin(), chosen.end()};
 }
 
-// The folder of the model files: without a separator at its end, as the library wants it.
+// The folder of the model files without a separator at its end, as the library requires.
 std::string modelRoot(const Fields& fields, const Fields& top, const fs::path& folder) {
   const Fields& source = fields.has("modelRoot") ? fields : top;
   std::string root = (folder / pathOf(source.text("modelRoot", ""))).lexically_normal().string();
@@ -274,7 +255,7 @@ std::string modelRoot(const Fields& fields, const Fields& top, const fs::path& f
   return root.empty() ? "." : root;
 }
 
-// The library leaves a missing file to the engine, whose message is long; so it is looked for here.
+// Reports a missing file in one short sentence; the message of the engine is long.
 void checkModelFile(const ModelSpec& spec, const Fields& fields) {
   const VsaModelConfig& config = spec.config;
   const std::string file = spec.networkFile();
@@ -294,11 +275,11 @@ void checkModelFile(const ModelSpec& spec, const Fields& fields) {
   }
 }
 
-ModelSpec readModel(const Json::Value& value, const std::string& place, const Fields& top,
+ModelSpec readModel(const Json::Value& value, const std::string& location, const Fields& top,
                     const fs::path& folder) {
-  const Fields fields(value, place, kModelKeys);
+  const Fields fields(value, location, kModelKeys);
   ModelSpec spec;
-  spec.place = place;
+  spec.location = location;
   VsaModelConfig& config = spec.config;
   config.category = fields.oneOf("category", kCategories);
   config.modelName = fields.text("modelName");
@@ -307,13 +288,13 @@ ModelSpec readModel(const Json::Value& value, const std::string& place, const Fi
   config.modelFile = fields.text("modelFile", "");
   config.modelDir = fields.text("modelDir", "");
   config.classNames = classNames(fields, folder);
-  config.classCount = fields.whole("classCount", std::numeric_limits<std::int32_t>::max(),
-                                   static_cast<std::uint32_t>(config.classNames.size()));
-  config.inputWidth = fields.whole("inputWidth", kLargestSide, 0);
-  config.inputHeight = fields.whole("inputHeight", kLargestSide, 0);
-  config.scoreThreshold = fields.share("scoreThreshold");
-  config.nmsThreshold = fields.share("nmsThreshold");
-  config.objThreshold = fields.share("objThreshold");
+  config.classCount = fields.wholeNumber("classCount", std::numeric_limits<std::int32_t>::max(),
+                                         static_cast<std::uint32_t>(config.classNames.size()));
+  config.inputWidth = fields.wholeNumber("inputWidth", kMaxSide, 0);
+  config.inputHeight = fields.wholeNumber("inputHeight", kMaxSide, 0);
+  config.scoreThreshold = fields.fraction("scoreThreshold");
+  config.nmsThreshold = fields.fraction("nmsThreshold");
+  config.objThreshold = fields.fraction("objThreshold");
   spec.modelRoot = modelRoot(fields, top, folder);
   if (fields.at("classNames").isString()) {
     spec.namesFile = (folder / pathOf(fields.text("classNames"))).string();
@@ -326,31 +307,28 @@ ModelSpec readModel(const Json::Value& value, const std::string& place, const Fi
 
 }  // namespace
 
+const Family* ModelSpec::family() const {
+  return findFamily(config.category, config.modelName);
+}
+
 bool ModelSpec::writesGbk() const {
-  return config.category == "Track" && config.modelName == "PaddleOCR" &&
-         config.classNames == Names{"paddleocr"};
+  const Family* row = family();
+  return row != nullptr && !row->builtInNames.empty() &&
+         config.classNames == Names{row->builtInNames};
 }
 
 std::string ModelSpec::networkFile() const {
   return vsaModelPath(config, modelRoot) + (config.engine == "OpenVINO" ? ".xml" : "");
 }
 
-bool ModelSpec::takesSound() const {
-  return config.category == "Classify" && config.modelName == "AudioNet";
+bool ModelSpec::takesAudio() const {
+  const Family* row = family();
+  return row != nullptr && row->takes == Media::kAudio;
 }
 
-std::string suggestion(const std::string& given, const std::vector<std::string>& candidates) {
-  constexpr std::size_t kLongest = 100;  // longer ones are no slip of the keyboard
-  if (given.size() > kLongest) return "";
-  const auto distance = [&given](const std::string& name) { return editDistance(given, name); };
-  const auto nearest =
-      std::min_element(candidates.begin(), candidates.end(),
-                       [&](const auto& a, const auto& b) { return distance(a) < distance(b); });
-  if (nearest == candidates.end() ||
-      distance(*nearest) > std::max<std::size_t>(2, given.size() / 3)) {
-    return "";
-  }
-  return "; did you mean " + inQuotes(*nearest) + "?";
+bool ModelSpec::needsObjects() const {
+  const Family* row = family();
+  return row != nullptr && row->needs != Needs::kNothing;
 }
 
 Pipeline readPipeline(const std::string& path) {
@@ -363,24 +341,24 @@ Pipeline readPipeline(const std::string& path) {
   Pipeline pipeline;
   for (const Json::Value& value : top.at("models")) {
     const std::string index = "models[" + std::to_string(pipeline.models.size()) + "]";
-    std::string place = path;
-    place += ": " + index;
-    ModelSpec spec = readModel(value, place, top, folder);
+    std::string location = path;
+    location += ": " + index;
+    ModelSpec spec = readModel(value, location, top, folder);
     spec.name = index + " " + printable(spec.config.modelName) + " (" + spec.config.category + ")";
     pipeline.models.push_back(std::move(spec));
   }
   const ModelSpec& first = pipeline.models.front();
-  pipeline.takesSound = first.takesSound();
+  pipeline.takesAudio = first.takesAudio();
   for (const ModelSpec& spec : pipeline.models) {
-    if (spec.takesSound() != pipeline.takesSound) {
-      const auto& [sound, picture] =
-          pipeline.takesSound ? std::tie(first, spec) : std::tie(spec, first);
-      top.fail(sound.name + " takes sound and " + picture.name +
-               " takes pictures; they belong in two pipelines");
+    if (spec.takesAudio() != pipeline.takesAudio) {
+      const auto& [audio, image] =
+          pipeline.takesAudio ? std::tie(first, spec) : std::tie(spec, first);
+      top.fail(audio.name + " takes audio and " + image.name +
+               " takes images; they belong in two pipelines");
     }
   }
   if (top.has("blockSeconds")) {
-    if (!pipeline.takesSound) top.fail("blockSeconds is for models that take sound");
+    if (!pipeline.takesAudio) top.fail("blockSeconds is for models that take audio");
     pipeline.blockSeconds =
         top.number("blockSeconds", 0.02, 60.0, "a number of seconds from 0.02 to 60");
   }

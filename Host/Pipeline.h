@@ -8,44 +8,47 @@
 #include <string>
 #include <vector>
 
+#include "Families.h"
+
 namespace vsa {
 
-/// One model of the pipeline, as the library wants to be told about it.
+/// One model of the pipeline.
 struct ModelSpec {
-  std::string place;  ///< Where it stands, for messages: "pipeline.json: models[0]".
-  std::string name;   ///< For people: "models[0] PaddleOCR (Detect)".
+  std::string location;  ///< For error messages: "pipeline.json: models[0]".
+  std::string name;      ///< For other messages: "models[0] PaddleOCR (Detect)".
   VsaModelConfig config;
   std::string modelRoot;
-  std::string namesFile;  ///< The file that classNames names; empty where they are a list.
+  std::string namesFile;  ///< The file that classNames names; empty if they are a list.
   std::set<std::string> wantedClasses;
   std::set<std::string> wantedLabels;
 
-  /// Whether the model writes GBK: a text recogniser with the library's built-in dictionary. With
-  /// any other dictionary the text is what the pipeline's classNames hold, which is UTF-8.
+  /// Null if the library has no such model.
+  const Family* family() const;
+  /// Whether the model writes GBK: a text recogniser with the built-in dictionary of the library.
+  /// With any other dictionary the text consists of the pipeline's classNames, which are UTF-8.
   bool writesGbk() const;
   /// Path of the network file that the library opens.
   std::string networkFile() const;
-  /// Whether the model takes blocks of sound instead of pictures.
-  bool takesSound() const;
+  /// Whether the model takes blocks of audio instead of images.
+  bool takesAudio() const;
+  /// Whether the model works on objects that earlier models found.
+  bool needsObjects() const;
 };
 
 struct Pipeline {
   std::vector<ModelSpec> models;
-  bool takesSound = false;    ///< Whether all models take sound; else all take pictures.
-  double blockSeconds = 1.0;  ///< Length of a block of sound.
+  bool takesAudio = false;    ///< Whether all models take audio; otherwise all take images.
+  double blockSeconds = 1.0;  ///< Length of a block of audio.
 };
 
-/// Something is wrong with the pipeline; the message is one sentence that begins with the place.
+/// A mistake in a pipeline. The message is one sentence that begins with its location.
 class PipelineError : public std::runtime_error {
  public:
-  PipelineError(const std::string& place, const std::string& sentence)
-      : std::runtime_error(place + ": " + sentence) {}
+  PipelineError(const std::string& location, const std::string& sentence)
+      : std::runtime_error(location + ": " + sentence) {}
 };
 
-/// Reads and checks a pipeline file, the files that it names included. Throws PipelineError.
+/// Reads and checks a pipeline file and the files that it names. Throws PipelineError.
 Pipeline readPipeline(const std::string& path);
-
-/// "; did you mean ...?" with the candidate nearest to `given`; empty where none is near.
-std::string suggestion(const std::string& given, const std::vector<std::string>& candidates);
 
 }  // namespace vsa

@@ -1,38 +1,27 @@
-// Table, JSON and summary. All strings leave here as valid UTF-8.
+// Every string is made valid UTF-8 here.
 #include "Report.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 
+#include "JsonLines.h"
+#include "Messages.h"
 #include "Text.h"
 
 namespace vsa {
 namespace {
 
-std::string fixed(double value, int digits) {
-  char buffer[400];
-  std::snprintf(buffer, sizeof buffer, "%.*f", digits, value);
-  return buffer;
-}
-
 std::string point(int x, int y) {
   return std::to_string(x) + "," + std::to_string(y);
 }
 
-std::string counted(std::int64_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
-}
-
 struct Column {
   std::string head;
-  bool right = false;
+  bool alignsRight = false;
   std::vector<std::string> cells = {};
 };
 
-std::string place(const VsaObject& object) {
+std::string coordinates(const VsaObject& object) {
   std::string text = point(object.left, object.top) + ' ' + point(object.right, object.bottom);
   if (isTextRegion(object)) {
     text += ' ' + point(object.cornerX2, object.cornerY2) + ' ' +
@@ -53,22 +42,22 @@ std::string shapes(const VsaObject& object) {
   return text;
 }
 
-// One cell for each object in every column, empty where the object has nothing to tell. The text
-// comes last, as its length is open.
+// Columns with one cell for each object, empty if the object has no such value. Columns without any
+// value are left out. The text comes last because its length is not limited.
 std::vector<Column> tableColumns(const std::vector<VsaObject>& objects) {
   const auto regions = std::count_if(objects.begin(), objects.end(), isTextRegion);
-  const char* placeHead = regions == 0                     ? "box"
-                          : regions == std::ssize(objects) ? "corners"
-                                                           : "box or corners";
-  std::vector<Column> columns = {{"#", true}, {"score", true}, {"class"},
-                                 {placeHead}, {"angle", true}, {"shapes"},
-                                 {"label"},   {"feature"},     {"text"}};
+  const char* coordinatesHead = regions == 0                     ? "box"
+                                : regions == std::ssize(objects) ? "corners"
+                                                                 : "box or corners";
+  std::vector<Column> columns = {{"#", true},       {"score", true}, {"class"},
+                                 {coordinatesHead}, {"angle", true}, {"shapes"},
+                                 {"label"},         {"feature"},     {"text"}};
   for (const VsaObject& object : objects) {
     const std::string cells[] = {
         std::to_string(columns[0].cells.size() + 1),
         fixed(object.score, 3),
         isTextRegion(object) ? "" : printable(object.className),
-        place(object),
+        coordinates(object),
         object.angle == -1.0F ? "" : fixed(object.angle, 3),
         shapes(object),
         object.classifyId < 0
@@ -97,31 +86,21 @@ void appendRow(const std::vector<Column>& columns, const std::vector<int>& width
   for (std::size_t i = 0; i < columns.size(); ++i) {
     const int width = displayWidth(cells[i]);
     const auto padding = static_cast<std::size_t>(std::max(0, widths[i] - width));
-    // All rows are broken before the same columns, but for the text, whose length is open.
+    // All rows are broken before the same columns, except for the text, whose length varies.
     const int needed = columns[i].head == "text" ? width : widths[i];
     if (i > 0 && limit > 0 && displayWidth(line) + 2 + needed > limit) endLine();
-    line += "  " + (columns[i].right ? std::string(padding, ' ') + cells[i]
-                                     : cells[i] + std::string(padding, ' '));
+    line += "  " + (columns[i].alignsRight ? std::string(padding, ' ') + cells[i]
+                                           : cells[i] + std::string(padding, ' '));
   }
   endLine();
 }
 
-// JSON has no NaN and no infinity. The shortest decimal that gives the float again goes through a
-// double, so that 0.9F is written as 0.9.
-Json::Value number(float value) {
-  if (!std::isfinite(value)) return Json::nullValue;
-  char buffer[64];
-  const auto result = std::to_chars(buffer, buffer + sizeof buffer - 1, value);
-  *result.ptr = '\0';
-  return std::strtod(buffer, nullptr);
-}
-
-// Seconds to three decimals.
-double milliseconds(double seconds) {
+// Seconds rounded to three decimals.
+double roundedSeconds(double seconds) {
   return std::round(seconds * 1000.0) / 1000.0;
 }
 
-Json::Value pair(int x, int y) {
+Json::Value pointJson(int x, int y) {
   Json::Value value(Json::arrayValue);
   value.append(x);
   value.append(y);
@@ -129,11 +108,6 @@ Json::Value pair(int x, int y) {
 }
 
 }  // namespace
-
-bool isTextRegion(const VsaObject& object) {
-  return object.cornerX2 >= 0 && object.cornerY2 >= 0 && object.cornerX3 >= 0 &&
-         object.cornerY3 >= 0;
-}
 
 std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& objects, int columns) {
   std::string table = printable(info.input) + ": ";
@@ -164,37 +138,37 @@ std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& obje
 Json::Value objectJson(const VsaObject& object) {
   Json::Value json(Json::objectValue);
   if (isTextRegion(object)) {
-    json["corners"].append(pair(object.left, object.top));
-    json["corners"].append(pair(object.right, object.bottom));
-    json["corners"].append(pair(object.cornerX2, object.cornerY2));
-    json["corners"].append(pair(object.cornerX3, object.cornerY3));
+    json["corners"].append(pointJson(object.left, object.top));
+    json["corners"].append(pointJson(object.right, object.bottom));
+    json["corners"].append(pointJson(object.cornerX2, object.cornerY2));
+    json["corners"].append(pointJson(object.cornerX3, object.cornerY3));
   } else {
     for (const int side : {object.left, object.top, object.right, object.bottom}) {
       json["box"].append(side);
     }
   }
-  json["score"] = number(object.score);
+  json["score"] = jsonNumber(object.score);
   json["classId"] = object.classId;
   json["className"] = repairUtf8(object.className);
-  if (object.angle != -1.0F) json["angle"] = number(object.angle);
+  if (object.angle != -1.0F) json["angle"] = jsonNumber(object.angle);
   for (const VsaShape& shape : object.shapes) {
     Json::Value points(Json::arrayValue);
-    for (const VsaPoint& at : shape.points) points.append(pair(at.x, at.y));
+    for (const VsaPoint& point : shape.points) points.append(pointJson(point.x, point.y));
     Json::Value entry;
     entry["tag"] = shape.tag;
     entry["points"] = points;
     json["shapes"].append(entry);
   }
   if (object.classifyId >= 0) {
-    json["classifyScore"] = number(object.classifyScore);
+    json["classifyScore"] = jsonNumber(object.classifyScore);
     json["classifyId"] = object.classifyId;
     json["classifyName"] = repairUtf8(object.classifyName);
   }
   if (object.textId >= 0) {
     json["text"] = repairUtf8(object.text);
-    json["textScore"] = number(object.textScore);
+    json["textScore"] = jsonNumber(object.textScore);
   }
-  for (const float value : object.feature) json["feature"].append(number(value));
+  for (const float value : object.feature) json["feature"].append(jsonNumber(value));
   return json;
 }
 
@@ -202,7 +176,7 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
   Json::Value json(Json::objectValue);
   json["input"] = repairUtf8(info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
-  if (info.time) json["time"] = milliseconds(*info.time);
+  if (info.time) json["time"] = roundedSeconds(*info.time);
   json["width"] = info.width;
   json["height"] = info.height;
   json["objects"] = Json::arrayValue;
@@ -241,45 +215,16 @@ std::string blockJson(const FrameInfo& info, const VsaFrame& block) {
   Json::Value json(Json::objectValue);
   json["input"] = repairUtf8(info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
-  json["time"] = milliseconds(info.time.value_or(0.0));
-  json["duration"] = milliseconds(info.duration);
+  json["time"] = roundedSeconds(info.time.value_or(0.0));
+  json["duration"] = roundedSeconds(info.duration);
   json["classified"] = block.audioClassified;
-  json["score"] = number(block.audioScore);
+  json["score"] = jsonNumber(block.audioScore);
   json["objects"] = Json::arrayValue;
   for (const VsaObject& object : block.audioObjects) {
-    json["objects"].append(objectJson(object)).removeMember("box");  // sound has no place
+    json["objects"].append(objectJson(object)).removeMember("box");  // audio has no position
   }
   for (const int model : info.failedModels) json["failedModels"].append(model);
   return jsonLine(json);
-}
-
-std::string jsonLine(const Json::Value& value) {
-  Json::StreamWriterBuilder builder;
-  builder["indentation"] = "";
-  builder["emitUTF8"] = true;
-  builder["precision"] = 9;  // what a float needs at most
-  return Json::writeString(builder, value) + "\n";
-}
-
-std::string summary(const Totals& totals) {
-  std::string text = counted(totals.inputs, "input") + ", " +
-                     counted(totals.frames, totals.frameNoun) + ", " +
-                     counted(totals.objects, "object") + " in " + fixed(totals.seconds, 2) + " s";
-  if (totals.frames > 0 && totals.seconds > 0.0) {
-    text += ", " + fixed(static_cast<double>(totals.frames) / totals.seconds, 2) + " " +
-            totals.frameNoun + "s a second";
-  }
-  text += " (loading the models " + fixed(totals.loadingSeconds, 2) + " s)\n";
-  for (const ModelTime& model : totals.models) {
-    text += "  " + model.name + ": ";
-    text += model.runs == 0
-                ? "did not run\n"
-                : "mean " + fixed(1000.0 * model.seconds / static_cast<double>(model.runs), 1) +
-                      " ms of " + counted(model.runs, "run") + "\n";
-  }
-  if (totals.failedInputs > 0) text += "  " + counted(totals.failedInputs, "input") + " failed\n";
-  if (totals.failedRuns > 0) text += "  " + counted(totals.failedRuns, "model run") + " failed\n";
-  return text;
 }
 
 }  // namespace vsa

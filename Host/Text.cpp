@@ -1,4 +1,3 @@
-// UTF-8, GBK and terminal columns. The decoder below is the only place that reads UTF-8 bytes.
 #include "Text.h"
 
 #include <iconv.h>
@@ -39,13 +38,13 @@ unsigned byteAt(std::string_view text, std::size_t position) {
   return static_cast<unsigned char>(text[position]);
 }
 
-// One iconv descriptor for the process: the host converts in one thread, and opening is dear.
+// One iconv descriptor for the process: the host converts in one thread, and opening is slow.
 class GbkConverter {
  public:
   GbkConverter() : descriptor_(iconv_open("UTF-8", "GBK")) {
     // NOLINTNEXTLINE: the failure value is what the interface of iconv says
     if (descriptor_ == reinterpret_cast<iconv_t>(-1)) {
-      throw std::runtime_error("the character converter (iconv) has no GBK");
+      throw std::runtime_error("the character converter (iconv) does not support GBK");
     }
   }
   ~GbkConverter() { iconv_close(descriptor_); }
@@ -53,8 +52,8 @@ class GbkConverter {
   GbkConverter& operator=(const GbkConverter&) = delete;
 
   std::string convert(std::string_view gbk) const {
-    std::string utf8(gbk.size() * 3, '\0');  // no byte of GBK becomes more than three of UTF-8
-    std::string source(gbk);                 // iconv wants a pointer to what it may change
+    std::string utf8(gbk.size() * 3, '\0');  // a byte of GBK becomes at most three of UTF-8
+    std::string source(gbk);                 // iconv takes a non-const pointer
     char* in = source.data();
     std::size_t inLeft = source.size();
     char* out = utf8.data();
@@ -62,8 +61,8 @@ class GbkConverter {
     iconv(descriptor_, nullptr, nullptr, nullptr, nullptr);
     while (inLeft > 0 &&
            iconv(descriptor_, &in, &inLeft, &out, &outLeft) == static_cast<std::size_t>(-1)) {
-      // A lead byte takes an impossible second byte with it, unless that one is ASCII, which may
-      // be a character of its own. Half a character at the end is the end.
+      // Skip a lead byte with its invalid second byte, unless that one is ASCII and may be a
+      // character of its own. Half a character at the end is skipped to the end.
       const bool pair =
           inLeft > 1 && byteAt(in, 0) > 0x80 && byteAt(in, 0) < 0xFF && byteAt(in, 1) >= 0x80;
       const std::size_t skip = errno == EINVAL ? inLeft : pair ? 2 : 1;
@@ -91,8 +90,8 @@ char32_t nextCodePoint(std::string_view text, std::size_t* position) {
   const int following = lead < 0xE0 ? 1 : lead < 0xF0 ? 2 : 3;
   char32_t codePoint = lead & (0x3FU >> following);
   for (int i = 0; i < following; ++i) {
-    // The second byte has narrower limits where the character would else be written in more bytes
-    // than needed, be half of a UTF-16 pair, or lie beyond U+10FFFF.
+    // The second byte has a narrower range if the character could otherwise be overlong, half of a
+    // UTF-16 pair, or beyond U+10FFFF.
     unsigned low = 0x80;
     unsigned high = 0xBF;
     if (i == 0) {
@@ -161,50 +160,6 @@ int displayWidth(std::string_view utf8) {
     width += isIn(kNarrow, codePoint) ? 0 : isIn(kWide, codePoint) ? 2 : 1;
   }
   return width;
-}
-
-std::string wrapped(std::string_view utf8, int indent, int columns) {
-  std::string text;
-  int used = 0;
-  for (std::size_t start = 0; start < utf8.size();) {
-    const std::size_t letter = std::min(utf8.find_first_not_of(' ', start), utf8.size());
-    const std::size_t end = std::min(utf8.find(' ', letter), utf8.size());
-    const std::string_view word = utf8.substr(letter, end - letter);
-    const int blanks = static_cast<int>(letter - start);
-    const int width = displayWidth(word);
-    if (columns > 0 && used > indent && used + blanks + width > columns) {
-      text += '\n';
-      text.append(static_cast<std::size_t>(indent), ' ');
-      used = indent + width;
-    } else {
-      text.append(letter - start, ' ');
-      used += blanks + width;
-    }
-    text += word;
-    start = end;
-  }
-  return text;
-}
-
-std::string oneLine(std::string_view message) {
-  constexpr std::size_t kLongest = 400;
-  std::string sentence;
-  for (std::size_t start = 0; start < message.size();) {
-    const std::size_t end = std::min(message.find('\n', start), message.size());
-    std::string_view line = message.substr(start, end - start);
-    start = end + 1;
-    while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.remove_suffix(1);
-    while (!line.empty() && line.front() == ' ') line.remove_prefix(1);
-    if (line.empty() || line.starts_with("Exception from ")) continue;
-    if (!sentence.empty()) sentence += ' ';
-    sentence += printable(line);
-  }
-  if (sentence.size() > kLongest) {
-    sentence.resize(kLongest);
-    while (!sentence.empty() && (sentence.back() & 0x80) != 0) sentence.pop_back();
-    sentence += "...";
-  }
-  return sentence.empty() ? "no reason given" : sentence;
 }
 
 }  // namespace vsa

@@ -1,4 +1,4 @@
-// The parts of the example host: pipeline files, text, reports, inputs, comparing and drawing.
+// The parts of the host: pipeline files, text, results, inputs, similarity and drawing.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,11 +13,13 @@
 #include <utility>
 #include <vector>
 
-#include "Compare.h"
 #include "Draw.h"
+#include "FrameSource.h"
 #include "Inputs.h"
+#include "Messages.h"
 #include "Pipeline.h"
 #include "Report.h"
+#include "Similarity.h"
 #include "Text.h"
 
 namespace vsa {
@@ -37,7 +39,8 @@ class HostFiles : public testing::Test {
     return path.string();
   }
 
-  const fs::path folder_ = fs::path(testing::TempDir()) / ("HostTest" + std::to_string(std::random_device()()));
+  const fs::path folder_ =
+      fs::path(testing::TempDir()) / ("HostTest" + std::to_string(std::random_device()()));
 };
 
 class PipelineTest : public HostFiles {};
@@ -48,14 +51,17 @@ TEST_F(PipelineTest, FillsTheRecords) {
   write("names.txt", "\xEF\xBB\xBFperson\r\nfire truck\n\n \n\n");
   const Pipeline pipeline = readPipeline(write("p.json", R"({ // comments are allowed
     "modelRoot": "models",
-    "models": [{"category": "Detect", "modelName": "YOLO8", "engine": "OpenVINO", "modelFile": "net",
-                "classNames": "names.txt", "inputWidth": 640.0, "inputHeight": 65535, "scoreThreshold": 0.25,
-                "nmsThreshold": 0.5, "objThreshold": 0.75, "wantedClasses": ["person"]},
-               {"category": "Track", "modelName": "PaddleOCR", "engine": "ONNXRuntime", "device": "GPU",
-                "modelRoot": "models/", "modelFile": "net.onnx", "classNames": ["paddleocr"], "classCount": 6625},
-               {"category": "Track", "modelName": "VsOCR", "engine": "OpenVINO", "modelRoot": "models//net",
-                "modelFile": "", "classNames": ["paddleocr"]}]})"));
-  EXPECT_FALSE(pipeline.takesSound);
+    "models": [
+      {"category": "Detect", "modelName": "YOLO8", "engine": "OpenVINO", "modelFile": "net",
+       "classNames": "names.txt", "inputWidth": 640.0, "inputHeight": 65535,
+       "scoreThreshold": 0.25, "nmsThreshold": 0.5, "objThreshold": 0.75,
+       "wantedClasses": ["person"]},
+      {"category": "Track", "modelName": "PaddleOCR", "engine": "ONNXRuntime", "device": "GPU",
+       "modelRoot": "models/", "modelFile": "net.onnx", "classNames": ["paddleocr"],
+       "classCount": 6625},
+      {"category": "Track", "modelName": "VsOCR", "engine": "OpenVINO", "modelFile": "",
+       "modelRoot": "models//net", "classNames": ["paddleocr"]}]})"));
+  EXPECT_FALSE(pipeline.takesAudio);
   EXPECT_EQ(pipeline.blockSeconds, 1.0);
   const std::vector<ModelSpec>& specs = pipeline.models;
   ASSERT_EQ(specs.size(), 3U);
@@ -63,22 +69,23 @@ TEST_F(PipelineTest, FillsTheRecords) {
   EXPECT_EQ(first.classNames, (std::vector<std::string>{"person", "fire truck", "", " "}));
   EXPECT_EQ(std::tie(first.device, first.classCount, first.inputWidth, first.inputHeight),
             std::tuple("CPU", 4U, 640U, 65535U));
-  EXPECT_EQ(std::tie(first.scoreThreshold, first.nmsThreshold, first.objThreshold), std::tuple(0.25F, 0.5F, 0.75F));
+  EXPECT_EQ(std::tie(first.scoreThreshold, first.nmsThreshold, first.objThreshold),
+            std::tuple(0.25F, 0.5F, 0.75F));
   EXPECT_EQ(specs[0].wantedClasses, std::set<std::string>{"person"});
   EXPECT_EQ(specs[0].wantedLabels.size(), 4U);
   for (const std::size_t i : {0U, 1U}) EXPECT_EQ(specs[i].modelRoot, (folder_ / "models").string());
   EXPECT_EQ(std::tie(specs[1].config.device, specs[1].config.classCount), std::tuple("GPU", 6625U));
   EXPECT_EQ(specs[1].name, "models[1] PaddleOCR (Track)");
-  // Another recogniser has no built-in dictionary.
+  // Only PaddleOCR has a built-in dictionary.
   for (const std::size_t i : {0U, 1U, 2U}) EXPECT_EQ(specs[i].writesGbk(), i == 1);
 }
 
 TEST(TextTest, ConvertsAndRepairs) {
   const std::pair<const char*, const char*> kGbk[] = {
-      {"\xC4\xE3\xBA\xC3, \x80", "你好, €"}, {"\xC4\xE3\xBA", "你\uFFFD"},  // half a character at the end
-      {"\xFF\xC4\xE3", "\uFFFD你"},                                         // no lead byte
-      {"a\xC4 b\xC4\xE3", "a\uFFFD b你"},                                   // a lead byte before ASCII
-      {"\xA2\xA0\xC4\xE3", "\uFFFD你"},                                     // a pair without a character
+      {"\xC4\xE3\xBA\xC3, \x80", "你好, €"}, {"\xC4\xE3\xBA", "你\uFFFD"},  // cut at the end
+      {"\xFF\xC4\xE3", "\uFFFD你"},                                         // not a lead byte
+      {"a\xC4 b\xC4\xE3", "a\uFFFD b你"},  // a lead byte before ASCII
+      {"\xA2\xA0\xC4\xE3", "\uFFFD你"},    // an unassigned pair
   };
   for (const auto& [gbk, utf8] : kGbk) EXPECT_EQ(gbkToUtf8(gbk), utf8);
   EXPECT_EQ(gbkToUtf8(std::string("a\0b", 3)), std::string("a\0b", 3));
@@ -104,8 +111,8 @@ TEST(TextTest, ConvertsAndRepairs) {
   EXPECT_EQ(repairUtf8(longest), longest);
 }
 
-// Of objects the fields that a network hardly fills so.
-TEST(ReportTest, JsonOfOddValues) {
+// Values that a network hardly produces.
+TEST(ReportTest, WritesUnusualValuesAsJson) {
   VsaObject object(100, 80, -5, 7, 200, 60, 0.9F, 2, "bad \xFF\n");
   object.shapes = {{kVsaOutlineTag, {}}};
   object.classifyId = 0;
@@ -116,15 +123,17 @@ TEST(ReportTest, JsonOfOddValues) {
   object.feature = {0.1F, std::nanf(""), -3.0F};
   object.cornerX2 = object.cornerY2 = object.cornerX3 = object.cornerY3 = 0;
   FrameInfo info{"a\"\xC4.png", 3, 1.0 / 3.0, 100, 80, {}};
-  EXPECT_EQ(frameJson(info, {object}),
-            R"({"frame":3,"height":80,"input":"a\"�.png","objects":[{"classId":2,"className":"bad �\n",)"
-            R"("classifyId":0,"classifyName":"","classifyScore":null,"corners":[[0,7],[100,60],[0,0],[0,0]],)"
-            R"("feature":[0.1,null,-3.0],"score":0.9,"shapes":[{"points":[],"tag":10}],"text":"字",)"
-            R"("textScore":1.0}],"time":0.333,"width":100})"
-            "\n");
+  EXPECT_EQ(
+      frameJson(info, {object}),
+      R"({"frame":3,"height":80,"input":"a\"�.png","objects":[{"classId":2,"className":"bad �\n",)"
+      R"("classifyId":0,"classifyName":"","classifyScore":null,)"
+      R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
+      R"("shapes":[{"points":[],"tag":10}],"text":"字",)"
+      R"("textScore":1.0}],"time":0.333,"width":100})"
+      "\n");
 }
 
-TEST(ReportTest, TableIsAligned) {
+TEST(ReportTest, AlignsColumns) {
   FrameInfo info{"p.png", 0, {}, 640, 480, {}};
   VsaObject person(640, 480, 10, 20, 30, 40, 0.5F, 0, "人");
   VsaObject truck(640, 480, 100, 200, 300, 400, 0.25F, 1, "truck");
@@ -150,17 +159,18 @@ TEST(ReportTest, TableIsAligned) {
   EXPECT_EQ(frameTable(info, {region}, 80), start + "\n      " + region.text + "\n");
 }
 
-TEST(ReportTest, TellsWhatWasHeard) {
+TEST(ReportTest, ListsAudioClasses) {
   FrameInfo info{"a.wav", 2, 1.0, 0, 0, {}};
   info.duration = 1.0 / 3.0;
   VsaFrame block;
-  block.audioObjects = {VsaObject(1, 1, 0, 0, 0, 0, 0.9F, 1, "犬"), VsaObject(1, 1, 0, 0, 0, 0, 0.5F, 0, "a\n")};
+  block.audioObjects = {VsaObject(1, 1, 0, 0, 0, 0, 0.9F, 1, "犬"),
+                        VsaObject(1, 1, 0, 0, 0, 0, 0.5F, 0, "a\n")};
   EXPECT_EQ(blockTable(info, block), "a.wav: 1.000 s to 1.333 s: 犬 0.900, a\uFFFD 0.500\n");
   info.failedModels = {0};
   EXPECT_EQ(blockTable(info, VsaFrame()), "a.wav: 1.000 s to 1.333 s: failed\n");
 }
 
-TEST(CompareTest, TakesTheBestObjectAndTheAngle) {
+TEST(SimilarityTest, ComparesBestObjects) {
   std::vector<VsaObject> objects;
   for (const float score : {std::nanf(""), 0.5F, 0.7F, 0.9F}) {
     objects.emplace_back(9, 9, 0, 0, 5, 5, score, 0, "x");
@@ -175,47 +185,46 @@ TEST(CompareTest, TakesTheBestObjectAndTheAngle) {
 class InputTest : public HostFiles {};
 
 TEST_F(InputTest, ExpandsFoldersAndPatterns) {
-  for (const char* name : {"b.PNG", "a1.jpg", "a2.jpg", "a[1].jpg", ".hidden.png", "notes.txt", "你.png", "clip.mp4",
-                           "in/c.png", "in/deep/d.png", "on/c.png"}) {
+  for (const char* name : {"b.PNG", "a1.jpg", "a2.jpg", "a[1].jpg", ".hidden.png", "notes.txt",
+                           "你.png", "clip.mp4", "in/c.png", "in/deep/d.png", "on/c.png"}) {
     write(name, "");
   }
   fs::create_directories(folder_ / "nothing");
-  // What is found, and a mark for each problem.
-  const auto expand = [this](const std::string& argument, bool recursive = false, Media media = Media::kPictures) {
+  // The files found; if there are none, there must be a problem.
+  using Names = std::vector<std::string>;
+  const auto expand = [this](const std::string& argument, bool recursive = false,
+                             Media media = Media::kImages) {
     const InputList list = expandInputs({(folder_ / argument).string()}, recursive, media);
-    std::string found;
+    Names names;
     for (const std::string& input : list.inputs) {
-      found += fs::path(input).lexically_relative(folder_).generic_string() + " ";
+      names.push_back(fs::path(input).lexically_relative(folder_).generic_string());
     }
-    return found + std::string(list.problems.size(), '!');
+    EXPECT_EQ(list.problems.size(), names.empty() ? 1U : 0U) << argument;
+    return names;
   };
-  EXPECT_EQ(expand(""), ".hidden.png a1.jpg a2.jpg a[1].jpg b.PNG clip.mp4 你.png ");
-  EXPECT_EQ(expand("in", true), "in/c.png in/deep/d.png ");
-  // An existing file is no pattern, a folder that matches is expanded too, a missing file is told when it is opened.
-  const std::pair<const char*, const char*> kPatterns[] = {{"a[1].jpg", "a[1].jpg "},
-                                                           {"a[0-1].jpg", "a1.jpg "},
-                                                           {"a[!1].jpg", "a2.jpg "},
-                                                           {"a[[]1[]].jpg", "a[1].jpg "},
-                                                           {"a[1.*", "!"},
-                                                           {"?.*", "b.PNG 你.png "},
-                                                           {"*.png", "你.png "},
-                                                           {".*.png", ".hidden.png "},
-                                                           {"[io]n/*.p*g", "in/c.png on/c.png "},
-                                                           {"*n", "in/c.png on/c.png "},
-                                                           {"*t*s*.t?t*", "notes.txt "},
-                                                           {"none.png", "none.png "},
-                                                           {"nothing", "!"},
-                                                           {"none*", "!"}};
-  for (const auto& [pattern, found] : kPatterns) EXPECT_EQ(expand(pattern), found) << pattern;
+  EXPECT_EQ(expand(""),
+            (Names{".hidden.png", "a1.jpg", "a2.jpg", "a[1].jpg", "b.PNG", "clip.mp4", "你.png"}));
+  EXPECT_EQ(expand("in", true), (Names{"in/c.png", "in/deep/d.png"}));
+  // An existing file is not a pattern, a matching folder is expanded, and a missing file is an
+  // error only when it is opened.
+  const std::pair<const char*, Names> kPatterns[] = {
+      {"a[1].jpg", {"a[1].jpg"}},       {"a[0-1].jpg", {"a1.jpg"}},
+      {"a[!1].jpg", {"a2.jpg"}},        {"a[[]1[]].jpg", {"a[1].jpg"}},
+      {"?.*", {"b.PNG", "你.png"}},     {"*.png", {"你.png"}},
+      {".*.png", {".hidden.png"}},      {"[io]n/*.p*g", {"in/c.png", "on/c.png"}},
+      {"*n", {"in/c.png", "on/c.png"}}, {"*t*s*.t?t*", {"notes.txt"}},
+      {"none.png", {"none.png"}},
+  };
+  for (const auto& [pattern, names] : kPatterns) EXPECT_EQ(expand(pattern), names) << pattern;
+  for (const char* pattern : {"a[1.*", "nothing", "none*"}) EXPECT_EQ(expand(pattern), Names());
   EXPECT_EQ(expandInputs({"rtsp://camera/?x=[1]*"}, false).inputs.size(), 1U);
   write("in/c.WAV", "");
-  EXPECT_EQ(expand("", false, Media::kSound), "clip.mp4 ");
-  EXPECT_EQ(expand("in", false, Media::kSound), "in/c.WAV ");
-  EXPECT_EQ(expand("on", false, Media::kSound), "!");
+  EXPECT_EQ(expand("", false, Media::kAudio), Names{"clip.mp4"});
+  EXPECT_EQ(expand("in", false, Media::kAudio), Names{"in/c.WAV"});
+  EXPECT_EQ(expand("on", false, Media::kAudio), Names());
 }
 
-TEST_F(InputTest, ReadsEveryKindOfPixels) {
-  // Portable any-map files are short enough to write here.
+TEST_F(InputTest, ReadsEveryPixelFormat) {
   const std::string grey = write("grey.pgm", "P5 2 1 255 \x10\xFF");
   const std::string deep = write("deep.pgm", std::string("P5 1 1 65535 \x80\x80", 15));
   const std::string clear = (folder_ / "clear.png").string();
@@ -223,7 +232,7 @@ TEST_F(InputTest, ReadsEveryKindOfPixels) {
   const std::pair<std::string, cv::Vec3b> kCases[] = {
       {grey, {0x10, 0x10, 0x10}}, {deep, {0x80, 0x80, 0x80}}, {clear, {255, 255, 255}}};
   for (const auto& [path, first] : kCases) {
-    Source source(path);
+    FrameSource source(path);
     cv::Mat frame;
     ASSERT_TRUE(source.next(&frame)) << path;
     EXPECT_EQ(frame.type(), CV_8UC3);
@@ -233,14 +242,14 @@ TEST_F(InputTest, ReadsEveryKindOfPixels) {
   }
 }
 
-TEST(DrawTest, LabelsTellAllThatIsKnown) {
-  // Paint on black and count: each further part makes the label longer.
+TEST(DrawTest, LabelShowsEveryResult) {
+  // Count the pixels on a black image: each further result makes the label longer.
   const Painter painter("");
   VsaObject object(600, 200, 10, 100, 590, 190, 0.5F, 3, "plate");
   const auto covered = [&] {
-    cv::Mat picture = cv::Mat::zeros(200, 600, CV_8UC3);
-    painter.paint(&picture, {object});
-    return cv::countNonZero(picture.rowRange(0, 98).reshape(1) > 0);
+    cv::Mat image = cv::Mat::zeros(200, 600, CV_8UC3);
+    painter.paint(&image, {object});
+    return cv::countNonZero(image.rowRange(0, 98).reshape(1) > 0);
   };
   const int detected = covered();
   EXPECT_GT(detected, 0);
@@ -249,35 +258,37 @@ TEST(DrawTest, LabelsTellAllThatIsKnown) {
   const int classified = covered();
   EXPECT_GT(classified, detected);
   object.textId = 0;
-  EXPECT_EQ(covered(), classified);  // nothing was read
+  EXPECT_EQ(covered(), classified);  // the text is empty
   object.text = "AB 123";
   EXPECT_GT(covered(), classified);
 }
 
-TEST(DrawTest, StaysInsideAndTurnsBoxes) {
+TEST(DrawTest, ClampsCoordinatesAndRotatesBoxes) {
   const Painter painter("");
-  constexpr int kMost = std::numeric_limits<int>::max();
+  constexpr int kMax = std::numeric_limits<int>::max();
   VsaObject wild(10, 10, 0, 0, 5, 5, std::nanf(""), -7, std::string(1 << 20, 'W'));
-  wild.left = -kMost - 1;
-  wild.right = kMost;
+  wild.left = -kMax - 1;
+  wild.right = kMax;
   wild.angle = std::nanf("");
-  wild.shapes = {{kVsaKeyPointsTag, std::vector<VsaPoint>(17, VsaPoint{kMost, -kMost})},
+  wild.shapes = {{kVsaKeyPointsTag, std::vector<VsaPoint>(17, VsaPoint{kMax, -kMax})},
                  {kVsaOutlineTag, {}},
-                 {kVsaOutlineTag, {{-kMost, 3}, {kMost, kMost}}}};
+                 {kVsaOutlineTag, {{-kMax, 3}, {kMax, kMax}}}};
   VsaObject empty;
   empty.textId = 0;
   for (const cv::Size& size : {cv::Size(1, 1), cv::Size(400, 2), cv::Size(3, 300)}) {
-    cv::Mat picture = cv::Mat::zeros(size, CV_8UC3);
-    EXPECT_NO_THROW(painter.paint(&picture, {wild, empty, wild}));
+    cv::Mat image = cv::Mat::zeros(size, CV_8UC3);
+    EXPECT_NO_THROW(painter.paint(&image, {wild, empty, wild}));
   }
-  // A quarter turn of a wide box leads through points above and below it.
-  VsaObject turned(400, 400, 100, 190, 300, 210, 1.0F, 0, "x");
-  turned.angle = static_cast<float>(CV_PI / 2);
-  cv::Mat picture = cv::Mat::zeros(400, 400, CV_8UC3);
-  painter.paint(&picture, {turned});
-  const auto drawn = [&picture](int x, int y) { return cv::norm(picture.at<cv::Vec3b>(y, x)) > 100.0; };
-  EXPECT_TRUE(drawn(190, 250) && drawn(210, 150));
-  EXPECT_FALSE(drawn(120, 190) || drawn(280, 210));
+  // A wide box rotated by a quarter covers points above and below it.
+  VsaObject rotated(400, 400, 100, 190, 300, 210, 1.0F, 0, "x");
+  rotated.angle = static_cast<float>(CV_PI / 2);
+  cv::Mat image = cv::Mat::zeros(400, 400, CV_8UC3);
+  painter.paint(&image, {rotated});
+  const auto isDrawn = [&image](int x, int y) {
+    return cv::norm(image.at<cv::Vec3b>(y, x)) > 100.0;
+  };
+  EXPECT_TRUE(isDrawn(190, 250) && isDrawn(210, 150));
+  EXPECT_FALSE(isDrawn(120, 190) || isDrawn(280, 210));
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
-// Sound files are tried first; what libsndfile does not know goes to ffmpeg, whose pipe libsndfile
-// reads too. ffmpeg is started without a shell, so names need no quoting.
-#include "Sound.h"
+// Files that libsndfile cannot open are decoded by ffmpeg, whose output libsndfile reads from a
+// pipe. ffmpeg is started without a shell, so names need no quoting.
+#include "AudioSource.h"
 
 #include <stdexcept>
 
@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "Inputs.h"
-#include "Text.h"
+#include "Messages.h"
 
 #if !defined(_WIN32)
 #include <fcntl.h>
@@ -34,11 +34,11 @@ namespace {
 constexpr int kSigned16 = 1;  // codes of sample formats, as in FFmpeg's AVSampleFormat
 constexpr int kFloat = 3;
 
-using SoundFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
+using AudioFile = std::unique_ptr<SNDFILE, int (*)(SNDFILE*)>;
 
 #if !defined(_WIN32)
-// A run of ffmpeg that decodes the first sound track of an input into a pipe: 16-bit samples in the
-// .au format, whose header needs no length.
+// A run of ffmpeg that decodes the first audio track of an input into a pipe, as 16-bit samples in
+// the .au format, whose header needs no length.
 class Ffmpeg {
  public:
   explicit Ffmpeg(const std::string& input) : messages_(std::tmpfile(), std::fclose) {
@@ -63,7 +63,7 @@ class Ffmpeg {
     close(output_);
     if (error != ENOENT) throw std::system_error(error, std::generic_category(), "ffmpeg");
     throw std::runtime_error(
-        "libsndfile does not know this kind of file, and the program ffmpeg, which reads the sound "
+        "libsndfile does not know this file format, and the program ffmpeg, which reads the audio "
         "of videos, is not on the PATH");
   }
   ~Ffmpeg() {
@@ -78,21 +78,21 @@ class Ffmpeg {
 
   int output() const { return output_; }
 
-  // To be called when the pipe has ended; throws what ffmpeg complained about if it failed.
+  // To be called at the end of the pipe. If ffmpeg failed, throws its message.
   void finish() {
     if (process_ <= 0) return;
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = 0;
-    // 255 is its answer to Ctrl-C, which ends the host too.
+    // It ends with 255 after Ctrl-C, which ends the host too.
     if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 255)) return;
     std::string message(4096, '\0');
     std::rewind(messages_.get());
     message.resize(std::fread(message.data(), 1, message.size(), messages_.get()));
     if (message.find("matches no streams") != std::string::npos) {
-      throw std::runtime_error("there is no sound in this file");
+      throw std::runtime_error("there is no audio in this file");
     }
-    throw std::runtime_error("ffmpeg cannot read the sound: " + oneLine(message));
+    throw std::runtime_error("ffmpeg cannot read the audio: " + oneLine(message));
   }
 
  private:
@@ -104,7 +104,7 @@ class Ffmpeg {
 
 }  // namespace
 
-class Sound::Reader {
+class AudioSource::Reader {
  public:
   Reader(const std::string& input, double blockSeconds) {
     std::error_code unused;
@@ -114,16 +114,16 @@ class Sound::Reader {
     }
     if (!file_) openVideo(input);
     const int subtype = info_.format & SF_FORMAT_SUBMASK;
-    const bool narrow = subtype == SF_FORMAT_PCM_16 || subtype == SF_FORMAT_PCM_S8 ||
-                        subtype == SF_FORMAT_PCM_U8 || subtype == SF_FORMAT_ULAW ||
-                        subtype == SF_FORMAT_ALAW;
-    sampleBytes_ = narrow ? sizeof(std::int16_t) : sizeof(float);
+    const bool fits16Bits = subtype == SF_FORMAT_PCM_16 || subtype == SF_FORMAT_PCM_S8 ||
+                            subtype == SF_FORMAT_PCM_U8 || subtype == SF_FORMAT_ULAW ||
+                            subtype == SF_FORMAT_ALAW;
+    sampleBytes_ = fits16Bits ? sizeof(std::int16_t) : sizeof(float);
     samples_ = std::max<sf_count_t>(1, std::llround(info_.samplerate * blockSeconds));
     const sf_count_t bytes = samples_ * info_.channels * sampleBytes_;
-    constexpr sf_count_t kMostBytes = 1 << 28;  // far above real sound; headers may say anything
-    if (info_.samplerate <= 0 || info_.channels <= 0 || bytes > kMostBytes) {
-      throw std::runtime_error("a block of this sound would take " + std::to_string(bytes >> 20) +
-                               " MB; the most is 256 MB");
+    constexpr sf_count_t kMaxBytes = 1 << 28;  // far above real audio; headers may say anything
+    if (info_.samplerate <= 0 || info_.channels <= 0 || bytes > kMaxBytes) {
+      throw std::runtime_error("a block of this audio would take " + std::to_string(bytes >> 20) +
+                               " MB; the limit is 256 MB");
     }
     block_.resize(static_cast<std::size_t>(bytes));
   }
@@ -131,10 +131,10 @@ class Sound::Reader {
   bool next(VsaFrame* block) {
     // Silence is 0 in both formats.
     std::fill(block_.begin(), block_.end(), std::uint8_t{0});
-    void* to = block_.data();
+    void* samples = block_.data();
     read_ = sampleBytes_ == sizeof(float)
-                ? sf_readf_float(file_.get(), static_cast<float*>(to), samples_)
-                : sf_readf_short(file_.get(), static_cast<std::int16_t*>(to), samples_);
+                ? sf_readf_float(file_.get(), static_cast<float*>(samples), samples_)
+                : sf_readf_short(file_.get(), static_cast<std::int16_t*>(samples), samples_);
     if (read_ <= 0) {
       if (sf_error(file_.get()) != SF_ERR_NO_ERROR) {
         throw std::runtime_error(oneLine(sf_strerror(file_.get())));
@@ -176,7 +176,7 @@ class Sound::Reader {
   void openVideo(const std::string& input) {
 #if defined(_WIN32)
     throw std::runtime_error(
-        "libsndfile does not know this kind of file; on Windows this host does not read the sound "
+        "libsndfile does not know this file format; on Windows this host does not read the audio "
         "of " +
         std::string(isAddress(input) ? "streams" : "videos"));
 #else
@@ -189,7 +189,7 @@ class Sound::Reader {
       throw std::runtime_error(reason);
     }
     announced_ = false;
-    // A stream is not opened a second time only to learn the size of its pictures.
+    // A stream is not opened a second time only for the size of its frames.
     cv::VideoCapture video;
     if (!isAddress(input) && video.open(input, cv::CAP_FFMPEG)) {
       width_ = std::max(1U, static_cast<unsigned>(video.get(cv::CAP_PROP_FRAME_WIDTH)));
@@ -202,14 +202,14 @@ class Sound::Reader {
   std::unique_ptr<Ffmpeg> ffmpeg_;  // before the file, which reads from it and is closed first
 #endif
   SF_INFO info_ = {};
-  SoundFile file_{nullptr, sf_close};
+  AudioFile file_{nullptr, sf_close};
   bool announced_ = true;
-  // The picture that the sound belongs to. The library names what it recognised only where there is
-  // one, so sound alone gets one of a single pixel.
+  // Size of the video frames that the audio belongs to. The library names the recognised classes
+  // only if it is not 0, so audio without video gets one pixel.
   std::uint32_t width_ = 1;
   std::uint32_t height_ = 1;
   sf_count_t sampleBytes_ = 0;
-  sf_count_t samples_ = 0;  // in a block, of each channel
+  sf_count_t samples_ = 0;  // per block and channel
   sf_count_t read_ = 0;
   std::int64_t index_ = -1;
   std::vector<std::uint8_t> block_;
@@ -219,10 +219,10 @@ class Sound::Reader {
 #else
 namespace vsa {
 
-class Sound::Reader {
+class AudioSource::Reader {
  public:
   Reader(const std::string& /*input*/, double /*blockSeconds*/) {
-    throw std::runtime_error("this build of vsa reads no sound, as it was made without libsndfile");
+    throw std::runtime_error("this build of vsa cannot read audio because it has no libsndfile");
   }
   bool next(VsaFrame* /*block*/) { return false; }
   double time() const { return 0.0; }
@@ -235,23 +235,23 @@ class Sound::Reader {
 
 namespace vsa {
 
-Sound::Sound(const std::string& input, double blockSeconds)
+AudioSource::AudioSource(const std::string& input, double blockSeconds)
     : reader_(std::make_unique<Reader>(input, blockSeconds)) {}
-Sound::~Sound() = default;
+AudioSource::~AudioSource() = default;
 
-bool Sound::next(VsaFrame* block) {
+bool AudioSource::next(VsaFrame* block) {
   return reader_->next(block);
 }
 
-double Sound::time() const {
+double AudioSource::time() const {
   return reader_->time();
 }
 
-double Sound::duration() const {
+double AudioSource::duration() const {
   return reader_->duration();
 }
 
-std::int64_t Sound::blockCount() const {
+std::int64_t AudioSource::blockCount() const {
   return reader_->blockCount();
 }
 

@@ -1,0 +1,53 @@
+#include "JsonLines.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace vsa {
+
+std::string jsonLine(const Json::Value& value) {
+  return jsonText(value) + "\n";
+}
+
+std::string jsonText(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  builder["precision"] = 9;  // the most digits that a float needs
+  return Json::writeString(builder, value);
+}
+
+Json::Value jsonNumber(float value) {
+  if (!std::isfinite(value)) return Json::nullValue;
+  // The decimal is parsed as a double, so that 0.9F is written as 0.9.
+  char buffer[64];
+  const auto result = std::to_chars(buffer, buffer + sizeof buffer - 1, value);
+  *result.ptr = '\0';
+  return std::strtod(buffer, nullptr);
+}
+
+JsonFile::JsonFile(const std::string& path, const std::vector<std::string>& inputs) : path_(path) {
+  for (const std::string& input : inputs) {
+    if (isSameFile(input)) {
+      throw std::runtime_error(path + ": this is an input and is not overwritten");
+    }
+  }
+  stream_.open(path, std::ios::binary | std::ios::trunc);
+  if (!stream_) throw std::runtime_error(path + ": the file cannot be written");
+}
+
+bool JsonFile::isSameFile(const std::string& path) const {
+  std::error_code unused;
+  return std::filesystem::equivalent(path, path_, unused);
+}
+
+void JsonFile::write(const std::string& line) {
+  if (!(stream_ << line << std::flush)) {
+    throw std::runtime_error(path_ + ": the file cannot be written");
+  }
+}
+
+}  // namespace vsa

@@ -1,0 +1,39 @@
+// JSON Lines: one JSON value per line, written to a string or to a file.
+#pragma once
+
+#include <json/json.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace vsa {
+
+/// The value in one line of UTF-8, including the line break.
+std::string jsonLine(const Json::Value& value);
+
+/// The value in one line without a line break.
+std::string jsonText(const Json::Value& value);
+
+/// The float as the shortest decimal that gives the same float again; null if it is not finite.
+Json::Value jsonNumber(float value);
+
+/// A file of JSON Lines, flushed after each line.
+class JsonFile {
+ public:
+  /// Creates the file or empties it. Throws std::runtime_error if it cannot be written or is one of
+  /// `inputs`, the files that the run reads.
+  JsonFile(const std::string& path, const std::vector<std::string>& inputs);
+
+  /// Whether `path` leads to the same file.
+  bool isSameFile(const std::string& path) const;
+
+  /// Throws std::runtime_error if the line cannot be written.
+  void write(const std::string& line);
+
+ private:
+  std::string path_;
+  std::ofstream stream_;
+};
+
+}  // namespace vsa

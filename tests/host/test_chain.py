@@ -1,0 +1,96 @@
+"""Chains of models over images: what each model adds, the table, and vsa compare."""
+
+import math
+import os
+import unittest
+
+from vsa_case import ChainCase, parse_lines, png
+
+
+class ChainTest(ChainCase):
+    def test_every_model_adds_its_part(self):
+        self.use(self.detector, self.classifier, self.persons, self.reader)
+        frame, = self.run_json("blue.png", "--output", "out")
+        features = [found.pop("feature") for found in frame["objects"]]
+        self.assertEqual([len(feature) for feature in features], [256, 256])
+        more = {"classifyName": "blue", "classifyId": 1, "classifyScore": 0.75, "text": "七A七",
+                "textScore": 1}
+        self.assertEqual(frame["objects"], [
+            {"className": "car", "classId": 0, "box": [8, 4, 40, 28], "score": 0.75, **more},
+            {"className": "person", "classId": 1, "box": [30, 10, 50, 44], "score": 0.875, **more}])
+        self.assertRegex(
+            self.vsa("run", self.pipeline, "blue.png"),
+            r"(?m)^  1  0.750  car     8,4 40,28    blue 0.750  256 numbers  七A七$")
+        self.assertNotEqual((self.folder / "out/blue.png").read_bytes(),
+                            (self.folder / "blue.png").read_bytes())
+
+    def test_wanted_names(self):
+        self.use(self.detector, {**self.classifier, "wantedLabels": ["red", "green"]}, self.faces)
+        self.assertEqual(self.run_json("blue.png")[0]["objects"], [])
+        self.use({**self.detector, "wantedClasses": ["car"]}, self.faces)
+        objects = self.run_json("blue.png")[0]["objects"]
+        self.assertEqual([len(found["feature"]) for found in objects], [128])
+
+    def test_angles_key_points_and_outlines(self):
+        box = {"box": [8, 16, 40, 32], "score": 0.75, "classId": 0, "className": "car"}
+        points = [[10, 20], [30, 20], [20, 28]]
+        outline = [[9, 16], [8, 17], [8, 30], [9, 31], [38, 31], [39, 30], [39, 17], [38, 16]]
+        for name, network, count, more in (
+                ("YOLO8-OBB", "turned", 2, {"angle": 0.5}),
+                ("YOLO8-POSE", "points", 3, {"shapes": [{"tag": 5, "points": points}]}),
+                ("YOLO8-Seg", "outline", 2, {"shapes": [{"tag": 10, "points": outline}]})):
+            with self.subTest(name):
+                self.use({**self.detector, "modelName": name, "modelFile": network,
+                          "classCount": count, "nmsThreshold": 0.5})
+                self.assertEqual(self.run_json("blue.png")[0]["objects"], [{**box, **more}])
+
+    @unittest.skipIf(os.name == "nt", "needs a POSIX terminal")
+    def test_terminal_and_pipe(self):
+        labels = [f"{colour} and many more words about it" for colour in ("red", "blue", "green")]
+        self.use(self.detector, {**self.classifier, "classNames": labels}, self.persons,
+                 self.reader)
+        text = self.run_in_terminal("run", self.pipeline, "none.png", "blue.png", "-q")
+        piped = self.vsa("run", self.pipeline, "blue.png", "-q")
+        self.assertEqual(len(piped.splitlines()), 4, piped)
+        self.assertNotRegex(piped, r"[\r\x1b]")
+        self.assertEqual(text.split("objects\n")[1].split(), piped.split("objects\n")[1].split())
+
+
+class CompareTest(ChainCase):
+    def test_similarity(self):
+        self.write("red.png", png(64, 64, (255, 0, 0)))
+        images = ("blue.png", "red.png")
+        for embedding in (self.persons, self.faces):
+            self.use(self.detector, embedding)
+            found, = parse_lines(self.vsa("compare", "--json", self.pipeline, *images))
+            first, second = (best["feature"] for best in found["objects"])
+            product = sum(map(float.__mul__, first, second))
+            cosine = product / math.hypot(*first) / math.hypot(*second)
+            self.assertAlmostEqual(found["similarity"], cosine, 6)
+            for best, name in zip(found["objects"], images, strict=True):
+                self.assertEqual((best["input"], best["className"], best["box"]),
+                                 (name, "person", [30, 10, 50, 44]))
+            table = self.vsa("compare", self.pipeline, *images)
+            self.assertIn("person  30,10 50,44", table)
+            self.assertTrue(table.endswith(f"cosine similarity {cosine:.4f}\n"), table)
+
+    def test_failures(self):
+        nothing = {**self.detector, "modelFile": "nothing"}
+        zeros = {**self.persons, "modelFile": "zeros"}
+        narrow = {**self.persons, "inputWidth": 17}
+        for models, image, status, sentence in (
+                ([nothing, self.persons], "blue.png", 1, "blue.png: no object was found"),
+                ([self.detector], "blue.png", 1, "blue.png: no object has a feature; .+"),
+                ([self.detector, zeros], "blue.png", 1, "a feature is all zeros .+"),
+                ([self.detector, narrow], "blue.png", 1,
+                 r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
+                ([self.detector, self.persons], "none.png", 1, "none.png: no such file"),
+                ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2,
+                 r".+: models\[0\]: the library has no model .+"),
+                ([{**self.classifier, "modelName": "AudioNet"}], "blue.png", 2,
+                 ".+: compare takes images, not audio")):
+            with self.subTest(sentence):
+                self.use(*models)
+                self.vsa("compare", self.pipeline, "blue.png", image, status=status)
+                self.assertEqual(self.out, "")
+                self.check_error(sentence)

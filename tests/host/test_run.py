@@ -1,0 +1,193 @@
+"""What the options of vsa run do with inputs and results, and how a run ends."""
+
+import json
+import os
+import re
+import signal
+import struct
+import time
+import unittest
+
+from vsa_case import PICTURES, VSA, ChainCase, parse_lines, png
+
+
+class RunTest(ChainCase):
+    def setUp(self):
+        super().setUp()
+        self.use(self.detector)
+
+    def test_answers_standard_input_line_by_line(self):
+        self.write("in/large.png", png(128, 64))
+        self.write("in/other.png", png(64, 64))
+        process = self.start(VSA, "run", "--stdin", "-q", self.pipeline)
+
+        def answers(line, count):
+            process.stdin.write(line + b"\n")
+            process.stdin.flush()
+            return [parse_lines(process.stdout.readline().decode())[0] for _ in range(count)]
+
+        not_a_path = "the line is not a path"
+        for line, error in (
+                (b"blue.png", None), (b"none.png\r", "no such file"),
+                (b"none*", "no file matches this pattern"), (b"\xff.png", "no such file"),
+                (b"blue.png\0x", not_a_path), (b"x" * 1000000, not_a_path), (b"blue.png", None)):
+            answer, = answers(line, 1)
+            self.assertEqual(answer.get("error"), error)
+            if error != not_a_path:
+                self.assertEqual(answer["input"], line.decode(errors="replace").strip())
+        answers(b"", 0)
+        self.assertEqual([answer["width"] for answer in answers(b"in", 2)], [128, 64])
+        out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, out), (1, b""))
+        self.assertEqual(len(err.splitlines()), 5, err)
+
+    def test_recorded_objects(self):
+        self.write("other.png", png(128, 64))
+        self.use(self.detector, self.reader)
+        expected = self.run_json("blue.png", "other.png")
+        self.use(self.detector)
+        self.vsa("run", self.pipeline, "blue.png", "other.png", "--json-file", "found.jsonl")
+        self.use(self.reader)
+        self.assertEqual(self.run_json("blue.png", "other.png", "--objects", "found.jsonl"),
+                         expected)
+        found = (self.folder / "found.jsonl").read_bytes()
+        error = b'{"input":"blue.png","error":"x"}\n'
+        bad_box = b'{"input":"a","frame":0,"width":9,"height":9,"objects":[{"box":[1]}]}'
+        for name, content, status, sentence in (
+                ("wide", found.replace(b'"width":64', b'"width":65'), 1,
+                 "blue.png: in wide frame 0 has 65 x 64 .+"),
+                ("other", error, 1, "blue.png: frame 0 is not in other"),
+                ("deep", error + b"[" * 100000, 2, "deep: line 2: .+"),
+                ("text", b"x", 2, "text: line 1: not JSON"),
+                ("none", None, 2, "none: the file cannot be read"),
+                ("box", bad_box, 2, "box: line 1: an array is missing or has another length")):
+            if content is not None:
+                self.write(name, content)
+            self.vsa("run", self.pipeline, "blue.png", "--objects", name, status=status)
+            self.check_error(sentence)
+
+    def test_failure_of_a_model(self):
+        # The output of a classifier does not fit a detector.
+        wrong = {**self.detector, "modelFile": "label", "inputWidth": 32, "inputHeight": 32}
+        self.use(wrong, self.reader)
+        frame, = self.run_json("blue.png", status=1)
+        self.assertEqual((frame["failedModels"], frame["objects"]), ([0, 1], []))
+        self.check_error(r"blue.png: frame 0: models\[0\] YOLO26 \(Detect\): .+")
+        self.assertNotIn("frame 0: models[1]", self.err)
+
+    def test_never_overwrites_inputs(self):
+        before = self.write("in/blue.png", png(64, 64)).read_bytes()
+        (self.folder / "link").symlink_to(self.folder / "in")
+        for arguments in (["--output", "in"], ["--output", "link"], ["--output", self.pipeline],
+                          ["--json-file", "in/blue.png"], ["--json-file", self.pipeline],
+                          ["--output", "out", "--font", self.pipeline]):
+            self.vsa("run", self.pipeline, "in", *arguments, status=2)
+        self.assertEqual(before, (self.folder / "in/blue.png").read_bytes())
+
+    def test_shrinks_and_crops(self):
+        self.write("big.png", png(640, 320))
+        frame, = self.run_json("big.png", "--max-side", "64", "--crops", "crops", "--output", "out")
+        self.assertEqual([(found["box"], found["crop"]) for found in frame["objects"]],
+                         [([80, 40, 400, 280], "crops/big-1.png"),
+                          ([300, 100, 500, 320], "crops/big-2.png")])
+        for name, size in (("crops/big-1.png", (320, 240)), ("crops/big-2.png", (200, 220)),
+                           ("out/big.png", (640, 320))):
+            header = (self.folder / name).read_bytes()[16:24]
+            self.assertEqual(struct.unpack(">II", header), size)
+
+    def test_chosen_classes_and_wrong_options(self):
+        for only, names in (("person", ["person"]), ("person,car", ["car", "person"])):
+            frame, = self.run_json("blue.png", "--only", only)
+            self.assertEqual([found["className"] for found in frame["objects"]], names)
+        for options, sentence in (
+                (["--only", "cra"], '--only: .* "cra"; did you mean "car"'),
+                (["--crops", "x", "--output", "x"], "need a folder each"),
+                (["--crops", "."], "lies in the output folder")):
+            self.vsa("run", self.pipeline, "blue.png", *options, status=2)
+            self.assertRegex(self.err, sentence)
+
+    def test_bad_inputs_do_not_stop_a_run(self):
+        def bmp(side):
+            return b"BM" + struct.pack("<IHHIIiiHHIIiiII", 54, 0, 0, 54, 40, side, side, 1, 24,
+                                       *[0] * 6)
+
+        def jpeg(side):
+            photo = (PICTURES / "hike.jpg").read_bytes()
+            start = re.search(rb"\xff[\xc0\xc2]..\x08", photo, re.DOTALL).end()
+            return photo[:start] + struct.pack(">HH", side, side) + photo[start + 4:]
+
+        limit = "its 20000 x 20000 pixels are more than the limit of 200000000"
+        header = "its header claims more .+"
+        self.write("good.png", png(10, 10000))
+        (self.folder / "empty").mkdir()
+        os.mkfifo(self.folder / "pipe.png")
+        for name, content, sentence in (
+                ("a.png", png(100000, 100000, rows=b""), header),
+                ("b.png", png(20000, 20000, rows=b""), limit),
+                ("c.bmp", bmp(100000), header),
+                ("d.bmp", bmp(20000), limit),
+                ("e.jpg", jpeg(60000), header),
+                ("f.jpg", jpeg(20000), limit),
+                ("g.pgm", b"P5 20000 20000 255 x", limit),
+                ("cut.y4m", self.write_video(9).read_bytes()[:300], "no frame can be read"),
+                ("text.png", b"not an image", ".+"),
+                ("void.jpg", b"", ".+"),
+                ("text.mp4", b"not a video", ".+"),
+                ("cut.png", png(400, 300)[:60], ".+"),
+                ("none.png", None, "no such file"),
+                ("none*.png", None, ".+"),
+                ("empty", None, ".+"),
+                ("pipe.png", None, "not a regular file")):
+            if content is not None:
+                self.write(name, content)
+            self.assertEqual(len(self.run_json(name, "good.png", status=1)), 1, name)
+            self.check_error(f"{re.escape(name)}: {sentence}")
+            self.assertIn("1 input failed", self.err)
+        video = self.write_video(3)
+        self.assertEqual(self.run_json(video, "good.png", "--max-pixels", 3000, status=1), [])
+        self.check_error(f"{video}: its 64 x 48 pixels are more than the limit of 3000")
+        self.assertIn("2 inputs failed", self.err)
+
+    def test_links_to_folders_are_not_followed(self):
+        (self.folder / "deep/er").mkdir(parents=True)
+        for name in ("deep/er/loop", "deep/self"):
+            (self.folder / name).symlink_to(self.folder / "deep")
+        self.write("deep/er/1.png", png(1, 1))
+        self.assertEqual(len(self.run_json("deep", "--recursive")), 1)
+
+
+class EndTest(ChainCase):
+    """How a run ends early."""
+
+    def setUp(self):
+        super().setUp()
+        self.use(self.detector)
+
+    @unittest.skipIf(os.name == "nt", "needs POSIX signals")
+    def test_results_are_complete_after_an_interrupt(self):
+        video = self.write_video(5000)
+        process = self.start(VSA, "run", self.pipeline, "--json", video, "--output", "out")
+        lines = [process.stdout.readline() for _ in range(3)]
+        process.send_signal(signal.SIGINT)
+        out = process.stdout.read()  # communicate() would lose what readline() has buffered
+        err = process.stderr.read()
+        self.assertEqual(process.wait(timeout=60), 130, err)
+        frames = [json.loads(line) for line in lines + out.splitlines()]
+        self.assertLess(len(frames), 5000)
+        self.assertIn(f"{len(frames)} frames", err.decode())
+        self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
+
+    def test_closed_pipe(self):
+        process = self.start(VSA, "run", self.pipeline, self.write_video(5000), "--output", "out")
+        process.stdout.readline()
+        process.stdout.close()
+        start = time.monotonic()
+        self.assertEqual(process.wait(timeout=60), 1)
+        self.assertLess(time.monotonic() - start, 20)
+        self.assertNotIn(b"cannot be written", process.stderr.read())
+        self.assertGreater((self.folder / "out/video.mp4").stat().st_size, 0)
+
+    @unittest.skipUnless(os.path.exists("/dev/full"), "needs /dev/full")
+    def test_full_disk(self):
+        self.vsa("run", self.pipeline, "blue.png", "--json-file", "/dev/full", status=1)
+        self.assertIn("/dev/full: the file cannot be written", self.err)

@@ -1,0 +1,60 @@
+"""The program vsa with the real text models."""
+
+import json
+import os
+import re
+
+from vsa_case import PICTURES, VsaCase, png
+
+
+def words_of(line):
+    """Drops spaces and punctuation, which depend on the model, not on the host."""
+    return "".join(re.findall(r"\w", line))
+
+
+class TextTest(VsaCase):
+    def setUp(self):
+        super().setUp()
+        self.use_text_models()
+
+    def test_reads_the_true_lines(self):
+        frame, = self.run_json(self.write_sign())
+        self.assertEqual((frame["frame"], frame["width"], frame["height"]), (0, 900, 680))
+        self.assertNotIn("time", frame)
+        read = {words_of(found["text"]) for found in frame["objects"]}
+        true = set(map(words_of, (PICTURES / "sign.txt").read_text("utf-8").splitlines()))
+        self.assertGreaterEqual(len(read & true), len(true) - 1, f"{read} {true}")
+        for found in frame["objects"]:
+            self.assertEqual([len(corner) for corner in found["corners"]], [2] * 4)
+            self.assertGreaterEqual(found["score"], 0.6)
+            self.assertEqual((found["className"], found["textScore"]), ("text", 1))
+        self.vsa("run", self.pipeline, "sign.png", "--json-file", "out.jsonl")
+        self.assertRegex(self.err, r"1 input, 1 frame, \d+ objects in")
+        written = json.loads((self.folder / "out.jsonl").read_text("utf-8"))
+        self.assertEqual(written["objects"], frame["objects"])
+        self.vsa("run", "--quiet", self.pipeline, "sign.png")
+        self.assertEqual(self.err, "")
+
+    def test_annotated_images(self):
+        inputs = [self.write_sign("a/sign.png"), self.write_sign("b/sign.png"),
+                  self.write("b/white.png", png(50, 20))]
+        before = [path.read_bytes() for path in inputs]
+        # A link must not lead the output to an input.
+        out = self.folder / "out"
+        out.mkdir()
+        (out / "white.png").symlink_to(inputs[2])
+        self.vsa("run", self.pipeline, *inputs, "--output", "out")
+        self.assertEqual(sorted(os.listdir(out)), ["sign-2.png", "sign.png", "white.png"])
+        self.assertEqual(before, [path.read_bytes() for path in inputs])
+        first, second = ((out / name).read_bytes() for name in ("sign.png", "sign-2.png"))
+        self.assertEqual(first, second)
+        self.assertEqual(first[16:24], before[0][16:24], "width and height")
+        self.assertNotEqual(first, before[0])
+        self.assertFalse((out / "white.png").is_symlink())
+
+    def test_video(self):
+        video = self.write_video(6)
+        frames = self.run_json(video)
+        self.assertEqual([frame["frame"] for frame in frames], list(range(6)))
+        self.assertEqual([round(frame["time"], 2) for frame in frames], [0, .1, .2, .3, .4, .5])
+        self.assertEqual(len(self.run_json(video, "--max-frames", "2")), 2)

@@ -1,0 +1,58 @@
+"""The command line of vsa: help, options, manual page and the pipeline files in examples/."""
+
+import re
+import shutil
+import subprocess
+import unittest
+
+from vsa_case import EXAMPLES, ROOT, ChainCase
+
+COMMANDS = ("devices", "run", "compare", "doctor", "compare-engines", "bench")
+
+
+class UsageTest(ChainCase):
+    def test_help_fits_a_terminal_and_the_manual_has_every_option(self):
+        manual = (ROOT / "docs/vsa.1").read_text("utf-8")
+        for command in ([], *([name] for name in COMMANDS)):
+            text = self.vsa(*command, "--help")
+            self.check_width(text)
+            self.assertIn("Exit status", text)
+            for option in re.findall(r"--([a-z-]+)", text):
+                self.assertIn("Fl -" + option.replace("-", r"\-"), manual)
+        for command in COMMANDS:
+            self.assertIn(f"Cm {command}", manual)
+
+    def test_version_and_devices(self):
+        self.assertRegex(self.vsa("--version"),
+                         r"^vsa \d+\.\d+\.\d+ \(library interface pub\d+\)\n$")
+        devices = set(self.vsa("devices").splitlines())
+        self.assertLessEqual({"OpenVINO-CPU", "ONNXRuntime-CPU"}, devices)
+
+    @unittest.skipUnless(shutil.which("mandoc"), "mandoc is not installed")
+    def test_manual_page(self):
+        done = subprocess.run(["mandoc", "-Tlint", "-Wwarning", ROOT / "docs/vsa.1"],
+                              capture_output=True, text=True)
+        self.assertEqual((done.returncode, done.stdout), (0, ""))
+
+    def test_wrong_usage(self):
+        self.use(self.detector)
+        pipeline = self.pipeline
+        for options in (["--jsn"], ["--max-frames", "0"], ["--max-frames", "many"], ["--stdin"],
+                        ["--max-side", "0"], ["--max-pixels", "715827883"]):
+            self.check_usage_error("run", *options, pipeline, "x")
+        for arguments in ([], ["rnu"], ["run"], ["run", pipeline], ["compare", pipeline, "x"],
+                          ["compare", pipeline, "x", "y", "z"], ["doctor"],
+                          ["compare-engines", "--pixels", "-1", pipeline, "x"]):
+            self.check_usage_error(*arguments)
+
+    def check_usage_error(self, *arguments):
+        self.vsa(*arguments, status=2)
+        self.assertEqual(self.out, "")
+        self.assertNotEqual(self.err, "")
+
+    def test_pipelines_of_the_examples(self):
+        for path in sorted(EXAMPLES.glob("pipelines/*.json")):
+            with self.subTest(path.name):
+                self.vsa("run", path, "none.png", status=(1, 2))
+                # Everything is right except for the networks, most of which do not exist.
+                self.assertRegex(self.err, r"there is no model file|none.png: no such file")
