@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Families.h"
+#include "support/Families.h"
 
 namespace vsa {
 namespace {
@@ -40,6 +41,7 @@ bool reachesEngine(const std::string& engine, const std::string& category,
 TEST(FamiliesTest, LibraryHasExactlyTheseModels) {
   std::set<std::string> names = {"NoSuchModel"};
   for (const Family& family : families()) names.insert(family.modelName);
+  for (const ::Family& family : ::families()) names.insert(family.name);  // those of the library
   for (const std::string engine : {"OpenVINO", "ONNXRuntime", "TensorRT"}) {
     for (const std::string category : {"Detect", "Track", "Classify", "Other"}) {
       for (const std::string& name : names) {
