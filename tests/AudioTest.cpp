@@ -35,8 +35,11 @@ VsaFrame audioFrame(const std::vector<std::uint8_t>& pcm) {
 }
 
 TEST(Base64, PadsTheLastGroup) {
-  const std::pair<std::string, const char*> cases[] = {
-      {"", ""}, {std::string(1, '\0'), "AA=="}, {"Ma", "TWE="}, {"Man", "TWFu"}, {"\xFB\xFF\xFE", "+//+"}};
+  const std::pair<std::string, const char*> cases[] = {{"", ""},
+                                                       {std::string(1, '\0'), "AA=="},
+                                                       {"Ma", "TWE="},
+                                                       {"Man", "TWFu"},
+                                                       {"\xFB\xFF\xFE", "+//+"}};
   for (const auto& [bytes, text] : cases) {
     std::string out = "kept";
     Base64Encode(reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size(), out);
@@ -61,8 +64,8 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
 
   const std::string request = server.lastRequest();
   EXPECT_TRUE(request.starts_with("POST /api/audioToMelSpec HTTP/1.1\r\n")) << request;
-  for (const char* header :
-       {"\r\nUser-Agent: vsrt_core;\r\n", "\r\nContent-Type: application/json;\r\n", "\r\nexpect: ;\r\n"}) {
+  for (const char* header : {"\r\nUser-Agent: vsrt_core;\r\n",
+                             "\r\nContent-Type: application/json;\r\n", "\r\nexpect: ;\r\n"}) {
     EXPECT_NE(request.find(header), std::string::npos) << header;
   }
   const std::string body = request.substr(request.find("\r\n\r\n") + 4);
@@ -71,10 +74,11 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   Json::Value json;
   ASSERT_TRUE(Json::Reader().parse(body, json));
   Json::Value expected;
-  ASSERT_TRUE(Json::Reader().parse(R"({"pts": 1099511627776, "audio_frame_count": -7, "audio_frame_max_size": 4096,
+  ASSERT_TRUE(Json::Reader().parse(
+      R"({"pts": 1099511627776, "audio_frame_count": -7, "audio_frame_max_size": 4096,
       "audio_frame_size": 5, "audio_sample_rate": 48000, "audio_nb_samples": 2, "audio_sample_fmt": 1,
       "audio_sample_fmt_byte_num": 2, "audio_pcm_base64": "AQIDBAU="})",
-                                   expected));
+      expected));
   EXPECT_EQ(json, expected);
 
   VsaFrame image = audioFrame(pcm);
@@ -89,7 +93,8 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   for (const int size : {5, -5}) {
     empty.audioFrameSize = size;
     EXPECT_EQ(AudioToMelSpec(server.address(), empty, matrix), 0);
-    EXPECT_EQ(log.texts(), Texts{"[E]audio block has no data,audio_frame_size=" + std::to_string(size)});
+    EXPECT_EQ(log.texts(),
+              Texts{"[E]audio block has no data,audio_frame_size=" + std::to_string(size)});
   }
 }
 
@@ -117,7 +122,9 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
   const auto failed = [&](const std::string& why) {
     return "[E]curl_easy_perform error: url=" + server.address() + "/api/audioToMelSpec, " + why;
   };
-  const auto inBytes = [](Answer answer, milliseconds pause) { return answer.pause = pause, answer; };
+  const auto inBytes = [](Answer answer, milliseconds pause) {
+    return answer.pause = pause, answer;
+  };
   const auto cut = [](Answer answer, std::size_t requestBytes = SIZE_MAX) {
     return answer.resets = true, answer.requestBytes = requestBytes, answer;
   };
@@ -125,19 +132,23 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
     answer.blanks = mebibytes << 20;
     return answer;
   };
-  const std::string redirect = "HTTP/1.1 301 Moved\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n";
+  const std::string redirect =
+      "HTTP/1.1 301 Moved\r\nLocation: http://127.0.0.1:1/\r\nContent-Length: 0\r\n\r\n";
   const std::string chunked = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
   const std::optional<MelSpectrogram> none, one = MelSpectrogram{{1}};
   const ServiceCase cases[] = {
       // The connection.
       {"never answers", "", none, failed("Timeout was reached"), milliseconds(400)},
-      {"never answers, up to the library's own limit", "", none, failed("Timeout was reached"), milliseconds(30000)},
+      {"never answers, up to the library's own limit", "", none, failed("Timeout was reached"),
+       milliseconds(30000)},
       {"reset within the request", cut("", 1), none, failed("*")},
-      {"reset before the headers", cut(""), none, failed("Failure when receiving data from the peer")},
+      {"reset before the headers", cut(""), none,
+       failed("Failure when receiving data from the peer")},
       {"reset within the headers", cut("HTTP/1.1 200 OK\r\nConte"), none, failed("*")},
       {"reset within the body", cut(ok(good).substr(0, 80)), none, failed("*")},
       {"one byte after the other", inBytes(ok(good), milliseconds(2)), one, ""},
-      {"too slow", inBytes(ok(good), milliseconds(20)), none, failed("Timeout was reached"), milliseconds(400)},
+      {"too slow", inBytes(ok(good), milliseconds(20)), none, failed("Timeout was reached"),
+       milliseconds(400)},
       // HTTP.
       {"garbage", "garbage\r\n\r\n", none, failed("*")},
       {"a status that is no number", "HTTP/1.1 abc OK\r\n\r\n" + good, none, failed("*")},
@@ -148,7 +159,8 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
       {"a length too short", "HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\n" + good, none, ""},
       {"a length too long", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + good, none,
        failed("Transferred a partial file")},
-      {"a length that is no number", "HTTP/1.1 200 OK\r\nContent-Length: -7\r\n\r\n" + good, none, failed("*")},
+      {"a length that is no number", "HTTP/1.1 200 OK\r\nContent-Length: -7\r\n\r\n" + good, none,
+       failed("*")},
       {"no length", "HTTP/1.0 200 OK\r\n\r\n" + good, one, ""},
       {"no length, closed early", "HTTP/1.0 200 OK\r\n\r\n" + good.substr(0, 20), none, ""},
       {"chunks", chunked + "2c\r\n" + good + "\r\n0\r\n\r\n", one, ""},
@@ -162,12 +174,15 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
       {"cut JSON", ok(good.substr(0, 30)), none, ""},
       {"no JSON", ok("<html>"), none, ""},
       {"zero bytes", ok(std::string(40, '\0')), none, ""},
-      {"a zero byte in the message", ok(std::string("{\"msg\": \"\0\"}", 12)), none, "[E]parse error"},
+      {"a zero byte in the message", ok(std::string("{\"msg\": \"\0\"}", 12)), none,
+       "[E]parse error"},
       {"a byte-order mark", ok("\xEF\xBB\xBF" + good), one, ""},
       {"UTF-16", ok(std::string("{\0\"\0c\0", 6)), none, ""},
-      {"a message in GBK", ok("{\"code\": 1000, \"msg\": \"\xB3\xC9\", \"mel_spec\": [[1]]}"), one, ""},
+      {"a message in GBK", ok("{\"code\": 1000, \"msg\": \"\xB3\xC9\", \"mel_spec\": [[1]]}"), one,
+       ""},
       {"half a surrogate pair", ok(R"({"code": 1000, "msg": "\ud800"})"), none, ""},
-      {"nested deeply", body(R"(, "mel_spec": )" + std::string(10000, '[') + std::string(10000, ']')), none, ""},
+      {"nested deeply",
+       body(R"(, "mel_spec": )" + std::string(10000, '[') + std::string(10000, ']')), none, ""},
       {"opened deeply", body(R"(, "mel_spec": )" + std::string(2000000, '[')), none, ""},
       // The reply.
       {"code as text", ok(R"({"code": "1000", "msg": ""})"), none, "[E]parse error"},
@@ -175,27 +190,33 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
       {"no message", ok(R"({"code": 1000})"), none, "[E]parse error"},
       {"an array", ok(R"([1000])"), none, "[E]parse error"},
       {"null", ok("null"), none, "[E]parse error"},
-      {"another code", ok(R"({"code": -3, "msg": "no model"})"), none, "[E]code error, code=-3,msg=no model"},
+      {"another code", ok(R"({"code": -3, "msg": "no model"})"), none,
+       "[E]code error, code=-3,msg=no model"},
       {"no spectrogram", body(""), MelSpectrogram(), ""},
       {"spectrogram null", body(R"(, "mel_spec": null)"), MelSpectrogram(), ""},
       {"empty spectrogram", body(R"(, "mel_spec": [])"), MelSpectrogram(), ""},
       {"spectrogram an object", body(R"(, "mel_spec": {"a": [1]})"), none, noTable},
-      {"ragged rows, counts wrong", body(R"(, "mels": 9, "time_steps": 1, "mel_spec": [[1, 2], [], [3]])"),
+      {"ragged rows, counts wrong",
+       body(R"(, "mels": 9, "time_steps": 1, "mel_spec": [[1, 2], [], [3]])"),
        MelSpectrogram{{1, 2}, {}, {3}}, ""},
       {"more rows said than sent", body(R"(, "mels": 1000001, "mel_spec": [[1]])"), one, ""},
       {"rows of text", body(R"(, "mel_spec": [["1"]])"), none, noTable},
       {"rows no arrays", body(R"(, "mel_spec": [1, 2])"), none, noTable},
-      {"the least float, as it is printed", body(R"(, "mel_spec": [[-3.4028235e+38]])"), MelSpectrogram{{-FLT_MAX}},
-       ""},
+      {"the least float, as it is printed", body(R"(, "mel_spec": [[-3.4028235e+38]])"),
+       MelSpectrogram{{-FLT_MAX}}, ""},
       {"a number no float holds", body(R"(, "mel_spec": [[1e300]])"), none, noTable},
       {"a number no type holds", body(R"(, "mel_spec": [[1e400]])"), none, ""},
       {"as many mels as may be", body(R"(, "mels": 16777216, "mel_spec": [[1]])"), one, ""},
-      {"one mel more", body(R"(, "mels": 16777217, "mel_spec": [])"), none, "[E]mels out of range:16777217"},
+      {"one mel more", body(R"(, "mels": 16777217, "mel_spec": [])"), none,
+       "[E]mels out of range:16777217"},
       {"negative mels", body(R"(, "mels": -1, "mel_spec": [])"), none, "[E]mels out of range:-1"},
-      {"huge mels", body(R"(, "mels": 2000000000, "mel_spec": [])"), none, "[E]mels out of range:2000000000"},
+      {"huge mels", body(R"(, "mels": 2000000000, "mel_spec": [])"), none,
+       "[E]mels out of range:2000000000"},
       {"mels as text", body(R"(, "mels": "2", "mel_spec": [])"), none, "[E]mels out of range:2"},
-      {"mels a list", body(R"(, "mels": [1], "mel_spec": [])"), none, "[E]mels out of range:no number"},
-      {"huge steps", body(R"(, "time_steps": 99999999999, "mel_spec": [])"), none, outOfRange + "99999999999"},
+      {"mels a list", body(R"(, "mels": [1], "mel_spec": [])"), none,
+       "[E]mels out of range:no number"},
+      {"huge steps", body(R"(, "time_steps": 99999999999, "mel_spec": [])"), none,
+       outOfRange + "99999999999"},
   };
   // verify/service runs the long cases, and only those.
   const bool runsLongCases = std::getenv("TOL_LONG_TESTS") != nullptr;
@@ -236,14 +257,16 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
 }
 
 TEST(PostJson, TellsWhyATransferFailed) {
-  for (const std::string& url : {std::string("http://127.0.0.1:1"), "nonsense://" + std::string(20000, 'x')}) {
+  for (const std::string& url :
+       {std::string("http://127.0.0.1:1"), "nonsense://" + std::string(20000, 'x')}) {
     std::string response = "kept";
     LogCapture log;
     EXPECT_FALSE(PostJson(url, "{}", response));
     EXPECT_EQ(response, "kept");
     const Texts lines = log.located();
     ASSERT_EQ(lines.size(), 1U);
-    EXPECT_TRUE(lines[0].starts_with("Core/Utils/Request: [E]curl_easy_perform error: url=" + url + ", "));
+    EXPECT_TRUE(
+        lines[0].starts_with("Core/Utils/Request: [E]curl_easy_perform error: url=" + url + ", "));
     EXPECT_TRUE(url.size() > 100 || lines[0].ends_with(", Couldn't connect to server"));
   }
 }
@@ -253,9 +276,11 @@ TEST(PostJson, TellsWhyATransferFailed) {
 struct AudioBench {
   explicit AudioBench(const std::vector<float>& scores, int plane = 0)
       : server(LoopbackServer::ok(spectrogram("[[1, 2, 3], [4, 5, 6]]")), 9555),
-        model("Classify", "AudioNet", writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
-                return ov::OutputVector{scores.empty() ? reshaped(sliced(input, 1, plane, plane + 1), {1, -1})
-                                                       : floats({1, scores.size()}, scores)};
+        model("Classify", "AudioNet",
+              writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
+                return ov::OutputVector{scores.empty()
+                                            ? reshaped(sliced(input, 1, plane, plane + 1), {1, -1})
+                                            : floats({1, scores.size()}, scores)};
               })) {
     model.setInput(3, 2);
     model.setClasses({"bark", "siren", "glass"});
@@ -276,7 +301,8 @@ struct AudioBench {
     const bool done = model.run(&given);
     Texts result = log.texts();
     EXPECT_TRUE(given.objects.empty());
-    EXPECT_TRUE(given.audioClassified || (given.audioObjects.size() == 1 && given.audioScore == 0.0F));
+    EXPECT_TRUE(given.audioClassified ||
+                (given.audioObjects.size() == 1 && given.audioScore == 0.0F));
     result.push_back(!done                   ? "failed"
                      : given.audioClassified ? "classified " + std::to_string(given.audioScore)
                                              : "nothing");
@@ -294,7 +320,8 @@ struct AudioBench {
 
 TEST(OvClassifyAudioNet, ReportsTheBestClassOfABlock) {
   AudioBench bench({1, 3, -8});
-  EXPECT_EQ(bench.run(), (Texts{"classified 0.750000", "siren 1 0.75: 320,240 320,240 of 641x480"}));
+  EXPECT_EQ(bench.run(),
+            (Texts{"classified 0.750000", "siren 1 0.75: 320,240 320,240 of 641x480"}));
   // Without a picture there is no object, but the block counts as classified.
   for (std::uint32_t* side : {&bench.frame.width, &bench.frame.height}) {
     const std::uint32_t length = std::exchange(*side, 0);
@@ -329,11 +356,13 @@ TEST(OvClassifyAudioNet, ChecksTheRowsAndTheScores) {
       {"null", "[E]mels error:0"},
       {"7", "[E]mel_spec is no array of arrays of numbers"},
   };
-  for (const auto& [rows, line] : refused) EXPECT_EQ(answers(rows), (Texts{line, "failed"})) << rows;
+  for (const auto& [rows, line] : refused)
+    EXPECT_EQ(answers(rows), (Texts{line, "failed"})) << rows;
   EXPECT_EQ(answers("[[1, 2, 3], [1, 2, 3, 4, 5, 6, 7, 8, 9, 10]]").at(0), "classified 0.750000");
   EXPECT_EQ(answers("[[1, 2, 3], []]").at(0), "classified 0.750000");
   bench.model.config.classCount = 4;
-  EXPECT_EQ(bench.run(), (Texts{"[E]network output is f32[1,3],expected f32 of at least 4", "failed"}));
+  EXPECT_EQ(bench.run(),
+            (Texts{"[E]network output is f32[1,3],expected f32 of at least 4", "failed"}));
 }
 
 TEST(OvClassifyAudioNet, FillsEachPlaneWithTheRowsAndZeros) {
@@ -345,7 +374,7 @@ TEST(OvClassifyAudioNet, FillsEachPlaneWithTheRowsAndZeros) {
     bench.model.config.scoreThreshold = 0.0F;
     const std::pair<std::string, float> cases[] = {
         {"[[1, 2, 9], [4, 5, 6]]", 9.0F / 27.0F},
-        {"[[1, 2, 9], [4]]", 9.0F / 16.0F},            // what no row fills is 0, not the last block's
+        {"[[1, 2, 9], [4]]", 9.0F / 16.0F},  // what no row fills is 0, not the last block's
         {"[[1, 2, 9], [4, 5, 6, 100]]", 9.0F / 27.0F},  // what goes past the plane is left out
     };
     for (const auto& [rows, score] : cases) {
@@ -356,8 +385,10 @@ TEST(OvClassifyAudioNet, FillsEachPlaneWithTheRowsAndZeros) {
 }
 
 TEST(OvClassifyAudioNet, TakesEachRowAsLongAsItIs) {
-  LoopbackServer server(LoopbackServer::ok(AudioBench::spectrogram("[[1, 1], [1, 1, 1, 8], [1, 1]]")), 9555);
-  TestModel model("Classify", "AudioNet", writeNetwork({1, 3, 3, 2}, [](const ov::Output<ov::Node>& input) {
+  LoopbackServer server(
+      LoopbackServer::ok(AudioBench::spectrogram("[[1, 1], [1, 1, 1, 8], [1, 1]]")), 9555);
+  TestModel model("Classify", "AudioNet",
+                  writeNetwork({1, 3, 3, 2}, [](const ov::Output<ov::Node>& input) {
                     return ov::OutputVector{reshaped(sliced(input, 1, 0, 1), {1, -1})};
                   }));
   model.setInput(2, 3);

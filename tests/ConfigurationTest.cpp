@@ -30,7 +30,8 @@ std::string networkOf(const std::string& modelName, const std::string& category)
   if (modelName == "YOLO8") return writeConstant(image, {1, 5, 1}, {32, 32, 20, 20, 0.9F});
   if (modelName == "YOLO5") return writeConstant(image, {1, 1, 6}, {32, 32, 20, 20, 0.9F, 0.9F});
   if (modelName == "YOLO26") return writeConstant(image, {1, 1, 6}, {20, 20, 40, 40, 0.9F, 0});
-  if (modelName == "YOLO8-POSE") return writeConstant(image, {1, 11, 1}, {32, 32, 20, 20, 0.9F, 1, 1, 1, 2, 2, 1});
+  if (modelName == "YOLO8-POSE")
+    return writeConstant(image, {1, 11, 1}, {32, 32, 20, 20, 0.9F, 1, 1, 1, 2, 2, 1});
   if (modelName == "ResNet") return writeConstant(image, {1, 2}, {1, 3});
   if (category == "Track") return writeConstant(image, {1, 2, 3}, {0, 9, 0, 0, 0, 9});
   cv::Mat map = cv::Mat::zeros(64, 64, CV_32FC1);
@@ -41,35 +42,45 @@ std::string networkOf(const std::string& modelName, const std::string& category)
 TEST(Configuration, OddValuesHaveOneOutcomeEach) {
   const OddCase cases[] = {
       {"Detect", "YOLO8", "as it should be", [](Config&) {}, "1"},
-      {"Detect", "YOLO8", "no class, though the network has one", [](Config& c) { c.classCount = 0; },
-       "[E]Yolo8 dimensions error:5"},
+      {"Detect", "YOLO8", "no class, though the network has one",
+       [](Config& c) { c.classCount = 0; }, "[E]Yolo8 dimensions error:5"},
       {"Detect", "YOLO8", "no names", [](Config& c) { c.classNames.clear(); }, "0"},
-      {"Detect", "YOLO8", "an empty name that nobody wants", [](Config& c) { c.classNames = {""}; }, "0"},
+      {"Detect", "YOLO8", "an empty name that nobody wants", [](Config& c) { c.classNames = {""}; },
+       "0"},
       {"Detect", "YOLO8", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; },
        "[E]network input is f32[1,3,64,64],expected f32[1,3,0,0]"},
       {"Detect", "YOLO8", "an endless input", [](Config& c) { c.inputWidth = kHuge; },
        "[E]network input is f32[1,3,64,64],expected f32[1,3,64,4294967295]"},
       {"Detect", "YOLO8", "score threshold -1", [](Config& c) { c.scoreThreshold = -1; }, kThrows},
-      {"Detect", "YOLO8", "score threshold NaN", [](Config& c) { c.scoreThreshold = kNan; }, kThrows},
-      {"Detect", "YOLO8", "score threshold infinite", [](Config& c) { c.scoreThreshold = kInf; }, "0"},
+      {"Detect", "YOLO8", "score threshold NaN", [](Config& c) { c.scoreThreshold = kNan; },
+       kThrows},
+      {"Detect", "YOLO8", "score threshold infinite", [](Config& c) { c.scoreThreshold = kInf; },
+       "0"},
       {"Detect", "YOLO8", "overlap -0.5", [](Config& c) { c.nmsThreshold = -0.5F; }, kThrows},
       {"Detect", "YOLO8", "overlap NaN", [](Config& c) { c.nmsThreshold = kNan; }, kThrows},
       {"Detect", "YOLO8", "overlap infinite", [](Config& c) { c.nmsThreshold = kInf; }, "1"},
       {"Detect", "YOLO5", "objectness NaN", [](Config& c) { c.objThreshold = kNan; }, "0"},
       {"Detect", "YOLO5", "objectness -infinite", [](Config& c) { c.objThreshold = -kInf; }, "1"},
       {"Detect", "YOLO26", "score threshold NaN", [](Config& c) { c.scoreThreshold = kNan; }, "0"},
-      {"Detect", "YOLO26", "score threshold -infinite", [](Config& c) { c.scoreThreshold = -kInf; }, "1"},
+      {"Detect", "YOLO26", "score threshold -infinite", [](Config& c) { c.scoreThreshold = -kInf; },
+       "1"},
       {"Detect", "YOLO26", "no class", [](Config& c) { c.classCount = 0; }, "0"},
-      {"Detect", "YOLO8-POSE", "no names", [](Config& c) { c.classNames.clear(), c.classCount = 2; }, "0"},
+      {"Detect", "YOLO8-POSE", "no names",
+       [](Config& c) { c.classNames.clear(), c.classCount = 2; }, "0"},
       {"Detect", "PaddleOCR", "no names", [](Config& c) { c.classNames.clear(); }, "1"},
-      {"Detect", "PaddleOCR", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; }, "1"},
-      {"Detect", "PaddleOCR", "score threshold NaN means 0.6", [](Config& c) { c.scoreThreshold = kNan; }, "1"},
-      {"Detect", "PaddleOCR", "score threshold infinite", [](Config& c) { c.scoreThreshold = kInf; }, "0"},
+      {"Detect", "PaddleOCR", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; },
+       "1"},
+      {"Detect", "PaddleOCR", "score threshold NaN means 0.6",
+       [](Config& c) { c.scoreThreshold = kNan; }, "1"},
+      {"Detect", "PaddleOCR", "score threshold infinite",
+       [](Config& c) { c.scoreThreshold = kInf; }, "0"},
       {"Classify", "ResNet", "no class", [](Config& c) { c.classCount = 0; }, "0"},
       {"Classify", "ResNet", "more classes than outputs", [](Config& c) { c.classCount = kHuge; },
        "[E]network output is f32[1,2],expected f32 of at least 4294967295"},
-      {"Classify", "ResNet", "a score threshold NaN lets all pass", [](Config& c) { c.scoreThreshold = kNan; }, "1"},
-      {"Classify", "ResNet", "score threshold infinite", [](Config& c) { c.scoreThreshold = kInf; }, "0"},
+      {"Classify", "ResNet", "a score threshold NaN lets all pass",
+       [](Config& c) { c.scoreThreshold = kNan; }, "1"},
+      {"Classify", "ResNet", "score threshold infinite", [](Config& c) { c.scoreThreshold = kInf; },
+       "0"},
       {"Track", "PaddleOCR", "an empty dictionary", [](Config& c) { c.classNames.clear(); }, "1:"},
       {"Track", "VsOCR", "an empty alphabet", [](Config& c) { c.classNames.clear(); }, "1:"},
       {"Track", "VsOCR", "no input size", [](Config& c) { c.inputWidth = c.inputHeight = 0; },
@@ -86,7 +97,8 @@ TEST(Configuration, OddValuesHaveOneOutcomeEach) {
     ASSERT_TRUE(model.init()) << where;
     VsaFrame frame = frameOf(image, {"a"});
     frame.wantedLabels = {"a"};
-    if (c.category != std::string("Detect")) frame.objects = {VsaObject(64, 64, 4, 4, 60, 60, 0.5F, 0, "a")};
+    if (c.category != std::string("Detect"))
+      frame.objects = {VsaObject(64, 64, 4, 4, 60, 60, 0.5F, 0, "a")};
     const std::size_t before = frame.objects.size();
     LogCapture log;
     std::string outcome;

@@ -16,16 +16,18 @@ TEST(EntryPoints, GlobalCallsLogUnderTheirFile) {
   LogCapture log;
   EXPECT_TRUE(VsaGlobalInit());
   EXPECT_TRUE(VsaGlobalRelease());
-  EXPECT_EQ(log.located(), (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
-                                  "Core/TolCompatible: [I]VsaGlobalRelease()"}));
+  EXPECT_EQ(log.located(),
+            (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
+                   "Core/TolCompatible: [I]VsaGlobalRelease()"}));
 }
 
 TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
   LogCapture log;
   VsaModelSet sentinel;
   // A terminator inside the string is a byte like any other.
-  for (const std::string& version : {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
-                                     std::string(), std::string("pub20240113\0", 12)}) {
+  for (const std::string& version :
+       {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
+        std::string(), std::string("pub20240113\0", 12)}) {
     TestModel model("Detect", "YOLO8", "nowhere");
     model.context.version = version;
     model.context.models = &sentinel;
@@ -33,13 +35,15 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
     EXPECT_FALSE(VsaHardwareDecodeInit(&model.context));
     EXPECT_FALSE(VsaHardwareEncodeInit(&model.context));
     EXPECT_EQ(std::exchange(model.context.models, nullptr), &sentinel);
-    EXPECT_EQ(log.located(), Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
+    EXPECT_EQ(log.located(),
+              Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
   }
 }
 
 TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
-  const char* const rows[][3] = {
-      {"OpenVINO", "Detect", "yolo8"}, {"OpenVINO", "Feature", "PaddleOCR"}, {"TensorRT", "Detect", "YOLO8"}};
+  const char* const rows[][3] = {{"OpenVINO", "Detect", "yolo8"},
+                                 {"OpenVINO", "Feature", "PaddleOCR"},
+                                 {"TensorRT", "Detect", "YOLO8"}};
   LogCapture log;
   for (const auto& [engine, category, name] : rows) {
     TestModel model(category, name, "nowhere");
@@ -74,9 +78,9 @@ TEST(EntryPoints, NullPointersGiveOneErrorLine) {
   EXPECT_FALSE(VsaModelFeature(&model.context, nullptr));
   EXPECT_FALSE(VsaHardwareDecodeInit(nullptr));
   VsaGetDeviceSet(nullptr);
-  EXPECT_EQ(log.texts(),
-            (Texts{"[E]context is null", "[E]config is null", "[E]context is null", "[E]context has no models",
-                   "[E]context has no models", "[E]context is null", "[E]device set is null"}));
+  EXPECT_EQ(log.texts(), (Texts{"[E]context is null", "[E]config is null", "[E]context is null",
+                                "[E]context has no models", "[E]context has no models",
+                                "[E]context is null", "[E]device set is null"}));
 }
 
 TEST(EntryPoints, CodecsReportFailureSilently) {
@@ -112,8 +116,10 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
 
 TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
   LogCapture log;
-  const char* const cases[][3] = {
-      {"yolo", "best", "root/yolo/best"}, {"", "best", "root//best"}, {"yolo", "", "root/yolo/"}, {"", "", "root"}};
+  const char* const cases[][3] = {{"yolo", "best", "root/yolo/best"},
+                                  {"", "best", "root//best"},
+                                  {"yolo", "", "root/yolo/"},
+                                  {"", "", "root"}};
   for (const auto& [folder, file, path] : cases) {
     TestModel model("Detect", "YOLO8", "root");
     model.config.modelDir = folder;
@@ -136,12 +142,14 @@ TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
   const Texts lines = log.located();
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_TRUE(lines[0].starts_with("Core/OpenVINO/OvDetectYolo8: [I]OpenVINO 20")) << lines[0];
-  EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1.")) << lines[1];
+  EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1."))
+      << lines[1];
 }
 
 TEST(Devices, AnyGpuAddsTheAggregateName) {
   const std::pair<std::vector<std::string>, VsaDeviceSet> cases[] = {
-      {{"CPU", "GPU.0", "GPU.1"}, {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
+      {{"CPU", "GPU.0", "GPU.1"},
+       {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
       {{"GPU"}, {"OpenVINO-GPU"}},
       {{"GP", "NPU"}, {"OpenVINO-GP", "OpenVINO-NPU"}},
       {{}, {}},

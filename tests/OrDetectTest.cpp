@@ -38,7 +38,8 @@ TEST(OrDetect, DecodesEachFamily) {
       {"YOLO5", "yolo5", {"a 0 0.9: 22,22 42,42 of 64x64", "b 1 0.5: 6,6 10,10 of 64x64"}},
       {"YOLO26",
        "yolo26",
-       {"a 0 0.5: 22,22 42,42 of 64x64", "a 0 0.5: 22,22 42,42 of 64x64", "b 1 0.7: 0,0 64,64 of 64x64"}},
+       {"a 0 0.5: 22,22 42,42 of 64x64", "a 0 0.5: 22,22 42,42 of 64x64",
+        "b 1 0.7: 0,0 64,64 of 64x64"}},
   };
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
@@ -68,8 +69,10 @@ TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
       ASSERT_TRUE(model.init());
     }
     const std::string file = "Core/OnnxRuntime/OrDetect" + name;
-    EXPECT_EQ(log.located(),
-              (Texts{file + ": [I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU", file + ": [I]"}));
+    EXPECT_EQ(
+        log.located(),
+        (Texts{file + ": [I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU",
+               file + ": [I]"}));
   }
 }
 
@@ -81,8 +84,10 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
       {"dynamic_input", "input_height=-1,input_width=-1"},
       {"rank_2_input", "network input is no picture,type=1,element=1,dimensions=[3,64]"},
       {"dynamic_output", "network output has no fixed size,[1,6,-1]"},
-      {"rank_2_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
-      {"scalar_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
+      {"rank_2_output",
+       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
+      {"scalar_output",
+       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
       {"list_output", "network output is no float tensor of rank 3,type=2,element=0,dimensions=[]"},
   };
   cv::Mat image = randomImage(64, 64);
@@ -168,7 +173,8 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     ASSERT_TRUE(ir.detect(second));
     EXPECT_EQ(bytesOf(first), bytesOf(second));
     std::vector<float> planes(std::size_t{3} * 8 * 4);
-    const auto scale = TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
+    const auto scale =
+        TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
     std::map<int, float> expected, shown;
     for (std::size_t k = 0; k < planes.size(); ++k) {
       const float left = static_cast<float>(4 * static_cast<int>(k) - 1) * *scale;

@@ -57,11 +57,12 @@ struct Bench {
 
 TEST(OvDetectYolo8, SuppressesAcrossClassesThenFiltersAndAppends) {
   Bench bench("YOLO8",
-              rowsNetwork(turned({{32, 32, 20, 20, 0.5F, 0},  // suppressed by the next, of an unwanted class
-                                  {33, 32, 20, 20, 0, 0.75F},
-                                  {1, 1, 10, 10, 0.5F, 0.1F},  // over the borders
-                                  {63, 63, 10, 10, 0.75F, 0},
-                                  {50, 10, 8, 8, 0.25F, 0}})),  // equals the threshold
+              rowsNetwork(turned(
+                  {{32, 32, 20, 20, 0.5F, 0},  // suppressed by the next, of an unwanted class
+                   {33, 32, 20, 20, 0, 0.75F},
+                   {1, 1, 10, 10, 0.5F, 0.1F},  // over the borders
+                   {63, 63, 10, 10, 0.75F, 0},
+                   {50, 10, 8, 8, 0.25F, 0}})),  // equals the threshold
               {"cat", "dog"});
   bench.image = randomImage(128, 120);
   bench.frame = frameOf(bench.image, {"cat", ""});
@@ -77,8 +78,8 @@ TEST(OvDetectYolo8, SuppressesAcrossClassesThenFiltersAndAppends) {
 }
 
 TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
-  // Red is where the boxes are, green how large, blue their scores; a byte of 2 stands for NaN, the others for small
-  // numbers.
+  // Red is where the boxes are, green how large, blue their scores; a byte of 2 stands for NaN, the
+  // others for small numbers.
   Bench bench("YOLO8", writeFamilyNetwork(findFamily("OpenVINO", "Detect", "YOLO8")), {"a", "b"});
   bench.model.setInput(8, 6);
   bench.image.setTo(cv::Scalar(255, 20, 2));
@@ -93,8 +94,8 @@ TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
   // the others.
   const auto network = writeNetwork({1, 3, 64, 64}, [](const ov::Output<ov::Node>& input) {
     const auto corner = reshaped(sliced(sliced(input, 2, 0, 1), 3, 0, 1), {1, 1, 3});
-    return ov::OutputVector{
-        std::make_shared<ov::opset8::Concat>(ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), corner}, 2)};
+    return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
+        ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), corner}, 2)};
   });
   Bench bench("YOLO5", network, {"green", "red"});
   bench.model.config.scoreThreshold = 0.1F;
@@ -112,13 +113,14 @@ TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
               {"a", "b"});
   EXPECT_EQ(bench.run(), Texts{});
   // As the network gave it.
-  EXPECT_EQ(told(bench.frame.objects),
-            (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5", "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
+  EXPECT_EQ(told(bench.frame.objects), (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5",
+                                              "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
 }
 
 TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
   // Two key points: x, y, visibility each.
-  const std::vector<float> person = {32, 32, 20.6F, 20.6F, 0.5F, -3.3F, 70.7F, 0, 10.4F, 10.6F, kNan};
+  const std::vector<float> person = {32,    32, 20.6F, 20.6F, 0.5F, -3.3F,
+                                     70.7F, 0,  10.4F, 10.6F, kNan};
   const std::vector<float> better = {33, 32, 20, 20, 0.75F, 1, 1, 1, 2, 2, 1};
   const std::vector<float> atThreshold = {60, 60, 20, 20, 0.25F, 0, 0, 0, 0, 0, 0};
   const std::vector<float> badPoint = {32, 32, 20, 20, 0.5F, 1, kNan, 0, 1, 1, 1};
@@ -130,15 +132,20 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
     return lines.empty() ? told(bench.frame.objects) : lines;
   };
   // (32 - 10.3) * 2 = 43.4, 41.2 wide.
-  EXPECT_EQ(outcome({atThreshold, person}, 2), Texts{"person 0 0.5: 43,43 84,84 of 128x128 shape 5: -6,141 20,21"});
-  EXPECT_EQ(outcome({person, better}, 2), Texts{"person 0 0.75: 46,44 86,84 of 128x128 shape 5: 2,2 4,4"});
+  EXPECT_EQ(outcome({atThreshold, person}, 2),
+            Texts{"person 0 0.5: 43,43 84,84 of 128x128 shape 5: -6,141 20,21"});
+  EXPECT_EQ(outcome({person, better}, 2),
+            Texts{"person 0 0.75: 46,44 86,84 of 128x128 shape 5: 2,2 4,4"});
   // Without key points the list is there and empty.
-  EXPECT_EQ(outcome({{32, 32, 20, 20, 0.5F}}, 0), Texts{"person 0 0.5: 44,44 84,84 of 128x128 shape 5:"});
-  EXPECT_EQ(outcome({badPoint}, 2), Texts{"[E]key point of candidate 0 is out of range:2.000000,nan"});
+  EXPECT_EQ(outcome({{32, 32, 20, 20, 0.5F}}, 0),
+            Texts{"person 0 0.5: 44,44 84,84 of 128x128 shape 5:"});
+  EXPECT_EQ(outcome({badPoint}, 2),
+            Texts{"[E]key point of candidate 0 is out of range:2.000000,nan"});
 }
 
 /// Prototypes of 16 x 12, each 10 inside its rectangles and -10 elsewhere.
-std::vector<float> prototypesOf(const std::vector<std::vector<cv::Rect>>& masks, std::size_t count = 32) {
+std::vector<float> prototypesOf(const std::vector<std::vector<cv::Rect>>& masks,
+                                std::size_t count = 32) {
   std::vector<float> planes(count * 192, -10.0F);
   for (std::size_t i = 0; i < masks.size(); ++i) {
     cv::Mat plane(12, 16, CV_32FC1, planes.data() + i * 192);
@@ -172,29 +179,42 @@ TEST(Detectors, RefuseTheFrameIfABoxLeavesInt32) {
     return lines;
   };
   const Table large = {{kLarge, 10, 4, 4, 0.5F}, {10, 10, 4, 4, 0.9F}};
-  const Texts line = {"[E]candidate 0 is out of range: 2147483648.000000 16.000000 2147483648.000000 24.000000"};
+  const Texts line = {
+      "[E]candidate 0 is out of range: 2147483648.000000 16.000000 2147483648.000000 24.000000"};
   EXPECT_EQ(linesOf("YOLO8", rowsNetwork(turned(large))), line);
-  EXPECT_EQ(linesOf("YOLO8-OBB", rowsNetwork(turned({{kLarge, 10, 4, 4, 0.5F, 0}, {10, 10, 4, 4, 0.9F, 0}}))), line);
-  EXPECT_EQ(linesOf("YOLO5", rowsNetwork({{kLarge, 10, 4, 4, 0.5F, 0.9F}, {10, 10, 4, 4, 0.9F, 0.9F}})), line);
+  EXPECT_EQ(linesOf("YOLO8-OBB",
+                    rowsNetwork(turned({{kLarge, 10, 4, 4, 0.5F, 0}, {10, 10, 4, 4, 0.9F, 0}}))),
+            line);
+  EXPECT_EQ(
+      linesOf("YOLO5", rowsNetwork({{kLarge, 10, 4, 4, 0.5F, 0.9F}, {10, 10, 4, 4, 0.9F, 0.9F}})),
+      line);
   EXPECT_EQ(linesOf("YOLO26", rowsNetwork({{1, 2, kNan, 4, 0.5F, 0}})).at(0).substr(0, 33),
             "[E]candidate 0 is out of range: 2");
   // The left edge fits, the right one does not.
   EXPECT_EQ(linesOf("YOLO8-POSE", rowsNetwork(turned({{kLarge, 10, 512, 4, 0.5F}}))),
-            Texts{"[E]candidate 0 is out of range: 2147483136.000000 16.000000 2147484160.000000 24.000000"});
-  EXPECT_EQ(linesOf("YOLO8-Seg", segmentationNetwork({{2 * kLarge - 256, 10, 512, 4, 0.5F}}, prototypesOf({}))).size(), 1U);
-  EXPECT_EQ(linesOf("YOLO8-Seg", segmentationNetwork({{8, 8, 1.75F * kLarge, 16, 0.5F}}, prototypesOf({{{0, 0, 16, 12}}}))).size(),
+            Texts{"[E]candidate 0 is out of range: 2147483136.000000 16.000000 2147484160.000000 "
+                  "24.000000"});
+  EXPECT_EQ(linesOf("YOLO8-Seg",
+                    segmentationNetwork({{2 * kLarge - 256, 10, 512, 4, 0.5F}}, prototypesOf({})))
+                .size(),
+            1U);
+  EXPECT_EQ(linesOf("YOLO8-Seg", segmentationNetwork({{8, 8, 1.75F * kLarge, 16, 0.5F}},
+                                                     prototypesOf({{{0, 0, 16, 12}}})))
+                .size(),
             1U);
 }
 
 TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
   using namespace TolCompatibleLib;
-  const std::vector<float> prototypes = prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
+  const std::vector<float> prototypes =
+      prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
   Bench bench("YOLO8-Seg",
-              segmentationNetwork({{9, 9, 9, 9, 0.1F, 0.2F},         // below the threshold
-                                   {28.5F, 22.5F, 11, 23, 0, 0.9F},  // a mask that goes on outside its box, and a dot
-                                   {50, 10, 8, 8, 0.8F, 0},          // no mask pixel above one half
-                                   {60, 44, 30, 30, 0.7F, 0},        // over the corner
-                                   {90, 90, 8, 8, 0.6F, 0}},         // outside
+              segmentationNetwork({{9, 9, 9, 9, 0.1F, 0.2F},  // below the threshold
+                                   {28.5F, 22.5F, 11, 23, 0,
+                                    0.9F},  // a mask that goes on outside its box, and a dot
+                                   {50, 10, 8, 8, 0.8F, 0},    // no mask pixel above one half
+                                   {60, 44, 30, 30, 0.7F, 0},  // over the corner
+                                   {90, 90, 8, 8, 0.6F, 0}},   // outside
                                   prototypes),
               {"a", "b"});
   bench.model.setInput(64, 48);
@@ -205,16 +225,17 @@ TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
   coefficients[1] = 1.0F;
   std::string outline;
   std::vector<std::uint8_t> memory;
-  for (const cv::Point& point :
-       maskOutline({prototypes.data(), {16, 12}}, coefficients, {23, 11, 11, 23}, {64, 48}, memory)) {
-    outline += " " + std::to_string(static_cast<int>(static_cast<float>(point.x) * (100.0F / 48))) + "," +
-               std::to_string(static_cast<int>(static_cast<float>(point.y) * (100.0F / 48)));
+  for (const cv::Point& point : maskOutline({prototypes.data(), {16, 12}}, coefficients,
+                                            {23, 11, 11, 23}, {64, 48}, memory)) {
+    outline += " " + std::to_string(static_cast<int>(static_cast<float>(point.x) * (100.0F / 48))) +
+               "," + std::to_string(static_cast<int>(static_cast<float>(point.y) * (100.0F / 48)));
   }
   // The scale is 100 / 48; edges are scaled as a whole: 34 * 2.0833 = 70.8, where 11 * 2.0833 + 47
   // would be 69.9.
   ASSERT_EQ(bench.frame.objects.size(), 2U);
   EXPECT_EQ(told(bench.frame.objects[0]), "b 1 0.9: 47,22 70,70 of 100x75 shape 10:" + outline);
-  EXPECT_TRUE(told(bench.frame.objects[1]).starts_with("a 0 0.7: 93,60 100,75 of 100x75 shape 10: "));
+  EXPECT_TRUE(
+      told(bench.frame.objects[1]).starts_with("a 0 0.7: 93,60 100,75 of 100x75 shape 10: "));
 
   bench.frame = frameOf(bench.image);
   EXPECT_EQ(bench.run(), Texts{});
@@ -223,8 +244,9 @@ TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
 
 TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {
   const Table rows = {{24, 28, 16, 16, 0.9F}};
-  const std::pair<std::size_t, const char*> cases[] = {{16, "[E]Yolo8-Seg mask coeffs dimensions error:16"},
-                                                       {64, "[E]Yolo8-Seg mask coeffs dimensions error:64"}};
+  const std::pair<std::size_t, const char*> cases[] = {
+      {16, "[E]Yolo8-Seg mask coeffs dimensions error:16"},
+      {64, "[E]Yolo8-Seg mask coeffs dimensions error:64"}};
   for (const auto& [count, line] : cases) {
     Bench bench("YOLO8-Seg", segmentationNetwork(rows, prototypesOf({}, count)), {"a"});
     bench.model.setInput(64, 48);

@@ -1,4 +1,5 @@
-// All models of OpenVINO together, but for the audio classifier: how they name themselves and what they refuse.
+// All models of OpenVINO together, but for the audio classifier: how they name themselves and what
+// they refuse.
 
 #include <gtest/gtest.h>
 #include <sys/mman.h>
@@ -23,13 +24,16 @@ constexpr Listed kModels[] = {
     {"Track", "VsOCR", "OvFeatureVsOCR"},          {"Track", "PaddleOCR", "OvFeaturePaddleOCR"}};
 const ov::PartialShape kInput{1, 3, 64, 64};
 
-/// The model of a class on an input of 64 x 64, opened; and a frame with two objects, of which a refusal changes
-/// nothing.
+/// The model of a class on an input of 64 x 64, opened; and a frame with two objects, of which a
+/// refusal changes nothing.
 struct Bench : TestModel {
   Bench(const Listed& row, const std::string& network, std::uint32_t classCount = 2)
-      : TestModel(row.category, row.name, network), className(row.className), image(randomImage(64, 64)) {
+      : TestModel(row.category, row.name, network),
+        className(row.className),
+        image(randomImage(64, 64)) {
     fresh = frameOf(image, {"a", "b"});
-    fresh.objects = {VsaObject(64, 64, 5, 5, 40, 40, 0.5F, 0, "a"), VsaObject(64, 64, 0, 0, 64, 64, 0.5F, 1, "b")};
+    fresh.objects = {VsaObject(64, 64, 5, 5, 40, 40, 0.5F, 0, "a"),
+                     VsaObject(64, 64, 0, 0, 64, 64, 0.5F, 1, "b")};
     setInput(64, 64);
     setClasses({"a", "b"});
     config.classCount = classCount;
@@ -48,7 +52,8 @@ struct Bench : TestModel {
   VsaFrame fresh;
 };
 
-std::string networkOf(const ov::PartialShape& input, const ov::Shape& output, ov::element::Type inputType,
+std::string networkOf(const ov::PartialShape& input, const ov::Shape& output,
+                      ov::element::Type inputType,
                       ov::element::Type outputType = ov::element::f32) {
   const auto body = [&](const ov::Output<ov::Node>&) {
     const std::vector<float> values(ov::shape_size(output), 0.1F);
@@ -63,7 +68,8 @@ TEST(OvModels, NameThemselvesInTheLog) {
     LogCapture log;
     { const Bench bench(row, network); }
     const std::string name = row.className, file = "Core/OpenVINO/" + name;
-    Texts expected = {file + ": [I]" + name + "()", file + ": [I]modelPath=" + network + ",device=CPU"};
+    Texts expected = {file + ": [I]" + name + "()",
+                      file + ": [I]modelPath=" + network + ",device=CPU"};
     if (name == "OvFeaturePaddleOCR") {
       expected.push_back(file + ": [I]Using custom character dictionary with 2 characters");
     }
@@ -88,7 +94,11 @@ TEST(OvModels, RefuseOutputsThatDoNotFit) {
       {"OvDetectYolo8", {1, 3, 2}, kHuge, "Yolo8 dimensions error:3"},
       {"OvDetectYolo8", {6, 2}, 2, "network output is f32[6,2],expected f32 of rank 3"},
       {"OvDetectYolo8", {1, 6, 2, 1}, 2, "network output is f32[1,6,2,1],expected f32 of rank 3"},
-      {"OvDetectYolo8", {1, 6, 1}, 2, "network output is i32[1,6,1],expected f32 of rank 3", ov::element::i32},
+      {"OvDetectYolo8",
+       {1, 6, 1},
+       2,
+       "network output is i32[1,6,1],expected f32 of rank 3",
+       ov::element::i32},
       {"OvDetectYolo8", {1, 6, 0}, 2, nullptr},
       {"OvDetectYolo5", {1, 3, 6}, 2, "Yolo5 dimensions error:6"},
       {"OvDetectYolo5", {1, 3, 8}, 2, "Yolo5 dimensions error:8"},
@@ -108,14 +118,27 @@ TEST(OvModels, RefuseOutputsThatDoNotFit) {
       {"OvDetectYolo8Pose", {1, 2, 1}, kHuge, "Yolo8-Pose dimensions error:2"},
       {"OvDetectYolo8Seg", {1, 6, 3}, 2, "Yolo8-Seg dimensions error:6"},
       {"OvDetectYolo8Seg", {1, 35, 3}, kHuge, "Yolo8-Seg dimensions error:35"},
-      {"OvDetectPaddleOCR", {1, 64, 64}, 2, "network output is f32[1,64,64],expected f32 of rank 4"},
+      {"OvDetectPaddleOCR",
+       {1, 64, 64},
+       2,
+       "network output is f32[1,64,64],expected f32 of rank 4"},
       {"OvDetectPaddleOCR", {1, 1, 0, 64}, 2, "network output is empty,[1,1,0,64]"},
       {"OvDetectPaddleOCR", {0, 1, 64, 64}, 2, "network output is too short,[0,1,64,64]"},
       {"OvFeaturePaddleOCR", {40, 3}, 2, "network output is f32[40,3],expected f32 of rank 3"},
       {"OvClassifyResNet", {1, 2}, 3, "network output is f32[1,2],expected f32 of at least 3"},
-      {"OvFeatureDeepSort", {1, 255}, 2, "network output is f32[1,255],expected f32 of at least 256"},
-      {"OvFeatureVsFaceNet", {1, 127}, 2, "network output is f32[1,127],expected f32 of at least 128"},
-      {"OvFeatureVsOCR", {1, 5}, 2, "network output is i32[1,5],expected f32 of at least 5", ov::element::i32},
+      {"OvFeatureDeepSort",
+       {1, 255},
+       2,
+       "network output is f32[1,255],expected f32 of at least 256"},
+      {"OvFeatureVsFaceNet",
+       {1, 127},
+       2,
+       "network output is f32[1,127],expected f32 of at least 128"},
+      {"OvFeatureVsOCR",
+       {1, 5},
+       2,
+       "network output is i32[1,5],expected f32 of at least 5",
+       ov::element::i32},
   };
   for (const Case& c : cases) {
     const auto* const row = std::ranges::find(kModels, c.className, &Listed::className);
@@ -151,8 +174,9 @@ TEST(OvModels, RefuseANetworkInputThatIsNotTheConfiguredOne) {
     const std::string name = row.name;
     if (name == "PaddleOCR") continue;  // the engine's to refuse
     Bench bench(row, networkOf(cases[0].shape, {1, 300}, cases[0].type));
-    bench.expectRefused(bench.fresh, name == "YOLO5" ? "network input is u8[1,32,32,3],expected u8[1,64,64,3]"
-                                                     : "network input is f32[1,3,32,32],expected f32[1,3,64,64]");
+    bench.expectRefused(
+        bench.fresh, name == "YOLO5" ? "network input is u8[1,32,32,3],expected u8[1,64,64,3]"
+                                     : "network input is f32[1,3,32,32],expected f32[1,3,64,64]");
   }
 }
 
@@ -160,7 +184,8 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
   const std::string network = writeConstant(kInput, {1, 300}, std::vector<float>(300, 1));
   for (const Listed& row : kModels) {
     Bench bench(row, network);
-    const auto refused = [&](void* data, std::uint32_t width, std::uint32_t height, const std::string& line) {
+    const auto refused = [&](void* data, std::uint32_t width, std::uint32_t height,
+                             const std::string& line) {
       VsaFrame frame = bench.fresh;
       frame.data = data;
       frame.width = width;
@@ -171,12 +196,14 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
     refused(nullptr, 64, 64, "frame data is null");
     refused(data, 0, 64, "frame has no pixels,width=0,height=64");
     refused(data, 64, 0, "frame has no pixels,width=64,height=0");
-    refused(data, 0xFFFFFFFFU, 0xFFFFFFFFU, "frame is too large,width=4294967295,height=4294967295");
+    refused(data, 0xFFFFFFFFU, 0xFFFFFFFFU,
+            "frame is too large,width=4294967295,height=4294967295");
     refused(data, 715827883, 1, "frame is too large,width=715827883,height=1");
     refused(data, 1, 0x80000000U, "frame is too large,width=1,height=2147483648");
     if (std::string_view(row.name).starts_with("YOLO")) {
       refused(data, 4000, 1,
-              "frame leaves no pixel in the network input,width=4000,height=1,input_width=64,input_height=64");
+              "frame leaves no pixel in the network "
+              "input,width=4000,height=1,input_width=64,input_height=64");
     }
     LogCapture log;
     EXPECT_FALSE(bench.run(nullptr));
@@ -218,8 +245,9 @@ TEST(OvModels, TakeFramesOfMoreThan2GiB) {
                              : isDetector                  ? ov::Shape{1, 6, 1}
                                                            : ov::Shape{1, 1, 300};
     if (name == "OvDetectYolo26" || name == "OvDetectYolo8Seg") continue;  // fed as YOLO8 is
-    Bench bench(row, networkOf(name == "OvDetectPaddleOCR" ? ov::PartialShape{1, 3, -1, -1} : kInput, output,
-                               ov::element::f32));
+    Bench bench(row,
+                networkOf(name == "OvDetectPaddleOCR" ? ov::PartialShape{1, 3, -1, -1} : kInput,
+                          output, ov::element::f32));
     VsaFrame frame = bench.fresh;
     frame.data = pixels.data();
     frame.width = frame.height = kSide;

@@ -90,9 +90,11 @@ TEST(ObjectModels, LeaveTheListAsItWasWhenARegionIsOutsideThePicture) {
 
 /// A network whose output is its input from float `begin` on.
 std::string echoFrom(int width, int height, int begin, bool dynamic = false) {
-  const ov::PartialShape shape = dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
+  const ov::PartialShape shape =
+      dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
   return writeNetwork(shape, [&](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
+    return ov::OutputVector{
+        sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
   });
 }
 
@@ -103,14 +105,16 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
     std::size_t length;
   };
   const cv::Size input(16, 24);  // 1152 floats, of which the network gives all but the first 700
-  for (const Case& c : {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
+  for (const Case& c :
+       {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
     for (const bool dynamic : {false, true}) {
       TestModel model("Track", c.name, echoFrom(input.width, input.height, 700, dynamic));
       model.setInput(16, 24);
       ASSERT_TRUE(model.init());
       cv::Mat image = randomImage(60, 50, 23);
       VsaFrame frame = frameOf(image);
-      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50), boxObject(5, 5, 9, 7)};
+      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50),
+                       boxObject(5, 5, 9, 7)};
       frame.objects[1].feature.assign(1000, 5.0F);
       const float* const kept = frame.objects[1].feature.data();
       for (int run = 0; run < 2; ++run) {
@@ -119,8 +123,8 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
         for (const VsaObject& object : frame.objects) {
           std::vector<float> planes(static_cast<std::size_t>(3 * input.area()));
           c.fit(regionOf(image, object), input, planes.data());
-          const std::vector<float> expected(planes.begin() + 700,
-                                            planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
+          const std::vector<float> expected(
+              planes.begin() + 700, planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
           EXPECT_EQ(object.feature, expected);
         }
         EXPECT_EQ(frame.objects[1].feature.data(), kept) << "the vector's own memory";

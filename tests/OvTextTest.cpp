@@ -15,8 +15,9 @@ const ov::PartialShape kAnySize{1, 3, -1, -1};
 
 /// A text detector that takes the first plane of its input for the probability.
 std::string firstPlaneDetector() {
-  return writeNetwork(kAnySize,
-                      [](const ov::Output<ov::Node>& input) { return ov::OutputVector{sliced(input, 1, 0, 1)}; });
+  return writeNetwork(kAnySize, [](const ov::Output<ov::Node>& input) {
+    return ov::OutputVector{sliced(input, 1, 0, 1)};
+  });
 }
 
 /// What a text detector adds to the objects of a picture.
@@ -33,13 +34,15 @@ Texts found(TestModel& model, cv::Mat image) {
 }
 
 TEST(OvDetectPaddleOCR, RegionsAtTheBorderEndOnTheLastPixel) {
-  TestModel model("Detect", "PaddleOCR", firstPlaneDetector());  // no class names: objects have none
+  TestModel model("Detect", "PaddleOCR",
+                  firstPlaneDetector());  // no class names: objects have none
   EXPECT_EQ(found(model, cv::Mat(64, 64, CV_8UC3, cv::Scalar(255, 255, 255))),
             Texts{" 0 2.24891: 0,0 63,0 of 64x64 corners 63,63 0,63"});
 }
 
 TEST(OvDetectPaddleOCR, AScoreThresholdOfZeroMeansSixTenths) {
-  const std::tuple<float, float, std::size_t> cases[] = {{0.59F, 0.0F, 0U}, {0.61F, -1.0F, 1U}, {0.45F, 0.4F, 1U}};
+  const std::tuple<float, float, std::size_t> cases[] = {
+      {0.59F, 0.0F, 0U}, {0.61F, -1.0F, 1U}, {0.45F, 0.4F, 1U}};
   for (const auto& [probability, threshold, count] : cases) {
     TestModel model("Detect", "PaddleOCR",
                     writeConstant(kAnySize, {1, 1, 16, 16}, std::vector<float>(256, probability)));
@@ -57,24 +60,29 @@ TEST(OvDetectPaddleOCR, ShrinksToTheConfiguredWidthAndScoresEachRegion) {
   model.setInput(64, 7);  // the height is not asked for
   // Found from the bottom. 19 x 5 grows by 19 * 5 * 2 / 48 = 3.958 on each side; three frame pixels
   // a map pixel.
-  EXPECT_EQ(found(model, randomImage(192, 96)), (Texts{" 0 0.75: 108,48 189,48 of 192x96 corners 189,87 108,87",
-                                                       " 0 0.875: 0,0 81,0 of 192x96 corners 81,39 0,39"}));
+  EXPECT_EQ(found(model, randomImage(192, 96)),
+            (Texts{" 0 0.75: 108,48 189,48 of 192x96 corners 189,87 108,87",
+                   " 0 0.875: 0,0 81,0 of 192x96 corners 81,39 0,39"}));
 }
 
 TEST(OvDetectPaddleOCR, ANetworkOfAFixedSizeIsTheEnginesToRefuse) {
-  TestModel model("Detect", "PaddleOCR", writeConstant({1, 3, 32, 32}, {1, 1, 32, 32}, std::vector<float>(1024, 0.9F)));
+  TestModel model("Detect", "PaddleOCR",
+                  writeConstant({1, 3, 32, 32}, {1, 1, 32, 32}, std::vector<float>(1024, 0.9F)));
   ASSERT_TRUE(model.init());
   EXPECT_THROW(found(model, randomImage(64, 64)), ov::Exception);
   EXPECT_EQ(found(model, randomImage(32, 32)).size(), 1U);
   // Without a limit in the configuration, it is 960.
-  TestModel wide("Detect", "PaddleOCR", writeConstant({1, 3, 32, 960}, {1, 1, 32, 960}, std::vector<float>(30720)));
+  TestModel wide("Detect", "PaddleOCR",
+                 writeConstant({1, 3, 32, 960}, {1, 1, 32, 960}, std::vector<float>(30720)));
   EXPECT_EQ(found(wide, randomImage(1000, 32)), Texts{});
 }
 
-/// A recogniser of three classes whose scores at step x are blue, green and red of column x, first row of its input.
+/// A recogniser of three classes whose scores at step x are blue, green and red of column x, first
+/// row of its input.
 struct ColourReader : TestModel {
   explicit ColourReader(std::vector<std::string> names = {"blank", "g", "r"})
-      : TestModel("Track", "PaddleOCR", writeNetwork({1, 3, 48, 320}, [](const ov::Output<ov::Node>& input) {
+      : TestModel("Track", "PaddleOCR",
+                  writeNetwork({1, 3, 48, 320}, [](const ov::Output<ov::Node>& input) {
                     const auto line = reshaped(sliced(input, 2, 0, 1), {1, 3, 320});
                     return ov::OutputVector{transposed(line, {0, 2, 1})};
                   })) {
@@ -119,7 +127,8 @@ TEST(OvFeaturePaddleOCR, CornersGiveTheRegionOnlyWhenAllAreThere) {
   partly.cornerY3 = -1;
   partly.right = 20;
   // The second is the box alone: columns 2 to 19, rows 0 to 2.
-  EXPECT_EQ(read(model, bands({kGreen, kRed, kGreen}), {quadrilateral, partly}), (Texts{"grg", "g"}));
+  EXPECT_EQ(read(model, bands({kGreen, kRed, kGreen}), {quadrilateral, partly}),
+            (Texts{"grg", "g"}));
 }
 
 TEST(OvFeaturePaddleOCR, RegionsEndBeforeTheLastPixelOfTheFrame) {
@@ -128,7 +137,8 @@ TEST(OvFeaturePaddleOCR, RegionsEndBeforeTheLastPixelOfTheFrame) {
   cv::Mat image = bands({kGreen, kGreen});
   image.col(40).setTo(kRed);
   EXPECT_EQ(read(model, image, {boxObject(0, 0, 41, 49)}), Texts{"g"});
-  EXPECT_EQ(read(model, cv::Mat(), {}), Texts{});  // without objects not even the pixels are looked at
+  EXPECT_EQ(read(model, cv::Mat(), {}),
+            Texts{});  // without objects not even the pixels are looked at
 }
 
 TEST(OvFeaturePaddleOCR, RegionsWithoutPixelsAreDropped) {
@@ -138,8 +148,8 @@ TEST(OvFeaturePaddleOCR, RegionsWithoutPixelsAreDropped) {
   std::vector<VsaObject> regions;
   Texts expected;
   for (const VsaObject& degenerate :
-       {boxObject(5, 5, 5, 20), boxObject(20, 20, 5, 5), boxObject(500, 0, 600, 40), boxObject(-40, 0, 0, 40),
-        boxObject(0, 0, 40, -3), boxObject(most, most, least, least)}) {
+       {boxObject(5, 5, 5, 20), boxObject(20, 20, 5, 5), boxObject(500, 0, 600, 40),
+        boxObject(-40, 0, 0, 40), boxObject(0, 0, 40, -3), boxObject(most, most, least, least)}) {
     regions.push_back(degenerate);
     regions.push_back(boxObject(least, 0, most, most, std::to_string(expected.size())));
     expected.push_back(regions.back().className + "rg");

@@ -1,4 +1,5 @@
-// The built-in dictionary, and how a network lays out its scores. ReferenceTest compares the texts read.
+// The built-in dictionary, and how a network lays out its scores. ReferenceTest compares the texts
+// read.
 
 #include "Utils/TextDecode.h"
 
@@ -14,8 +15,8 @@ using namespace TolCompatibleLib;
 TEST(Dictionary, HoldsThePublishedListInGbk) {
   const CharacterDictionary dictionary = CharacterDictionary::builtIn();
   ASSERT_EQ(dictionary.size(), 6624U);
-  const std::pair<std::size_t, const char*> entries[] = {{0, "blank"}, {1, "'"},           {2, "\xC1\xC6"},
-                                                         {25, "2"},    {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
+  const std::pair<std::size_t, const char*> entries[] = {
+      {0, "blank"}, {1, "'"}, {2, "\xC1\xC6"}, {25, "2"}, {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
   for (const auto& [index, text] : entries) EXPECT_EQ(dictionary[index], text) << index;
   std::uint32_t checksum = 2166136261U;  // FNV-1a over the entries, each closed by a line feed
   for (std::size_t i = 0; i < dictionary.size(); ++i) {

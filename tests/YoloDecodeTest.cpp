@@ -1,4 +1,5 @@
-// What the YOLO decoders make of odd numbers. ReferenceTest compares them on ordinary ones, with ties and NaN.
+// What the YOLO decoders make of odd numbers. ReferenceTest compares them on ordinary ones, with
+// ties and NaN.
 
 #include "Utils/YoloDecode.h"
 
@@ -43,7 +44,8 @@ TEST(FloatGrid, MaximaBelowZeroAndBesideNanAreFound) {
   EXPECT_EQ(firstMaximum(nullptr, 0), 0);
   const std::vector<float> zeros = {-1.0F, -0.0F, 0.0F};
   EXPECT_EQ(firstMaximum(zeros.data(), 3), 1);
-  const std::vector<float> equal(1030, 1.0F);  // longer than a block of values that are searched at once
+  const std::vector<float> equal(1030,
+                                 1.0F);  // longer than a block of values that are searched at once
   EXPECT_EQ(firstMaximum(equal.data(), 1030), 0);
 }
 
@@ -72,7 +74,8 @@ TEST(OtherDecoders, ReportBadBoxesAndTakeNoCandidates) {
   EXPECT_EQ(decodeYolo8Pose({pose.data(), 5, 1}, 0.25F, 1e30F).badBox->outputIndex, 0);
   // (14 - 8 / 2) * 1.3 is 13; 14 * 1.3 - 8 * 1.3 / 2 comes out below it.
   const std::vector<float> scaled = {14, 14, 8, 8, 0.5F};
-  EXPECT_EQ(decodeYolo8Pose({scaled.data(), 5, 1}, 0.25F, 1.3F).boxes.at(0), cv::Rect(13, 13, 10, 10));
+  EXPECT_EQ(decodeYolo8Pose({scaled.data(), 5, 1}, 0.25F, 1.3F).boxes.at(0),
+            cv::Rect(13, 13, 10, 10));
   // The objectness may equal its threshold, the best class may not.
   const std::vector<float> equal = {10, 10, 5, 5, 0.5F, 0.3F, 10, 10, 5, 5, 0.9F, 0.25F};
   EXPECT_EQ(decodeYolo5({equal.data(), 2, 6}, 1, 0.5F, 0.25F).outputIndices, std::vector<int>{0});
@@ -85,18 +88,21 @@ TEST(Yolo26Decode, ABadNumberCountsOnlyWhereAnObjectWouldCome) {
   config.scoreThreshold = 0.25F;
   VsaFrame frame;
   frame.wantedClasses = {"a", "c", ""};
-  const std::vector<float> passedOver[] = {{kNan, 10, 20, 20, 0.5F, 1},    // unwanted
-                                           {kNan, 10, 20, 20, 0.5F, 3},    // without a name
-                                           {kNan, 10, 20, 20, 0.5F, 4},    // past the count
-                                           {kNan, 10, 20, 20, 0.5F, -1},   //
-                                           {kNan, 10, 20, 20, 0.25F, 0},   // the score is not above the threshold
-                                           {10, 10, 20, 20, kNan, kNan}};  //
+  const std::vector<float> passedOver[] = {
+      {kNan, 10, 20, 20, 0.5F, 1},    // unwanted
+      {kNan, 10, 20, 20, 0.5F, 3},    // without a name
+      {kNan, 10, 20, 20, 0.5F, 4},    // past the count
+      {kNan, 10, 20, 20, 0.5F, -1},   //
+      {kNan, 10, 20, 20, 0.25F, 0},   // the score is not above the threshold
+      {10, 10, 20, 20, kNan, kNan}};  //
   for (const std::vector<float>& row : passedOver) {
     const FrameObjects found = decodeYolo26({row.data(), 1, 6}, 1.5F, config, frame);
     EXPECT_TRUE(found.objects.empty() && !found.badBox) << row[5];
   }
-  const std::vector<float> bad[] = {{1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}, {1, 1, 2, 2, 0.5F, 1e30F}};
-  for (const std::vector<float>& row : bad) EXPECT_TRUE(decodeYolo26({row.data(), 1, 6}, 1.0F, config, frame).badBox);
+  const std::vector<float> bad[] = {
+      {1, 1, 2, kInf, 0.5F, 0}, {1, 1, 2, 2, 0.5F, kNan}, {1, 1, 2, 2, 0.5F, 1e30F}};
+  for (const std::vector<float>& row : bad)
+    EXPECT_TRUE(decodeYolo26({row.data(), 1, 6}, 1.0F, config, frame).badBox);
 }
 
 TEST(WantedObjects, RefusesCornersThatLeaveInt32) {
@@ -109,13 +115,15 @@ TEST(WantedObjects, RefusesCornersThatLeaveInt32) {
   const auto mapped = [&](const cv::Rect& box, float scale, int classId = 0) {
     Candidates candidates;
     candidates.add(1, 1, 2, 2, 0.9F, 0, 3);
-    candidates.add(static_cast<float>(box.x), static_cast<float>(box.y), static_cast<float>(box.width),
-                   static_cast<float>(box.height), 0.8F, classId, 7);
+    candidates.add(static_cast<float>(box.x), static_cast<float>(box.y),
+                   static_cast<float>(box.width), static_cast<float>(box.height), 0.8F, classId, 7);
     return wantedObjects(candidates, scale, config, frame);
   };
   constexpr int kLarge = 1 << 30;
-  const std::tuple<cv::Rect, float> bad[] = {{{kLarge, 0, 5, 5}, 2.0F},     {{0, -kLarge, 5, 5}, 2.5F},
-                                             {{10, 10, kLarge, 5}, 2.0F},   {{10, 10, 5, kLarge}, 2.0F},
+  const std::tuple<cv::Rect, float> bad[] = {{{kLarge, 0, 5, 5}, 2.0F},
+                                             {{0, -kLarge, 5, 5}, 2.5F},
+                                             {{10, 10, kLarge, 5}, 2.0F},
+                                             {{10, 10, 5, kLarge}, 2.0F},
                                              {{kLarge, 0, kLarge, 5}, 1.0F}};
   for (const auto& [box, scale] : bad) {
     const FrameObjects found = mapped(box, scale);

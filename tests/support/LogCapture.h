@@ -26,7 +26,8 @@ class LogCapture : public google::LogSink {
     located_.push_back(file + (": " + texts_.back()));
   }
 
-  /// The lines so far, which are then forgotten; without their files or, as "file: text", with them.
+  /// The lines so far, which are then forgotten; without their files or, as "file: text", with
+  /// them.
   Texts texts() { return take().first; }
   Texts located() { return take().second; }
 

@@ -42,7 +42,8 @@ class LoopbackServer {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     auto* const any = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (bind(listener_, any, size) != 0 || listen(listener_, 8) != 0 || getsockname(listener_, any, &size) != 0) {
+    if (bind(listener_, any, size) != 0 || listen(listener_, 8) != 0 ||
+        getsockname(listener_, any, &size) != 0) {
       close(listener_);
       throw std::runtime_error("the port cannot be listened on");
     }
@@ -83,7 +84,8 @@ class LoopbackServer {
 
  private:
   void serve() {
-    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0; close(connection)) {
+    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0;
+         close(connection)) {
       std::unique_lock lock(mutex_);
       const Answer answer = answer_;
       lock.unlock();
@@ -94,7 +96,8 @@ class LoopbackServer {
       lock.unlock();
       // Until the client goes away.
       char byte = 0;
-      while (answer.bytes.empty() && !answer.resets && !stopped_ && recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
+      while (answer.bytes.empty() && !answer.resets && !stopped_ &&
+             recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
       bool isOpen = true;
@@ -114,7 +117,8 @@ class LoopbackServer {
 
   /// Waits until all of it is taken; false where the client is gone.
   static bool sendAll(int connection, const std::string& bytes) {
-    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
   }
 
   /// Headers, and as many bytes of body as they announce; `most` bytes of it all.
@@ -123,7 +127,8 @@ class LoopbackServer {
     std::size_t expected = most;
     char buffer[4096];
     while (request.size() < expected) {
-      const ssize_t count = recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
+      const ssize_t count =
+          recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
       if (count <= 0) break;
       request.append(buffer, static_cast<std::size_t>(count));
       const std::size_t end = request.find("\r\n\r\n");

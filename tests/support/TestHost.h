@@ -43,7 +43,8 @@ struct TestModel {
   /// The call of the model's category.
   bool run(VsaFrame* frame) {
     if (config.category == "Detect") return VsaModelDetect(&context, frame);
-    return config.category == "Track" ? VsaModelFeature(&context, frame) : VsaModelClassify(&context, frame);
+    return config.category == "Track" ? VsaModelFeature(&context, frame)
+                                      : VsaModelClassify(&context, frame);
   }
   bool detect(VsaFrame& frame) { return VsaModelDetect(&context, &frame); }
   bool feature(VsaFrame& frame) { return VsaModelFeature(&context, &frame); }
@@ -76,9 +77,12 @@ inline std::string bytesOf(const std::vector<VsaObject>& objects) {
     (bytes.append(reinterpret_cast<const char*>(&value), sizeof value), ...);
   };
   for (const VsaObject& o : objects) {
-    put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2, o.cornerX3, o.cornerY3);
-    put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore, o.feature.size());
-    for (const auto* text : {&o.className, &o.classifyName, &o.text}) put(text->size()), bytes += *text;
+    put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2,
+        o.cornerX3, o.cornerY3);
+    put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore,
+        o.feature.size());
+    for (const auto* text : {&o.className, &o.classifyName, &o.text})
+      put(text->size()), bytes += *text;
     for (const VsaShape& shape : o.shapes) {
       put(shape.tag, shape.points.size());
       for (const VsaPoint& point : shape.points) put(point.x, point.y);
@@ -89,8 +93,9 @@ inline std::string bytesOf(const std::vector<VsaObject>& objects) {
 }
 /// All that a run may have written.
 inline std::string bytesOf(const VsaFrame& frame) {
-  return std::to_string(frame.audioClassified) + " " + std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) +
-         " " + bytesOf(frame.objects) + bytesOf(frame.audioObjects);
+  return std::to_string(frame.audioClassified) + " " +
+         std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) + " " +
+         bytesOf(frame.objects) + bytesOf(frame.audioObjects);
 }
 
 /// An object whose box is as given, off the frame or not.
@@ -103,13 +108,15 @@ inline VsaObject boxObject(int left, int top, int right, int bottom, const std::
 /// "car 0 0.5: 1,2 3,4 of 640x480", and what else is set.
 inline std::string told(const VsaObject& o) {
   std::ostringstream text;
-  text << o.className << ' ' << o.classId << ' ' << o.score << ": " << o.left << ',' << o.top << ' ' << o.right << ','
-       << o.bottom << " of " << o.imageWidth << 'x' << o.imageHeight;
+  text << o.className << ' ' << o.classId << ' ' << o.score << ": " << o.left << ',' << o.top << ' '
+       << o.right << ',' << o.bottom << " of " << o.imageWidth << 'x' << o.imageHeight;
   if (o.cornerX2 != -1 || o.cornerY2 != -1 || o.cornerX3 != -1 || o.cornerY3 != -1) {
-    text << " corners " << o.cornerX2 << ',' << o.cornerY2 << ' ' << o.cornerX3 << ',' << o.cornerY3;
+    text << " corners " << o.cornerX2 << ',' << o.cornerY2 << ' ' << o.cornerX3 << ','
+         << o.cornerY3;
   }
   if (o.angle != -1.0F) text << " angle " << o.angle;
-  if (o.classifyId != -1) text << " classified " << o.classifyName << ' ' << o.classifyId << ' ' << o.classifyScore;
+  if (o.classifyId != -1)
+    text << " classified " << o.classifyName << ' ' << o.classifyId << ' ' << o.classifyScore;
   if (o.textId != -1) text << " text " << o.text << ' ' << o.textId << ' ' << o.textScore;
   for (const VsaShape& shape : o.shapes) {
     text << " shape " << shape.tag << ':';
