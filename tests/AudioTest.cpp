@@ -59,7 +59,7 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   EXPECT_EQ(AudioToMelSpec(server.address(), audioFrame(pcm), matrix), 1);
   unsetenv("http_proxy");
   unsetenv("ALL_PROXY");
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
   EXPECT_EQ(matrix, (MelSpectrogram{{9}, {1, -2.5F, 300}, {4, 5}}));
 
   const std::string request = server.lastRequest();
@@ -89,11 +89,11 @@ TEST(AudioToMelSpec, SendsTheFrameAndAppendsTheRows) {
   empty.audioData = nullptr;
   EXPECT_EQ(AudioToMelSpec(server.address(), empty, matrix), 1);
   EXPECT_NE(server.lastRequest().find("\"audio_pcm_base64\" : \"\""), std::string::npos);
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
   for (const int size : {5, -5}) {
     empty.audioFrameSize = size;
     EXPECT_EQ(AudioToMelSpec(server.address(), empty, matrix), 0);
-    EXPECT_EQ(log.texts(),
+    EXPECT_EQ(log.takeTexts(),
               Texts{"[E]audio block has no data,audio_frame_size=" + std::to_string(size)});
   }
 }
@@ -126,10 +126,10 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
     return answer.pause = pause, answer;
   };
   const auto cut = [](Answer answer, std::size_t requestBytes = SIZE_MAX) {
-    return answer.resets = true, answer.requestBytes = requestBytes, answer;
+    return answer.resets = true, answer.maxRequestBytes = requestBytes, answer;
   };
   const auto padded = [](Answer answer, std::size_t mebibytes) {
-    answer.blanks = mebibytes << 20;
+    answer.trailingSpaces = mebibytes << 20;
     return answer;
   };
   const std::string redirect =
@@ -232,7 +232,7 @@ TEST(AudioToMelSpec, BearsWithWhateverTheServiceDoes) {
     EXPECT_EQ(AudioToMelSpec(server.address(), audioFrame(pcm), matrix, c.limit), c.rows ? 1 : 0);
     const auto taken = std::chrono::steady_clock::now() - start;
     EXPECT_LT(taken, c.limit + std::chrono::seconds(1));
-    Texts lines = log.texts();
+    Texts lines = log.takeTexts();
     lines.resize(std::max<std::size_t>(lines.size(), 1));
     EXPECT_EQ(lines.size(), 1U);
     // curl counts whole milliseconds.
@@ -263,7 +263,7 @@ TEST(PostJson, TellsWhyATransferFailed) {
     LogCapture log;
     EXPECT_FALSE(PostJson(url, "{}", response));
     EXPECT_EQ(response, "kept");
-    const Texts lines = log.located();
+    const Texts lines = log.takeLines();
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_TRUE(
         lines[0].starts_with("Core/Utils/Request: [E]curl_easy_perform error: url=" + url + ", "));
@@ -299,7 +299,7 @@ struct AudioBench {
     given.audioObjects = {boxObject(0, 0, 1, 1, "before")};
     LogCapture log;
     const bool done = model.run(&given);
-    Texts result = log.texts();
+    Texts result = log.takeTexts();
     EXPECT_TRUE(given.objects.empty());
     EXPECT_TRUE(given.audioClassified ||
                 (given.audioObjects.size() == 1 && given.audioScore == 0.0F));
@@ -308,7 +308,7 @@ struct AudioBench {
                                              : "nothing");
     EXPECT_EQ(given.audioObjects.at(0).className, "before");
     given.audioObjects.erase(given.audioObjects.begin());
-    for (const std::string& object : told(given.audioObjects)) result.push_back(object);
+    for (const std::string& object : describe(given.audioObjects)) result.push_back(object);
     return result;
   }
 

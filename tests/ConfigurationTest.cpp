@@ -110,7 +110,7 @@ TEST(Configuration, OddValuesHaveOneOutcomeEach) {
     } catch (const cv::Exception&) {
       outcome = kThrows;
     }
-    for (const std::string& line : log.texts()) outcome += line;
+    for (const std::string& line : log.takeTexts()) outcome += line;
     EXPECT_EQ(outcome, c.outcome) << where;
     const bool isRefused = c.outcome == kThrows || c.outcome.starts_with("[E]");
     EXPECT_TRUE(!isRefused || frame.objects.size() == before) << where;

@@ -16,7 +16,7 @@ TEST(EntryPoints, GlobalCallsLogUnderTheirFile) {
   LogCapture log;
   EXPECT_TRUE(VsaGlobalInit());
   EXPECT_TRUE(VsaGlobalRelease());
-  EXPECT_EQ(log.located(),
+  EXPECT_EQ(log.takeLines(),
             (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
                    "Core/TolCompatible: [I]VsaGlobalRelease()"}));
 }
@@ -35,7 +35,7 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
     EXPECT_FALSE(VsaHardwareDecodeInit(&model.context));
     EXPECT_FALSE(VsaHardwareEncodeInit(&model.context));
     EXPECT_EQ(std::exchange(model.context.models, nullptr), &sentinel);
-    EXPECT_EQ(log.located(),
+    EXPECT_EQ(log.takeLines(),
               Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
   }
 }
@@ -59,7 +59,7 @@ TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
     EXPECT_EQ(model.context.models, nullptr);
     VsaModelRelease(&model.context);
   }
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
 TEST(EntryPoints, NullPointersGiveOneErrorLine) {
@@ -78,9 +78,9 @@ TEST(EntryPoints, NullPointersGiveOneErrorLine) {
   EXPECT_FALSE(VsaModelFeature(&model.context, nullptr));
   EXPECT_FALSE(VsaHardwareDecodeInit(nullptr));
   VsaGetDeviceSet(nullptr);
-  EXPECT_EQ(log.texts(), (Texts{"[E]context is null", "[E]config is null", "[E]context is null",
-                                "[E]context has no models", "[E]context has no models",
-                                "[E]context is null", "[E]device set is null"}));
+  EXPECT_EQ(log.takeTexts(), (Texts{"[E]context is null", "[E]config is null", "[E]context is null",
+                                    "[E]context has no models", "[E]context has no models",
+                                    "[E]context is null", "[E]device set is null"}));
 }
 
 TEST(EntryPoints, CodecsReportFailureSilently) {
@@ -93,7 +93,7 @@ TEST(EntryPoints, CodecsReportFailureSilently) {
   EXPECT_FALSE(VsaHardwareEncode(nullptr, nullptr));
   VsaHardwareDecodeRelease(nullptr);
   VsaHardwareEncodeRelease(nullptr);
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
 TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
@@ -103,7 +103,7 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
   model.context.models = &sentinel;
   EXPECT_THROW(model.init(), ov::Exception);
   EXPECT_EQ(model.context.models, &sentinel);
-  EXPECT_EQ(log.texts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
+  EXPECT_EQ(log.takeTexts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
   model.context.models = nullptr;
 
   // A model that exists, on a device that does not.
@@ -125,7 +125,7 @@ TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
     model.config.modelDir = folder;
     model.config.modelFile = file;
     EXPECT_THROW(model.init(), ov::Exception);
-    EXPECT_EQ(log.texts().at(1), std::string("[I]modelPath=") + path + ",device=CPU");
+    EXPECT_EQ(log.takeTexts().at(1), std::string("[I]modelPath=") + path + ",device=CPU");
   }
 }
 
@@ -139,7 +139,7 @@ TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
   const VsaDeviceSet once = devices;
   VsaGetDeviceSet(&devices);
   EXPECT_EQ(devices, once);
-  const Texts lines = log.located();
+  const Texts lines = log.takeLines();
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_TRUE(lines[0].starts_with("Core/OpenVINO/OvDetectYolo8: [I]OpenVINO 20")) << lines[0];
   EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1."))

@@ -48,16 +48,16 @@ TEST(OrDetect, DecodesEachFamily) {
     VsaFrame frame = frameOf(image, {"a", "b"});
     LogCapture log;
     EXPECT_TRUE(model.detect(frame));
-    EXPECT_EQ(told(frame.objects), c.objects);
+    EXPECT_EQ(describe(frame.objects), c.objects);
     VsaFrame nothingWanted = frameOf(image);
     EXPECT_TRUE(model.detect(nothingWanted));
     EXPECT_TRUE(nothingWanted.objects.empty());
     VsaFrame audio = frameOf(image);
     audio.kind = kVsaAudioFrame;
     EXPECT_FALSE(model.detect(audio));
-    EXPECT_EQ(log.texts(), Texts{});
+    EXPECT_EQ(log.takeTexts(), Texts{});
     EXPECT_FALSE(VsaModelDetect(&model.context, nullptr));
-    EXPECT_EQ(log.texts(), Texts{"[E]frame is null"});
+    EXPECT_EQ(log.takeTexts(), Texts{"[E]frame is null"});
   }
 }
 
@@ -70,7 +70,7 @@ TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
     }
     const std::string file = "Core/OnnxRuntime/OrDetect" + name;
     EXPECT_EQ(
-        log.located(),
+        log.takeLines(),
         (Texts{file + ": [I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU",
                file + ": [I]"}));
   }
@@ -97,10 +97,10 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
     EXPECT_FALSE(model.init()) << file;
     ASSERT_NE(model.context.models, nullptr);
     EXPECT_NE(model.context.models->detect, nullptr);
-    EXPECT_EQ(log.texts().back(), "[E]" + text);
+    EXPECT_EQ(log.takeTexts().back(), "[E]" + text);
     VsaFrame frame = frameOf(image, {"a"});
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.texts(), Texts{"[E]network was refused when it was opened"});
+    EXPECT_EQ(log.takeTexts(), Texts{"[E]network was refused when it was opened"});
   }
   OnnxModel missing("YOLO8", "missing");
   EXPECT_THROW(missing.init(), Ort::Exception);
@@ -129,7 +129,7 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
     VsaFrame frame = frameOf(image, {"a"});
     LogCapture log;
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.texts(), Texts{c.line});
+    EXPECT_EQ(log.takeTexts(), Texts{c.line});
     EXPECT_TRUE(frame.objects.empty());
   }
   for (const char* file : {"one_plane", "byte_input"}) {
@@ -142,14 +142,14 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
 }
 
 TEST(OrDetect, AnOutputShorterThanItWasSaidToBeFailsItsFrameOnly) {
-  OnnxModel model("YOLO8", "breaks_its_word");
+  OnnxModel model("YOLO8", "wrong_declared_shape");
   ASSERT_TRUE(model.init());
   cv::Mat black(64, 64, CV_8UC3, cv::Scalar::all(0));
   cv::Mat white(64, 64, CV_8UC3, cv::Scalar::all(255));
   VsaFrame dark = frameOf(black, {"a"});
   LogCapture log;
   EXPECT_FALSE(model.detect(dark));
-  EXPECT_EQ(log.texts().back(), "[E]network output is too short,[1,6,2]");
+  EXPECT_EQ(log.takeTexts().back(), "[E]network output is too short,[1,6,2]");
   VsaFrame bright = frameOf(white, {"a"});
   EXPECT_TRUE(model.detect(bright));
   EXPECT_EQ(bright.objects.size(), 1U);

@@ -45,7 +45,7 @@ struct Bench {
     EXPECT_TRUE(model.context.models != nullptr || model.init());
     LogCapture log;
     const bool done = model.detect(frame);
-    Texts lines = log.texts();
+    Texts lines = log.takeTexts();
     EXPECT_EQ(lines.size(), done ? 0U : 1U);
     return lines;
   }
@@ -69,12 +69,12 @@ TEST(OvDetectYolo8, SuppressesAcrossClassesThenFiltersAndAppends) {
   const Texts once = {"cat 0 0.75: 116,116 128,120 of 128x120", "cat 0 0.5: 0,0 12,12 of 128x120"};
   EXPECT_EQ(bench.run(), Texts{});
   EXPECT_EQ(bench.run(), Texts{});
-  EXPECT_EQ(told(bench.frame.objects), (Texts{once[0], once[1], once[0], once[1]}));
+  EXPECT_EQ(describe(bench.frame.objects), (Texts{once[0], once[1], once[0], once[1]}));
   // A class without a name suppresses like any other.
   bench.model.config.classNames = {"cat"};
   bench.frame.objects.clear();
   EXPECT_EQ(bench.run(), Texts{});
-  EXPECT_EQ(told(bench.frame.objects), once);
+  EXPECT_EQ(describe(bench.frame.objects), once);
 }
 
 TEST(OvDetectYolo8, ABadBoxFailsItsFrameOnly) {
@@ -101,7 +101,7 @@ TEST(OvDetectYolo5, ShowsTheNetworkBlueFirst) {
   bench.model.config.scoreThreshold = 0.1F;
   bench.image.setTo(cv::Scalar(204, 51, 102));  // blue 0.8, green 0.2, red 0.4
   EXPECT_EQ(bench.run(), Texts{});
-  EXPECT_EQ(told(bench.frame.objects), Texts{"red 1 0.8: 44,44 84,84 of 128x128"});
+  EXPECT_EQ(describe(bench.frame.objects), Texts{"red 1 0.8: 44,44 84,84 of 128x128"});
 }
 
 TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
@@ -113,8 +113,8 @@ TEST(OvDetectYolo8Obb, CarriesTheAngleOfTheSurvivor) {
               {"a", "b"});
   EXPECT_EQ(bench.run(), Texts{});
   // As the network gave it.
-  EXPECT_EQ(told(bench.frame.objects), (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5",
-                                              "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
+  EXPECT_EQ(describe(bench.frame.objects), (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5",
+                                                  "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
 }
 
 TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
@@ -129,7 +129,7 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndWithoutAFilter) {
     bench.model.config.classCount = keyPoints;
     bench.frame.wantedClasses.clear();
     const Texts lines = bench.run();
-    return lines.empty() ? told(bench.frame.objects) : lines;
+    return lines.empty() ? describe(bench.frame.objects) : lines;
   };
   // (32 - 10.3) * 2 = 43.4, 41.2 wide.
   EXPECT_EQ(outcome({atThreshold, person}, 2),
@@ -233,13 +233,13 @@ TEST(OvDetectYolo8Seg, ReportsTheOutlineOfTheLargestPartInsideTheBox) {
   // The scale is 100 / 48; edges are scaled as a whole: 34 * 2.0833 = 70.8, where 11 * 2.0833 + 47
   // would be 69.9.
   ASSERT_EQ(bench.frame.objects.size(), 2U);
-  EXPECT_EQ(told(bench.frame.objects[0]), "b 1 0.9: 47,22 70,70 of 100x75 shape 10:" + outline);
+  EXPECT_EQ(describe(bench.frame.objects[0]), "b 1 0.9: 47,22 70,70 of 100x75 shape 10:" + outline);
   EXPECT_TRUE(
-      told(bench.frame.objects[1]).starts_with("a 0 0.7: 93,60 100,75 of 100x75 shape 10: "));
+      describe(bench.frame.objects[1]).starts_with("a 0 0.7: 93,60 100,75 of 100x75 shape 10: "));
 
   bench.frame = frameOf(bench.image);
   EXPECT_EQ(bench.run(), Texts{});
-  EXPECT_EQ(told(bench.frame.objects), Texts{});
+  EXPECT_EQ(describe(bench.frame.objects), Texts{});
 }
 
 TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {

@@ -44,7 +44,7 @@ struct Bench : TestModel {
     LogCapture log;
     EXPECT_FALSE(run(&frame)) << className << line;
     EXPECT_EQ(bytesOf(frame), before) << className << line;
-    EXPECT_EQ(log.located(), Texts{"Core/OpenVINO/" + className + ": [E]" + line});
+    EXPECT_EQ(log.takeLines(), Texts{"Core/OpenVINO/" + className + ": [E]" + line});
   }
 
   std::string className;
@@ -74,7 +74,7 @@ TEST(OvModels, NameThemselvesInTheLog) {
       expected.push_back(file + ": [I]Using custom character dictionary with 2 characters");
     }
     expected.push_back(file + ": [I]~" + name + "()");
-    EXPECT_EQ(log.located(), expected);
+    EXPECT_EQ(log.takeLines(), expected);
   }
 }
 
@@ -147,7 +147,7 @@ TEST(OvModels, RefuseOutputsThatDoNotFit) {
       LogCapture log;
       EXPECT_TRUE(bench.run(&bench.fresh)) << c.className << c.output;
       EXPECT_EQ(bench.fresh.objects.size(), 2U);
-      EXPECT_EQ(log.texts(), Texts{});
+      EXPECT_EQ(log.takeTexts(), Texts{});
       continue;
     }
     bench.expectRefused(bench.fresh, c.line);
@@ -207,11 +207,11 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
     }
     LogCapture log;
     EXPECT_FALSE(bench.run(nullptr));
-    EXPECT_EQ(log.texts(), Texts{"[E]frame is null"});
+    EXPECT_EQ(log.takeTexts(), Texts{"[E]frame is null"});
     bench.fresh.kind = kVsaAudioFrame;
     bench.fresh.data = nullptr;  // the kind is looked at first
     EXPECT_FALSE(bench.run(&bench.fresh));
-    EXPECT_EQ(log.texts(), Texts{});
+    EXPECT_EQ(log.takeTexts(), Texts{});
   }
 }
 
@@ -256,7 +256,7 @@ TEST(OvModels, TakeFramesOfMoreThan2GiB) {
     frame.objects = {VsaObject(kSide, kSide, kSide - 300, kSide - 200, kSide, kSide, 0.5F, 0, "a")};
     LogCapture log;
     EXPECT_TRUE(bench.run(&frame)) << name;
-    EXPECT_EQ(log.texts(), Texts{}) << name;
+    EXPECT_EQ(log.takeTexts(), Texts{}) << name;
     EXPECT_EQ(frame.objects.size(), 1U) << name;
   }
 }

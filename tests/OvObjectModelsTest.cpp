@@ -162,7 +162,7 @@ TEST(OvFeatureVsOCR, ReadsByTheLayoutOrLeavesTheTextEmpty) {
     frame.objects[1].text = "old";
     LogCapture log;
     EXPECT_TRUE(model.feature(frame));
-    EXPECT_EQ(log.texts(), c.lines);
+    EXPECT_EQ(log.takeTexts(), c.lines);
     for (const VsaObject& object : frame.objects) {
       EXPECT_EQ(object.text, c.text) << c.shape;
       EXPECT_EQ(object.textId, 0);

@@ -27,10 +27,10 @@ Texts found(TestModel& model, cv::Mat image) {
   frame.objects = {boxObject(0, 0, 1, 1, "before")};
   LogCapture log;
   EXPECT_TRUE(model.detect(frame));
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
   EXPECT_EQ(frame.objects.at(0).className, "before");
   frame.objects.erase(frame.objects.begin());
-  return told(frame.objects);
+  return describe(frame.objects);
 }
 
 TEST(OvDetectPaddleOCR, RegionsAtTheBorderEndOnTheLastPixel) {
@@ -109,7 +109,7 @@ Texts read(ColourReader& model, cv::Mat image, const std::vector<VsaObject>& reg
   frame.objects = regions;
   LogCapture log;
   EXPECT_TRUE(model.feature(frame));
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
   Texts texts;
   for (const VsaObject& object : frame.objects) {
     EXPECT_EQ(std::tie(object.textId, object.textScore), std::tuple(0, 1.0F));
@@ -165,7 +165,7 @@ TEST(OvFeaturePaddleOCR, OneNameChoosesTheBuiltInDictionary) {
   for (const auto& [names, line, text] : cases) {
     LogCapture log;
     ColourReader model(names);
-    EXPECT_EQ(log.texts().at(2), "[I]Using " + line + " characters");
+    EXPECT_EQ(log.takeTexts().at(2), "[I]Using " + line + " characters");
     EXPECT_EQ(read(model, bands({kGreen, kRed}), {boxObject(0, 0, 40, 48)}), Texts{text});
   }
 }

@@ -18,7 +18,7 @@ TEST(Letterbox, RefusesAPictureOfWhichNothingWouldBeLeft) {
   EXPECT_FALSE(letterbox(randomImage(641, 1), {640, 640}));
   EXPECT_FALSE(letterbox(randomImage(1, 641), {640, 640}));
   EXPECT_FALSE(letterbox(randomImage(8, 8), {0, 640}));
-  EXPECT_EQ(log.texts().size(), 3U);
+  EXPECT_EQ(log.takeTexts().size(), 3U);
   EXPECT_TRUE(letterbox(randomImage(640, 1), {640, 640}));
   // Here the scaled width, in single precision, comes out one pixel wider than the input.
   std::vector<float> planes(std::size_t{3} * 10000001 + 1, 7.0F);
