@@ -1,4 +1,4 @@
-// The ONNX Runtime detectors through the exported calls, on files made by support/make_onnx.py.
+// The ONNX Runtime detectors through the exported functions, on networks of support/make_onnx.py.
 
 #include <gtest/gtest.h>
 
@@ -13,13 +13,18 @@
 
 namespace {
 
-std::string path(const std::string& name) {
+std::string pathOf(const std::string& name) {
   return std::string(TOL_ONNX_NETWORKS) + "/" + name;
+}
+
+/// The first part of the log lines of a model.
+std::string sourceFileOf(const std::string& modelName) {
+  return "Core/OnnxRuntime/OrDetectYolo" + modelName.substr(4) + ": ";
 }
 
 struct OnnxModel : TestModel {
   OnnxModel(const std::string& modelName, const std::string& file)
-      : TestModel("Detect", modelName, path(file + ".onnx")) {
+      : TestModel("Detect", modelName, pathOf(file + ".onnx")) {
     config.engine = "ONNXRuntime";
     config.objThreshold = 0.25F;
     setInput(64, 64);
@@ -49,34 +54,33 @@ TEST(OrDetect, DecodesEachFamily) {
     LogCapture log;
     EXPECT_TRUE(model.detect(frame));
     EXPECT_EQ(describe(frame.objects), c.objects);
-    VsaFrame nothingWanted = frameOf(image);
-    EXPECT_TRUE(model.detect(nothingWanted));
-    EXPECT_TRUE(nothingWanted.objects.empty());
+    VsaFrame unwanted = frameOf(image);
+    EXPECT_TRUE(model.detect(unwanted));
+    EXPECT_TRUE(unwanted.objects.empty());
     VsaFrame audio = frameOf(image);
     audio.kind = kVsaAudioFrame;
     EXPECT_FALSE(model.detect(audio));
     EXPECT_EQ(log.takeTexts(), Texts{});
     EXPECT_FALSE(VsaModelDetect(&model.context, nullptr));
-    EXPECT_EQ(log.takeTexts(), Texts{"[E]frame is null"});
+    EXPECT_EQ(log.takeLines(), Texts{sourceFileOf(c.model) + "[E]frame is null"});
   }
 }
 
-TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
+TEST(OrDetect, LogsPathWhenOpenedAndEmptyLineWhenReleased) {
   LogCapture log;
-  for (const std::string name : {"Yolo5", "Yolo8", "Yolo26"}) {
+  for (const std::string name : {"YOLO5", "YOLO8", "YOLO26"}) {
+    const std::string file = "yolo" + name.substr(4);
     {
-      OnnxModel model("YOLO" + name.substr(4), "y" + name.substr(1));
+      OnnxModel model(name, file);
       ASSERT_TRUE(model.init());
     }
-    const std::string file = "Core/OnnxRuntime/OrDetect" + name;
-    EXPECT_EQ(
-        log.takeLines(),
-        (Texts{file + ": [I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU",
-               file + ": [I]"}));
+    EXPECT_EQ(log.takeLines(),
+              (Texts{sourceFileOf(name) + "[I]modelPath=" + pathOf(file + ".onnx") + ",device=CPU",
+                     sourceFileOf(name) + "[I]"}));
   }
 }
 
-TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
+TEST(OrDetect, RefusesUnsuitableNetworks) {
   const std::pair<std::string, std::string> cases[] = {
       {"two_inputs", "numInputNodes error:2"},
       {"no_inputs", "numInputNodes error:0"},
@@ -97,30 +101,31 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
     EXPECT_FALSE(model.init()) << file;
     ASSERT_NE(model.context.models, nullptr);
     EXPECT_NE(model.context.models->detect, nullptr);
-    EXPECT_EQ(log.takeTexts().back(), "[E]" + text);
+    EXPECT_EQ(log.takeLines().back(), sourceFileOf("YOLO8") + "[E]" + text);
     VsaFrame frame = frameOf(image, {"a"});
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.takeTexts(), Texts{"[E]network was refused when it was opened"});
+    EXPECT_EQ(log.takeLines(),
+              Texts{sourceFileOf("YOLO8") + "[E]network was refused when it was opened"});
   }
   OnnxModel missing("YOLO8", "missing");
   EXPECT_THROW(missing.init(), Ort::Exception);
   EXPECT_EQ(missing.context.models, nullptr);
 }
 
-TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
+TEST(OrDetect, ChecksClassCountBeforeInference) {
   struct Case {
     const char* model;
     const char* file;
     std::uint32_t classCount;
     const char* line;
   };
-  // A run on the last network throws: it takes one plane. So nothing was run where the line stands.
-  const Case cases[] = {{"YOLO8", "yolo8", 3, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO8", "one_plane", 3, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO8", "yolo8", 0xFFFFFFFFU, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO5", "yolo5", 1, "[E]Yolo5 dimensions error:7"},
-                        {"YOLO5", "one_plane", 2, "[E]Yolo5 dimensions error:3"},
-                        {"YOLO26", "yolo26_short", 2, "[E]Yolo26 dimensions error:5"}};
+  // Inference on "one_plane" throws, so a line shows that the check comes first.
+  const Case cases[] = {{"YOLO8", "yolo8", 3, "Yolo8 dimensions error:6"},
+                        {"YOLO8", "one_plane", 3, "Yolo8 dimensions error:6"},
+                        {"YOLO8", "yolo8", 0xFFFFFFFFU, "Yolo8 dimensions error:6"},
+                        {"YOLO5", "yolo5", 1, "Yolo5 dimensions error:7"},
+                        {"YOLO5", "one_plane", 2, "Yolo5 dimensions error:3"},
+                        {"YOLO26", "yolo26_short", 2, "Yolo26 dimensions error:5"}};
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
     OnnxModel model(c.model, c.file);
@@ -129,7 +134,7 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
     VsaFrame frame = frameOf(image, {"a"});
     LogCapture log;
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.takeTexts(), Texts{c.line});
+    EXPECT_EQ(log.takeLines(), Texts{sourceFileOf(c.model) + "[E]" + c.line});
     EXPECT_TRUE(frame.objects.empty());
   }
   for (const char* file : {"one_plane", "byte_input"}) {
@@ -141,7 +146,22 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
   }
 }
 
-TEST(OrDetect, AnOutputShorterThanItWasSaidToBeFailsItsFrameOnly) {
+TEST(OrDetect, BadBoxFailsTheFrame) {
+  cv::Mat image = randomImage(64, 64);
+  for (const std::string name : {"YOLO8", "YOLO5", "YOLO26"}) {
+    OnnxModel model(name, "yolo" + name.substr(4) + "_far");
+    ASSERT_TRUE(model.init());
+    VsaFrame frame = frameOf(image, {"a"});
+    LogCapture log;
+    EXPECT_FALSE(model.detect(frame));
+    EXPECT_TRUE(frame.objects.empty());
+    const Texts lines = log.takeLines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with(sourceFileOf(name) + "[E]candidate 0 is out of range: "));
+  }
+}
+
+TEST(OrDetect, OutputShorterThanDeclaredFailsItsFrameOnly) {
   OnnxModel model("YOLO8", "wrong_declared_shape");
   ASSERT_TRUE(model.init());
   cv::Mat black(64, 64, CV_8UC3, cv::Scalar::all(0));
@@ -149,23 +169,24 @@ TEST(OrDetect, AnOutputShorterThanItWasSaidToBeFailsItsFrameOnly) {
   VsaFrame dark = frameOf(black, {"a"});
   LogCapture log;
   EXPECT_FALSE(model.detect(dark));
-  EXPECT_EQ(log.takeTexts().back(), "[E]network output is too short,[1,6,2]");
+  EXPECT_EQ(log.takeLines(),
+            Texts{sourceFileOf("YOLO8") + "[E]network output is too short,[1,6,2]"});
   VsaFrame bright = frameOf(white, {"a"});
   EXPECT_TRUE(model.detect(bright));
   EXPECT_EQ(bright.objects.size(), 1U);
 }
 
-TEST(BothEngines, AreShownTheSamePlanes) {
-  // Candidate i of this network lies at 4 i - 1 and has float i of its input for its score.
+TEST(BothEngines, GetTheSamePlanes) {
+  // The left edge of candidate i of this network is 4 i - 1; its score is float i of the input.
   OnnxModel onnx("YOLO8", "echo8");
-  TestModel ir("Detect", "YOLO8", path("echo8"));
+  TestModel ir("Detect", "YOLO8", pathOf("echo8"));
   for (TestModel* model : {static_cast<TestModel*>(&onnx), &ir}) {
     model->setInput(8, 4);
     model->setClasses({"a"});
     ASSERT_TRUE(model->init());
   }
   for (std::uint64_t seed = 2; seed < 9; ++seed) {
-    // Each size twice: the second frame finds its padding in place.
+    // Each size twice: the padding is kept for the second image.
     cv::Mat image = randomImage(20 * static_cast<int>(seed / 2), 37, seed);
     VsaFrame first = frameOf(image, {"a"});
     VsaFrame second = first;
@@ -175,13 +196,13 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     std::vector<float> planes(std::size_t{3} * 8 * 4);
     const auto scale =
         TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
-    std::map<int, float> expected, shown;
+    std::map<int, float> expected, found;
     for (std::size_t k = 0; k < planes.size(); ++k) {
       const float left = static_cast<float>(4 * static_cast<int>(k) - 1) * *scale;
       if (planes[k] > 0.25F) expected[std::max(0, static_cast<int>(left))] = planes[k];
     }
-    for (const VsaObject& object : first.objects) shown[object.left] = object.score;
-    EXPECT_EQ(shown, expected);
+    for (const VsaObject& object : first.objects) found[object.left] = object.score;
+    EXPECT_EQ(found, expected);
   }
 }
 
@@ -213,7 +234,7 @@ TEST(OrDetect, RunsOfOneContextMayOverlap) {
   EXPECT_EQ(different, 0);
 }
 
-TEST(WidenedPath, TakesEachByteAsASignedCharacter) {
+TEST(WidenedPath, TakesEachByteAsSignedCharacter) {
   EXPECT_EQ(TolCompatibleLib::widened<wchar_t>("a/b.onnx"), L"a/b.onnx");
   const std::wstring wide = TolCompatibleLib::widened<wchar_t>("\xE4");
   ASSERT_EQ(wide.size(), 1U);
