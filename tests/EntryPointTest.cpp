@@ -1,5 +1,4 @@
-// The exported calls as a host makes them: versions, the model table, null pointers, codecs,
-// devices, log lines.
+// The exported functions: versions, the model table, null pointers, codecs, devices, log lines.
 
 #include <gtest/gtest.h>
 
@@ -12,19 +11,20 @@
 
 namespace {
 
-TEST(EntryPoints, GlobalCallsLogUnderTheirFile) {
+const std::string kFile = "Core/TolCompatible: ";
+
+TEST(EntryPoints, GlobalCallsLogTheirNames) {
   LogCapture log;
   EXPECT_TRUE(VsaGlobalInit());
   EXPECT_TRUE(VsaGlobalRelease());
-  EXPECT_EQ(log.takeLines(),
-            (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
-                   "Core/TolCompatible: [I]VsaGlobalRelease()"}));
+  EXPECT_EQ(log.takeLines(), (Texts{kFile + "[I]VsaGlobalInit()", kFile + "[I]pub20240113",
+                                    kFile + "[I]VsaGlobalRelease()"}));
 }
 
-TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
+TEST(EntryPoints, RefusesOtherVersionsWithoutChangingModels) {
   LogCapture log;
   VsaModelSet sentinel;
-  // A terminator inside the string is a byte like any other.
+  // A zero byte within the string counts like any other byte.
   for (const std::string& version :
        {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
         std::string(), std::string("pub20240113\0", 12)}) {
@@ -36,11 +36,11 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
     EXPECT_FALSE(VsaHardwareEncodeInit(&model.context));
     EXPECT_EQ(std::exchange(model.context.models, nullptr), &sentinel);
     EXPECT_EQ(log.takeLines(),
-              Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
+              Texts(3, kFile + "[E]core:" + version + " not equal to vsa:pub20240113"));
   }
 }
 
-TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
+TEST(EntryPoints, UnknownModelsGiveEmptySetWithoutLogLine) {
   const char* const rows[][3] = {{"OpenVINO", "Detect", "yolo8"},
                                  {"OpenVINO", "Feature", "PaddleOCR"},
                                  {"TensorRT", "Detect", "YOLO8"}};
@@ -62,14 +62,13 @@ TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
   EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
-TEST(EntryPoints, NullPointersGiveOneErrorLine) {
+TEST(EntryPoints, NullPointersGiveOneErrorLineEach) {
   LogCapture log;
   TestModel model("Detect", "YOLO8", "nowhere");
   model.context.config = nullptr;
   EXPECT_FALSE(VsaModelInit(nullptr));
   EXPECT_FALSE(model.init());
-  ASSERT_NE(model.context.models,
-            nullptr);  // past the version check there is a set, if an empty one
+  ASSERT_NE(model.context.models, nullptr);  // created after the version check, empty
   VsaModelRelease(&model.context);
   VsaModelRelease(nullptr);
   VsaFrame frame;
@@ -78,12 +77,14 @@ TEST(EntryPoints, NullPointersGiveOneErrorLine) {
   EXPECT_FALSE(VsaModelFeature(&model.context, nullptr));
   EXPECT_FALSE(VsaHardwareDecodeInit(nullptr));
   VsaGetDeviceSet(nullptr);
-  EXPECT_EQ(log.takeTexts(), (Texts{"[E]context is null", "[E]config is null", "[E]context is null",
-                                    "[E]context has no models", "[E]context has no models",
-                                    "[E]context is null", "[E]device set is null"}));
+  EXPECT_EQ(log.takeLines(),
+            (Texts{kFile + "[E]context is null", kFile + "[E]config is null",
+                   kFile + "[E]context is null", kFile + "[E]context has no models",
+                   kFile + "[E]context has no models", kFile + "[E]context is null",
+                   kFile + "[E]device set is null"}));
 }
 
-TEST(EntryPoints, CodecsReportFailureSilently) {
+TEST(EntryPoints, CodecsFailWithoutLogLine) {
   LogCapture log;
   VsaModelContext context;
   context.version = kVsaInterfaceVersion;
@@ -96,7 +97,7 @@ TEST(EntryPoints, CodecsReportFailureSilently) {
   EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
-TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
+TEST(EntryPoints, EngineExceptionsPassAndModelsStayUnchanged) {
   LogCapture log;
   VsaModelSet sentinel;
   TestModel model("Detect", "YOLO8", "nowhere");
@@ -106,7 +107,7 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
   EXPECT_EQ(log.takeTexts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
   model.context.models = nullptr;
 
-  // A model that exists, on a device that does not.
+  // An existing model on an unknown device.
   model.context.modelRoot = writeConstant({1, 3, 32, 32}, {1, 5, 1}, {1, 1, 1, 1, 1});
   model.config.device = "NOWHERE";
   EXPECT_THROW(model.init(), ov::Exception);
@@ -114,7 +115,7 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
   EXPECT_TRUE(model.init());
 }
 
-TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
+TEST(EntryPoints, JoinsModelPathWithoutNormalisingIt) {
   LogCapture log;
   const char* const cases[][3] = {{"yolo", "best", "root/yolo/best"},
                                   {"", "best", "root//best"},
@@ -129,7 +130,7 @@ TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
   }
 }
 
-TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
+TEST(Devices, AddsBothEnginesToTheSet) {
   LogCapture log;
   VsaDeviceSet devices{"mine"};
   VsaGetDeviceSet(&devices);

@@ -24,7 +24,7 @@ TEST(Families, HasEveryModelOfTheLibrary) {
   EXPECT_EQ(titles.size(), families().size());
 }
 
-TEST(Families, EveryNetworkOpensInTheSlotOfItsCategoryAndRuns) {
+TEST(Families, EveryNetworkOpensAndRuns) {
   cv::Mat image(48, 64, CV_8UC3, cv::Scalar::all(80));
   for (const Family& family : families()) {
     SCOPED_TRACE(titleOf(family));
