@@ -306,8 +306,8 @@ Outcome failure(const std::string& line) {
 
 /// The service on the port that the audio classifier calls, and a model whose network returns the
 /// given scores, or without scores one plane of its input.
-struct AudioBench {
-  explicit AudioBench(const std::vector<float>& scores, int plane = 0)
+struct AudioFixture {
+  explicit AudioFixture(const std::vector<float>& scores, int plane = 0)
       : server(LoopbackServer::ok(spectrogram("[[1, 2, 3], [4, 5, 6]]")), 9555),
         model("Classify", "AudioNet",
               writeNetwork({1, 3, 2, 3}, [&](const ov::Output<ov::Node>& input) {
@@ -355,34 +355,34 @@ struct AudioBench {
 };
 
 TEST(OvClassifyAudioNet, ReportsBestClassOfBlock) {
-  AudioBench bench({1, 3, -8});
-  EXPECT_EQ(bench.run(),
+  AudioFixture fixture({1, 3, -8});
+  EXPECT_EQ(fixture.run(),
             (Outcome{.score = 0.75F, .objects = {"siren 1 0.75: 320,240 320,240 of 641x480"}}));
   // A block without an image is classified, but has no object.
-  for (std::uint32_t* side : {&bench.frame.width, &bench.frame.height}) {
+  for (std::uint32_t* side : {&fixture.frame.width, &fixture.frame.height}) {
     const std::uint32_t length = std::exchange(*side, 0);
-    EXPECT_EQ(bench.run(), Outcome{.score = 0.75F});
+    EXPECT_EQ(fixture.run(), Outcome{.score = 0.75F});
     *side = length;
   }
-  bench.frame.wantedLabels = {"bark"};
-  EXPECT_EQ(bench.run(), Outcome{});
-  bench.frame.wantedLabels = {"siren"};
-  bench.model.config.scoreThreshold = 0.75F;  // equal to the score
-  EXPECT_EQ(bench.run().score, 0.75F);
-  bench.model.config.scoreThreshold = 0.8F;
-  EXPECT_EQ(bench.run(), Outcome{});
+  fixture.frame.wantedLabels = {"bark"};
+  EXPECT_EQ(fixture.run(), Outcome{});
+  fixture.frame.wantedLabels = {"siren"};
+  fixture.model.config.scoreThreshold = 0.75F;  // equal to the score
+  EXPECT_EQ(fixture.run().score, 0.75F);
+  fixture.model.config.scoreThreshold = 0.8F;
+  EXPECT_EQ(fixture.run(), Outcome{});
 
-  const int requests = bench.server.requestCount();
-  bench.frame.kind = kVsaImageFrame;
-  EXPECT_EQ(bench.run(), Outcome{.succeeded = false});
+  const int requests = fixture.server.requestCount();
+  fixture.frame.kind = kVsaImageFrame;
+  EXPECT_EQ(fixture.run(), Outcome{.succeeded = false});
   LogCapture log;
-  EXPECT_FALSE(bench.model.run(nullptr));
+  EXPECT_FALSE(fixture.model.run(nullptr));
   EXPECT_EQ(log.takeLines(), Texts{kAudioNetFile + "[E]frame is null"});
-  EXPECT_EQ(bench.server.requestCount(), requests);
+  EXPECT_EQ(fixture.server.requestCount(), requests);
 }
 
 TEST(OvClassifyAudioNet, ChecksShapesOfRowsAndScores) {
-  AudioBench bench({1, 3, -8});
+  AudioFixture fixture({1, 3, -8});
   const std::pair<const char*, std::string> refused[] = {
       {"[[1, 2, 3]]", kAudioNetFile + "[E]mels error:1"},
       {"[]", kAudioNetFile + "[E]mels error:0"},
@@ -390,32 +390,32 @@ TEST(OvClassifyAudioNet, ChecksShapesOfRowsAndScores) {
       {"null", kAudioNetFile + "[E]mels error:0"},
       {"7", kPreProcessFile + "[E]mel_spec is no array of arrays of numbers"},
   };
-  for (const auto& [rows, line] : refused) EXPECT_EQ(bench.runOn(rows), failure(line)) << rows;
-  EXPECT_EQ(bench.runOn("[[1, 2, 3], [1, 2, 3, 4, 5, 6, 7, 8, 9, 10]]").score, 0.75F);
-  EXPECT_EQ(bench.runOn("[[1, 2, 3], []]").score, 0.75F);
-  bench.model.config.classCount = 4;
-  EXPECT_EQ(bench.run(),
+  for (const auto& [rows, line] : refused) EXPECT_EQ(fixture.runOn(rows), failure(line)) << rows;
+  EXPECT_EQ(fixture.runOn("[[1, 2, 3], [1, 2, 3, 4, 5, 6, 7, 8, 9, 10]]").score, 0.75F);
+  EXPECT_EQ(fixture.runOn("[[1, 2, 3], []]").score, 0.75F);
+  fixture.model.config.classCount = 4;
+  EXPECT_EQ(fixture.run(),
             failure(kAudioNetFile + "[E]network output is f32[1,3],expected f32 of at least 4"));
 }
 
 TEST(OvClassifyAudioNet, FillsEachPlaneWithRowsAndZeros) {
   for (int plane = 0; plane < 3; ++plane) {
-    AudioBench bench({}, plane);
-    bench.model.setClasses({"a", "b", "c", "d", "e", "f"});
-    bench.frame.wantedLabels = {"c"};
-    bench.model.config.scoreThreshold = 0.0F;
+    AudioFixture fixture({}, plane);
+    fixture.model.setClasses({"a", "b", "c", "d", "e", "f"});
+    fixture.frame.wantedLabels = {"c"};
+    fixture.model.config.scoreThreshold = 0.0F;
     const std::pair<const char*, float> cases[] = {
         {"[[1, 2, 9], [4, 5, 6]]", 9.0F / 27.0F},
         {"[[1, 2, 9], [4]]", 9.0F / 16.0F},  // the rest is 0, not the values of the previous block
         {"[[1, 2, 9], [4, 5, 6, 100]]", 9.0F / 27.0F},  // values past the plane are left out
     };
-    for (const auto& [rows, score] : cases) EXPECT_EQ(bench.runOn(rows).score, score) << rows;
+    for (const auto& [rows, score] : cases) EXPECT_EQ(fixture.runOn(rows).score, score) << rows;
   }
 }
 
 TEST(OvClassifyAudioNet, KeepsLengthOfEachRow) {
   LoopbackServer server(
-      LoopbackServer::ok(AudioBench::spectrogram("[[1, 1], [1, 1, 1, 8], [1, 1]]")), 9555);
+      LoopbackServer::ok(AudioFixture::spectrogram("[[1, 1], [1, 1, 1, 8], [1, 1]]")), 9555);
   TestModel model("Classify", "AudioNet",
                   writeNetwork({1, 3, 3, 2}, [](const ov::Output<ov::Node>& input) {
                     return ov::OutputVector{reshaped(sliced(input, 1, 0, 1), {1, -1})};

@@ -61,8 +61,14 @@ TEST(OrDetect, DecodesEachFamily) {
     audio.kind = kVsaAudioFrame;
     EXPECT_FALSE(model.detect(audio));
     EXPECT_EQ(log.takeTexts(), Texts{});
-    EXPECT_FALSE(VsaModelDetect(&model.context, nullptr));
+    EXPECT_FALSE(model.run(nullptr));
     EXPECT_EQ(log.takeLines(), Texts{sourceFileOf(c.model) + "[E]frame is null"});
+    cv::Mat line = randomImage(4000, 1);
+    VsaFrame thin = frameOf(line);
+    EXPECT_FALSE(model.detect(thin));
+    EXPECT_EQ(log.takeLines(),
+              Texts{sourceFileOf(c.model) + "[E]frame leaves no pixel in the network input," +
+                    "width=4000,height=1,input_width=64,input_height=64"});
   }
 }
 

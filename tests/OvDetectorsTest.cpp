@@ -36,8 +36,8 @@ Table transposed(const Table& rows) {
 }
 
 /// A model with an input of 64 x 64 and a frame of twice that size, so the scale is 2.
-struct Bench {
-  Bench(const std::string& name, const std::string& network, std::vector<std::string> classes)
+struct Fixture {
+  Fixture(const std::string& name, const std::string& network, std::vector<std::string> classes)
       : model("Detect", name, network), image(randomImage(128, 128)), frame(frameOf(image)) {
     frame.wantedClasses = {classes.begin(), classes.end()};
     model.setInput(64, 64);
@@ -83,30 +83,31 @@ struct Bench {
 TEST(OvDetectYolo8, SuppressesAcrossClassesThenFiltersAndAppends) {
   const Table candidates = {{32, 32, 20, 20, 0.5F, 0},   // suppressed by the next one
                             {33, 32, 20, 20, 0, 0.75F},  // of an unwanted class
-                            {1, 1, 10, 10, 0.5F, 0.1F},  // extends past the border
-                            {63, 63, 10, 10, 0.75F, 0},  // likewise
+                            {1, 1, 10, 10, 0.5F, 0.1F},  // past the border
+                            {63, 63, 10, 10, 0.75F, 0},  // past the opposite border
                             {50, 10, 8, 8, 0.25F, 0}};   // score equal to the threshold
-  Bench bench("YOLO8", writeRows(transposed(candidates)), {"cat", "dog"});
-  bench.image = randomImage(128, 120);
-  bench.frame = frameOf(bench.image, {"cat", ""});
+  Fixture fixture("YOLO8", writeRows(transposed(candidates)), {"cat", "dog"});
+  fixture.image = randomImage(128, 120);
+  fixture.frame = frameOf(fixture.image, {"cat", ""});
   const Texts once = {"cat 0 0.75: 116,116 128,120 of 128x120", "cat 0 0.5: 0,0 12,12 of 128x120"};
-  EXPECT_EQ(bench.detect(), once);
-  EXPECT_EQ(bench.detect(), (Texts{once[0], once[1], once[0], once[1]}));
+  EXPECT_EQ(fixture.detect(), once);
+  EXPECT_EQ(fixture.detect(), (Texts{once[0], once[1], once[0], once[1]}));
   // A candidate of a class without a name suppresses others, too.
-  bench.model.config.classNames = {"cat"};
-  bench.frame.objects.clear();
-  EXPECT_EQ(bench.detect(), once);
+  fixture.model.config.classNames = {"cat"};
+  fixture.frame.objects.clear();
+  EXPECT_EQ(fixture.detect(), once);
 }
 
 TEST(OvDetectYolo8, BadBoxFailsItsFrameOnly) {
   // Red selects the centres of the boxes, green their sizes, blue their scores. A byte of 2 stands
   // for NaN, the others for small numbers.
-  Bench bench("YOLO8", writeFamilyNetwork(findFamily("OpenVINO", "Detect", "YOLO8")), {"a", "b"});
-  bench.model.setInput(8, 6);
-  bench.image.setTo(cv::Scalar(255, 20, 2));
-  EXPECT_TRUE(bench.fail().starts_with("[E]candidate 0 is out of range: "));
-  bench.image.setTo(cv::Scalar(255, 20, 40));
-  EXPECT_EQ(bench.detect().size(), 1U);
+  Fixture fixture("YOLO8", writeFamilyNetwork(findFamily("OpenVINO", "Detect", "YOLO8")),
+                  {"a", "b"});
+  fixture.model.setInput(8, 6);
+  fixture.image.setTo(cv::Scalar(255, 20, 2));
+  EXPECT_TRUE(fixture.fail().starts_with("[E]candidate 0 is out of range: "));
+  fixture.image.setTo(cv::Scalar(255, 20, 40));
+  EXPECT_EQ(fixture.detect().size(), 1U);
 }
 
 TEST(OvDetectYolo5, FeedsBlueFirst) {
@@ -117,10 +118,10 @@ TEST(OvDetectYolo5, FeedsBlueFirst) {
     return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
         ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), pixel}, 2)};
   });
-  Bench bench("YOLO5", network, {"green", "red"});
-  bench.model.config.scoreThreshold = 0.1F;
-  bench.image.setTo(cv::Scalar(204, 51, 102));  // blue 0.8, green 0.2, red 0.4
-  EXPECT_EQ(bench.detect(), Texts{"red 1 0.8: 44,44 84,84 of 128x128"});
+  Fixture fixture("YOLO5", network, {"green", "red"});
+  fixture.model.config.scoreThreshold = 0.1F;
+  fixture.image.setTo(cv::Scalar(204, 51, 102));  // blue 0.8, green 0.2, red 0.4
+  EXPECT_EQ(fixture.detect(), Texts{"red 1 0.8: 44,44 84,84 of 128x128"});
 }
 
 TEST(OvDetectYolo8Obb, ReportsAngleOfTheSurvivor) {
@@ -128,15 +129,15 @@ TEST(OvDetectYolo8Obb, ReportsAngleOfTheSurvivor) {
                             {32, 32, 20, 10, 0.5F, 0, 0.1F},
                             {33, 32, 20, 10, 0, 0.75F, -7.5F},
                             {8, 8, 4, 4, 0.6F, 0, kNan}};
-  Bench bench("YOLO8-OBB", writeRows(transposed(candidates)), {"a", "b"});
+  Fixture fixture("YOLO8-OBB", writeRows(transposed(candidates)), {"a", "b"});
   // The angle of the network, unchanged.
-  EXPECT_EQ(bench.detect(), (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5",
-                                   "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
+  EXPECT_EQ(fixture.detect(), (Texts{"b 1 0.75: 46,54 86,74 of 128x128 angle -7.5",
+                                     "a 0 0.6: 12,12 20,20 of 128x128 angle nan"}));
 }
 
-struct PoseBench : Bench {
-  PoseBench(const Table& candidates, std::uint32_t keyPoints)
-      : Bench("YOLO8-POSE", writeRows(transposed(candidates)), {"person", "other"}) {
+struct PoseFixture : Fixture {
+  PoseFixture(const Table& candidates, std::uint32_t keyPoints)
+      : Fixture("YOLO8-POSE", writeRows(transposed(candidates)), {"person", "other"}) {
     model.config.classCount = keyPoints;
     frame.wantedClasses.clear();
   }
@@ -150,14 +151,14 @@ TEST(OvDetectYolo8Pose, ReportsKeyPointsUnclampedAndUnfiltered) {
   const std::vector<float> atThreshold = {60, 60, 20, 20, 0.25F, 0, 0, 0, 0, 0, 0};
   const std::vector<float> badPoint = {32, 32, 20, 20, 0.5F, 1, kNan, 0, 1, 1, 1};
   // The left edge is (32 - 10.3) * 2 = 43.4, the width 41.2.
-  EXPECT_EQ(PoseBench({atThreshold, person}, 2).detect(),
+  EXPECT_EQ(PoseFixture({atThreshold, person}, 2).detect(),
             Texts{"person 0 0.5: 43,43 84,84 of 128x128 shape 5: -6,141 20,21"});
-  EXPECT_EQ(PoseBench({person, better}, 2).detect(),
+  EXPECT_EQ(PoseFixture({person, better}, 2).detect(),
             Texts{"person 0 0.75: 46,44 86,84 of 128x128 shape 5: 2,2 4,4"});
   // Without key points, the object has an empty list of them.
-  EXPECT_EQ(PoseBench({{32, 32, 20, 20, 0.5F}}, 0).detect(),
+  EXPECT_EQ(PoseFixture({{32, 32, 20, 20, 0.5F}}, 0).detect(),
             Texts{"person 0 0.5: 44,44 84,84 of 128x128 shape 5:"});
-  EXPECT_EQ(PoseBench({badPoint}, 2).fail(),
+  EXPECT_EQ(PoseFixture({badPoint}, 2).fail(),
             "[E]key point of candidate 0 is out of range:2.000000,nan");
 }
 
@@ -189,10 +190,10 @@ TEST(Detectors, BoxOutsideInt32FailsTheFrame) {
   // The scale is 2, so 2^30 becomes 2^31.
   constexpr float kLarge = 1073741824.0F;
   const auto failureOf = [](const std::string& name, const std::string& network) {
-    Bench bench(name, network, {"a"});
-    if (name == "YOLO8-POSE") bench.model.config.classCount = 0;
-    if (name == "YOLO8-Seg") bench.model.setInput(64, 48);
-    return bench.fail();
+    Fixture fixture(name, network, {"a"});
+    if (name == "YOLO8-POSE") fixture.model.config.classCount = 0;
+    if (name == "YOLO8-Seg") fixture.model.setInput(64, 48);
+    return fixture.fail();
   };
   const std::string range = "[E]candidate 0 is out of range: ";
   const std::string line = range + "2147483648.000000 16.000000 2147483648.000000 24.000000";
@@ -217,19 +218,19 @@ TEST(OvDetectYolo8Seg, ReportsOutlineOfLargestPartInsideTheBox) {
   using namespace TolCompatibleLib;
   const std::vector<float> prototypes =
       prototypesOf({{}, {{4, 3, 10, 4}, {6, 8, 1, 1}}, {}, {{13, 9, 3, 3}}, {}});
-  Bench bench("YOLO8-Seg",
-              writeSegmentation(
-                  {{9, 9, 9, 9, 0.1F, 0.2F},         // below the threshold
-                   {28.5F, 22.5F, 11, 23, 0, 0.9F},  // a mask that extends past its box, and a dot
-                   {50, 10, 8, 8, 0.8F, 0},          // no mask pixel above one half
-                   {60, 44, 30, 30, 0.7F, 0},        // extends past the corner
-                   {90, 90, 8, 8, 0.6F, 0}},         // outside
-                  prototypes),
-              {"a", "b"});
-  bench.model.setInput(64, 48);
-  bench.image = randomImage(100, 75);
-  bench.frame = frameOf(bench.image, {"a", "b"});
-  const Texts objects = bench.detect();
+  Fixture fixture("YOLO8-Seg",
+                  writeSegmentation({{9, 9, 9, 9, 0.1F, 0.2F},  // below the threshold
+                                     {28.5F, 22.5F, 11, 23, 0,
+                                      0.9F},  // a mask that extends past its box, and a dot
+                                     {50, 10, 8, 8, 0.8F, 0},    // no mask pixel above one half
+                                     {60, 44, 30, 30, 0.7F, 0},  // extends past the corner
+                                     {90, 90, 8, 8, 0.6F, 0}},   // outside
+                                    prototypes),
+                  {"a", "b"});
+  fixture.model.setInput(64, 48);
+  fixture.image = randomImage(100, 75);
+  fixture.frame = frameOf(fixture.image, {"a", "b"});
+  const Texts objects = fixture.detect();
   MaskCoefficients coefficients{};
   coefficients[1] = 1.0F;
   std::string outline;
@@ -245,19 +246,19 @@ TEST(OvDetectYolo8Seg, ReportsOutlineOfLargestPartInsideTheBox) {
   EXPECT_EQ(objects[0], "b 1 0.9: 47,22 70,70 of 100x75 shape 10:" + outline);
   EXPECT_TRUE(objects[1].starts_with("a 0 0.7: 93,60 100,75 of 100x75 shape 10: "));
 
-  bench.frame = frameOf(bench.image);  // wants no class
-  EXPECT_EQ(bench.detect(), Texts{});
+  fixture.frame = frameOf(fixture.image);  // wants no class
+  EXPECT_EQ(fixture.detect(), Texts{});
 }
 
 TEST(OvDetectYolo8Seg, RefusesOtherNumbersOfPrototypes) {
   const Table candidates = {{24, 28, 16, 16, 0.9F}};
   for (const std::size_t count : {16U, 64U}) {
-    Bench bench("YOLO8-Seg", writeSegmentation(candidates, prototypesOf({}, count)), {"a"});
-    bench.model.setInput(64, 48);
-    EXPECT_EQ(bench.fail(), "[E]Yolo8-Seg mask coeffs dimensions error:" + std::to_string(count));
+    Fixture fixture("YOLO8-Seg", writeSegmentation(candidates, prototypesOf({}, count)), {"a"});
+    fixture.model.setInput(64, 48);
+    EXPECT_EQ(fixture.fail(), "[E]Yolo8-Seg mask coeffs dimensions error:" + std::to_string(count));
     // The detection output is checked first.
-    bench.model.setClasses({"a", "b"});
-    EXPECT_EQ(bench.fail(), "[E]Yolo8-Seg dimensions error:37");
+    fixture.model.setClasses({"a", "b"});
+    EXPECT_EQ(fixture.fail(), "[E]Yolo8-Seg dimensions error:37");
   }
 }
 

@@ -27,8 +27,8 @@ constexpr ModelRow kModels[] = {
 const ov::PartialShape kInput{1, 3, 64, 64};
 
 /// An open model with an input of 64 x 64, and a frame with two objects.
-struct Bench : TestModel {
-  Bench(const ModelRow& row, const std::string& network, std::uint32_t classCount = 2)
+struct Fixture : TestModel {
+  Fixture(const ModelRow& row, const std::string& network, std::uint32_t classCount = 2)
       : TestModel(row.category, row.name, network),
         className(row.className),
         image(randomImage(64, 64)) {
@@ -68,7 +68,7 @@ TEST(OvModels, LogTheirNamesAndPaths) {
   const std::string network = writeConstant(kInput, {1, 1, 6}, std::vector<float>(6, 1));
   for (const ModelRow& row : kModels) {
     LogCapture log;
-    { const Bench bench(row, network); }
+    { const Fixture fixture(row, network); }
     const std::string name = row.className, file = "Core/OpenVINO/" + name;
     Texts expected = {file + ": [I]" + name + "()",
                       file + ": [I]modelPath=" + network + ",device=CPU"};
@@ -144,15 +144,15 @@ TEST(OvModels, RefuseOutputsOfOtherShapesAndTypes) {
   };
   for (const Case& c : cases) {
     const auto* const row = std::ranges::find(kModels, c.className, &ModelRow::className);
-    Bench bench(*row, networkOf(kInput, c.output, ov::element::f32, c.type), c.classCount);
+    Fixture fixture(*row, networkOf(kInput, c.output, ov::element::f32, c.type), c.classCount);
     if (c.line == nullptr) {
       LogCapture log;
-      EXPECT_TRUE(bench.run(&bench.original)) << c.className << c.output;
-      EXPECT_EQ(bench.original.objects.size(), 2U);
+      EXPECT_TRUE(fixture.run(&fixture.original)) << c.className << c.output;
+      EXPECT_EQ(fixture.original.objects.size(), 2U);
       EXPECT_EQ(log.takeTexts(), Texts{});
       continue;
     }
-    for (int run = 0; run < 2; ++run) bench.expectRefused(bench.original, c.line);
+    for (int run = 0; run < 2; ++run) fixture.expectRefused(fixture.original, c.line);
   }
 }
 
@@ -168,33 +168,34 @@ TEST(OvModels, RefuseNetworkInputsOfOtherShapesAndTypes) {
                         {{1, 3, 64, 64}, ov::element::u8, "u8[1,3,64,64]"},
                         {{-1, 3, 64, 64}, ov::element::f32, "f32[?,3,64,64]"}};
   for (const Case& c : cases) {
-    Bench bench(kModels[1], networkOf(c.shape, {1, 6, 1}, c.type));
-    bench.expectRefused(bench.original, "network input is " + c.text + ",expected f32[1,3,64,64]");
+    Fixture fixture(kModels[1], networkOf(c.shape, {1, 6, 1}, c.type));
+    fixture.expectRefused(fixture.original,
+                          "network input is " + c.text + ",expected f32[1,3,64,64]");
   }
   for (const ModelRow& row : kModels) {
     const std::string name = row.name;
     if (name == "PaddleOCR") continue;  // the engine throws
-    Bench bench(row, networkOf(cases[0].shape, {1, 300}, cases[0].type));
-    bench.expectRefused(bench.original,
-                        name == "YOLO5"
-                            ? "network input is u8[1,32,32,3],expected u8[1,64,64,3]"
-                            : "network input is f32[1,3,32,32],expected f32[1,3,64,64]");
+    Fixture fixture(row, networkOf(cases[0].shape, {1, 300}, cases[0].type));
+    fixture.expectRefused(fixture.original,
+                          name == "YOLO5"
+                              ? "network input is u8[1,32,32,3],expected u8[1,64,64,3]"
+                              : "network input is f32[1,3,32,32],expected f32[1,3,64,64]");
   }
 }
 
 TEST(OvModels, RefuseFramesWithoutPixels) {
   const std::string network = writeConstant(kInput, {1, 300}, std::vector<float>(300, 1));
   for (const ModelRow& row : kModels) {
-    Bench bench(row, network);
+    Fixture fixture(row, network);
     const auto expectRefused = [&](void* data, std::uint32_t width, std::uint32_t height,
                                    const std::string& line) {
-      VsaFrame frame = bench.original;
+      VsaFrame frame = fixture.original;
       frame.data = data;
       frame.width = width;
       frame.height = height;
-      bench.expectRefused(frame, line);
+      fixture.expectRefused(frame, line);
     };
-    void* const data = bench.image.data;
+    void* const data = fixture.image.data;
     expectRefused(nullptr, 64, 64, "frame data is null");
     expectRefused(data, 0, 64, "frame has no pixels,width=0,height=64");
     expectRefused(data, 64, 0, "frame has no pixels,width=64,height=0");
@@ -208,11 +209,11 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
                     "input,width=4000,height=1,input_width=64,input_height=64");
     }
     LogCapture log;
-    EXPECT_FALSE(bench.run(nullptr));
-    EXPECT_EQ(log.takeLines(), Texts{"Core/OpenVINO/" + bench.className + ": [E]frame is null"});
-    bench.original.kind = kVsaAudioFrame;
-    bench.original.data = nullptr;  // the kind is checked first
-    EXPECT_FALSE(bench.run(&bench.original));
+    EXPECT_FALSE(fixture.run(nullptr));
+    EXPECT_EQ(log.takeLines(), Texts{"Core/OpenVINO/" + fixture.className + ": [E]frame is null"});
+    fixture.original.kind = kVsaAudioFrame;
+    fixture.original.data = nullptr;  // the kind is checked first
+    EXPECT_FALSE(fixture.run(&fixture.original));
     EXPECT_EQ(log.takeTexts(), Texts{});
   }
 }
@@ -247,17 +248,17 @@ TEST(OvModels, AcceptFramesOfMoreThan2GiB) {
                              : isDetector                  ? ov::Shape{1, 6, 1}
                                                            : ov::Shape{1, 1, 300};
     if (name == "OvDetectYolo26" || name == "OvDetectYolo8Seg") continue;  // same input as YOLO8
-    Bench bench(row,
-                networkOf(name == "OvDetectPaddleOCR" ? ov::PartialShape{1, 3, -1, -1} : kInput,
-                          output, ov::element::f32));
-    VsaFrame frame = bench.original;
+    Fixture fixture(row,
+                    networkOf(name == "OvDetectPaddleOCR" ? ov::PartialShape{1, 3, -1, -1} : kInput,
+                              output, ov::element::f32));
+    VsaFrame frame = fixture.original;
     frame.data = pixels.data();
     frame.width = frame.height = kSide;
     frame.wantedLabels = {"a", "b"};
     // An object in the last rows, past the first 2 GiB.
     frame.objects = {VsaObject(kSide, kSide, kSide - 300, kSide - 200, kSide, kSide, 0.5F, 0, "a")};
     LogCapture log;
-    EXPECT_TRUE(bench.run(&frame)) << name;
+    EXPECT_TRUE(fixture.run(&frame)) << name;
     EXPECT_EQ(log.takeTexts(), Texts{}) << name;
     EXPECT_EQ(frame.objects.size(), 1U) << name;
   }

@@ -43,8 +43,8 @@ TEST(FloatGrid, FindsMaximaBelowZeroAndNextToNan) {
   EXPECT_EQ(firstMaximum(nullptr, 0), 0);
   const std::vector<float> zeros = {-1.0F, -0.0F, 0.0F};
   EXPECT_EQ(firstMaximum(zeros.data(), 3), 1);
-  const std::vector<float> equal(1030,
-                                 1.0F);  // more than one block of the search
+  // More than one block of the search.
+  const std::vector<float> equal(1030, 1.0F);
   EXPECT_EQ(firstMaximum(equal.data(), 1030), 0);
 }
 

@@ -20,7 +20,7 @@ class LogCapture : public google::LogSink {
 
   void send(google::LogSeverity severity, const char* file, const char* /*base*/, int /*line*/,
             const google::LogMessageTime& /*time*/, const char* message, size_t length) override {
-    EXPECT_EQ(severity, google::GLOG_INFO);  // errors are logged as information, too
+    EXPECT_EQ(severity, google::GLOG_INFO);  // of error lines, too
     const std::lock_guard lock(mutex_);
     texts_.emplace_back(message, length);
     lines_.push_back(file + (": " + texts_.back()));

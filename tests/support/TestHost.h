@@ -53,7 +53,8 @@ struct TestModel {
   VsaModelContext context;
 };
 
-/// A frame with the pixels of `image`, which must be continuous and outlive the frame.
+/// A frame with the pixels of `image`, which must be continuous and outlive the frame. `wanted`
+/// becomes its wantedClasses.
 inline VsaFrame frameOf(cv::Mat& image, std::set<std::string> wanted = {}) {
   VsaFrame frame;
   frame.data = image.data;

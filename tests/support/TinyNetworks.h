@@ -32,7 +32,7 @@ std::string writeFamilyNetwork(const Family& family);
 /// `onnxFolder`; on OpenVINO it is written first.
 std::string networkOf(const Family& family, const std::string& onnxFolder);
 
-/// Nodes for bodies.
+/// Nodes for a Body.
 ov::Output<ov::Node> floats(const ov::Shape& shape, const std::vector<float>& values);
 ov::Output<ov::Node> reshaped(const ov::Output<ov::Node>& value, const std::vector<int>& shape);
 ov::Output<ov::Node> transposed(const ov::Output<ov::Node>& value, const std::vector<int>& order);
