@@ -121,6 +121,13 @@ std::string readerOfRegions() {
   return family == families().end() ? "another model" : family->modelName;
 }
 
+std::string textDetector() {
+  const auto family = std::ranges::find(families(), Gives::kTextRegions, &Family::gives);
+  return family == families().end()
+             ? "a text detector"
+             : "the text detector (" + family->category + " " + family->modelName + ")";
+}
+
 std::string mismatchText(const VsaModelConfig& config, const ModelFile& file, const Fit& fit) {
   std::string advice;
   for (const Family* other : fittingFamilies(file)) {
@@ -195,7 +202,8 @@ std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {
     } else if (family->needs == Needs::kTextRegions && !hasTextRegions) {
       order[i].warnings.push_back(
           "the detector before it gives no corners, so it reads each box as one upright line: for "
-          "slanted text put a text detector before it");
+          "slanted text put " +
+          textDetector() + " before it");
     } else if (family->needs == Needs::kBoxes && !hasBoxes) {
       order[i].wrong.push_back(
           "it works on boxes, and the text detector before it gives corners: put a YOLO detector "

@@ -2,7 +2,9 @@
 // they refuse.
 
 #include <gtest/gtest.h>
+#if !defined(_WIN32)
 #include <sys/mman.h>
+#endif
 
 #include <openvino/opsets/opset8.hpp>
 
@@ -218,6 +220,8 @@ TEST(OvModels, RefuseFramesWithoutPixels) {
   }
 }
 
+#if !defined(_WIN32)
+
 /// A read-only mapping of zeros, which takes no memory.
 class UntouchedPixels {
  public:
@@ -263,5 +267,7 @@ TEST(OvModels, AcceptFramesOfMoreThan2GiB) {
     EXPECT_EQ(frame.objects.size(), 1U) << name;
   }
 }
+
+#endif
 
 }  // namespace

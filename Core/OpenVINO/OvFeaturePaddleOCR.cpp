@@ -4,7 +4,6 @@
 // being the CTC blank. Regions without a pixel are dropped from the frame's objects.
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "OpenVINO/OvModel.h"
@@ -65,9 +64,8 @@ cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   if (width < 1 || height < 1) return {};
   const int left = truncateToInt(minX);
   const int top = truncateToInt(minY);
-  // OpenCV refuses a region outside the image, but adds without a check for overflow.
-  constexpr int kMaxInt = std::numeric_limits<int>::max();
-  return {left, top, std::min(width, kMaxInt - left), std::min(height, kMaxInt - top)};
+  // Above 2^24 pixels, single precision may round the region past the image.
+  return {left, top, std::min(width, image.width - left), std::min(height, image.height - top)};
 }
 
 bool OvFeaturePaddleOCR::run(VsaFrame* frame) {

@@ -1,11 +1,10 @@
 #include "support/TinyNetworks.h"
 
-#include <unistd.h>
-
 #include <atomic>
 #include <cmath>
 #include <filesystem>
 #include <openvino/opsets/opset8.hpp>
+#include <random>
 
 namespace {
 
@@ -15,7 +14,8 @@ namespace op = ov::opset8;
 class Folder {
  public:
   Folder()
-      : path_(std::filesystem::temp_directory_path() / ("networks" + std::to_string(getpid()))) {
+      : path_(std::filesystem::temp_directory_path() /
+              ("networks" + std::to_string(std::random_device()()))) {
     std::filesystem::create_directories(path_);
   }
   ~Folder() {
