@@ -117,7 +117,7 @@ class PipelineTest(ChainCase):
             file = self.folder / f"nets/boxes/things.{suffix}"
             before = file.read_bytes()
             self.vsa("run", self.pipeline, "blue.png", "--json-file", file, status=2)
-            self.assertIn("this is an input and is not overwritten", self.err)
+            self.assertIn("an input of this run is not overwritten", self.err)
             self.assertEqual(file.read_bytes(), before)
         # Without the file at that path, no command finds another one.
         shutil.move(self.folder / "nets/boxes", self.folder / "boxes")

@@ -102,7 +102,7 @@ class RunTest(ChainCase):
         for options, sentence in (
                 (["--only", "cra"], '--only: .* "cra"; did you mean "car"'),
                 (["--crops", "x", "--output", "x"], "need a folder each"),
-                (["--crops", "."], "lies in the output folder")):
+                (["--crops", "."], "is in the output folder")):
             self.vsa("run", self.pipeline, "blue.png", *options, status=2)
             self.assertRegex(self.err, sentence)
 
