@@ -396,7 +396,7 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
   expect(thrown == 0, std::to_string(thrown) + " calls failed");
   return "12 threads, " + std::to_string(made) + " contexts of " + std::to_string(rows.size()) +
          " models made and run, " + std::to_string(different) + " results differ; " +
-         std::to_string(shared) + " ONNX contexts run by 4 threads at once";
+         std::to_string(shared) + " ONNX contexts run by 4 threads concurrently";
 }
 
 }  // namespace
