@@ -111,7 +111,7 @@ class PipelineTest(ChainCase):
             self.write(f"nets/boxes/things.{suffix}", (NETWORKS / f"things.{suffix}").read_bytes())
         self.use({**self.detector, "modelDir": "/boxes"}, root=self.folder / "nets")
         self.assertEqual(len(self.run_json("blue.png")[0]["objects"]), 2)
-        self.assertIn("in order", self.vsa("doctor", self.pipeline))
+        self.assertIn(": ok", self.vsa("doctor", self.pipeline))
         self.vsa("bench", self.pipeline, "blue.png", "--runs", "1")
         for suffix in ("xml", "bin"):
             file = self.folder / f"nets/boxes/things.{suffix}"
