@@ -1,6 +1,7 @@
-// The layout of the records that hosts are built against: offsets and sizes on 64-bit Windows,
-// where a string takes 32 bytes, a vector 24 and a set 16. On another platform each offset moves
-// with the strings, vectors and sets before it, so one table serves all. Nothing here is code.
+// The layout of the records that hosts are built against: offsets and sizes on 64-bit Windows, on
+// which a string takes 32 bytes, a vector 24 and a set 16. On another platform an offset changes by
+// the size differences of the strings, vectors and sets before it, so one table covers all
+// platforms. This file contains compile-time checks only.
 
 #include <cstddef>
 
@@ -9,9 +10,9 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// Offset on this platform of a field, or end of a record, that is at `windows` on Windows, after
-/// so many strings, vectors and sets. (Differences may be negative; in unsigned arithmetic the sum
-/// is right all the same.)
+/// Offset on this platform of a field, or size of a record, whose offset or size on Windows is
+/// `windows`, if it follows that number of strings, vectors and sets. (Size differences may be
+/// negative; unsigned arithmetic still gives the right sum.)
 constexpr std::size_t at(std::size_t windows, std::size_t strings = 0, std::size_t vectors = 0,
                          std::size_t sets = 0) {
   return windows + strings * (sizeof(std::string) - 32) +
@@ -19,7 +20,7 @@ constexpr std::size_t at(std::size_t windows, std::size_t strings = 0, std::size
 }
 
 #if defined(__GNUC__)
-// A set need not be a standard-layout type; GCC and Clang know its offset all the same.
+// A set need not be a standard-layout type, but GCC and Clang know its offset.
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 #endif
 

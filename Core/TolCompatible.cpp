@@ -15,7 +15,7 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// Makes a model and stores it in its slot. If slot and make function do not agree in type, this
+/// Makes a model and stores it in its slot. If slot and make function have different types, this
 /// does not compile.
 template <auto slot, auto make>
 bool build(VsaModelSet& set, const VsaModelConfig* config, const std::string& modelRoot) {
@@ -57,8 +57,8 @@ bool isSupported(const std::string& version) {
   return false;
 }
 
-/// The check that both hardware codecs make of the host's record, of which only the offset of the
-/// version is known. There is no codec to open, so the result is always false.
+/// Checks the version in the host's record, of which only the offset of the version is known. There
+/// is no hardware codec to open, so the result is always false.
 bool openCodec(const void* record) {
   if (record == nullptr) {
     logError("context is null");
@@ -69,7 +69,7 @@ bool openCodec(const void* record) {
   return false;
 }
 
-/// Passes the frame to the model in `slot` unchecked: models refuse what they cannot process.
+/// Passes the frame to the model in `slot` unchecked: models reject what they cannot process.
 template <auto slot>
 bool runModel(const VsaModelContext* context, VsaFrame* frame) {
   if (context == nullptr || context->models == nullptr) {

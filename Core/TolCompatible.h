@@ -1,6 +1,6 @@
 /// \file
-/// Public interface of TolCompatibleLib: neural networks for video and audio analysis behind one
-/// flat set of calls.
+/// Public interface of TolCompatibleLib: neural networks for video and audio analysis behind a flat
+/// C-linkage interface.
 ///
 /// A host fills a VsaModelConfig and a VsaModelContext, calls VsaModelInit, passes VsaFrame records
 /// to VsaModelDetect, VsaModelClassify or VsaModelFeature, reads the results from the frame, and
@@ -8,9 +8,9 @@
 ///
 /// Memory: the host owns every record; only VsaModelSet and the models in it belong to the library,
 /// from VsaModelInit to VsaModelRelease. Records hold standard-library members, so host and library
-/// must be built with the same standard library and, on Windows, the same dynamic runtime; the
-/// assertions at the end of this file stop a host that is not. Members named reservedN only keep
-/// the offsets; the library neither reads nor writes them.
+/// must be built with the same standard library and, on Windows, the same dynamic runtime;
+/// otherwise the assertions at the end of this file fail to compile. Members named reservedN only
+/// preserve the offsets; the library neither reads nor writes them.
 ///
 /// Threads: different contexts are independent of each other. Calls on one context must not
 /// overlap, with one exception: on a context of engine "ONNXRuntime", several threads may be in
@@ -18,10 +18,10 @@
 /// lock of its own. (The inference engines keep worker threads.)
 ///
 /// Errors: a call that fails returns false and logs one "[E]" line to the host's glog, at glog's
-/// information severity. (Frames of the other kind, and calls for which there is no model, are
-/// refused silently.) Exceptions of the engines and of OpenCV are not caught: they leave
+/// information severity. (Frames of the wrong kind, and calls for which the context has no model,
+/// are rejected silently.) Exceptions of the engines and of OpenCV are not caught: they leave
 /// VsaModelInit, the three run calls and VsaGetDeviceSet as ov::Exception, Ort::Exception,
-/// cv::Exception or std::exception, and the model accepts the next frame.
+/// cv::Exception or std::exception. After an exception the model still accepts the next frame.
 #pragma once
 
 #include <cstdint>
@@ -45,7 +45,7 @@ class VsaFeature;
 class VsaClassify;
 }  // namespace TolCompatibleLib
 
-/// The one value of VsaModelContext::version that this library accepts.
+/// The only value of VsaModelContext::version that this library accepts.
 inline constexpr char kVsaInterfaceVersion[] = "pub20240113";
 
 /// Value of VsaFrame::kind for an image.
@@ -70,8 +70,8 @@ struct VsaPoint {
 struct VsaShape {
   /// kVsaKeyPointsTag or kVsaOutlineTag.
   std::int32_t tag = 0;
-  /// Key points: all of the network's, in its order, visible or not. Outline: the corners of one
-  /// closed polygon.
+  /// Key points: all key points of the network, in its order, visible or not. Outline: the vertices
+  /// of one closed polygon.
   std::vector<VsaPoint> points;
 };
 
@@ -118,7 +118,8 @@ struct VsaObject {
   std::int32_t cornerX3 = -1;
   /// Text region: y of corner 3.
   std::int32_t cornerY3 = -1;
-  /// Rotation of an oriented box as the network gave it; -1 for every other model.
+  /// Rotation of an oriented box as the network returned it (YOLOv8: radians); -1 for every other
+  /// model.
   float angle = -1.0F;
   /// Confidence score of the detector.
   float score = 0.0F;
@@ -174,35 +175,36 @@ struct VsaModelConfig {
   /// empty, modelRoot is the whole path; see vsaModelPath.
   std::string modelDir;
   unsigned char reserved256[32] = {};
-  /// Names of the classes by class id. A detection whose class has no name here is left out. Text
-  /// recognisers: the dictionary by class index, entry 0 standing for the CTC blank; the single
-  /// entry "paddleocr" selects the built-in one.
+  /// Names of the classes by class id. A detection whose class has no name here is dropped. Text
+  /// recognisers: the dictionary by class index, entry 0 standing for the CTC blank; for the model
+  /// PaddleOCR, the single entry "paddleocr" selects the built-in dictionary.
   std::vector<std::string> classNames;
   /// Number of classes of the network. Pose detector: number of key points; 1 means 17.
   std::uint32_t classCount = 0;
   std::uint32_t reserved316 = 0;
   std::uint32_t reserved320 = 0;
-  /// Width in pixels of the network's input. Text detector: the longest side that a frame is shrunk
-  /// to; 0 means 960. Text recogniser PaddleOCR: the width of a line; 0 means 320. Audio
+  /// Width in pixels of the network's input. Text detector: frames with a longer side are shrunk to
+  /// this length; 0 means 960. Text recogniser PaddleOCR: the width of a line; 0 means 320. Audio
   /// classifier: number of time steps.
   std::uint32_t inputWidth = 0;
   /// Height in pixels of the network's input. Text recogniser PaddleOCR: 0 means 48. Audio
   /// classifier: number of mel bands.
   std::uint32_t inputHeight = 0;
   std::uint32_t reserved332 = 0;
-  /// Detectors report scores above it; it must not be negative for networks that need NMS. Text
-  /// detector: regions score at least it; 0 or less means 0.6. Classifiers: at least it.
+  /// Detectors keep candidates with a score (YOLOv5: class score) above this value, which must not
+  /// be negative for networks that need NMS. Text detector: regions with a score of at least this
+  /// value; 0 or less means 0.6. Classifiers: classes with a score of at least this value.
   float scoreThreshold = 0.0F;
-  /// Non-maximum suppression: boxes that overlap a better one by more than this share (IoU) are
-  /// left out. Not negative.
+  /// Non-maximum suppression (NMS): a box is dropped if its IoU with a box of higher score exceeds
+  /// this value. Not negative.
   float nmsThreshold = 0.0F;
-  /// YOLOv5 only: candidates have at least this objectness.
+  /// YOLOv5 only: minimum objectness of a candidate.
   float objThreshold = 0.0F;
 };
 
 /// One image or one block of audio, and the results of the models that ran on it.
 struct VsaFrame {
-  /// kVsaImageFrame or kVsaAudioFrame. A model silently refuses the other kind.
+  /// kVsaImageFrame or kVsaAudioFrame. A model silently rejects the other kind.
   std::uint32_t kind = kVsaImageFrame;
   /// Image: first byte of height * width * 3 bytes, 8 bits a channel, blue-green-red, rows without
   /// gaps. Only read, and only during a call.
@@ -214,8 +216,8 @@ struct VsaFrame {
   std::uint32_t height = 0;
   std::uint32_t reserved44 = 0;
   /// Audio: capacity of the host's buffer in bytes. This and the following fields down to
-  /// audioFrameCount are sent to the mel-spectrogram service as they are; of them, the library
-  /// itself uses audioFrameSize alone.
+  /// audioFrameCount are sent to the mel-spectrogram service unchanged; the library itself uses
+  /// only audioData and audioFrameSize.
   std::int32_t audioFrameMaxSize = 0;
   std::uint32_t reserved52 = 0;
   /// Audio: audioFrameSize bytes of PCM. Only read, and only during a call.
@@ -237,20 +239,21 @@ struct VsaFrame {
   /// Audio: number of the block in its stream.
   std::int64_t audioFrameCount = 0;
   /// Detectors report only objects whose class name is in this set, so an empty set yields none.
-  /// (The pose and the text detector report all.) Classes that are not in it still suppress what
-  /// they overlap.
+  /// (The pose detector and the text detector ignore it.) Objects of other classes still take part
+  /// in NMS.
   std::set<std::string> wantedClasses;
   /// The same for the labels of the classifiers.
   std::set<std::string> wantedLabels;
-  /// Image results. Detectors append and never clear; the classifier and the text recognisers
-  /// rewrite the list, the feature extractors fill its objects. The host clears it between frames.
+  /// Image results. Detectors append and never clear; the classifier and the text recogniser
+  /// PaddleOCR also remove objects; other models only fill fields of the objects. The host clears
+  /// the list between frames.
   std::vector<VsaObject> objects;
   /// Audio: set if a wanted class was recognised; never cleared by the library.
   bool audioClassified = false;
   /// Audio: score of that class.
   float audioScore = 0.0F;
   unsigned char reserved192[40] = {};
-  /// Audio results, appended to if width and height are not 0.
+  /// Audio results; the library appends to them only if width and height are not 0.
   std::vector<VsaObject> audioObjects;
 };
 
@@ -304,12 +307,12 @@ VSA_API bool VsaGlobalRelease();
 /// Returns true if the model is ready to run. Returns false after one "[E]" line for
 /// - a null context or a wrong version; `models` is unchanged,
 /// - a null configuration; `models` is an empty set,
-/// - an ONNX network that does not fit the configuration; `models` holds a model that refuses every
+/// - an ONNX network that does not fit the configuration; `models` holds a model that rejects every
 ///   frame.
 ///
 /// Returns false silently, with an empty set, if the library has no such model. An existing set is
-/// not released: call VsaModelRelease first. Throws what the engine throws for a missing or broken
-/// model file or an unknown device; `models` is unchanged then.
+/// not released: call VsaModelRelease first. Throws the engine's exception if the model file is
+/// missing or broken or the device is unknown; `models` is unchanged then.
 VSA_API bool VsaModelInit(VsaModelContext* context);
 
 /// Destroys the model and frees the set; does nothing if there is none. Does not throw.
@@ -328,8 +331,8 @@ VSA_API bool VsaModelClassify(VsaModelContext* context, VsaFrame* frame);
 /// The same for the feature extractor or text recogniser of the context: works on `frame->objects`.
 VSA_API bool VsaModelFeature(VsaModelContext* context, VsaFrame* frame);
 
-/// Adds the names of all engines and devices that models can run on to `devices`; nothing is
-/// removed from it.
+/// Adds the names of all engines and devices that models can run on to `devices` and removes
+/// nothing.
 VSA_API void VsaGetDeviceSet(VsaDeviceSet* devices);
 
 /// Hardware codecs: there are none, so these calls return false or do nothing. The two Init calls

@@ -21,13 +21,13 @@ class VsaModel {
   virtual ~VsaModel() = default;
 
   /// Processes one frame. Returns true if it was processed, with or without a result. Returns false
-  /// if the frame was refused or the network's output is malformed; the frame's results are
+  /// if the frame was rejected or the network's output is malformed; the frame's results are
   /// unchanged then.
   virtual bool run(VsaFrame* frame) = 0;
 
   const VsaModelConfig* config;
   std::string modelRoot;
-  bool ready = false;  ///< Set by a derived constructor as its last act.
+  bool ready = false;  ///< Set by a derived constructor as its last step.
 };
 
 class VsaDetect : public VsaModel {
@@ -45,7 +45,7 @@ class VsaFeature : public VsaModel {
   using VsaModel::VsaModel;
 };
 
-/// The three words by which a host chooses a model.
+/// The three fields of the configuration that select a model.
 struct ModelId {
   std::string_view engine;
   std::string_view category;

@@ -1,5 +1,5 @@
-// Files that libsndfile cannot open are decoded by ffmpeg, whose output libsndfile reads from a
-// pipe. ffmpeg is started without a shell, so names need no quoting.
+// If libsndfile cannot open a file, ffmpeg decodes it into a pipe, from which libsndfile reads.
+// ffmpeg is started without a shell, so file names need no quoting.
 #include "AudioSource.h"
 
 #include <stdexcept>
@@ -46,7 +46,7 @@ class Ffmpeg {
     if (!messages_ || pipe(ends) != 0) throw std::system_error(errno, std::generic_category());
     output_ = ends[0];
     for (const int end : ends) fcntl(end, F_SETFD, FD_CLOEXEC);
-    // "file:" keeps ffmpeg from taking part of a name for a protocol.
+    // "file:" prevents ffmpeg from interpreting a part of the name as a protocol.
     const std::string source = isAddress(input) ? input : "file:" + input;
     const char* arguments[] = {"ffmpeg",       "-nostdin", "-v",     "error", "-i",
                                source.c_str(), "-map",     "0:a:0",  "-c:a",  "pcm_s16be",
@@ -63,7 +63,8 @@ class Ffmpeg {
     close(output_);
     if (error != ENOENT) throw std::system_error(error, std::generic_category(), "ffmpeg");
     throw std::runtime_error(
-        "libsndfile does not know this file format, and the program ffmpeg, which reads the audio "
+        "libsndfile does not support this file format, and the program ffmpeg, which reads the "
+        "audio "
         "of videos, is not on the PATH");
   }
   ~Ffmpeg() {
@@ -78,13 +79,14 @@ class Ffmpeg {
 
   int output() const { return output_; }
 
-  // To be called at the end of the pipe. If ffmpeg failed, throws its message.
+  // Must be called when the pipe has ended. If ffmpeg failed, throws std::runtime_error with its
+  // message.
   void finish() {
     if (process_ <= 0) return;
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = 0;
-    // It ends with 255 after Ctrl-C, which ends the host too.
+    // The status is 255 after Ctrl-C, which also ends the host.
     if (WIFEXITED(status) && (WEXITSTATUS(status) == 0 || WEXITSTATUS(status) == 255)) return;
     std::string message(4096, '\0');
     std::rewind(messages_.get());
@@ -120,7 +122,7 @@ class AudioSource::Reader {
     sampleBytes_ = fits16Bits ? sizeof(std::int16_t) : sizeof(float);
     samples_ = std::max<sf_count_t>(1, std::llround(info_.samplerate * blockSeconds));
     const sf_count_t bytes = samples_ * info_.channels * sampleBytes_;
-    constexpr sf_count_t kMaxBytes = 1 << 28;  // far above real audio; headers may say anything
+    constexpr sf_count_t kMaxBytes = 1 << 28;  // far above real audio; a header may be wrong
     if (info_.samplerate <= 0 || info_.channels <= 0 || bytes > kMaxBytes) {
       throw std::runtime_error("a block of this audio would take " + std::to_string(bytes >> 20) +
                                " MB; the limit is 256 MB");
@@ -165,7 +167,7 @@ class AudioSource::Reader {
   double time() const { return seconds(index_ * samples_); }
   double duration() const { return seconds(read_); }
   std::int64_t blockCount() const {
-    return announced_ ? (info_.frames + samples_ - 1) / samples_ : 0;
+    return isLengthKnown_ ? (info_.frames + samples_ - 1) / samples_ : 0;
   }
 
  private:
@@ -176,7 +178,7 @@ class AudioSource::Reader {
   void openVideo(const std::string& input) {
 #if defined(_WIN32)
     throw std::runtime_error(
-        "libsndfile does not know this file format; on Windows this host does not read the audio "
+        "libsndfile does not support this file format; on Windows vsa cannot read the audio "
         "of " +
         std::string(isAddress(input) ? "streams" : "videos"));
 #else
@@ -188,8 +190,8 @@ class AudioSource::Reader {
       ffmpeg_->finish();
       throw std::runtime_error(reason);
     }
-    announced_ = false;
-    // A stream is not opened a second time only for the size of its frames.
+    isLengthKnown_ = false;
+    // Streams are not opened a second time to read the size of their frames.
     cv::VideoCapture video;
     if (!isAddress(input) && video.open(input, cv::CAP_FFMPEG)) {
       width_ = std::max(1U, static_cast<unsigned>(video.get(cv::CAP_PROP_FRAME_WIDTH)));
@@ -203,9 +205,9 @@ class AudioSource::Reader {
 #endif
   SF_INFO info_ = {};
   AudioFile file_{nullptr, sf_close};
-  bool announced_ = true;
-  // Size of the video frames that the audio belongs to. The library names the recognised classes
-  // only if it is not 0, so audio without video gets one pixel.
+  bool isLengthKnown_ = true;  // info_.frames is the number of samples per channel
+  // Size of the video frames that the audio belongs to. The library reports the recognised classes
+  // as objects only if the size is not 0, so audio without video gets a size of one pixel.
   std::uint32_t width_ = 1;
   std::uint32_t height_ = 1;
   sf_count_t sampleBytes_ = 0;

@@ -11,7 +11,7 @@
 namespace vsa {
 
 /// An open audio file, video or stream. The constructor and next() throw std::exception with a
-/// reason in plain words.
+/// message for the user.
 class AudioSource {
  public:
   AudioSource(const std::string& input, double blockSeconds);
@@ -19,10 +19,10 @@ class AudioSource {
   AudioSource(const AudioSource&) = delete;
   AudioSource& operator=(const AudioSource&) = delete;
 
-  /// Makes `*block` the record of the next block, whose samples stay valid until the next call.
-  /// False at the end. All blocks have the same length; the last one is padded with silence.
-  /// Samples are interleaved: 16-bit if the file has no more, else float with full scale at 1.
-  /// `pts` is the start of the block in milliseconds.
+  /// Fills `*block` with the next block, whose samples stay valid until the next call. Returns
+  /// false at the end. All blocks have the same length; the last one is padded with silence.
+  /// Samples are interleaved: 16-bit integers if the file has at most 16 bits, otherwise floats
+  /// with full scale 1. `pts` is the start of the block in milliseconds.
   bool next(VsaFrame* block);
 
   /// Seconds from the beginning to the block that next() read last.

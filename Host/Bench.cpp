@@ -1,6 +1,6 @@
-// The command "bench": measures the models of a pipeline. Every run of a model is followed (in
-// every other round: preceded) by as many bare runs of its network, so that both meet the machine
-// in the same state.
+// The command "bench": measures the models of a pipeline. After every run of a model (in every
+// second round: before it), its network is run without the library the same number of times, so
+// that both are measured under the same conditions.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
@@ -51,7 +51,7 @@ double residentMegabytes() {
   return kUnknown;
 }
 
-// The shape of the network input that the model fills for this frame.
+// The shape of the network input for this frame.
 std::vector<std::int64_t> inputShape(const ModelSpec& spec, const VsaFrame& frame) {
   const VsaModelConfig& config = spec.config;
   std::int64_t width = config.inputWidth;
@@ -75,8 +75,8 @@ std::vector<std::int64_t> inputShape(const ModelSpec& spec, const VsaFrame& fram
   return {1, 3, height, width};
 }
 
-// The smallest of the values that at least `fraction` (0 to 1) of them do not exceed. There must be
-// values.
+// Percentile by the nearest-rank method: the smallest value such that at least `fraction` (0 to 1)
+// of the values do not exceed it. `values` must not be empty.
 double percentile(std::vector<double> values, double fraction) {
   const auto rank =
       static_cast<std::ptrdiff_t>(std::ceil(fraction * static_cast<double>(values.size())));
@@ -98,7 +98,7 @@ struct Subject {
   BareNetwork bare;
   double megabytes = 0.0;
   std::vector<double> times = {};             // milliseconds of each run
-  std::vector<double> outsideFractions = {};  // of the time, spent outside the engine
+  std::vector<double> outsideFractions = {};  // share of each time spent outside the engine
 
   const ModelSpec& spec() const { return model->spec(); }
 };
@@ -152,7 +152,7 @@ class Measurement {
   // Loads the models one by one and runs each once, because the first run allocates memory too.
   void load(const Pipeline& pipeline) {
     VsaDeviceSet devices;
-    VsaGetDeviceSet(&devices);  // loads the engines, whose memory must not count for a model
+    VsaGetDeviceSet(&devices);  // loads the engines, so that no model's memory includes theirs
     VsaFrame frame = frameOf(images_[0]);
     for (const ModelSpec& spec : pipeline.models) {
       const double before = residentMegabytes();
@@ -226,7 +226,7 @@ class Measurement {
   }
 
   std::string table() const {
-    // Begins with a space. Decimals are left out if the number is too wide for them.
+    // Starts with a space. Has fewer decimals if the number would be too wide.
     const auto cell = [](double value, std::ptrdiff_t width, int digits) {
       std::string number = std::isnan(value) ? "-" : fixed(value, digits);
       while (std::ssize(number) >= width && digits > 0) number = fixed(value, --digits);

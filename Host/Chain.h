@@ -1,4 +1,4 @@
-// The models of a pipeline, one after the other, over one frame.
+// The models of a pipeline, which run one after the other on a frame.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -17,7 +17,7 @@ namespace vsa {
 /// A model that failed on a frame or was skipped.
 struct Failure {
   int model = 0;
-  std::string reason;  ///< Empty if it was skipped because a model before it failed.
+  std::string reason;  ///< Empty if the model was skipped because an earlier model failed.
 };
 
 class Chain {

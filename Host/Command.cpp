@@ -28,10 +28,11 @@ constexpr char kExamples[] = R"(Examples:
 )";
 constexpr char kExitStatus[] =
     "Exit status: 0 if everything succeeded; 1 if an input or the run of a model failed, or doctor "
-    "or compare-engines found something; 2 if the usage or the pipeline is wrong; 130 if "
+    "or compare-engines found a problem or a difference; 2 if the usage or the pipeline is wrong; "
+    "130 if "
     "interrupted (the results up to then are complete).";
 
-// Wraps descriptions in their column, which CLI11 itself does only in later versions.
+// Wraps descriptions in their column; CLI11 does this only in later versions.
 class WrappingFormatter : public CLI::Formatter {
  public:
   std::string make_option_desc(const CLI::Option* option) const override {
@@ -48,7 +49,7 @@ Command::Command(std::string name, std::string description)
 void Command::addTo(CLI::App* program) {
   program->formatter(std::make_shared<WrappingFormatter>());
   program->footer(kExamples + wrapped(kExitStatus, 0, kTerminalColumns - 1) + "\n");
-  command_ = program->add_subcommand(name_, description_);  // takes over formatter and footer
+  command_ = program->add_subcommand(name_, description_);  // inherits formatter and footer
   addOptions(command_);
 }
 

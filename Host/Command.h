@@ -21,7 +21,7 @@ inline constexpr int kSomeFailed = 1;
 inline constexpr int kUsageError = 2;
 inline constexpr int kInterrupted = 130;
 
-/// One command of the program: its options, and what it does.
+/// One command of the program: its options and its implementation.
 class Command {
  public:
   virtual ~Command() = default;
@@ -31,7 +31,7 @@ class Command {
   /// Adds the command and its options to the program, which then refers to this object.
   void addTo(CLI::App* program);
 
-  /// Whether the command line names this command. To be called after it was parsed.
+  /// Whether the command line selects this command. Must be called after parsing.
   bool isChosen() const;
 
   /// Runs the command with its own console and log. Returns the exit status.
@@ -41,10 +41,10 @@ class Command {
   Command(std::string name, std::string description);
 
   virtual void addOptions(CLI::App* command) = 0;
-  /// Returns the exit status. An exception is reported as an error and ends with kSomeFailed.
+  /// Returns the exit status. An exception is reported as an error and leads to kSomeFailed.
   virtual int run(Console* console, const LogToConsole* log) const = 0;
 
-  // Options that several commands have. The values are in the members below.
+  // Options that several commands have. Their values are stored in the members below.
   void addPipeline(CLI::App* command, const std::string& description);
   void addJson(CLI::App* command, const std::string& description);
   void addMaxFrames(CLI::App* command, const std::string& description);

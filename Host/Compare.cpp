@@ -46,7 +46,7 @@ class Compare : public Command {
 
  protected:
   void addOptions(CLI::App* command) override {
-    addPipeline(command, "JSON file that names a detector and a model that makes features");
+    addPipeline(command, "JSON file with a detector and a model that computes feature vectors");
     command->add_option("FIRST", images_[0], "An image")->type_name("")->required();
     command->add_option("SECOND", images_[1], "An image")->type_name("")->required();
     addJson(command, "Print one JSON object");

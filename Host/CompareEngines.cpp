@@ -27,16 +27,16 @@ namespace fs = std::filesystem;
 struct Options {
   std::string pipeline;
   std::vector<std::string> inputs;
-  std::string other;  // the network for the other engine; empty: the file next to the first
+  std::string other;  // the network for the other engine; if empty, the file next to the first
   int pixels = 2;     // allowed difference of box edges
   double score = 0.1;
   std::int64_t maxFrames = 0;  // of each video; 0 means all
   bool json = false;
 };
 
-// Intersection over union. If neither box has an area, 1 for equal boxes and 0 for others.
+// Intersection over union. If both boxes are empty, 1 for equal boxes and 0 for others.
 double overlap(const VsaObject& a, const VsaObject& b) {
-  // The edges of a box in the padding may be in the wrong order.
+  // If a box is in the padding, its right edge may be less than its left edge.
   const auto common = [](double a1, double a2, double b1, double b2) {
     return std::max(0.0, std::min(std::max(a1, a2), std::max(b1, b2)) -
                              std::max(std::min(a1, a2), std::min(b1, b2)));
@@ -110,8 +110,8 @@ std::string familiesOnBothEngines() {
   return joined(names, ", ") + " and " + last;
 }
 
-// The network of `spec` for the other engine: in the same folder, or where the YOLO exporter puts
-// the two, "NAME.onnx" and "NAME_openvino_model/NAME.xml".
+// The network of `spec` for the other engine: in the same folder, or as the YOLO exporter names the
+// two files, "NAME.onnx" and "NAME_openvino_model/NAME.xml".
 fs::path otherFile(const ModelSpec& spec) {
   const fs::path file = spec.networkFile();
   const bool isXml = spec.config.engine == "OpenVINO";
@@ -124,7 +124,7 @@ fs::path otherFile(const ModelSpec& spec) {
   }
   throw PipelineError(spec.location, "there is no network for the other engine, " + '"' +
                                          printable(candidates[0].lexically_normal().string()) +
-                                         '"' + ": export it or name it with --other");
+                                         '"' + ": export it or specify it with --other");
 }
 
 // The same model on the other engine.
@@ -150,11 +150,11 @@ std::pair<Pipeline, Pipeline> pipelinesForBoth(const Options& options, Console* 
   for (ModelSpec spec : readPipeline(options.pipeline).models) {
     const Family* family = spec.family();
     if (family == nullptr || !isOnBothEngines(*family)) {
-      console->note(spec.name + " runs on OpenVINO only and is left out");
+      console->note(spec.name + " runs on OpenVINO only and is skipped");
       continue;
     }
     if (!options.other.empty() && !both.first.models.empty()) {
-      throw PipelineError(options.pipeline, "--other goes with one detector only");
+      throw PipelineError(options.pipeline, "--other can be used with one detector only");
     }
     if (!family->engineNote.empty()) console->note(spec.name + " " + family->engineNote);
     ModelSpec other = forOtherEngine(spec, options.other);
@@ -233,7 +233,7 @@ class EngineComparison {
   void print(const std::string& name, const std::vector<VsaObject>& first,
              const std::vector<VsaObject>& second) {
     const Difference found = difference(first, second);
-    // An object that barely passes the threshold on one engine may miss it on the other.
+    // An object with a score just above the threshold on one engine may be below it on the other.
     const bool isGood =
         found.pixels <= options_.pixels && found.score <= options_.score &&
         found.unmatched <= (minThreshold_ > 0.0 ? minThreshold_ + options_.score : 0.0);

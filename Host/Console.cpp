@@ -43,7 +43,8 @@ Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isT
   SetConsoleOutputCP(CP_UTF8);
   _setmode(_fileno(stdout), _O_BINARY);  // JSON Lines end in "\n" everywhere
 #else
-  // If the reader of a pipe has gone, a failed write ends the work in order instead of a signal.
+  // If the reader of a pipe has exited, the program must not be killed by a signal: the failed
+  // write ends the run.
   std::signal(SIGPIPE, SIG_IGN);
 #endif
 }

@@ -1,5 +1,5 @@
 // The terminal: results on standard output, messages and a progress bar on standard error, Ctrl-C.
-// One class writes to both streams because on a terminal the bar must be removed before either.
+// One class writes to both streams because on a terminal the bar must be removed before any output.
 #pragma once
 
 #include <chrono>
@@ -13,17 +13,17 @@ class Console {
   Console();
 
   /// Writes results to standard output and flushes them. Once a write has failed, for example
-  /// because the reader of a pipe has gone, this and all later calls return false.
+  /// because the reader of a pipe has exited, this and all later calls return false.
   bool write(std::string_view text);
 
-  /// Waits for standard input to have data or to end. False if a signal came first.
+  /// Waits until standard input has data or ends. Returns false if a signal arrives first.
   static bool waitForInput();
 
   /// From now on the first Ctrl-C only sets isInterrupted(); the second one ends the program.
   static void catchInterrupt();
   static bool isInterrupted();
 
-  /// Writes "vsa: ..." to standard error, on a terminal in lines of its width.
+  /// Writes "vsa: ..." to standard error; on a terminal, wraps it to the width of the terminal.
   void note(const std::string& sentence);
 
   /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.

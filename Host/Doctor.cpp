@@ -30,10 +30,10 @@ struct Options {
   std::vector<std::string> files;  // networks (.xml, .onnx) and pipeline files (.json)
   std::string write;               // pipeline file to write for the networks; empty for none
   std::vector<std::string> as;     // model names for it, in the order of the networks
-  bool strict = false;             // warnings count as mismatches
+  bool strict = false;             // warnings also lead to a failure
 };
 
-// The loaded libraries that are named like glog. Two of them have two sets of sinks and flags.
+// The loaded glog libraries. If there are two, each has its own sinks and flags.
 std::vector<std::string> loadedGlogs() {
   std::set<std::string> paths;
 #if defined(__linux__)
@@ -65,7 +65,7 @@ class Examination {
           describeNetwork(path);
         }
       } catch (const std::exception& error) {
-        report_.error(oneLine(error.what()));
+        report_.fileError(oneLine(error.what()));
       }
     }
     const std::vector<std::string> glogs = loadedGlogs();
@@ -78,7 +78,7 @@ class Examination {
     report_.addTotals();
     if (!console_.write(report_.text())) return kSomeFailed;
     if (status != kDone) return status;
-    const bool failed = report_.mismatches() > 0 || (options_.strict && report_.warnings() > 0);
+    const bool failed = report_.errors() > 0 || (options_.strict && report_.warnings() > 0);
     return failed ? kSomeFailed : kDone;
   }
 
@@ -96,9 +96,10 @@ class Examination {
     for (const auto& [reason, names] : mismatchesOf(file)) {
       report_.line(2, "not    " + joined(names, ", ") + ": " + reason, 7);
     }
-    if (fitting.empty()) return report_.wrong(2, "the network fits no model of the library");
+    if (fitting.empty()) return report_.error(2, "the network fits no model of the library");
     if (fitting.size() > 1 && options_.as.empty()) {
-      report_.line(2, "The shapes fit several models; the file does not say which is meant.");
+      report_.line(2,
+                   "The shapes fit several models; the file does not specify which one it is for.");
     }
     const auto [height, width] = inputSizeOf(file);
     const std::string warning = squareWarning(width, height);
@@ -139,26 +140,26 @@ class Examination {
       Findings& findings = all[i];
       try {
         Findings own = checkModel(spec.config, readModelFile(spec.networkFile()));
-        std::ranges::move(own.wrong, std::back_inserter(findings.wrong));
+        std::ranges::move(own.errors, std::back_inserter(findings.errors));
         std::ranges::move(own.warnings, std::back_inserter(findings.warnings));
         findings.notes = std::move(own.notes);
       } catch (const std::exception& error) {
-        findings.wrong.push_back(oneLine(error.what()));
+        findings.errors.push_back(oneLine(error.what()));
       }
       const std::string& device = spec.config.device;
       const bool isPlain = device.find_first_of(":.") == std::string::npos && device != "AUTO";
       if (spec.config.engine == "OpenVINO" && isPlain && !devices.contains("OpenVINO-" + device)) {
-        findings.wrong.push_back("this machine has no device " + inQuotes(device) +
-                                 " (see vsa devices): set \"device\": \"CPU\"");
+        findings.errors.push_back("this machine has no device " + inQuotes(device) +
+                                  " (see vsa devices): set \"device\": \"CPU\"");
       }
-      report_.line(2, spec.name + (findings.wrong.empty() ? ": in order" : ""));
-      for (const std::string& sentence : findings.wrong) report_.wrong(4, sentence);
+      report_.line(2, spec.name + (findings.errors.empty() ? ": ok" : ""));
+      for (const std::string& sentence : findings.errors) report_.error(4, sentence);
       for (const std::string& sentence : findings.warnings) report_.warn(4, sentence);
       for (const std::string& sentence : findings.notes) report_.line(4, "note: " + sentence);
     }
   }
 
-  // Writes a pipeline file for the networks that were described, if there is to be one.
+  // If --write is given, writes a pipeline file for the networks that were described.
   int writeEntries() {
     if (options_.write.empty()) return kDone;
     const fs::path target(options_.write);
@@ -175,7 +176,7 @@ class Examination {
         entries.push_back(entry.text);
         if (!entry.hasRealNames) {
           report_.warn(0, networks_[i].path +
-                              " does not name its classes: replace \"class 0\" and so on in " +
+                              " does not contain class names: replace \"class 0\" and so on in " +
                               options_.write);
         }
       }
@@ -221,9 +222,7 @@ class Doctor : public Command {
     CLI::Option* write =
         command->add_option("-w,--write", options_.write, "Write a pipeline file for the networks")
             ->type_name("FILE");
-    command
-        ->add_option("--as", options_.as,
-                     "Which model is meant if several fit; once for each network")
+    command->add_option("--as", options_.as, "Model to use if several fit; once for each network")
         ->type_name("NAME")
         ->expected(1)
         ->take_all()

@@ -11,14 +11,14 @@ void DoctorReport::line(int indent, const std::string& text, int further) {
            "\n";
 }
 
-void DoctorReport::error(const std::string& sentence) {
+void DoctorReport::fileError(const std::string& sentence) {
   line(0, sentence);
-  ++mismatches_;
+  ++errors_;
 }
 
-void DoctorReport::wrong(int indent, const std::string& sentence) {
-  line(indent, "wrong: " + sentence);
-  ++mismatches_;
+void DoctorReport::error(int indent, const std::string& sentence) {
+  line(indent, "error: " + sentence);
+  ++errors_;
 }
 
 void DoctorReport::warn(int indent, const std::string& sentence) {
@@ -27,10 +27,10 @@ void DoctorReport::warn(int indent, const std::string& sentence) {
 }
 
 void DoctorReport::addTotals() {
-  if (mismatches_ + warnings_ == 0) {
-    line(0, "nothing is wrong");
+  if (errors_ + warnings_ == 0) {
+    line(0, "no problems found");
   } else {
-    line(0, counted(mismatches_, "mismatch") + ", " + counted(warnings_, "warning"));
+    line(0, counted(errors_, "error") + ", " + counted(warnings_, "warning"));
   }
 }
 

@@ -1,5 +1,6 @@
-// Shapes are drawn first, labels on top of all of them. Coordinates come from networks and may be
-// arbitrary, so points are clamped for OpenCV and labels are copied in as clipped images.
+// Shapes are drawn first, then labels on top of them. Coordinates come from networks and may be
+// arbitrary, so points are clamped for OpenCV, and labels are drawn as images that are clipped to
+// the frame.
 #include "Draw.h"
 
 #include <algorithm>
@@ -64,8 +65,8 @@ void drawShape(const VsaShape& shape, const cv::Scalar& colour, int thickness, c
   }
 }
 
-// Class, label of the classifier and text, if there are any. The class of a text region is left
-// out, and so is its score once the text is read.
+// Class, label of the classifier and text, if there are any. The class of a text region is omitted,
+// and so is its score if its text was recognised.
 std::string labelOf(const VsaObject& object) {
   const bool read = object.textId >= 0 && !object.text.empty();
   std::string label;
@@ -103,8 +104,9 @@ struct Candidate {
   double covered = std::numeric_limits<double>::infinity();
 };
 
-// The position inside the image above, below or next to the object at which a label of that size
-// covers the fewest pixels. Pixels of other labels count four times those of objects.
+// Of four positions above, below or next to the object, moved into the image, the one at which a
+// label of that size covers the fewest pixels. Pixels of other labels have four times the weight of
+// those of objects.
 Candidate bestPosition(const cv::Size& size, const cv::Rect& object, const cv::Size& image,
                        const std::vector<cv::Rect>& labels, const std::vector<cv::Rect>& objects) {
   // With more neighbours than this the image is full anyway, and the search would take long.

@@ -9,7 +9,7 @@
 
 namespace vsa {
 
-/// Fields that the file does not hold are empty.
+/// Fields that the file does not contain are empty.
 struct ExportInfo {
   std::string task;                ///< "detect", "obb", "pose", "segment" or "classify".
   std::vector<std::string> names;  ///< By class index; of a text recogniser only the characters.

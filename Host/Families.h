@@ -1,5 +1,5 @@
-// The model families of the library: one row for each, with all that the host knows about it. This
-// is data only; a family is named nowhere else in the host.
+// The model families of the library: one row for each, with everything that the host knows about
+// it. This is data only; no other file of the host names a family.
 #pragma once
 
 #include <cstdint>
@@ -20,17 +20,17 @@ enum class OutputLayout {
   kVector,     ///< One row of numbers.
 };
 
-/// What a model takes.
+/// Input of a model.
 enum class Media { kImages, kAudio };
 
 /// The objects that a model works on: those that earlier models appended to the frame.
 enum class Needs {
   kNothing,
   kBoxes,
-  kTextRegions,  ///< Boxes do too; the model reads each as an upright line.
+  kTextRegions,  ///< The model also accepts boxes and reads each as an upright line.
 };
 
-/// What a model adds to the frame.
+/// Results that a model adds to the frame.
 enum class Gives { kBoxes, kTextRegions, kLabels, kText, kFeatures, kAudioClasses };
 
 /// One row of the table.
@@ -44,24 +44,28 @@ struct Family {
   Needs needs = Needs::kNothing;
   Media takes = Media::kImages;
 
-  std::string task = "";            ///< What exporters call the task of such a network.
+  std::string task = "";            ///< Name that exporters use for the task of such a network.
   std::int64_t fixedValues = 0;     ///< Values of a candidate other than its classes.
   std::int64_t valuesPerClass = 1;  ///< 3 if the values are those of key points.
-  std::int64_t keyPoints = 0;       ///< What classCount 1 means for a pose network; 0 for others.
+  std::int64_t keyPoints = 0;       ///< Pose networks: key points if classCount is 1; else 0.
   bool hasMasks = false;            ///< A second output holds prototype masks.
-  int preference = 0;               ///< Orders the families that fit the same shapes.
+  int preference = 0;  ///< Of families that fit the same shapes, the higher is likelier.
 
-  std::int64_t width = 0;   ///< A good inputWidth if the network leaves it open; 0 if it must not.
-  std::int64_t height = 0;  ///< The same for inputHeight.
-  std::int64_t unsetWidth = 0;   ///< What the library uses if inputWidth is 0; 0 if it needs one.
-  std::int64_t unsetHeight = 0;  ///< The same for inputHeight.
+  /// Recommended inputWidth and inputHeight if those of the network are dynamic; 0 if they must not
+  /// be dynamic.
+  std::int64_t width = 0;
+  std::int64_t height = 0;
+  /// Sizes that the library uses if inputWidth or inputHeight is 0; 0 if the library has no
+  /// default.
+  std::int64_t unsetWidth = 0;
+  std::int64_t unsetHeight = 0;
 
   std::int64_t featureLength = 0;    ///< Numbers in a feature vector.
-  std::string builtInNames = "";     ///< classNames for the dictionary of the library, if any.
-  std::int64_t builtInClasses = 0;   ///< Its characters, with the CTC blank and the space.
+  std::string builtInNames = "";     ///< classNames that select the built-in dictionary, if any.
+  std::int64_t builtInClasses = 0;   ///< Its number of classes, with the CTC blank and the space.
   std::string onlyName = "";         ///< classNames of a model that has a single class or none.
   std::string engineNote = "";       ///< Why results differ between the engines, if they do.
-  std::optional<float> score = {};   ///< A good scoreThreshold; none if it is not used.
+  std::optional<float> score = {};   ///< Recommended scoreThreshold; none if it is not used.
   std::optional<float> object = {};  ///< The same for objThreshold.
   std::optional<float> nms = {};     ///< The same for nmsThreshold.
 
@@ -74,7 +78,7 @@ struct Family {
   bool hasKeyPoints() const { return keyPoints > 0; }
 };
 
-/// All families, in the order of messages.
+/// All families, in the order in which messages list them.
 const std::vector<Family>& families();
 
 /// The family of that model; null if the library has none.

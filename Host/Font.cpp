@@ -104,7 +104,9 @@ Font::Font(const std::string& file) : glyphs_(std::make_shared<StrokeGlyphs>()) 
     if (std::filesystem::exists(path, unused) && load(path)) return;
   }
 #else
-  if (!file.empty()) throw std::runtime_error("this OpenCV draws no fonts (it lacks freetype)");
+  if (!file.empty()) {
+    throw std::runtime_error("OpenCV was built without freetype, so fonts cannot be used");
+  }
 #endif
 }
 

@@ -7,8 +7,8 @@
 
 namespace vsa {
 
-/// Draws text with FreeType if OpenCV has it and a font is found, else with OpenCV's own strokes,
-/// which are ASCII with "?" for other characters.
+/// Draws text with FreeType if OpenCV has it and a font is found. Otherwise draws it with OpenCV's
+/// stroke font, which has ASCII characters only, and "?" for other characters.
 class Font {
  public:
   /// Height in pixels below which Chinese characters are illegible.
@@ -19,7 +19,7 @@ class Font {
   explicit Font(const std::string& file);
 
   /// The text on a background of that colour, 8-bit BGR. Text wider than `maxWidth` is drawn
-  /// smaller, down to kMinHeight, and then cut.
+  /// smaller, down to kMinHeight, and then truncated.
   cv::Mat label(const std::string& utf8, int height, int maxWidth, const cv::Scalar& colour) const;
 
  private:

@@ -1,4 +1,4 @@
-// A frame in the host: its origin, its outcome, and its record for the library.
+// A frame in the host: its origin, its failures, and its record for the library.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -18,9 +18,10 @@ struct FrameInfo {
   std::optional<double> time;  ///< Seconds from the beginning; videos and audio only.
   int width = 0;               ///< Pixels; 0 for audio.
   int height = 0;
-  std::vector<int> failedModels;        ///< Indices of models that failed or were skipped.
-  double duration = 0.0;                ///< Seconds of audio in a block.
-  std::vector<std::string> crops = {};  ///< A file for each object, "" for none; or empty.
+  std::vector<int> failedModels;  ///< Indices of models that failed or were skipped.
+  double duration = 0.0;          ///< Seconds of audio in a block.
+  std::vector<std::string> crops =
+      {};  ///< File of each object, "" for none; empty without --crops.
 };
 
 /// The record of an 8-bit BGR image without gaps between its rows. It refers to the image's pixels.

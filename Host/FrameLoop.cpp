@@ -1,5 +1,5 @@
-// A failure of one frame, one model or one input is reported and counted, and the rest goes on.
-// Only what makes all further work impossible ends it.
+// A failure of one frame, one model or one input is reported and counted, and the loop continues
+// with the rest. Only a failure that makes all further work impossible ends it.
 #include "FrameLoop.h"
 
 #include <algorithm>
@@ -63,7 +63,7 @@ void FrameLoop::failInput(const std::string& input, const std::string& reason) {
   if (files_.annotated) files_.annotated->finish();
   console_.note(input + ": " + oneLine(reason));
   ++totals_.failedInputs;
-  // A program that writes one path after the other waits for an answer to each.
+  // A program that writes paths to standard input waits for an answer to each path.
   if (options_.standardInput) writeResults(errorJson(input, oneLine(reason)), "");
 }
 
@@ -81,7 +81,8 @@ void FrameLoop::processImages(FrameInfo* info) {
   }
   if (files_.annotated) files_.annotated->finish();
   if (info->index == 0 && !isStopped()) throw std::runtime_error("no frame can be read");
-  // Announced numbers of frames are estimates, so only a clear shortfall is reported.
+  // The number of frames in the file's header is an estimate, so only a clear shortfall is
+  // reported.
   if (source.frameCount() > info->index * 11 / 10 && info->index != options_.maxFrames &&
       !isStopped()) {
     console_.note(info->input + ": the video ends after " + std::to_string(info->index) +

@@ -48,7 +48,7 @@ struct RunFiles {
   std::optional<RecordedObjects> recorded;
   std::optional<JsonFile> jsonFile;
 
-  /// Throws std::runtime_error if the input is an output or lies in an output folder.
+  /// Throws std::runtime_error if the input is an output file or is in an output folder.
   void refuseIfOutput(const std::string& input) const;
 };
 

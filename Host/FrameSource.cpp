@@ -78,8 +78,8 @@ class PixelLimit : public cv::MatAllocator {
 };
 
 cv::Mat readImage(const std::string& path, std::int64_t maxPixels) {
-  // Reading in colour turns a photograph upright, reading unchanged keeps transparency. No format
-  // needs both.
+  // IMREAD_COLOR applies the orientation of a photograph, IMREAD_UNCHANGED keeps transparency. No
+  // format needs both.
   constexpr std::array<std::string_view, 4> kTransparent = {".png", ".tif", ".tiff", ".webp"};
   const bool mayBeTransparent =
       std::ranges::find(kTransparent, lowerCaseExtension(path)) != kTransparent.end();
@@ -95,8 +95,8 @@ cv::Mat readImage(const std::string& path, std::int64_t maxPixels) {
   return toBgr8(image);
 }
 
-// FFmpeg if OpenCV has it: other backends take a name for that of a camera or of the first in a
-// sequence of numbered images.
+// FFmpeg if OpenCV has it: other backends may interpret a file name as a camera or as the first of
+// a sequence of numbered images.
 int videoBackend() {
   for (const cv::VideoCaptureAPIs backend : cv::videoio_registry::getStreamBackends()) {
     if (backend == cv::CAP_FFMPEG) return backend;

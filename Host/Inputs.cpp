@@ -34,8 +34,8 @@ bool hasWildcard(const std::string& text) {
 }
 
 // Whether the code point is in the set that begins at pattern[*position], right after the "[".
-// Moves past the "]"; a "]" that comes first stands for itself. If there is no "]", `*closed` is
-// false and nothing moves.
+// Advances `*position` past the closing "]"; a "]" in the first position is a member of the set. If
+// there is no closing "]", sets `*closed` to false and leaves `*position` unchanged.
 bool matchSet(std::string_view pattern, std::size_t* position, char32_t codePoint, bool* closed) {
   std::size_t at = *position;
   const bool negated = at < pattern.size() && (pattern[at] == '!' || pattern[at] == '^');
@@ -59,8 +59,9 @@ bool matchSet(std::string_view pattern, std::size_t* position, char32_t codePoin
   return false;
 }
 
-// Matches a file name. If a later part fails, only the last "*" can help by matching one more
-// character, so the time is at most the product of both lengths.
+// Whether the pattern matches the whole file name. If a part does not match, only the last "*"
+// needs to be extended by one character, so the time is at most proportional to the product of both
+// lengths.
 bool matches(std::string_view pattern, std::string_view name) {
   std::size_t p = 0;
   std::size_t n = 0;

@@ -11,7 +11,7 @@
 
 namespace vsa {
 
-/// An argument that leads to no input.
+/// An argument that does not yield any input.
 struct InputProblem {
   std::string input;
   std::string reason;
@@ -22,7 +22,8 @@ struct InputList {
   std::vector<InputProblem> problems;
 };
 
-/// Replaces folders by the files in them that hold such media (videos hold both), and patterns
+/// Replaces folders by the files in them that contain such media (videos contain both), and
+/// patterns
 /// (* ? [ ]) by the files and folders that they match, sorted. An argument that names an existing
 /// file is never a pattern.
 InputList expandInputs(const std::vector<std::string>& arguments, bool recursive,
@@ -31,8 +32,8 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
 /// The result of readLine().
 enum class Line { kRead, kTooLong, kEnd };
 
-/// Reads a line without its line break ("\n" or "\r\n"). Of a line longer than `maxBytes` only the
-/// beginning is kept.
+/// Reads a line without its line break ("\n" or "\r\n"). A line longer than `maxBytes` is
+/// truncated.
 Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line);
 
 /// Whether the input is an address such as "rtsp://camera/1", not a file.
@@ -41,7 +42,7 @@ bool isAddress(const std::string& input);
 /// The extension of the file name in lower case, with its dot.
 std::string lowerCaseExtension(const std::string& path);
 
-/// Whether the name of the file is that of an image.
+/// Whether the extension of the file name is that of an image.
 bool hasImageExtension(const std::string& path);
 
 }  // namespace vsa

@@ -16,7 +16,7 @@ std::string jsonText(const Json::Value& value) {
   Json::StreamWriterBuilder builder;
   builder["indentation"] = "";
   builder["emitUTF8"] = true;
-  builder["precision"] = 9;  // the most digits that a float needs
+  builder["precision"] = 9;  // enough digits for every float
   return Json::writeString(builder, value);
 }
 
@@ -32,7 +32,7 @@ Json::Value jsonNumber(float value) {
 JsonFile::JsonFile(const std::string& path, const std::vector<std::string>& inputs) : path_(path) {
   for (const std::string& input : inputs) {
     if (isSameFile(input)) {
-      throw std::runtime_error(path + ": this is an input and is not overwritten");
+      throw std::runtime_error(path + ": an input of this run is not overwritten");
     }
   }
   stream_.open(path, std::ios::binary | std::ios::trunc);

@@ -15,14 +15,14 @@ std::string jsonLine(const Json::Value& value);
 /// The value in one line without a line break.
 std::string jsonText(const Json::Value& value);
 
-/// The float as the shortest decimal that gives the same float again; null if it is not finite.
+/// The float as the shortest decimal that is parsed as the same float; null if it is not finite.
 Json::Value jsonNumber(float value);
 
 /// A file of JSON Lines, flushed after each line.
 class JsonFile {
  public:
-  /// Creates the file or empties it. Throws std::runtime_error if it cannot be written or is one of
-  /// `inputs`, the files that the run reads.
+  /// Creates the file or truncates it. Throws std::runtime_error if it cannot be written or is one
+  /// of `inputs`, the files that the run reads.
   JsonFile(const std::string& path, const std::vector<std::string>& inputs);
 
   /// Whether `path` leads to the same file.

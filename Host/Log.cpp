@@ -22,7 +22,7 @@ void LogToConsole::send(google::LogSeverity severity, const char* /*fullName*/,
                         std::size_t length) {
   const std::string text = oneLine({message, length});
   const bool isError = text.find("[E]") != std::string::npos || severity >= google::GLOG_ERROR;
-  // A video that fails logs the same line for every frame.
+  // If every frame of a video fails, the library logs the same line for each: it is shown once.
   if ((isError && text != last_) || verbose_) console_->note(text);
   if (isError) last_ = text;
   if (isError) ++errors_;

@@ -1,4 +1,4 @@
-// The log lines of the library, on the console.
+// Shows the log lines of the library on the console.
 #pragma once
 
 #include <glog/logging.h>

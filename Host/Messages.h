@@ -1,4 +1,4 @@
-// Helpers for messages: quoting, counting, suggestions, and fitting text into lines.
+// Helpers for messages: quoting, counting, suggestions, and wrapping of lines.
 #pragma once
 
 #include <cstdint>
@@ -17,21 +17,21 @@ std::string counted(std::int64_t count, const std::string& noun);
 /// The texts with the separator between them.
 std::string joined(const std::vector<std::string>& texts, const char* separator);
 
-/// "640 x 480"; a negative side is open and reads "any".
+/// "640 x 480"; a negative side is dynamic and becomes "any".
 std::string sizeText(std::int64_t width, std::int64_t height);
 
 /// The number with that many digits after the decimal point.
 std::string fixed(double value, int digits);
 
-/// "; did you mean ...?" with the candidate closest to `given`; empty if none is close.
+/// "; did you mean ...?" with the candidate most similar to `given`; empty if none is similar.
 std::string suggestion(const std::string& given, const std::vector<std::string>& candidates);
 
-/// The text in lines of at most `columns` columns (0: in one line), broken at spaces. Lines after
+/// The text wrapped at spaces to lines of at most `columns` columns (0: not wrapped). Lines after
 /// the first are indented by `indent` spaces. A longer word, such as a path, is not broken.
 std::string wrapped(std::string_view utf8, int indent, int columns);
 
 /// An exception's message as one sentence: without line breaks and without the lines that only name
-/// the throwing source file; cut after 400 bytes.
+/// the throwing source file; truncated to 400 bytes.
 std::string oneLine(std::string_view message);
 
 }  // namespace vsa

@@ -1,5 +1,5 @@
-// The calls of the library in order: fill the two records, VsaModelInit, one run call for each
-// frame, VsaModelRelease.
+// The calls of the library in the order in which a host makes them: fill the two records,
+// VsaModelInit, one run call for each frame, VsaModelRelease.
 #include "Model.h"
 
 #include "Messages.h"
@@ -19,8 +19,8 @@ Model::Model(const ModelSpec& spec) : spec_(spec) {
     throw PipelineError(spec_.location, "the model cannot be loaded: " + oneLine(error.what()));
   }
   if (ready) return;
-  // The destructor does not run if the constructor throws, and the library leaves a set: with a
-  // model in it if the model refused its network, else empty.
+  // The destructor does not run if the constructor throws, so the model set is released here. It
+  // contains a model if the model rejected its network; otherwise it is empty.
   const VsaModelSet* set = context_.models;
   const bool isKnown = set != nullptr && (set->detect || set->feature || set->classify);
   VsaModelRelease(&context_);
@@ -36,7 +36,7 @@ Model::~Model() {
 }
 
 bool Model::run(VsaFrame* frame) {
-  // The wanted names are members of the frame but set for each model.
+  // The wanted names are members of the frame, but differ between the models.
   frame->wantedClasses = spec_.wantedClasses;
   frame->wantedLabels = spec_.wantedLabels;
   if (spec_.config.category == "Detect") return VsaModelDetect(&context_, frame);

@@ -45,12 +45,12 @@ Port portOf(const ov::Output<const ov::Node>& node) {
   return port;
 }
 
-// While it exists, standard error is discarded. OpenVINO tries all its readers on a file of unknown
-// format, and some of them print messages.
+// While an object of this class exists, standard error is discarded. OpenVINO tries all its readers
+// on a file of unknown format, and some of them print messages.
 class Silence {
  public:
 #if defined(_WIN32)
-  Silence() {}  // not trivial, so that a variable of it counts as used
+  Silence() {}  // not trivial, so that the compiler does not warn about an unused variable
 #else
   Silence() : kept_(dup(STDERR_FILENO)) {
     const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
@@ -88,7 +88,7 @@ ModelFile readOpenVino(const std::string& path) {
   };
   for (const char* key : kKeys) {
     for (const char* group : kGroups) read({group, key});
-    if (std::string_view(key) != "version") read({key});  // at the top it is that of the format
+    if (std::string_view(key) != "version") read({key});  // at the top level: version of the format
   }
   return file;
 }
@@ -130,7 +130,7 @@ void requireOnnxRuntime() {
   }
 }
 
-// Logs nothing: the engine would print the same text that it throws.
+// An environment that logs nothing, because the engine would log the text that it also throws.
 Ort::Env quietEnvironment() {
   requireOnnxRuntime();
   return {ORT_LOGGING_LEVEL_FATAL, "vsa"};
@@ -172,7 +172,7 @@ std::string Port::text() const {
 ModelFile readModelFile(const std::string& path) {
   std::error_code unused;
   if (fs::is_directory(path, unused)) {
-    throw std::runtime_error(path + ": not a network file but a folder");
+    throw std::runtime_error(path + ": a folder, not a network file");
   }
   if (!fs::is_regular_file(path, unused)) throw std::runtime_error(path + ": no such file");
   const bool isXml = fs::path(path).extension() == ".xml";
@@ -182,7 +182,7 @@ ModelFile readModelFile(const std::string& path) {
   } catch (const std::exception& error) {
     throw std::runtime_error(path + ": " + oneLine(error.what()));
   } catch (...) {
-    throw std::runtime_error(path + ": the engine gives no reason");
+    throw std::runtime_error(path + ": unknown error of the engine");
   }
   file.path = path;
   file.engine = isXml ? "OpenVINO" : "ONNXRuntime";

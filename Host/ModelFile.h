@@ -1,5 +1,5 @@
-// A network file as the engine sees it: opened with the engine's own reader, or run without the
-// library. No other file of the host uses the engines.
+// Network files: reads them with the engine's own reader, and runs networks without the library. No
+// other file of the host uses the engines.
 #pragma once
 
 #include <cstdint>
@@ -10,7 +10,7 @@
 
 namespace vsa {
 
-/// A dimension that the file leaves open.
+/// A dynamic dimension.
 inline constexpr std::int64_t kAnySize = -1;
 
 /// An input or output of a network.
@@ -24,18 +24,18 @@ struct Port {
   std::string text() const;
 };
 
-/// What a file holds besides the weights.
+/// The content of a network file besides the weights.
 struct ModelFile {
   std::string path;
   std::string engine;  ///< "OpenVINO" or "ONNXRuntime".
   std::vector<Port> inputs;
   std::vector<Port> outputs;
-  /// What the exporter wrote about names and sizes, by its keys ("names", "imgsz", "task").
+  /// Metadata of the exporter, by its keys ("names", "imgsz", "task").
   std::map<std::string, std::string> metadata;
 };
 
-/// Opens an .xml file with OpenVINO, any other with ONNX Runtime. Throws std::runtime_error with
-/// one sentence if there is no such file or the engine refuses it.
+/// Reads an .xml file with OpenVINO, any other file with ONNX Runtime. Throws std::runtime_error
+/// with one sentence if there is no such file or the engine cannot read it.
 ModelFile readModelFile(const std::string& path);
 
 /// Runs a network once on a grey input of that shape. Throws std::exception.

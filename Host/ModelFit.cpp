@@ -19,7 +19,7 @@ bool isFloats(const Port& port, std::size_t dimensions) {
   return port.type == "f32" && port.ranked && port.shape.size() == dimensions;
 }
 
-// Why an input cannot take one image; empty if it can.
+// Why the input is not that of one image; empty if it is.
 std::string inputMismatch(const Family& family, const ModelFile& file) {
   if (file.inputs.size() != 1) {
     return "it has " + std::to_string(file.inputs.size()) + " inputs, and the library fills one";
@@ -30,7 +30,7 @@ std::string inputMismatch(const Family& family, const ModelFile& file) {
                        (!input.ranked || fitsSide(shape[1], 3));
   if (!isImage) return "its input is " + input.text() + ", not f32 [1,3,height,width]";
   if (input.ranked && !fitsSide(shape[0], 1)) {
-    return "its input takes " + std::to_string(shape[0]) + " images at once";
+    return "its input has a batch size of " + std::to_string(shape[0]);
   }
   // Detectors need all sides fixed on OpenVINO, height and width on ONNX Runtime.
   const std::ptrdiff_t firstFixed = file.engine == "OpenVINO" ? 0 : 2;
@@ -50,7 +50,7 @@ std::optional<std::int64_t> candidateValues(const Port& output, bool inColumns,
   return values == kAnySize || values >= minValues ? std::optional(values) : std::nullopt;
 }
 
-// Whether rows and columns are probably exchanged: candidates are many, values few.
+// Whether rows and columns are probably swapped: usually there are more candidates than values.
 bool isTransposed(const Port& output, bool inColumns) {
   const std::int64_t values = output.shape[inColumns ? 1 : 2];
   const std::int64_t candidates = output.shape[inColumns ? 2 : 1];
@@ -74,8 +74,8 @@ bool isPrototypeMasks(const Port& port) {
   return isFloats(port, 4) && port.shape[1] == kMaskCoefficients;
 }
 
-// The number of characters that a text recogniser's output has scores for: -1 if it is open,
-// nullopt if the output is not that of a text recogniser.
+// The number of classes in the output of a text recogniser: kAnySize if it is dynamic, nullopt if
+// the output is not that of a text recogniser.
 std::optional<std::int64_t> characterCount(const Port& output, OutputLayout layout) {
   const auto& shape = output.shape;
   if (output.type != "f32" || !output.ranked) return std::nullopt;
@@ -91,7 +91,7 @@ std::optional<std::int64_t> characterCount(const Port& output, OutputLayout layo
 
 void checkEndToEnd(const Family& family, const Port& output, const std::string& otherOutput,
                    Fit* fit) {
-  // The library takes more columns too, but would misread them.
+  // The library accepts more columns, too, but would misread them.
   const std::optional<std::int64_t> columns = candidateValues(output, false, family.fixedValues);
   if (!columns) fit->mismatch = otherOutput;
   if (columns && *columns > family.fixedValues) {
@@ -100,7 +100,7 @@ void checkEndToEnd(const Family& family, const Port& output, const std::string& 
                  " in its default form has, and would be misread: export it with nms=False, which "
                  "gives [1,300,6]";
   }
-  constexpr std::int64_t kMaxObjects = 1000;  // more rows are hardly final objects
+  constexpr std::int64_t kMaxObjects = 1000;  // more rows are probably candidates before NMS
   fit->likelihood = isFloats(output, 3) && output.shape[1] <= kMaxObjects ? 2 : 1;
 }
 
@@ -122,8 +122,9 @@ void checkCandidates(const Family& family, const ModelFile& file, const std::str
     fit->likelihood = family.preference;
     if (family.hasKeyPoints() && fit->classes == family.keyPoints) fit->likelihood = 2;
     if (!family.hasMasks && isTransposed(output, inColumns)) {
-      fit->doubt = "its output " + output.text() + " would have more values than candidates, and " +
-                   family.outputText + " is meant";
+      fit->doubt = "its output " + output.text() +
+                   " would have more values than candidates, but the model expects " +
+                   family.outputText;
     }
   }
 }
@@ -137,7 +138,7 @@ void checkTextMap(const ModelFile& file, const std::string& otherOutput, Fit* fi
   } else if (height > 0 || width > 0) {
     fit->doubt =
         "its input has a fixed side, so it takes only frames that shrink to exactly that size: "
-        "export it with open height and width";
+        "export it with dynamic height and width";
   }
 }
 
@@ -151,12 +152,12 @@ void checkText(const Family& family, const ModelFile& file, const std::string& o
   }
   fit->classes = std::max<std::int64_t>(*classes, 0);
   if (family.builtInClasses > 0 && fit->classes == family.builtInClasses) fit->likelihood = 3;
-  // A table of boxes has the same shapes, but only the image of a text line is wide.
+  // An output with boxes can have the same shape, but only a text recogniser has a wide input.
   const auto [height, width] = inputSizeOf(file);
   if (height > 0 && width >= 2 * height) ++fit->likelihood;
   if (height > 0 && width > 0 && width < 2 * height) {
     fit->doubt =
-        "its input of " + sizeText(width, height) + " is not wide, as that of a text line is";
+        "its input of " + sizeText(width, height) + " is not wide enough for a line of text";
   }
 }
 
@@ -204,7 +205,8 @@ void checkOutput(const Family& family, const ModelFile& file, Fit* fit) {
   }
 }
 
-// Whether a network for the task can be meant for the family. One for an unknown task can be.
+// Whether a network exported for the task can belong to the family; true if no family has that
+// task.
 bool suitsTask(const Family& family, const std::string& task) {
   return family.task == task ||
          std::ranges::find(families(), task, &Family::task) == families().end();
@@ -231,11 +233,11 @@ Fit fitOf(const Family& family, const ModelFile& file) {
       (family.isYolo() && !family.hasKeyPoints() && family.layout != OutputLayout::kEndToEnd) ||
       family.isClassifier();
   if (fit.mismatch.empty() && !info.task.empty() && !suitsTask(family, info.task)) {
-    fit.mismatch = "the file says that it is for the task " + inQuotes(info.task);
+    fit.mismatch = "according to the file it is for the task " + inQuotes(info.task);
   } else if (fit.mismatch.empty() && countsClasses && fit.classes > 0 && named > 0 &&
              fit.classes != named) {
-    fit.mismatch = "its output has room for " + std::to_string(fit.classes) +
-                   " of the classes, and the file names " + std::to_string(named);
+    fit.mismatch = "its output has " + std::to_string(fit.classes) +
+                   " classes for this model, and the file names " + std::to_string(named);
   } else if (fit.mismatch.empty() && !family.isOn(file.engine)) {
     fit.mismatch = "it runs on OpenVINO only: \"ovc FILE\" converts it to .xml";
   } else if (countsClasses && named > 0) {

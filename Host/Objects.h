@@ -18,8 +18,8 @@ namespace vsa {
 /// Results that vsa wrote as JSON Lines, indexed by input and frame.
 class RecordedObjects {
  public:
-  /// Reads the whole file. Empty lines and error lines are skipped; if a frame is there twice, the
-  /// last one counts. Throws std::runtime_error with the line number of a mistake.
+  /// Reads the whole file. Empty lines and error lines are skipped; if a frame occurs more than
+  /// once, the last one is used. Throws std::runtime_error with the line number of an invalid line.
   explicit RecordedObjects(const std::string& path);
 
   /// The objects of a frame, in its pixels. Throws std::runtime_error if the frame was not recorded
@@ -38,11 +38,11 @@ class RecordedObjects {
 };
 
 /// The inverse of objectJson() for an image of that size. Throws std::exception if the value is not
-/// one that vsa writes.
+/// an object as objectJson() writes it.
 VsaObject objectFromJson(const Json::Value& json, const cv::Size& imageSize);
 
-/// The image itself or, if its longer side has more than `maxSide` pixels, a smaller copy with such
-/// a side. 0 means no limit.
+/// The image itself or, if its longer side has more than `maxSide` pixels, a copy scaled so that
+/// this side has `maxSide` pixels. 0 means no limit.
 cv::Mat shrunk(const cv::Mat& image, int maxSide);
 
 /// Scales the objects from an image of one size to the same image in another size.

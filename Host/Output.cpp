@@ -1,5 +1,5 @@
-// Inputs are never overwritten: an output folder that holds one is refused, and a link with the
-// name of an output is removed before the output is written.
+// Inputs are never overwritten: an output folder that contains an input is rejected, and a link
+// with the name of an output is removed before the output is written.
 #include "Output.h"
 
 #include <algorithm>
@@ -46,7 +46,7 @@ void OutputFolder::refuse(const std::string& input) const {
   std::error_code unused;
   if (fs::equivalent(fs::absolute(input).parent_path(), path_, unused)) {
     throw std::runtime_error(path_.string() + ": the input " + input +
-                             " lies in the output folder; choose another folder");
+                             " is in the output folder; choose another folder");
   }
 }
 
@@ -71,7 +71,7 @@ void AnnotatedOutput::write(const std::string& input, double frameRate, cv::Mat*
   if (frameRate > 0.0 && !video_.isOpened()) openVideo(input, frameRate, frame->size());
   painter_.paint(frame, objects);
   if (frameRate > 0.0) {
-    // A stream may change its size, a file cannot.
+    // The frame size of a stream may change, that of a file cannot.
     if (frame->size() != videoSize_) cv::resize(*frame, *frame, videoSize_);
     video_.write(*frame);
     return;

@@ -15,7 +15,7 @@
 
 namespace vsa {
 
-/// A folder for files that are named after inputs. It never harms an input.
+/// A folder for files that are named after inputs. Inputs are never overwritten.
 class OutputFolder {
  public:
   /// Creates the folder. Throws std::runtime_error if that fails.
@@ -23,10 +23,10 @@ class OutputFolder {
 
   const std::filesystem::path& path() const { return path_; }
 
-  /// Throws std::runtime_error if the input lies in the folder.
+  /// Throws std::runtime_error if the input is in the folder.
   void refuse(const std::string& input) const;
 
-  /// The path of a new file: the name of the input, `suffix`, and a number if that name is taken.
+  /// The path of a new file: the name of the input, `suffix`, and a number if that name exists.
   std::filesystem::path newFile(const std::string& input, const std::string& suffix,
                                 const std::string& extension);
 

@@ -1,5 +1,5 @@
-// Every mistake in a pipeline file is reported in one sentence that says where it is. The library
-// gets only configurations whose names, types, ranges and files were checked.
+// Every error in a pipeline file is reported in one sentence with its location. Names, types,
+// ranges and files are checked before a configuration is passed to the library.
 #include "Pipeline.h"
 
 #include <json/json.h>
@@ -65,7 +65,8 @@ std::string kindOf(const Json::Value& value) {
   }
 }
 
-// Reads the file into `*content`. Returns what is wrong with it, empty if nothing is.
+// Reads the file into `*content`. Returns why that failed, as the end of a sentence; empty if it
+// succeeded.
 std::string readFile(const fs::path& path, std::string* content) {
   std::error_code unused;
   std::ifstream file(path, std::ios::binary);

@@ -1,4 +1,4 @@
-// The pipeline file: JSON that says which models run, in which order and with which settings.
+// The pipeline file: JSON that lists the models to run, in order, with their settings.
 #pragma once
 
 #include <TolCompatible/TolCompatible.h>
@@ -18,7 +18,7 @@ struct ModelSpec {
   std::string name;      ///< For other messages: "models[0] PaddleOCR (Detect)".
   VsaModelConfig config;
   std::string modelRoot;
-  std::string namesFile;  ///< The file that classNames names; empty if they are a list.
+  std::string namesFile;  ///< The file that classNames refers to; empty if it is a list.
   std::set<std::string> wantedClasses;
   std::set<std::string> wantedLabels;
 
@@ -41,7 +41,7 @@ struct Pipeline {
   double blockSeconds = 1.0;  ///< Length of a block of audio.
 };
 
-/// A mistake in a pipeline. The message is one sentence that begins with its location.
+/// An error in a pipeline. The message is one sentence that begins with its location.
 class PipelineError : public std::runtime_error {
  public:
   PipelineError(const std::string& location, const std::string& sentence)

@@ -16,7 +16,7 @@ std::string setting(const std::string& key, std::int64_t value) {
   return '"' + key + "\": " + std::to_string(value);
 }
 
-// Says that the library has no such model, and what to do about it.
+// The message that the library has no such model, with advice.
 std::string unknownModel(const VsaModelConfig& config) {
   const std::string sentence = "the library has no model " + inQuotes(config.modelName) +
                                " for category " + inQuotes(config.category) + " on engine " +
@@ -40,18 +40,19 @@ void checkNames(const Names& given, const Names& own, Findings* findings) {
   const auto [mine, theirs] = std::ranges::mismatch(given, own);
   if (mine == given.end()) return;
   findings->warnings.push_back("classNames[" + std::to_string(mine - given.begin()) + "] is " +
-                               inQuotes(*mine) + ", which the file calls " + inQuotes(*theirs) +
-                               ": check the order of the names");
+                               inQuotes(*mine) + ", but the name in the file is " +
+                               inQuotes(*theirs) + ": check the order of the names");
 }
 
 void checkKeyPoints(const VsaModelConfig& config, const Family& family, std::int64_t keyPoints,
                     const std::string& has, Findings* findings) {
   const auto count = std::int64_t{config.classCount};
-  const std::int64_t meant = count == 1 ? family.keyPoints : count;
-  if (keyPoints < 1 || meant == keyPoints) return;
-  const std::string meaning = ", which means " + classesText(family, meant) + ",";
-  findings->wrong.push_back("classCount is " + std::to_string(count) + (count == 1 ? meaning : "") +
-                            " and " + has + ": set " + setting("classCount", keyPoints));
+  const std::int64_t configured = count == 1 ? family.keyPoints : count;
+  if (keyPoints < 1 || configured == keyPoints) return;
+  const std::string meaning = ", which means " + classesText(family, configured) + ",";
+  findings->errors.push_back("classCount is " + std::to_string(count) +
+                             (count == 1 ? meaning : "") + " and " + has + ": set " +
+                             setting("classCount", keyPoints));
 }
 
 void checkAlphabet(const VsaModelConfig& config, const Family& family, const Port& output,
@@ -66,15 +67,16 @@ void checkAlphabet(const VsaModelConfig& config, const Family& family, const Por
   if (classes < 1 || fits) return;
   const auto& shape = output.shape;
   if (!isLine && shape.size() == 3 && shape[1] != 1 && std::min(shape[1], shape[2]) == named) {
-    findings->wrong.push_back("its output is " + output.text() +
-                              ", whose longer side counts as the classes, and classNames has as "
-                              "many names as the shorter one: export the network with the output "
-                              "[T, 1, classes]");
+    findings->errors.push_back("its output is " + output.text() +
+                               ", of which the larger dimension is taken as the number of classes, "
+                               "but classNames has as many names as the smaller one: export the "
+                               "network with the output [T, 1, classes]");
     return;
   }
-  findings->wrong.push_back((isBuiltIn ? "the built-in dictionary is for " : "classNames has ") +
-                            counted(characters, isBuiltIn ? "class" : "name") + " and " + has +
-                            ": list its own alphabet in classNames, with the CTC blank as entry 0");
+  findings->errors.push_back(
+      (isBuiltIn ? "the built-in dictionary is for " : "classNames has ") +
+      counted(characters, isBuiltIn ? "class" : "name") + " and " + has +
+      ": list the alphabet of the network in classNames, with the CTC blank as entry 0");
 }
 
 void checkClasses(const VsaModelConfig& config, const Family& family, const ModelFile& file,
@@ -88,12 +90,12 @@ void checkClasses(const VsaModelConfig& config, const Family& family, const Mode
   const auto named = std::ssize(config.classNames);
   const auto count = std::int64_t{config.classCount};
   if (classes > 0 && count != classes && named == classes) {
-    findings->wrong.push_back("classCount is " + std::to_string(count) + " and " + has + ": set " +
-                              setting("classCount", classes));
+    findings->errors.push_back("classCount is " + std::to_string(count) + " and " + has + ": set " +
+                               setting("classCount", classes));
   } else if (classes > 0 && named != classes) {
-    findings->wrong.push_back(
+    findings->errors.push_back(
         "classNames has " + counted(named, "name") + " and " + has +
-        ": list the names of all of them in its order" +
+        ": list all names in the order of the network's output" +
         (count == classes || count == named ? "" : " and set " + setting("classCount", classes)));
   }
   checkNames(config.classNames, exportInfoOf(file).names, findings);
@@ -109,10 +111,10 @@ void checkSize(const VsaModelConfig& config, const Family& family, const ModelFi
     return wanted > 0 ? given != wanted : given == 0;
   };
   if (!differs(givenWidth, width) && !differs(givenHeight, height)) return;
-  findings->wrong.push_back("inputWidth x inputHeight is " + sizeText(givenWidth, givenHeight) +
-                            " and the network takes " + sizeText(width, height) + ": set " +
-                            setting("inputWidth", width > 0 ? width : family.width) + ", " +
-                            setting("inputHeight", height > 0 ? height : family.height));
+  findings->errors.push_back("inputWidth x inputHeight is " + sizeText(givenWidth, givenHeight) +
+                             " and the network takes " + sizeText(width, height) + ": set " +
+                             setting("inputWidth", width > 0 ? width : family.width) + ", " +
+                             setting("inputHeight", height > 0 ? height : family.height));
 }
 
 // The model that reads text regions.
@@ -142,26 +144,26 @@ std::string mismatchText(const VsaModelConfig& config, const ModelFile& file, co
 std::string squareWarning(std::int64_t width, std::int64_t height) {
   if (width == height) return "";
   return "the input of " + sizeText(width, height) +
-         " is not square: boxes are right only for frames that fill its height";
+         " is not square: boxes are correct only for frames that fill its height";
 }
 
 Findings checkModel(const VsaModelConfig& config, const ModelFile& file) {
   Findings findings;
   const Family* family = findFamily(config.category, config.modelName);
   if (family != nullptr && file.engine != config.engine) {
-    findings.wrong.push_back(
+    findings.errors.push_back(
         "the file is for " + file.engine + ", not for " + config.engine +
         ": set \"engine\": " + inQuotes(file.engine) +
         (file.engine == "OpenVINO" ? " and leave \".xml\" out of modelFile" : ""));
     return findings;
   }
   if (family == nullptr || !family->isOn(config.engine)) {
-    findings.wrong.push_back(unknownModel(config));
+    findings.errors.push_back(unknownModel(config));
     return findings;
   }
   const Fit fit = fitOf(*family, file);
   if (!fit.mismatch.empty()) {
-    findings.wrong.push_back(mismatchText(config, file, fit));
+    findings.errors.push_back(mismatchText(config, file, fit));
     return findings;
   }
   checkClasses(config, *family, file, fit.classes, &findings);
@@ -179,7 +181,7 @@ Findings checkModel(const VsaModelConfig& config, const ModelFile& file) {
     }
   } else if (family->layout == OutputLayout::kTextMap) {
     findings.notes.push_back(
-        "the detector needs more memory for each new frame size: feed it frames of few sizes");
+        "the detector needs more memory for each new frame size: use frames of few sizes");
   }
   return findings;
 }
@@ -197,18 +199,18 @@ std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {
     if (family->needs == Needs::kNothing) continue;
     if (!hasBoxes && !hasTextRegions) {
       order[i].warnings.push_back(
-          "it works on the objects of a detector, and there is no detector before it: add one "
-          "before it, or give recorded objects with --objects");
+          "it works on the objects of a detector, but there is no detector before it: add one, or "
+          "provide recorded objects with --objects");
     } else if (family->needs == Needs::kTextRegions && !hasTextRegions) {
       order[i].warnings.push_back(
           "the detector before it gives no corners, so it reads each box as one upright line: for "
           "slanted text put " +
           textDetector() + " before it");
     } else if (family->needs == Needs::kBoxes && !hasBoxes) {
-      order[i].wrong.push_back(
-          "it works on boxes, and the text detector before it gives corners: put a YOLO detector "
-          "before it" +
-          (family->readsText() ? ", or read with " + readerOfRegions() : ""));
+      order[i].errors.push_back(
+          "it works on boxes, but the text detector before it provides corners: put a YOLO "
+          "detector before it" +
+          (family->readsText() ? ", or use " + readerOfRegions() + " to read the text" : ""));
     }
   }
   return order;

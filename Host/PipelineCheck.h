@@ -1,4 +1,4 @@
-// Whether the models of a pipeline go with their networks, and with each other.
+// Checks whether the models of a pipeline fit their networks and their order.
 #pragma once
 
 #include <string>
@@ -10,18 +10,18 @@
 
 namespace vsa {
 
-/// What was found out about one model of a pipeline, in sentences.
+/// Messages about one model of a pipeline.
 struct Findings {
-  std::vector<std::string> wrong;
+  std::vector<std::string> errors;
   std::vector<std::string> warnings;
-  std::vector<std::string> notes = {};  ///< Good to know, but not a fault.
+  std::vector<std::string> notes = {};  ///< Information that does not concern a problem.
 };
 
 /// Compares the settings of one model with its network.
 Findings checkModel(const VsaModelConfig& config, const ModelFile& file);
 
-/// Finds models that can do nothing with the objects of the models before them. Returns one entry
-/// for each model.
+/// Finds models that cannot use the objects of the models before them. Returns one entry for each
+/// model.
 std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models);
 
 /// A warning if the input is not square; empty if it is.

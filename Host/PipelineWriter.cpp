@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 
 using Names = std::vector<std::string>;
 
-// Class names for the network; empty if they are not known.
+// Class names for the network; empty if they are unknown.
 Names knownNames(const Family& family, const ExportInfo& info, std::int64_t classes) {
   if (family.hasKeyPoints() && !info.names.empty()) return {info.names.front()};
   if (!family.onlyName.empty()) return {family.onlyName};

@@ -13,7 +13,7 @@ namespace vsa {
 /// One entry of "models".
 struct PipelineEntry {
   std::string text;           ///< JSON, indented, without a line break at its end.
-  bool hasRealNames = false;  ///< Whether the class names are known; else they are numbered.
+  bool hasRealNames = false;  ///< Whether the class names are known; otherwise they are numbered.
 };
 
 /// An entry that runs the network as that family, for a pipeline file in `folder`.

@@ -1,4 +1,4 @@
-// Every string is made valid UTF-8 here.
+// All strings in the reports are made valid UTF-8 here.
 #include "Report.h"
 
 #include <algorithm>
@@ -43,7 +43,7 @@ std::string shapes(const VsaObject& object) {
 }
 
 // Columns with one cell for each object, empty if the object has no such value. Columns without any
-// value are left out. The text comes last because its length is not limited.
+// value are omitted. The text is the last column because its length is not limited.
 std::vector<Column> tableColumns(const std::vector<VsaObject>& objects) {
   const auto regions = std::count_if(objects.begin(), objects.end(), isTextRegion);
   const char* coordinatesHead = regions == 0                     ? "box"

@@ -11,8 +11,8 @@
 
 namespace vsa {
 
-/// The objects of a frame in aligned columns. If `columns` is not 0, longer lines are broken before
-/// the column that does not fit.
+/// The objects of a frame in aligned columns. If `columns` is not 0, longer lines are wrapped
+/// before the column that does not fit.
 std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& objects, int columns);
 
 /// The fields of the object that are set, under the names of the record. Strings are valid UTF-8;

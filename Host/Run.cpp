@@ -1,4 +1,4 @@
-// The command "run": checks the options against the pipeline, opens inputs and outputs, and hands
+// The command "run": checks the options against the pipeline, opens inputs and outputs, and passes
 // each input to the frame loop.
 #include <TolCompatible/TolCompatible.h>
 
@@ -24,10 +24,10 @@ namespace fs = std::filesystem;
 
 using Clock = std::chrono::steady_clock;
 
-// Throws PipelineError for options that do not go with the pipeline.
+// Throws PipelineError if an option cannot be used with the pipeline.
 void checkOptions(const RunOptions& options, const Pipeline& pipeline) {
   if (pipeline.takesAudio && !options.outputFolder.empty()) {
-    throw PipelineError(options.pipeline, "--output draws images, and these models take audio");
+    throw PipelineError(options.pipeline, "--output draws on images, but these models take audio");
   }
   const std::pair<const char*, bool> forImages[] = {{"--crops", !options.cropsFolder.empty()},
                                                     {"--max-side", options.maxSide != 0},
@@ -36,7 +36,7 @@ void checkOptions(const RunOptions& options, const Pipeline& pipeline) {
   for (const auto& [name, given] : forImages) {
     if (given && pipeline.takesAudio) {
       throw PipelineError(options.pipeline,
-                          std::string(name) + " is for images, and these models take audio");
+                          std::string(name) + " is for images, but these models take audio");
     }
   }
   if (!options.objectsFile.empty()) return;  // recorded objects may be of any class
@@ -77,7 +77,7 @@ void openFiles(const RunOptions& options, const Pipeline& pipeline,
   if (!options.cropsFolder.empty()) files->crops.emplace(options.cropsFolder);
   if (files->annotated && files->crops &&
       fs::equivalent(files->annotated->folder().path(), files->crops->path())) {
-    throw std::runtime_error("--output and --crops need a folder each");
+    throw std::runtime_error("--output and --crops must be different folders");
   }
   for (const std::string& input : inputs) files->refuseIfOutput(input);
   if (!options.objectsFile.empty()) files->recorded.emplace(options.objectsFile);
@@ -173,9 +173,10 @@ class Run : public Command {
                      "(* ? [ ]) or addresses of streams")
         ->type_name("");
     command
-        ->add_flag("--stdin", options_.standardInput,
-                   "Read the inputs from standard input, one per line, and answer each at once "
-                   "with JSON Lines")
+        ->add_flag(
+            "--stdin", options_.standardInput,
+            "Read the inputs from standard input, one per line, and print the results of each "
+            "immediately as JSON Lines")
         ->excludes("INPUT");
     addJson(command, "Print JSON Lines, one object per frame, instead of the table");
     const auto add = [command](const char* names, auto& value, const char* type,
@@ -193,16 +194,17 @@ class Run : public Command {
     add("--only", options_.only, "CLASS[,CLASS...]", "Report, draw and crop only these classes")
         ->delimiter(',')
         ->allow_extra_args(false);
-    command->add_flag("-r,--recursive", options_.recursive, "Search folders in folders too");
+    command->add_flag("-r,--recursive", options_.recursive, "Search subfolders, too");
     add("--max-side", options_.maxSide, "PIXELS",
-        "Shrink frames with a longer side for the models; results are in pixels of the original")
+        "Shrink frames with a longer side before the models run; results are in pixels of the "
+        "original")
         ->check(CLI::Range(1, 65535).description(""));
     constexpr std::int64_t kMaxBytes = (std::int64_t{1} << 31) - 1;
     add("--max-pixels", options_.maxPixels, "NUMBER",
         "Refuse images and videos with more pixels (default 200000000)")
         ->check(CLI::Range(std::int64_t{1}, kMaxBytes / 3).description(""));
     addMaxFrames(command, "Stop each video after this many frames, audio after as many blocks");
-    command->add_flag("-q,--quiet", options_.quiet, "No summary at the end");
+    command->add_flag("-q,--quiet", options_.quiet, "Print no summary at the end");
     addVerbose(command);
     command->callback([this] {
       if (options_.inputs.empty() && !options_.standardInput) {

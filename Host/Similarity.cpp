@@ -17,14 +17,15 @@ const VsaObject& bestWithFeature(const std::vector<VsaObject>& objects) {
       *std::max_element(objects.begin(), objects.end(),
                         [&](const auto& a, const auto& b) { return rank(a) < rank(b); });
   if (best.feature.empty()) {
-    throw std::runtime_error("no object has a feature; the pipeline needs a model that makes them");
+    throw std::runtime_error(
+        "no object has a feature vector; the pipeline needs a model that computes them");
   }
   return best;
 }
 
 double cosineSimilarity(const std::vector<float>& first, const std::vector<float>& second) {
   if (first.size() != second.size()) {
-    throw std::runtime_error("the features have different lengths");
+    throw std::runtime_error("the feature vectors have different lengths");
   }
   const auto length = [](const std::vector<float>& feature) {
     // In double the square of a float neither overflows nor underflows.
@@ -32,9 +33,9 @@ double cosineSimilarity(const std::vector<float>& first, const std::vector<float
         std::inner_product(feature.begin(), feature.end(), feature.begin(), 0.0, std::plus<>(),
                            [](double a, double b) { return a * b; });
     if (!std::isfinite(square)) {
-      throw std::runtime_error("a feature holds numbers that are not finite");
+      throw std::runtime_error("a feature vector contains numbers that are not finite");
     }
-    if (square == 0.0) throw std::runtime_error("a feature is all zeros and has no direction");
+    if (square == 0.0) throw std::runtime_error("all numbers of a feature vector are zero");
     return std::sqrt(square);
   };
   const double lengths = length(first) * length(second);

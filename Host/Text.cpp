@@ -42,7 +42,7 @@ unsigned byteAt(std::string_view text, std::size_t position) {
 class GbkConverter {
  public:
   GbkConverter() : descriptor_(iconv_open("UTF-8", "GBK")) {
-    // NOLINTNEXTLINE: the failure value is what the interface of iconv says
+    // NOLINTNEXTLINE: this is iconv's documented failure value
     if (descriptor_ == reinterpret_cast<iconv_t>(-1)) {
       throw std::runtime_error("the character converter (iconv) does not support GBK");
     }
@@ -61,8 +61,8 @@ class GbkConverter {
     iconv(descriptor_, nullptr, nullptr, nullptr, nullptr);
     while (inLeft > 0 &&
            iconv(descriptor_, &in, &inLeft, &out, &outLeft) == static_cast<std::size_t>(-1)) {
-      // Skip a lead byte with its invalid second byte, unless that one is ASCII and may be a
-      // character of its own. Half a character at the end is skipped to the end.
+      // Skip a lead byte with its invalid second byte, unless the second byte is ASCII, which may
+      // be a separate character. An incomplete character at the end is skipped.
       const bool pair =
           inLeft > 1 && byteAt(in, 0) > 0x80 && byteAt(in, 0) < 0xFF && byteAt(in, 1) >= 0x80;
       const std::size_t skip = errno == EINVAL ? inLeft : pair ? 2 : 1;

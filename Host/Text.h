@@ -7,12 +7,12 @@
 
 namespace vsa {
 
-/// Replaces bytes that are not a character: U+FFFD.
+/// U+FFFD, which replaces bytes that are not a character.
 inline constexpr char32_t kReplacement = 0xFFFD;
 
-/// Reads the code point at `*position`, which must be less than the size of `text`, and moves to
-/// the next one. Invalid bytes give one kReplacement for each longest run that could begin a
-/// character.
+/// Returns the code point at `*position`, which must be less than the size of `text`, and advances
+/// `*position` to the next one. Returns kReplacement for an invalid byte, or for the longest
+/// sequence of bytes that could begin a character but does not complete it.
 char32_t nextCodePoint(std::string_view text, std::size_t* position);
 
 /// Appends the code point as UTF-8.
@@ -25,8 +25,8 @@ std::string repairUtf8(std::string_view text);
 /// of a terminal.
 std::string printable(std::string_view text);
 
-/// Converts GBK (code page 936) to UTF-8, with kReplacement for bytes that are not GBK and for half
-/// a character at the end. Throws std::runtime_error if iconv does not support GBK.
+/// Converts GBK (code page 936) to UTF-8, with kReplacement for bytes that are not GBK and for an
+/// incomplete character at the end. Throws std::runtime_error if iconv does not support GBK.
 std::string gbkToUtf8(std::string_view gbk);
 
 /// Terminal columns of the text: two for a wide character, none for a combining one.

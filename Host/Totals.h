@@ -1,4 +1,4 @@
-// What a run did in total, and its summary.
+// The totals of a run, and its summary.
 #pragma once
 
 #include <cstdint>

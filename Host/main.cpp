@@ -11,8 +11,8 @@
 #include "Command.h"
 
 int main(int argc, char** argv) {
-  // FFmpeg inside OpenCV would report every file that is not a video, and the thread library of the
-  // engine every system that does not describe its processor (many containers).
+  // Suppresses messages of FFmpeg inside OpenCV about files that are not videos, and those of the
+  // engine's thread library on systems that do not describe their processor (many containers).
 #if !defined(_WIN32)
   setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
   setenv("HWLOC_HIDE_ERRORS", "2", 0);

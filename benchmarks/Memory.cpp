@@ -6,7 +6,7 @@
 // (folders with the text models and with the tests' ONNX networks; port 9555 must be free; MODEL
 // limits the table to models of that name). Prints one Markdown table. --list writes the tiny
 // networks and prints the rows without running them. Called with "engine" or "library", the program
-// is one of those processes.
+// is one of these processes.
 
 #include <glog/logging.h>
 #include <onnxruntime_cxx_api.h>
@@ -28,7 +28,7 @@
 namespace {
 
 constexpr int kTinyNetworkRuns = 10000;
-constexpr int kRealNetworkRuns = 100;
+constexpr int kTrainedNetworkRuns = 100;
 constexpr int kRepeats = 3;  // pairs of processes; the table shows medians
 
 struct Row {
@@ -36,7 +36,7 @@ struct Row {
   std::function<std::string()> network;  // writes or finds the model file
   cv::Size configured = {64, 64};
   cv::Size input = {64, 64};  // of the network
-  bool isReal = false;        // a real network instead of a tiny one
+  bool isTrained = false;     // a trained network instead of a tiny one
 };
 
 std::string textModels;
@@ -138,7 +138,7 @@ std::vector<Row> allRows() {
 }
 
 int runsOf(const Row& row) {
-  return row.isReal ? kRealNetworkRuns : kTinyNetworkRuns;
+  return row.isTrained ? kTrainedNetworkRuns : kTinyNetworkRuns;
 }
 
 /// A memory field of /proc/self/status, in MB.
@@ -190,7 +190,7 @@ Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
   model.setClasses(row.family.classNames);
   model.config.objThreshold = 0.25F;
   if (row.family.name == "YOLO8-POSE") model.config.classCount = 1;  // 17 key points
-  if (row.isReal && row.family.category == "Track") model.config.classNames = {"paddleocr"};
+  if (row.isTrained && row.family.category == "Track") model.config.classNames = {"paddleocr"};
   if (!model.init()) throw std::runtime_error("cannot open the model");
   const std::vector<std::uint8_t> pcm(19200, 7);
   VsaFrame frame = frameOf(image, {"a", "b"});
@@ -204,7 +204,7 @@ Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
     if (row.family.takes == Takes::kObjects) frame.objects = boxes;
     const bool done = model.run(&frame);
     if (!done || frame.objects.size() + frame.audioObjects.size() == 0) {
-      throw std::runtime_error("a run failed or gave no object");
+      throw std::runtime_error("a run failed or returned no object");
     }
   });
 }

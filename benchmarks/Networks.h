@@ -1,5 +1,5 @@
-// Networks and network outputs to measure, and clocks. Their numbers are random and the same in
-// every run.
+// Networks and network outputs for the measurements, with random numbers that are the same in every
+// run, and functions that measure time.
 #pragma once
 
 #include <functional>

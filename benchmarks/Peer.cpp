@@ -47,7 +47,8 @@ void compare(const std::string& network, const std::string& frameFile, int runs)
   VsaFrame frame = frameOf(image, {"thing"});
   ov::Core core;
   ov::InferRequest request = core.compile_model(network + ".xml", "CPU").create_infer_request();
-  // Memory that was never written is read faster than any image.
+  // Memory that was never written is mapped to a single page of zeros, which is read faster than
+  // any image.
   ov::Tensor input = request.get_input_tensor();
   cv::randu(cv::Mat(1, static_cast<int>(input.get_size()), CV_32FC1, input.data<float>()), 0.0,
             1.0);

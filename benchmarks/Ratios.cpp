@@ -41,11 +41,11 @@ double summarize(const std::vector<double>& times) {
 struct Comparison {
   double baseline;  ///< Milliseconds of the reference version or of inference alone.
   double ours;      ///< Milliseconds of the library.
-  double ratio;     ///< Ours to the baseline: the median over pairs of adjacent runs.
+  double ratio;     ///< Ours divided by the baseline: the median over pairs of adjacent runs.
 };
 
-/// Runs both alternately until they have taken `seconds` together, at least 9 and at most 3,000
-/// times each. Clock rates change over time, so ratios are taken of adjacent runs only.
+/// Runs both alternately until they have taken `seconds` in total, at least 9 and at most 3,000
+/// times each. Clock rates change over time, so only the ratios of adjacent runs are used.
 Comparison compare(const std::function<void()>& baseline, const std::function<void()>& ours,
                    double seconds = 1.5) {
   constexpr std::size_t kMinRuns = 9;
@@ -56,7 +56,7 @@ Comparison compare(const std::function<void()>& baseline, const std::function<vo
   std::vector<double> ourTimes;
   double total = 0;
   while (ourTimes.size() < kMinRuns || (total < 1000 * seconds && ourTimes.size() < kMaxRuns)) {
-    // Each of the two goes first in every second round.
+    // Each of the two runs first in every second round.
     const bool isBaselineFirst = ourTimes.size() % 2 == 0;
     if (isBaselineFirst) baselineTimes.push_back(milliseconds(baseline));
     ourTimes.push_back(milliseconds(ours));
@@ -72,20 +72,20 @@ Comparison compare(const std::function<void()>& baseline, const std::function<vo
   return {baselineTime, ourTime, medianOf(ratios)};
 }
 
-/// Keeps the compiler from optimising a result away.
+/// Prevents the compiler from removing the computation of a result.
 template <class Value>
 void keep(const Value& value) {
   asm volatile("" : : "g"(&value) : "memory");
 }
 
-/// How a row states its ratio: the baseline's time to ours, or our whole call's time to inference
-/// alone.
+/// The ratio that a row shows: the time of the baseline divided by ours, or the time of our whole
+/// call divided by that of inference alone.
 enum class Kind { kSpeedup, kWholeCall };
 
 struct Row {
   std::string name;
   Kind kind;
-  double target;  ///< Min speed-up or max ratio of the whole call; 0 if there is no target.
+  double target;  ///< Minimum speed-up or maximum ratio of the whole call; 0 for none.
   std::function<Comparison()> measure;
 };
 
@@ -303,7 +303,7 @@ Comparison detectorPose() {
         const Candidates found = reference::decodeYolo8Pose(columns, 0.25F, scale);
         std::vector<VsaShape> shapes;
         shapes.reserve(found.outputIndices.size());
-        for (const int place : found.outputIndices) shapes.push_back(keyPoints(place, scale));
+        for (const int index : found.outputIndices) shapes.push_back(keyPoints(index, scale));
         return objectsOf(found, [&](int i) { return shapes[static_cast<std::size_t>(i)]; });
       },
       [&](float scale) {
@@ -353,7 +353,7 @@ struct ObjectModel {
   std::vector<std::string> names;
   void (*referenceFill)(const cv::Mat&, cv::Size, float*);
   void (*fill)(const cv::Mat&, cv::Size, float*);
-  /// Decode the output of one object; null if the library only copies it.
+  /// Decode the output for one object; empty if the library only copies it.
   std::function<void(const ov::Tensor&)> referenceRead, read;
 };
 

@@ -352,8 +352,8 @@ TextRegions extractTextBoxes(const TextBoxParams& params, const cv::Mat& map, cv
       corner.y = std::clamp(std::round(corner.y * scaleY), 0.0F, static_cast<float>(frame.height));
     }
     std::stable_sort(corners, corners + 4, [](const auto& a, const auto& b) { return a.x < b.x; });
-    // Clockwise from the top-left corner: the two on the left, then the two on the right, each by
-    // height.
+    // The order is clockwise from the top-left corner: of the two left points and of the two right
+    // points, the upper one comes first.
     if (corners[1].y <= corners[0].y) std::swap(corners[0], corners[1]);
     if (corners[3].y <= corners[2].y) std::swap(corners[2], corners[3]);
     found.regions.push_back({corners[0], corners[2], corners[3], corners[1]});

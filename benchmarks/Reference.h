@@ -1,6 +1,6 @@
-// Reference versions of the steps before and after inference: plain loops and OpenCV calls, one
-// after the other, as each step is defined. Tests compare the library's results with theirs,
-// benchmarks its times.
+// Reference versions of the steps before and after inference, as each step is defined: plain loops
+// and one OpenCV call after the other. Tests compare results with the library's, benchmarks compare
+// times.
 #pragma once
 
 #include <cstdint>
@@ -47,7 +47,7 @@ std::vector<cv::Point> maskOutline(const TolCompatibleLib::MaskPrototypes& proto
                                    const TolCompatibleLib::MaskCoefficients& coefficients,
                                    const cv::Rect& box, cv::Size input);
 
-/// The inputs of the networks other than YOLO: three planes of `size` each.
+/// Fill the inputs of the networks other than YOLO: three planes of `size` each.
 void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes);
 void prepareTextLine(const cv::Mat& region, cv::Size size, float* planes);
 void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes);

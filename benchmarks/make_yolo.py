@@ -82,7 +82,7 @@ def head(x, channels):
 
 
 def boxes(sides):
-    """Decodes boxes to centre and size; the distance of a cell to each side is a mean over bins."""
+    """Decodes boxes to centre and size; the distance of a cell from each side is a weighted mean over bins."""
     grids = [numpy.stack(numpy.meshgrid(*[numpy.arange(640 // stride) + 0.5] * 2)).reshape(2, -1) for stride in (8, 16, 32)]
     centres = constant(numpy.concatenate(grids, 1)[None])
     strides = constant(numpy.concatenate([numpy.full(grid.shape[1], stride) for grid, stride in zip(grids, (8, 16, 32))]))

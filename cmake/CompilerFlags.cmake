@@ -25,7 +25,7 @@ else()
 endif()
 
 # Exceptions leave the C-linkage entry points. With CMake's default, /EHsc, Microsoft's compiler assumes that they do not
-# and drops the handlers around the calls, so library and hosts are built without the "c".
+# and may remove the handlers around the calls, so library and hosts are built with /EHs.
 string(REPLACE "/EHsc" "" CMAKE_CXX_FLAGS "${CMAKE_CXX_FLAGS}")
 set(TOL_EXCEPTION_FLAGS "$<$<CXX_COMPILER_ID:MSVC>:/EHs;/EHc->")
 

@@ -21,8 +21,8 @@ foreach(property IMPORTED_LOCATION_RELEASE IMPORTED_LOCATION_NONE IMPORTED_LOCAT
   endif()
 endforeach()
 
-# Plug-ins and readers of model files are loaded by name, so no list of dependencies has them. The only reader that the
-# library needs is the one for IR files.
+# Plug-ins and readers of model files are loaded by name, so no list of dependencies contains them. The only reader that
+# the library needs is the one for IR files.
 file(GLOB engine_files "${openvino_folder}/*")
 list(FILTER engine_files INCLUDE REGEX "/(lib)?(openvino|tbb|hwloc)[^/]*\\.(dll|so[.0-9]*)$")
 list(FILTER engine_files EXCLUDE REGEX "openvino_c\\.|/[^/]*(gguf|jax|onnx|paddle|pytorch|tensorflow|lite)_frontend")
@@ -48,7 +48,7 @@ if(TOL_BUNDLE_ENGINES)
   install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime)
   set(TOL_ENGINE_RPATH "")
 else()
-  # The engines are searched in the library's folder first, then where this build found them.
+  # The loader searches for the engines in the library's folder first, then in the folders in which this build found them.
   set(TOL_ENGINE_RPATH "${openvino_folder}")
   if(onnxruntime_file)
     get_filename_component(onnxruntime_folder "${onnxruntime_file}" DIRECTORY)

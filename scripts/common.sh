@@ -28,7 +28,7 @@ need_packages() {
   local purpose=$1 missing=() package
   shift
   command -v dpkg-query >/dev/null ||
-    die "this is not a Debian system; please install the contents of these packages $purpose: $*"
+    die "not a Debian system; please install the contents of these packages $purpose: $*"
   for package in "$@"; do
     [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
       missing+=("$package")

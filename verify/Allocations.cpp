@@ -1,10 +1,10 @@
-// Fails every allocation that is made while a model of each row of the table is opened, run and
-// released, one at a time, with stand-ins for the engines. After each one: the call threw something
-// that a host expects or returned false, the frame is as it was, nothing is lost, and the next call
-// gives what it gave before.
+// Lets every allocation made while the model of each row of the table is opened, run and released
+// fail, one at a time, with stand-ins for the engines. After each failure: the call has thrown an
+// exception that a host expects or returned false, the frame is unchanged, no memory is leaked, and
+// the next call returns the same results as without the failure.
 //
-// Usage: Allocations [SECONDS]    the whole takes a few seconds; after SECONDS no further row is
-// begun
+// Usage: Allocations [SECONDS]
+// All rows take a few seconds; after SECONDS no further row is started.
 
 #include <dlfcn.h>
 #include <glog/logging.h>
@@ -29,8 +29,8 @@ InputChecksum inputChecksum;
 bool hasOldOnnxRuntime = false;
 int apiRequests = 0;
 
-// The C library's own functions, behind those that are replaced below for the program and all
-// libraries in it. NOLINTBEGIN(bugprone-reserved-identifier)
+// The C library's own functions. The functions below replace malloc() and others for the program
+// and all its libraries, and call these. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 extern "C" void* __libc_realloc(void* memory, std::size_t size);
 extern "C" void __libc_free(void* memory);
@@ -38,16 +38,17 @@ extern "C" void __libc_free(void* memory);
 
 namespace {
 
-/// What the thread allocates. Zero-initialised, so that it can be used before anything ran.
+/// Allocations of the thread. Zero-initialised, so that it can be used before any constructor ran.
 struct Memory {
   bool isWatched;   // within a call of the library
   int engineDepth;  // above 0 within an engine
-  long count;       // allocations watched
-  long failing;     // which one of them fails; 0 for none
-  long live;        // blocks that are not freed yet, of any origin
-  bool isMatrix;    // the failed one was OpenCV's own record of a matrix
-  bool isStream;  // the failed one was within a stream of the standard library, which catches what
-                  // is thrown
+  long count;       // number of watched allocations
+  long failing;     // number of the allocation that fails, from 1; 0 for none
+  long live;        // number of all blocks that are not freed yet
+  bool isMatrix;    // the failed allocation was OpenCV's own record of a matrix
+  // The failed allocation was made by a stream of the standard library, which catches the
+  // exception.
+  bool isStream;
 };
 thread_local constinit Memory memory{};
 
@@ -59,8 +60,7 @@ void* allocate(std::size_t size, std::size_t alignment = alignof(std::max_align_
   void* const block = mayAllocate() ? __libc_memalign(alignment, size) : nullptr;
   if (block == nullptr) return nullptr;
   ++memory.live;
-  // Fresh memory holds nothing in particular; what reads it before it is written gives other
-  // results.
+  // Filled with a pattern, so that reading memory before it is written changes the results.
   std::memset(block, 0x5A, size);
   return block;
 }
@@ -103,7 +103,7 @@ void free(void* block) {
 }
 }
 
-// The forms for arrays, with a size and without exceptions are built on these.
+// The forms for arrays, with a size and without exceptions call these.
 void* operator new(std::size_t size) {
   void* const block = allocate(size);
   if (block != nullptr) return block;
@@ -130,11 +130,11 @@ void operator delete(void* block, std::align_val_t) noexcept {
 
 namespace {
 
-// Longer than what a string holds without memory of its own.
+// Too long for a string's internal buffer, so that copying them allocates memory.
 const std::string kFirst = "the first class of the host";
 const std::string kSecond = "the second class of the host";
 
-/// A row of the table, with a network that it takes.
+/// A row of the table, with a network that the model accepts.
 struct Row {
   std::string engine, category, modelName;
   FakeNetwork network;
@@ -148,8 +148,8 @@ std::vector<float> repeated(const std::vector<float>& pattern, std::size_t count
 }
 
 std::vector<Row> rows() {
-  const std::vector<std::int64_t> picture = {1, 3, 32, 32};
-  // Two boxes apart and one that overlaps the first: a column or a row for each.
+  const std::vector<std::int64_t> image = {1, 3, 32, 32};
+  // Two boxes that do not overlap and one that overlaps the first; one column or row for each.
   const FakeOutput yolo8{{1, 6, 3},
                          {8, 24, 9, 8, 24, 9, 8, 8, 8, 8, 8, 8, .9F, .1F, .7F, .1F, .8F, .1F}};
   const FakeOutput yolo5{{1, 3, 7}, {8,   8,   8,   8, .9F, .9F, .1F, 24,  24,  8,  8,
@@ -170,37 +170,37 @@ std::vector<Row> rows() {
   const FakeOutput numbers{{1, 256}, repeated({1, -2, 3}, 256)};
   const std::string ov = "OpenVINO", ort = "ONNXRuntime";
   return {
-      {ov, "Detect", "YOLO26", {picture, false, {yolo26}}},
-      {ov, "Detect", "YOLO8", {picture, false, {yolo8}}},
-      {ov, "Detect", "YOLO8-POSE", {picture, false, {pose}}},
-      {ov, "Detect", "YOLO8-OBB", {picture, false, {obb}}},
+      {ov, "Detect", "YOLO26", {image, false, {yolo26}}},
+      {ov, "Detect", "YOLO8", {image, false, {yolo8}}},
+      {ov, "Detect", "YOLO8-POSE", {image, false, {pose}}},
+      {ov, "Detect", "YOLO8-OBB", {image, false, {obb}}},
       {ov,
        "Detect",
        "YOLO8-Seg",
-       {picture, false, {seg, {{1, 32, 8, 8}, repeated({1, 2, 3}, 2048)}}}},
+       {image, false, {seg, {{1, 32, 8, 8}, repeated({1, 2, 3}, 2048)}}}},
       {ov, "Detect", "YOLO5", {{1, 32, 32, 3}, true, {yolo5}}},
-      {ov, "Detect", "PaddleOCR", {picture, false, {text}}},
-      {ov, "Classify", "ResNet", {picture, false, {scores}}},
+      {ov, "Detect", "PaddleOCR", {image, false, {text}}},
+      {ov, "Classify", "ResNet", {image, false, {scores}}},
       {ov, "Classify", "AudioNet", {{1, 3, 2, 2}, false, {scores}}},
-      {ov, "Track", "DeepSort", {picture, false, {numbers}}},
-      {ov, "Track", "PaddleOCR", {picture, false, {steps}}, {"blank", kFirst, kSecond}},
-      {ov, "Track", "VsFaceNet", {picture, false, {numbers}}},
-      {ov, "Track", "VsOCR", {picture, false, {steps}}, {"blank", kFirst, kSecond}},
-      {ort, "Detect", "YOLO5", {picture, false, {yolo5}}},
-      {ort, "Detect", "YOLO8", {picture, false, {yolo8}}},
-      {ort, "Detect", "YOLO26", {picture, false, {yolo26}}},
-      {"TensorRT", "Detect", "YOLO8", {picture, false, {yolo8}}},
+      {ov, "Track", "DeepSort", {image, false, {numbers}}},
+      {ov, "Track", "PaddleOCR", {image, false, {steps}}, {"blank", kFirst, kSecond}},
+      {ov, "Track", "VsFaceNet", {image, false, {numbers}}},
+      {ov, "Track", "VsOCR", {image, false, {steps}}, {"blank", kFirst, kSecond}},
+      {ort, "Detect", "YOLO5", {image, false, {yolo5}}},
+      {ort, "Detect", "YOLO8", {image, false, {yolo8}}},
+      {ort, "Detect", "YOLO26", {image, false, {yolo26}}},
+      {"TensorRT", "Detect", "YOLO8", {image, false, {yolo8}}},
   };
 }
 
-/// How a call ended, and whether a host may expect it to end so.
-struct End {
-  bool done = false;
-  std::string thrown;  // empty where nothing was
-  bool isExpected = true;
-  long count = 0;           // of allocations
-  long lines = 0;           // "[E]" lines
-  std::uint64_t input = 0;  // checksum of what the engine was given
+/// The outcome of a watched call.
+struct CallOutcome {
+  bool done = false;        // returned true
+  std::string thrown;       // message of the exception; empty for none
+  bool isExpected = true;   // the exception, if any, is one that a host expects
+  long count = 0;           // number of allocations
+  long lines = 0;           // number of "[E]" lines
+  std::uint64_t input = 0;  // checksum of the engine's input
 };
 
 /// Counts "[E]" lines without allocating.
@@ -214,19 +214,22 @@ class ErrorCounter : public google::LogSink {
 };
 ErrorCounter errors;
 
-long failures = 0, faults = 0;
-long lostByOpenCv = 0;  // cv::Mat loses its pixels where the record of them cannot be allocated
-std::string where;      // row and step, for what is told about faults
-long current = 0;       // number of the allocation that fails
+long failures = 0;
+long faults = 0;
+long leakedByOpenCv =
+    0;                 // cv::Mat leaks its pixels if the record that owns them cannot be allocated
+std::string location;  // row and step, for the messages about faults
+long current = 0;      // number of the allocation that fails
 
 void require(bool condition, const std::string& what) {
   if (condition) return;
-  if (++faults <= 40) std::cout << where << ", allocation " << current << ": " << what << std::endl;
+  if (++faults > 40) return;
+  std::cout << location << ", allocation " << current << ": " << what << std::endl;
 }
 
-/// Makes a call whose allocation number `failing` fails; 0 for none.
-End watched(long failing, const std::function<bool()>& call) {
-  End end;
+/// Makes a call in which allocation number `failing` fails; 0 for none.
+CallOutcome callWatched(long failing, const std::function<bool()>& call) {
+  CallOutcome end;
   const long linesBefore = errors.count;
   inputChecksum.reset();
   memory.count = 0;
@@ -251,9 +254,9 @@ End watched(long failing, const std::function<bool()>& call) {
 /// A model of the row, not opened yet.
 struct RowModel : TestModel {
   explicit RowModel(const Row& row)
-      : TestModel(row.category, row.modelName, "a folder with a name that takes memory") {
+      : TestModel(row.category, row.modelName, "a folder with a long name") {
     config.engine = row.engine;
-    config.device = "a device that takes a long name";
+    config.device = "a device with a long name";
     config.modelFile = "a model file with a long name";
     setClasses(row.classNames);
     config.classCount = 2;
@@ -278,11 +281,12 @@ class RowCheck {
     for (const bool isGood : {true, false}) {
       fakeNetwork = row_.network;
       if (!isGood)
-        fakeNetwork.outputs = {{{1}, {0.0F}}};  // what a network says that is of another family
-      // The first time round nothing has been set up yet, and nothing may be there to compare with.
+        fakeNetwork.outputs = {{{1}, {0.0F}}};  // the output of a network of another family
+      // In the first round, tables that are built once do not exist yet, and there are no results
+      // to compare with.
       for (const bool isFirst : {true, false}) {
-        where = row_.engine + " " + row_.category + " " + row_.modelName +
-                (isGood ? "" : ", refused") + (isFirst ? ", first" : "");
+        location = row_.engine + " " + row_.category + " " + row_.modelName +
+                   (isGood ? "" : ", rejected network") + (isFirst ? ", first round" : "");
         checkInit(isFirst);
         if (isFirst) {
           checkFirstRuns();
@@ -310,32 +314,33 @@ class RowCheck {
     return frame;
   }
 
-  static End runOn(TestModel& model, VsaFrame& frame, long failing) {
-    return watched(failing, [&] { return model.run(&frame); });
+  static CallOutcome runOn(TestModel& model, VsaFrame& frame, long failing) {
+    return callWatched(failing, [&] { return model.run(&frame); });
   }
 
-  /// A context without a model refuses silently.
-  long linesOfRefusal() const { return row_.engine == "TensorRT" ? 0 : 1; }
+  /// Number of "[E]" lines of a rejected call. A context without a model rejects calls silently.
+  long expectedErrorLines() const { return row_.engine == "TensorRT" ? 0 : 1; }
 
-  /// What a run on a frame gives: everything by which two runs can differ.
-  struct Outcome {
+  /// Everything in which two runs on a frame can differ.
+  struct RunResult {
     bool done = false;
     std::string results;
     std::uint64_t input = 0;
-    bool operator==(const Outcome&) const = default;
+    bool operator==(const RunResult&) const = default;
   };
-  Outcome outcomeOf(TestModel& model, VsaFrame frame) const {
-    const End end = runOn(model, frame, 0);
+  RunResult resultOf(TestModel& model, VsaFrame frame) const {
+    const CallOutcome end = runOn(model, frame, 0);
     require(end.thrown.empty(), "a run without a failing allocation throws " + end.thrown);
-    require(end.done || end.lines == linesOfRefusal(), std::to_string(end.lines) + " error lines");
+    require(end.done || end.lines == expectedErrorLines(),
+            std::to_string(end.lines) + " error lines");
     return {end.done, bytesOf(frame), end.input};
   }
 
-  /// Calls `attempt` with 0 and, with one failing allocation after the other, until none is left to
-  /// fail. It returns whether there was one.
+  /// Calls `attempt` with 0 (except in the first round) and then with 1, 2, 3 and so on, the number
+  /// of the allocation that fails, until it returns false because there is no such allocation.
   template <class Attempt>
   static void forEachAllocation(bool isFirst, const char* step, Attempt attempt) {
-    const std::string row = std::exchange(where, where + ", " + step);
+    const std::string row = std::exchange(location, location + ", " + step);
     if (!isFirst) attempt(0);
     for (current = 1;; ++current) {
       const long before = memory.live;
@@ -343,79 +348,78 @@ class RowCheck {
       if (!attempt(current)) break;
       ++failures;
       if (isFirst) continue;
-      const long lost = memory.live - before;
-      if (memory.isMatrix && lost == 1) {
-        ++lostByOpenCv;
-      } else if (memory.isStream && lost == 1) {
-        // jsoncpp's: a number that its stream could not read for want of memory.
+      const long leaked = memory.live - before;
+      if (memory.isMatrix && leaked == 1) {
+        ++leakedByOpenCv;
+      } else if (memory.isStream && leaked == 1) {
+        // jsoncpp keeps one block if its stream has no memory to read a number.
       } else {
-        require(lost == 0, std::to_string(lost) + " blocks lost");
+        require(leaked == 0, std::to_string(leaked) + " blocks leaked");
       }
     }
-    where = row;
+    location = row;
   }
 
   void checkInit(bool isFirst) {
     bool expected = false;
     forEachAllocation(isFirst, "init", [&](long n) {
       RowModel model(row_);
-      const End end = watched(n, [&] { return model.init(); });
+      const CallOutcome end = callWatched(n, [&] { return model.init(); });
       if (n == 0) expected = end.done;
       require(end.isExpected, "an exception that no host expects: " + end.thrown);
       VsaModelRelease(&model.context);
-      const End again = watched(0, [&] { return model.init(); });
+      const CallOutcome again = callWatched(0, [&] { return model.init(); });
       require(again.thrown.empty() && (isFirst || again.done == expected),
-              "the next one ends otherwise");
+              "the next call has another outcome");
       return end.count >= n;
     });
   }
 
-  /// In the first round, all runs are made by one model: tables that are built once are not built
-  /// yet, and no failure on the way to them may spoil the run that succeeds at last.
+  /// In the first round, one model makes all runs: tables that are built once do not exist yet, and
+  /// a failure while they are built must not change the results of the first run that succeeds.
   void checkFirstRuns() {
     RowModel model(row_);
     model.init();
     forEachAllocation(true, "run", [&](long n) {
       VsaFrame frame = fresh_;
-      const End end = runOn(model, frame, n);
+      const CallOutcome end = runOn(model, frame, n);
       require(end.isExpected, "an exception that no host expects: " + end.thrown);
       return end.count >= n;
     });
-    afterFirst_ = outcomeOf(model, other_);
+    afterFirst_ = resultOf(model, other_);
   }
 
-  /// Each allocation fails in the first run of a model of its own, which is then given a different
-  /// frame of that size, and the same frame again.
+  /// For each allocation, makes a new model whose first run fails, and then runs that model on a
+  /// different frame of the same size, and on the same frame again.
   void checkRuns(bool isGood) {
     RowModel untouched(row_);
     untouched.init();
-    const Outcome other = outcomeOf(untouched, other_);
-    const Outcome expected = outcomeOf(untouched, fresh_);
+    const RunResult other = resultOf(untouched, other_);
+    const RunResult expected = resultOf(untouched, fresh_);
     const std::string request = server_.lastRequest();
     const std::string before = bytesOf(fresh_);
     require(!isGood || row_.engine == "TensorRT" || expected.results != before, "no results");
-    require(afterFirst_ == other, "the run after the first failures ends otherwise");
+    require(afterFirst_ == other, "the run after the failures of the first round differs");
     forEachAllocation(false, "run", [&](long n) {
       RowModel model(row_);
       model.init();
       VsaFrame frame = fresh_;
-      const End end = runOn(model, frame, n);
+      const CallOutcome end = runOn(model, frame, n);
       require(end.isExpected, "an exception that no host expects: " + end.thrown);
       if (!end.done) {
         require(bytesOf(frame) == before, "a call that failed changed the frame");
-        // The line about a refused network may be the one that could not be written.
-        // To jsoncpp, a number for which its stream has no memory is not a number, and the reply
-        // not JSON.
-        require(!end.thrown.empty() || end.lines == linesOfRefusal() || !isGood || memory.isStream,
-                std::to_string(end.lines) + " error lines");
+        // There may be no line if the allocation for the line about a rejected network failed, or
+        // if jsoncpp's stream had no memory: jsoncpp then reports that the reply is not JSON.
+        require(
+            !end.thrown.empty() || end.lines == expectedErrorLines() || !isGood || memory.isStream,
+            std::to_string(end.lines) + " error lines");
       } else {
-        // The allocation was one that the call can do without: for a line of the log, say.
-        require(Outcome{true, bytesOf(frame), end.input} == expected, "other results");
-        require(server_.lastRequest() == request, "another request");
+        // The call does not need this allocation; it may have been made for a log line.
+        require(RunResult{true, bytesOf(frame), end.input} == expected, "different results");
+        require(server_.lastRequest() == request, "a different request");
       }
-      require(outcomeOf(model, other_) == other,
-              "the next one, on a different frame, ends otherwise");
-      require(outcomeOf(model, fresh_) == expected, "the next one ends otherwise");
+      require(resultOf(model, other_) == other, "the next run, on a different frame, differs");
+      require(resultOf(model, fresh_) == expected, "the next run on the same frame differs");
       return end.count >= n;
     });
   }
@@ -424,11 +428,14 @@ class RowCheck {
     forEachAllocation(isFirst, "release", [&](long n) {
       RowModel model(row_);
       model.init();
-      const End end = watched(n, [&] { return VsaModelRelease(&model.context), true; });
+      const CallOutcome end = callWatched(n, [&] {
+        VsaModelRelease(&model.context);
+        return true;
+      });
       require(end.done && model.context.models == nullptr, "not released: " + end.thrown);
       model.init();
-      VsaModelRelease(
-          &model.context);  // the C library may have dropped the time zone that glog asks for
+      // Restores the time-zone data, which the C library may have freed when an allocation failed.
+      VsaModelRelease(&model.context);
       return end.count >= n;
     });
   }
@@ -437,14 +444,14 @@ class RowCheck {
   LoopbackServer& server_;
   cv::Mat image_, otherImage_;
   VsaFrame fresh_, other_;
-  Outcome afterFirst_;
+  RunResult afterFirst_;
 };
 
-/// An ONNX Runtime that is too old is looked at when the first model is opened, and refused by an
-/// exception.
+/// The version of ONNX Runtime is checked when the first model is opened; one that is too old leads
+/// to an exception.
 void checkOldOnnxRuntime(const Row& row) {
-  where = "old ONNX Runtime";
-  require(apiRequests == 0, "the table of functions was asked for when the program was loaded");
+  location = "old ONNX Runtime";
+  require(apiRequests == 0, "the function table was requested when the program was loaded");
   fakeNetwork = row.network;
   hasOldOnnxRuntime = true;
   for (int i = 0; i < 2; ++i) {
@@ -472,7 +479,7 @@ int main(int argc, char** argv) {
   google::SetStderrLogging(google::GLOG_FATAL);
   for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity)
     google::SetLogDestination(severity, "");
-  // A request that is meant for a proxy reads otherwise.
+  // A request sent to a proxy would differ.
   setenv("http_proxy", "http://127.0.0.1:9555", 1);
   LoopbackServer server(
       LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[1, 0.5], [2, 3]]})"), 9555);
@@ -493,8 +500,8 @@ int main(int argc, char** argv) {
     ++checked;
   }
   std::cout << "allocations: " << failures << " failed allocations over " << checked << " rows, "
-            << faults << " faults (" << lostByOpenCv << " matrices lost inside OpenCV)"
+            << faults << " faults (" << leakedByOpenCv << " matrices leaked inside OpenCV)"
             << std::endl;
-  // Each row has some two hundred; none would mean that nothing was made to fail.
+  // Each row has about two hundred allocations; far fewer would mean that they were not counted.
   return faults == 0 && checked > 0 && failures > 50 * static_cast<long>(checked) ? 0 : 1;
 }

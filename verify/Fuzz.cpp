@@ -1,7 +1,7 @@
-// Fuzz targets for everything that takes numbers or records from outside. libFuzzer chooses the
-// bytes, --target=NAME the function that reads them. A target traps if the library breaks what its
-// headers promise; the sanitizers and exceptions that the target does not expect end the program
-// too.
+// Fuzz targets for everything that processes numbers or records from outside the library. libFuzzer
+// chooses the bytes; --target=NAME selects the function that reads them. A target traps if the
+// library does not behave as its headers document. Sanitizer findings and unexpected exceptions
+// also end the program.
 
 #include <glog/logging.h>
 #include <json/json.h>
@@ -33,8 +33,8 @@ void require(bool holds) {
   if (!holds) __builtin_trap();
 }
 
-/// Reads values from the bytes of one input, and then from pseudo-random bytes seeded by it. Values
-/// that are read in one expression stand in braces, which fix the order of evaluation.
+/// Reads values from the bytes of one input, and then from pseudo-random bytes seeded by it. If one
+/// expression reads several values, it uses braces, which fix the order of evaluation.
 class Reader {
  public:
   Reader(const std::uint8_t* data, std::size_t size) : next_(data), end_(data + size) {
@@ -61,7 +61,7 @@ class Reader {
     for (float& value : made) value = number();
     return made;
   }
-  /// A coordinate: near a small image, or any.
+  /// A coordinate: usually inside or near a small image, sometimes any int.
   int edge() {
     const int kind = byte();
     return kind < 240 ? kind - 80
@@ -134,25 +134,26 @@ void checkObjects(const std::vector<VsaObject>& objects, cv::Size frame) {
   }
 }
 
-bool thresholdsRefused(const VsaModelConfig& config) {
+/// Whether NMS rejects the thresholds.
+bool areThresholdsInvalid(const VsaModelConfig& config) {
   return !(config.scoreThreshold >= 0.0F && config.nmsThreshold >= 0.0F);
 }
 
-/// Runs `work`, which must throw cv::Exception if and only if `isRefused`.
+/// Runs `work`, which must throw cv::Exception if and only if `isInvalid`.
 template <class Work>
-void throwsIf(bool isRefused, Work work) {
+void throwsIf(bool isInvalid, Work work) {
   bool thrown = false;
   try {
     work();
   } catch (const cv::Exception&) {
     thrown = true;
   }
-  require(thrown == isRefused);
+  require(thrown == isInvalid);
 }
 
 void mapToFrame(const Candidates& candidates, const Scene& scene) {
   if (logBadBox(candidates.badBox)) return;
-  throwsIf(thresholdsRefused(scene.config), [&] {
+  throwsIf(areThresholdsInvalid(scene.config), [&] {
     const FrameObjects found = wantedObjects(candidates, scene.scale, scene.config, scene.frame);
     if (!logBadBox(found.badBox)) checkObjects(found.objects, scene.size);
   });
@@ -186,7 +187,7 @@ void poseBoxes(Reader& in) {
   const Candidates found =
       decodeYolo8Pose({numbers.data(), 5, count}, scene.config.scoreThreshold, scene.scale);
   if (logBadBox(found.badBox)) return;
-  throwsIf(thresholdsRefused(scene.config), [&] { keptAfterNms(found, scene.config); });
+  throwsIf(areThresholdsInvalid(scene.config), [&] { keptAfterNms(found, scene.config); });
 }
 
 void yolo26(Reader& in) {
@@ -344,10 +345,10 @@ void preparations(Reader& in) {
   const auto side = [&](int length) {
     return static_cast<int>(std::round(static_cast<float>(length) * ratio));
   };
-  const bool refused =
+  const bool isInvalid =
       side(region.rows) > size.height || side(region.rows) < 1 || side(region.cols) < 1;
-  throwsIf(refused, [&] { FitToInput(region, size, planes.data()); });
-  throwsIf(refused, [&] { FitToInputNormalized(region, size, planes.data()); });
+  throwsIf(isInvalid, [&] { FitToInput(region, size, planes.data()); });
+  throwsIf(isInvalid, [&] { FitToInputNormalized(region, size, planes.data()); });
   const cv::Size frame = in.size(256);
   const cv::Size shrunk = textInputSize(frame, in.word() >> in.upTo(31));
   require(shrunk.width % 32 == 0 && shrunk.height % 32 == 0 && shrunk.width >= 32 &&
@@ -377,12 +378,13 @@ VsaObject object(Reader& in) {
   return made;
 }
 
-/// Runs the model of a family on a frame. Its buffer has as many pixels as the frame states, unless
-/// the frame must be refused.
-void record(Reader& in, const Family& family, bool isSane) {
+/// Runs the model of a family on a frame. If `isValid`, the frame and the calls are valid;
+/// otherwise some of their fields may be arbitrary. The buffer has the size that the frame states,
+/// unless the frame must be rejected.
+void record(Reader& in, const Family& family, bool isValid) {
   TestModel& model = openModel(family);
   fillConfig(in, model.config);
-  if (isSane) model.config.classCount = 2;
+  if (isValid) model.config.classCount = 2;
   const bool isText = family.outputs.empty();
   if (isText) model.config.inputWidth = in.word() >> in.upTo(31);
   VsaFrame frame;
@@ -399,14 +401,17 @@ void record(Reader& in, const Family& family, bool isSane) {
   VsaModelContext* context = &model.context;
   VsaFrame* framePointer = &frame;
   VsaModelContext other;
-  if (!isSane) {
+  if (!isValid) {
     if (in.oneIn(4)) frame.kind = in.oneIn(2) ? in.word() : kVsaAudioFrame;
     if (in.oneIn(8)) frame.data = nullptr;
     if (in.oneIn(8)) {
       const std::uint32_t width = in.word();
       const std::uint32_t height = in.word();
       const std::uint64_t count = std::uint64_t{width} * height;
-      if (count == 0 || count > 0x7FFFFFFF / 3) frame.width = width, frame.height = height;
+      if (count == 0 || count > 0x7FFFFFFF / 3) {
+        frame.width = width;
+        frame.height = height;
+      }
     }
     if (in.oneIn(16)) framePointer = nullptr;
     if (in.oneIn(16)) context = in.oneIn(2) ? nullptr : &other;
@@ -418,7 +423,7 @@ void record(Reader& in, const Family& family, bool isSane) {
   }
   const std::size_t before = frame.objects.size();
   const bool isDetector = family.category == "Detect";
-  const bool mayThrow = !isDetector || thresholdsRefused(model.config);
+  const bool mayThrow = !isDetector || areThresholdsInvalid(model.config);
   bool done = false;
   try {
     for (const auto run : {VsaModelDetect, VsaModelClassify, VsaModelFeature}) {
@@ -505,7 +510,8 @@ extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
   return 0;
 }
 
-/// Memory that only the engine's threads refer to looks leaked between two executions.
+/// Between two executions, memory that only the engine's threads refer to would be reported as
+/// leaked.
 extern "C" const char* __lsan_default_suppressions() {  // NOLINT(bugprone-reserved-identifier)
   return "leak:libopenvino.so\nleak:libtbb.so\n";
 }

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <string_view>
 
-/// Chooses the target of all later inputs. Prints the names of all targets and returns false if
-/// there is none of this name.
+/// Selects the target for all following inputs. If there is no target of this name, prints the
+/// names of all targets and returns false.
 bool chooseTarget(std::string_view name);
 
 /// Silences logs and limits OpenCV to one thread, as LLVMFuzzerInitialize does.

@@ -4,9 +4,10 @@
 //
 // Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
 //
-// NETWORKS is a folder with yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints what
-// failed and, as the last line, how many expectations were met; the exit code is 0 if all were.
-#define ORT_API_MANUAL_INIT  // the types alone: ONNX Runtime is not linked
+// NETWORKS is a folder with yolo8.xml and yolo8.onnx of tests/support/make_onnx.py. Prints the
+// expectations that were not met and, as the last line, the number of those that were; the exit
+// code is 0 if all were met.
+#define ORT_API_MANUAL_INIT  // only the types are used: ONNX Runtime is not linked
 #include <dlfcn.h>
 #include <glog/logging.h>
 #include <onnxruntime_cxx_api.h>
@@ -132,7 +133,7 @@ void check(const Library& library, const std::string& networks) {
   }
   google::RemoveLogSink(&sink);
   expect(sink.lines >= 10,
-         "the host's sink got " + std::to_string(sink.lines) + " lines of the library");
+         "the host's sink received " + std::to_string(sink.lines) + " lines of the library");
 }
 
 }  // namespace

@@ -15,8 +15,8 @@ int main(int argc, char** argv) {
   for (const auto& folder : std::filesystem::directory_iterator(argv[1])) {
     if (!chooseTarget(folder.path().filename().string())) return 1;
     for (const auto& file : std::filesystem::directory_iterator(folder)) {
-      std::printf("%s\n",
-                  file.path().c_str());  // if the program dies, the last line names its input
+      // If the program crashes, the last line printed names the input.
+      std::printf("%s\n", file.path().c_str());
       std::fflush(stdout);
       std::ifstream stream(file.path(), std::ios::binary);
       const std::vector<char> bytes((std::istreambuf_iterator<char>(stream)), {});

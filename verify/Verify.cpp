@@ -39,11 +39,11 @@ struct Row {
   std::string engine, category, name;
   cv::Size input;
   Strings classes;
-  std::string network;  ///< Path as the model takes it.
-  bool tiny = true;
+  std::string network;  ///< Path as in the configuration of the model.
+  bool tiny = true;     ///< A tiny network instead of a trained one.
 };
 
-/// Every row of the library's table, and the real text models if they are installed.
+/// Every row of the library's table, and the trained text models if they are installed.
 std::vector<Row> makeRows() {
   std::vector<Row> rows;
   for (const Family& family : families()) {
@@ -65,7 +65,7 @@ std::vector<Row> makeRows() {
 }
 
 std::string titleOf(const Row& row) {
-  return row.engine + " " + row.category + " " + row.name + (row.tiny ? "" : " (real)");
+  return row.engine + " " + row.category + " " + row.name + (row.tiny ? "" : " (trained)");
 }
 
 /// A frame that every model accepts: an image with bars, a word and three objects, and a block of
@@ -149,7 +149,7 @@ double median(std::vector<double> values) {
   return *middle;
 }
 /// Growth per sample over the second half: the median of all slopes between two samples. A leak
-/// changes most of the slopes, a single block that the allocator takes or returns only a few.
+/// changes most of the slopes, a single block that the allocator requests or returns only a few.
 double slope(const std::vector<double>& samples) {
   std::vector<double> slopes;
   for (std::size_t i = samples.size() / 2; i < samples.size(); ++i) {
@@ -167,14 +167,15 @@ double growth(const std::vector<double>& samples) {
   return median({samples.end() - tenth, samples.end()}) - median({middle, middle + tenth});
 }
 
-/// Divides a time limit among the parts of a check; without a limit, parts run to their end.
-class Shares {
+/// Divides a time limit among the parts of a check. Without a limit, each part runs in full.
+class TimeShares {
  public:
-  Shares(double seconds, std::size_t parts)
+  TimeShares(double seconds, std::size_t parts)
       : seconds_(seconds), parts_(static_cast<double>(parts)) {}
   void next() { ++part_; }
-  /// Whether the part continues after `done` rounds: always below `min`, never from `max` on.
-  bool more(int done, int min, int max) const {
+  /// Whether the part continues after `done` rounds: always if `done` is below `min`, never if it
+  /// is `max` or more, otherwise while there is time left.
+  bool continues(int done, int min, int max) const {
     const std::chrono::duration<double> spent = Clock::now() - start_;
     return done < max && (done < min || seconds_ <= 0 || spent.count() < seconds_ * part_ / parts_);
   }
@@ -220,22 +221,22 @@ std::string lifecycles(const std::vector<Row>& rows, double seconds) {
                   {"unknown device", "OpenVINO", "YOLO8", rows.at(0).network, "NONE"},
                   {"unknown name", "OpenVINO", "YOLO0", rows.at(0).network}};
   const Input input;
-  Shares shares(seconds, rows.size() + std::size(failures));
+  TimeShares shares(seconds, rows.size() + std::size(failures));
   double maxGrowth = 0;
   int fewest = 200;
   int fewestFailures = 400;
   const auto runPart = [&](const std::string& title, int min, int max, int& fewestDone,
                            const auto& cycle) {
     shares.next();
-    for (int i = 0; i < 3; ++i) cycle();  // initialises what is kept
+    for (int i = 0; i < 3; ++i) cycle();  // allocates the memory that is kept between cycles
     const Counts before = settledCounts();
     std::vector<double> samples;
     int done = 0;
     double grown = 0;
-    // Over a few cycles, blocks that the allocator keeps look like growth. A part that seems to
-    // grow runs twice as many cycles, repeatedly, up to twice the full count.
+    // Over a few cycles, blocks that the allocator keeps look like growth. If a part seems to grow,
+    // the number of cycles is doubled repeatedly, up to twice the full number.
     for (int count = min; done == 0 || (grown >= 1 && count <= 2 * max); count = 2 * done) {
-      for (; shares.more(done, count, std::max(count, max)); ++done) {
+      for (; shares.continues(done, count, std::max(count, max)); ++done) {
         cycle();
         samples.push_back(residentMemory());
       }
@@ -278,9 +279,9 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
   const Input plain;
   std::vector<Input> sizes;
   for (int i = 0; i < 25; ++i) sizes.emplace_back(160 + 64 * (i % 5), 160 + 64 * (i / 5));
-  // The vector may have moved its elements, so each frame is pointed to its own audio again.
+  // The vector may have moved its elements, so the pointer of each frame to its audio is set again.
   for (Input& input : sizes) input.frame.audioData = input.audio;
-  Shares shares(seconds, rows.size());
+  TimeShares shares(seconds, rows.size());
   double maxGrowth = 0;
   double runs = 0;
   int fewest = 20000;
@@ -294,9 +295,9 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
     Strings first;  // of each size
     int done = 0;
     int different = 0;
-    // The memory of the real detector stops growing after about eight rounds of its 25 sizes.
+    // The memory of the trained detector stops growing after about eight rounds of its 25 sizes.
     const int min = row.tiny || anySize ? 500 : 200;
-    for (; shares.more(done, min, max); ++done) {
+    for (; shares.continues(done, min, max); ++done) {
       const std::size_t size = anySize ? static_cast<std::size_t>(done) % sizes.size() : 0;
       const std::string result = bytesOf(model.runOn(anySize ? sizes[size] : plain));
       if (first.size() == size) first.push_back(result);
@@ -308,7 +309,7 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
               << " KB in the second half, " << formatNumber(samples.back(), 0) << " KB, "
               << different << " differ" << std::endl;
     expect(grown < (row.tiny ? 256 : 1024), titleOf(row) + " grows");
-    expect(different == 0, titleOf(row) + " gives other results for the same frame");
+    expect(different == 0, titleOf(row) + " returns different results for the same frame");
     expect(bytesOf(model.runOn(plain)) != bytesOf(plain.frame), titleOf(row) + " has no result");
     differentResults += different;
     maxGrowth = std::max(maxGrowth, grown);
@@ -321,8 +322,8 @@ std::string soak(const std::vector<Row>& rows, double seconds) {
          std::to_string(differentResults) + " results differ";
 }
 
-/// Four threads run one context of `row` at once, each on a frame of its own. Returns how many runs
-/// gave another result than alone.
+/// Four threads run one context of `row` concurrently, each on its own frame. Returns the number of
+/// runs whose result differs from that of a single thread.
 int runTogether(const Row& row, const Input (&inputs)[2], const Strings (&expected)[2],
                 std::size_t index) {
   std::atomic<int> different = 0;
@@ -345,8 +346,7 @@ int runTogether(const Row& row, const Input (&inputs)[2], const Strings (&expect
 }
 
 std::string threads(const std::vector<Row>& rows, double seconds) {
-  const Input inputs[] = {Input(128, 96),
-                          Input(96, 160)};  // contexts of one model must not mix them up
+  const Input inputs[] = {Input(128, 96), Input(96, 160)};  // with different results
   Strings expected[2];
   for (const Row& row : rows) {
     for (const std::size_t i : {0U, 1U})
@@ -356,11 +356,11 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (rows[i].engine != "ONNXRuntime") continue;
     expect(runTogether(rows[i], inputs, expected, i) == 0,
-           titleOf(rows[i]) + " differs if runs overlap");
+           titleOf(rows[i]) + " returns different results if runs overlap");
     ++shared;
   }
   std::atomic<int> different = 0, made = 0, thrown = 0, working = 8;
-  Shares shares(seconds, 1);
+  TimeShares shares(seconds, 1);
   shares.next();
   const auto work = [&](std::size_t thread, std::size_t row, int runs) {
     const std::size_t input = thread % 2;
@@ -375,11 +375,11 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
     }
   };
   std::vector<std::thread> running;
-  // The eight are at different models all the time.
+  // At any time, these eight threads run different models.
   for (std::size_t i = 0; i < 8; ++i) {
     running.emplace_back([&, i] {
-      const int most = 4 * static_cast<int>(rows.size());
-      for (int round = 0; shares.more(round, 3, most); ++round) {
+      const int maxRounds = 4 * static_cast<int>(rows.size());
+      for (int round = 0; shares.continues(round, 3, maxRounds); ++round) {
         work(i, (2 * i + static_cast<std::size_t>(round)) % rows.size(), 10);
       }
       --working;
@@ -391,11 +391,12 @@ std::string threads(const std::vector<Row>& rows, double seconds) {
     });
   }
   for (std::thread& thread : running) thread.join();
-  expect(different == 0, std::to_string(different) + " runs gave another result than alone");
+  expect(different == 0,
+         std::to_string(different) + " runs gave another result than in a single thread");
   expect(thrown == 0, std::to_string(thrown) + " calls failed");
   return "12 threads, " + std::to_string(made) + " contexts of " + std::to_string(rows.size()) +
          " models made and run, " + std::to_string(different) + " results differ; " +
-         std::to_string(shared) + " ONNX contexts run by 4 threads at once";
+         std::to_string(shared) + " ONNX contexts run by 4 threads concurrently";
 }
 
 }  // namespace

@@ -97,7 +97,7 @@ OrDetect::OrDetect(const VsaModelConfig* modelConfig, const std::string& root, O
   options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
   session = std::make_unique<Ort::Session>(environment, widened<ORTCHAR_T>(path).c_str(), options);
   ready = checkNetwork(where);
-  // A refused network is closed at once: the destructor releases the session only if `ready`.
+  // A rejected network is closed at once: the destructor releases the session only if `ready`.
   if (!ready) session.reset();
 }
 
@@ -115,7 +115,7 @@ bool OrDetect::checkNetwork(const std::source_location& where) {
     logError("network input is no picture," + input.text(), where);
     return false;
   }
-  // ONNX Runtime itself refuses other dimensions and types when the network runs.
+  // ONNX Runtime itself rejects other mismatches of dimensions and type when the network runs.
   if (input.dimensions[2] != std::int64_t{config->inputHeight} ||
       input.dimensions[3] != std::int64_t{config->inputWidth}) {
     logError("input_height=" + std::to_string(input.dimensions[2]) +
@@ -132,7 +132,7 @@ bool OrDetect::checkNetwork(const std::source_location& where) {
     logError("network output is no float tensor of rank 3," + output.text(), where);
     return false;
   }
-  // Deliberate: the low 32 bits of each.
+  // Deliberate: only the low 32 bits of each dimension are used.
   outputDimensions[0] = static_cast<std::int32_t>(output.dimensions[layout_.values]);
   outputDimensions[1] = static_cast<std::int32_t>(output.dimensions[layout_.candidates]);
   if (outputDimensions[0] < 1 || outputDimensions[1] < 1) {
@@ -174,8 +174,8 @@ std::optional<OrDetect::Inference> OrDetect::inferLetterboxed(const cv::Mat& ima
   std::vector<Ort::Value> output =
       session->Run(Ort::RunOptions{nullptr}, &inputName, &value, 1, &outputName, 1);
 
-  // Deliberate: the size known since the network was opened governs the decoding. A network may
-  // return less than it declares, so the number of floats is checked.
+  // Deliberate: decoding uses the output size that the network declared when it was opened. The
+  // actual output may be smaller, so the number of floats is checked.
   const bool inColumns = layout_.values < layout_.candidates;
   const int rows = outputDimensions[inColumns ? 0 : 1];
   const int cols = outputDimensions[inColumns ? 1 : 0];

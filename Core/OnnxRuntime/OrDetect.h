@@ -1,8 +1,8 @@
 // What every ONNX Runtime detector does to open, feed, run and close its network.
 #pragma once
 
-// The wrapper classes look up ONNX Runtime's table of functions when openApi() says so, not when
-// the library is loaded.
+// With this macro the wrapper classes get ONNX Runtime's table of functions in openApi() instead of
+// when the library is loaded.
 #define ORT_API_MANUAL_INIT
 #include <onnxruntime_cxx_api.h>
 
@@ -34,8 +34,8 @@ constexpr OutputLayout kCandidateColumns = {1, 2};  // [1, values, candidates]
 /// object of namespace Ort exists: even the destructor of an empty one uses the table.
 void openApi();
 
-/// The memory of a network's input, kept between runs: fresh memory costs a page fault for each
-/// page. Runs that overlap take different buffers. Takes no lock.
+/// Input buffers that are kept between runs, because new memory costs a page fault per page. Runs
+/// that overlap use different buffers. Lock-free.
 class InputPool {
  public:
   struct Buffer {
@@ -61,7 +61,8 @@ class InputPool {
  private:
   void put(Buffer* buffer);
 
-  /// As many runs may overlap without fresh memory.
+  /// Buffers that no run uses. As many runs as there are slots may overlap without allocating
+  /// memory each time.
   std::array<std::atomic<Buffer*>, 8> idle_{};
 };
 
@@ -69,18 +70,18 @@ class InputPool {
 /// overlap, given different frames: a run changes nothing but its frame and a buffer of its own.
 class OrDetect : public VsaDetect {
  protected:
-  /// Opens the model file that the configuration names, to the letter. A network of more than one
-  /// input, of another input size than configured or of an output that is not a table of known size
-  /// is refused: one "[E]" line, and `ready` stays false. Logs under the derived constructor's own
-  /// file. Throws Ort::Exception if ONNX Runtime fails.
+  /// Opens the model file at exactly the configured path. A network with more than one input, with
+  /// an input size that differs from the configured one, or with an output that is not a float
+  /// tensor of rank 3 and fixed size is rejected: one "[E]" line, and `ready` stays false. Log
+  /// lines carry the file of the derived constructor. Throws Ort::Exception if ONNX Runtime fails.
   OrDetect(const VsaModelConfig* modelConfig, const std::string& root, OutputLayout layout,
            std::source_location where = std::source_location::current());
 
-  /// The derived destructor has logged its own line.
+  /// The derived destructor logs the line about the release.
   ~OrDetect() override;
 
-  /// The pixels of the frame, as imageOf gives them. Returns nullopt, after one "[E]" line, for a
-  /// network that was refused, too.
+  /// The pixels of the frame, as imageOf returns them. Also returns nullopt, after one "[E]" line,
+  /// if the network was rejected when it was opened.
   std::optional<cv::Mat> openFrame(
       const VsaFrame* frame, std::source_location where = std::source_location::current()) const;
 
@@ -92,13 +93,13 @@ class OrDetect : public VsaDetect {
     float scale;                     ///< Network pixels times `scale` are frame pixels.
   };
 
-  /// Runs the network on the letterboxed image. Returns nullopt, after one "[E]" line, if letterbox
-  /// refuses the image or the output is shorter than the network declares.
+  /// Runs the network on the letterboxed image. Returns nullopt, after one "[E]" line, if
+  /// letterbox() rejects the image or the output is shorter than the network declares.
   std::optional<Inference> inferLetterboxed(
       const cv::Mat& image, std::source_location where = std::source_location::current());
 
   Ort::Env environment;
-  std::unique_ptr<Ort::Session> session;  ///< Empty if the network was refused.
+  std::unique_ptr<Ort::Session> session;  ///< Null if the network was rejected.
   std::vector<std::string> inputNames;
   std::vector<std::string> outputNames;
   std::int32_t outputDimensions[2] = {0, 0};  ///< Values of a candidate, number of candidates.

@@ -15,8 +15,8 @@ std::unique_ptr<VsaDetect> makeOrDetectYolo8(const VsaModelConfig* config,
 std::unique_ptr<VsaDetect> makeOrDetectYolo26(const VsaModelConfig* config,
                                               const std::string& modelRoot);
 
-/// Adds "ONNXRuntime-CPU" if ONNX Runtime has its CPU provider. Logs its version. Throws what it
-/// throws.
+/// Adds "ONNXRuntime-CPU" if ONNX Runtime has its CPU provider. Logs the version of ONNX Runtime.
+/// Throws Ort::Exception if ONNX Runtime fails.
 void addOnnxRuntimeDevices(VsaDeviceSet& devices);
 
 }  // namespace TolCompatibleLib

@@ -28,8 +28,8 @@ class OvClassifyAudioNet final : public OvModel<VsaClassify> {
 
 constexpr char kService[] = "http://127.0.0.1:9555";
 
-/// Writes all rows one after the other, cut off at the end of the plane or filled up with zeros;
-/// then copies the plane twice.
+/// Writes all rows one after the other into the first plane, truncated at its end or padded with
+/// zeros, and copies that plane to the other two.
 void fillSpectrogramPlanes(const MelSpectrogram& rows, std::size_t planeSize, float* planes) {
   std::size_t filled = 0;
   for (const std::vector<float>& row : rows) {
@@ -80,7 +80,7 @@ bool OvClassifyAudioNet::run(VsaFrame* frame) {
   const auto scores = firstFloats(output, config->classCount);
   if (!scores) return false;
   const ClassScore best = bestClass(*scores);
-  // A NaN score (of infinite scores) does not pass, as in the image classifier.
+  // As in the image classifier, a NaN score (the result of infinite scores) does not pass.
   if (best.score < config->scoreThreshold || std::isnan(best.score)) return true;
   const std::string* label = wantedName(best.classId, *config, frame->wantedLabels);
   if (label == nullptr) return true;

@@ -71,7 +71,7 @@ bool OvDetectPaddleOCR::run(VsaFrame* frame) {
     logError("network output is empty," + output.get_shape().to_string());
     return false;
   }
-  // A cv::Mat cannot refer to constant memory; the map is only read.
+  // A cv::Mat cannot wrap const memory; the map is only read.
   const cv::Mat map(probabilities->rows, probabilities->cols, CV_32FC1,
                     const_cast<float*>(probabilities->data));
   TextBoxParams params;

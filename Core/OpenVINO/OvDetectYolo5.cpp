@@ -19,8 +19,8 @@ namespace {
 ov::CompiledModel compileWithNormalisation(ov::Core& core, const std::string& file,
                                            const std::string& device) {
   ov::preprocess::PrePostProcessor stages(core.read_model(file));
-  // Deliberate: both sides are declared RGB, so no channels are swapped and the network gets the
-  // host's blue first.
+  // Deliberate: input and model are both declared RGB, so no channels are swapped and the network
+  // gets the host's order, blue first.
   stages.input()
       .tensor()
       .set_element_type(ov::element::u8)

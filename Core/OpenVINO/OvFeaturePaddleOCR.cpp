@@ -1,7 +1,7 @@
 // Text recognition: reads each text region of the frame, one line at a time.
 // Input is [1, 3, height, width] floats: the region scaled to the input's height, with zeros to the
 // right of it. Output is [1, T, C] floats: the scores of C classes at each of T time steps, class 0
-// being the CTC blank. Regions without a pixel are dropped from the frame's objects.
+// being the CTC blank. Objects whose region has no pixel in the image are removed from the frame.
 
 #include <algorithm>
 #include <utility>
@@ -45,7 +45,7 @@ OvFeaturePaddleOCR::OvFeaturePaddleOCR(const VsaModelConfig* modelConfig, const 
 }
 
 /// The part of the image that a region covers: the bounding box of its four corners or, without
-/// corners, its own box. Empty if no pixel is left.
+/// corners, its own box. Empty if the region contains no pixel.
 cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   std::pair<int, int> x(object.left, object.right);
   std::pair<int, int> y(object.top, object.bottom);

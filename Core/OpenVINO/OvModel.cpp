@@ -14,9 +14,10 @@ ov::CompiledModel compileAsStored(ov::Core& core, const std::string& file,
 
 namespace {
 
-/// @param layout the expected input, with H and W in place of the configured sizes.
-void refuseInput(const ov::Output<const ov::Node>& input, std::string_view layout,
-                 const VsaModelConfig& config, const std::source_location& where) {
+/// Logs the input of the network and the expected one.
+/// @param layout the expected type and shape, with H and W in place of the configured sizes.
+void logInputMismatch(const ov::Output<const ov::Node>& input, std::string_view layout,
+                      const VsaModelConfig& config, const std::source_location& where) {
   std::string text = "network input is " + input.get_element_type().to_string() +
                      input.get_partial_shape().to_string() + ",expected ";
   for (const char c : layout) {
@@ -55,7 +56,7 @@ OvModel<Interface>::~OvModel() {
     try {
       inferRequest.cancel();
     } catch (...) {
-      // Nothing is running, so nothing had to be cancelled; and a destructor must not throw.
+      // No inference is running that would have to be cancelled, and a destructor must not throw.
     }
   }
   // The engine is freed first. The request and the compiled network, which are destroyed after it,
@@ -71,11 +72,11 @@ std::optional<float> OvModel<Interface>::feedLetterboxed(const cv::Mat& image, I
                                      ? ov::PartialShape{1, 3, inputSize.height, inputSize.width}
                                      : ov::PartialShape{1, inputSize.height, inputSize.width, 3};
   const ov::Output<const ov::Node> input = compiledModel.input();
-  // As a dimension, a size too large for an int would mean any size.
+  // A size too large for an int becomes negative, and a dimension of -1 would be a dynamic one.
   if (inputSize.empty() ||
       input.get_element_type() != (isPlanes ? ov::element::f32 : ov::element::u8) ||
       input.get_partial_shape() != shape) {
-    refuseInput(input, isPlanes ? kPlanesText : kPixelsText, *this->config, where);
+    logInputMismatch(input, isPlanes ? kPlanesText : kPixelsText, *this->config, where);
     return std::nullopt;
   }
   input_ = inferRequest.get_input_tensor();
@@ -106,7 +107,7 @@ float* OvModel<Interface>::inputPlanes(std::source_location where) {
   const ov::PartialShape shape{1, 3, inputSize.height, inputSize.width};
   if (inputSize.empty() || input.get_element_type() != ov::element::f32 ||
       !input.get_partial_shape().compatible(shape)) {
-    refuseInput(input, kPlanesText, *this->config, where);
+    logInputMismatch(input, kPlanesText, *this->config, where);
     return nullptr;
   }
   ov::Tensor tensor = inferRequest.get_input_tensor(0);

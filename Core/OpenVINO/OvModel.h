@@ -17,15 +17,15 @@
 
 namespace TolCompatibleLib {
 
-/// Makes a compiled network of a file.
+/// Reads and compiles the network in a file.
 using Compile = ov::CompiledModel (*)(ov::Core& core, const std::string& file,
                                       const std::string& device);
 
-/// Compiles the network as the file holds it, with the engine's default properties.
+/// Compiles the network without changes, with the engine's default properties.
 ov::CompiledModel compileAsStored(ov::Core& core, const std::string& file,
                                   const std::string& device);
 
-/// What a detector's network takes: [1, 3, height, width] floats or [1, height, width, 3] bytes.
+/// Input of a detector's network: [1, 3, height, width] floats or [1, height, width, 3] bytes.
 enum class InputFormat { kPlanes, kPixels };
 
 /// The model behind `Interface` (VsaDetect, VsaClassify or VsaFeature) on OpenVINO. Each model has
@@ -34,13 +34,14 @@ template <class Interface>
 class OvModel : public Interface {
  protected:
   /// Opens and compiles the model file that the configuration names. Logs `className` + "()" and
-  /// the path under the derived constructor's own file: the default argument is evaluated there, so
-  /// that constructor must be written out. Throws what the engine throws.
+  /// the path; the lines carry the file of the derived constructor, because the default argument is
+  /// evaluated there, so that constructor must be written out. Throws ov::Exception if the engine
+  /// fails.
   OvModel(std::string_view className, const VsaModelConfig* modelConfig, const std::string& root,
           Compile compile = compileAsStored,
           std::source_location where = std::source_location::current());
 
-  /// Does not throw. The derived destructor has logged its own line.
+  /// Does not throw. The derived destructor logs the line about the release.
   ~OvModel() override;
 
   /// The result of one run of a detector.
@@ -51,27 +52,28 @@ class OvModel : public Interface {
   };
 
   /// Runs the network on the letterboxed frame. Returns nullopt, after one "[E]" line (none for a
-  /// frame of another kind), for a frame that imageOf or letterbox refuses, a network whose input
-  /// is not of `format` and the configured size, and an output that is not floats of rank 3.
+  /// frame of another kind), if imageOf() or letterbox() rejects the frame, if the network's input
+  /// does not have `format` and the configured size, or if output 0 is not a float tensor of
+  /// rank 3.
   std::optional<Inference> inferLetterboxed(
       const VsaFrame* frame, InputFormat format = InputFormat::kPlanes,
       std::source_location where = std::source_location::current());
 
   /// Writes a region into three planes of `size` floats each.
   using Prepare = void (*)(const cv::Mat& region, cv::Size size, float* planes);
-  /// Reads output 0 of the object with that index; returns false, after one "[E]" line, if the
-  /// output does not fit.
+  /// Reads output 0 for the object with that index; returns false, after one "[E]" line, if the
+  /// type or size of the output is wrong.
   using Read = std::function<bool(std::size_t index, const ov::Tensor& output)>;
 
   /// Runs the network on the box of every object of an image frame, in order, and passes each
   /// output to `read`. Returns false, after at most one "[E]" line, if the frame or the network's
-  /// input is refused or `read` returned false. Without objects nothing is looked at. Throws
-  /// cv::Exception if a box leaves the image.
+  /// input is rejected or `read` returns false. Without objects it returns true and checks neither.
+  /// Throws cv::Exception if a box extends beyond the image.
   bool inferRegions(const VsaFrame* frame, Prepare prepare, const Read& read,
                     std::source_location where = std::source_location::current());
 
-  /// The memory of the request's own input tensor, given the shape [1, 3, height, width] of
-  /// `inputSize`. Null, after one "[E]" line, if the network does not take floats of that shape.
+  /// The memory of the request's own input tensor, after setting its shape to [1, 3, height, width]
+  /// of `inputSize`. Null, after one "[E]" line, if the network does not take floats of that shape.
   float* inputPlanes(std::source_location where = std::source_location::current());
 
   std::unique_ptr<ov::Core> core;
@@ -84,14 +86,14 @@ class OvModel : public Interface {
                                        const std::source_location& where);
 
   LetterboxWriter letterboxWriter_;
-  /// The request's input. Held so that no other memory can get the address at which
-  /// `letterboxWriter_` remembers its padding.
+  /// The request's input. Kept so that its memory is not freed and reused: `letterboxWriter_`
+  /// recognises the padding by the address.
   ov::Tensor input_;
 };
 
 /// The last two dimensions of an output of `rank` dimensions as a table; earlier dimensions are
-/// ignored. Returns nullopt, after one "[E]" line, for another rank, another type than float and a
-/// tensor with fewer numbers.
+/// ignored. Returns nullopt, after one "[E]" line, if the rank or the type (float) is wrong or the
+/// tensor holds fewer numbers than the table needs.
 std::optional<FloatGrid> gridOf(const ov::Tensor& output, std::size_t rank,
                                 std::source_location where = std::source_location::current());
 

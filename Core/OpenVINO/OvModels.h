@@ -37,10 +37,10 @@ std::unique_ptr<VsaFeature> makeOvFeatureVsOCR(const VsaModelConfig* config,
                                                const std::string& modelRoot);
 
 /// Adds "OpenVINO-" + name for every device that OpenVINO offers, and "OpenVINO-GPU" if one of them
-/// is a GPU. Logs the engine's version. Throws what the engine throws.
+/// is a GPU. Logs the engine's version. Throws ov::Exception if the engine fails.
 void addOpenVinoDevices(VsaDeviceSet& devices);
 
-/// Adds the names for the devices in `available`.
+/// Adds these names for the devices in `available`.
 void addOpenVinoDeviceNames(const std::vector<std::string>& available, VsaDeviceSet& devices);
 
 }  // namespace TolCompatibleLib

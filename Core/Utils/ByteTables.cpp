@@ -11,17 +11,17 @@ namespace {
 constexpr double kOneOver255 = 0.00392156862745098;
 constexpr double kTwoOver255 = 0.00784313725490196;
 
-/// One row of 256 pixels whose three channels hold the byte of their column.
-cv::Mat everyByte() {
+/// One row of 256 pixels; all three channels of pixel i have the value i.
+cv::Mat byteRamp() {
   cv::Mat ramp(1, 256, CV_8UC3);
   for (int i = 0; i < 256; ++i) ramp.at<cv::Vec3b>(0, i) = cv::Vec3b::all(static_cast<uchar>(i));
   return ramp;
 }
 
-/// everyByte() as floats, each multiplied by `scale`.
-cv::Mat scaledBytes(double scale) {
+/// byteRamp() as floats, each multiplied by `scale`.
+cv::Mat scaledRamp(double scale) {
   cv::Mat ramp;
-  everyByte().convertTo(ramp, CV_32FC3, scale);
+  byteRamp().convertTo(ramp, CV_32FC3, scale);
   return ramp;
 }
 
@@ -41,7 +41,7 @@ ByteTables tablesOf(const cv::Mat& ramp) {
 
 const ByteTables& unitTables() {
   static const ByteTables tables = [] {
-    const cv::Mat blob = cv::dnn::blobFromImage(everyByte(), kOneOver255, cv::Size(256, 1),
+    const cv::Mat blob = cv::dnn::blobFromImage(byteRamp(), kOneOver255, cv::Size(256, 1),
                                                 cv::Scalar(), /*swapRB=*/true, /*crop=*/false);
     ByteTables made;
     for (auto& table : made) std::copy_n(blob.ptr<float>(), 256, table.begin());
@@ -52,7 +52,7 @@ const ByteTables& unitTables() {
 
 const ByteTables& textDetectorTables() {
   static const ByteTables tables = [] {
-    cv::Mat ramp = scaledBytes(kOneOver255);
+    cv::Mat ramp = scaledRamp(kOneOver255);
     cv::subtract(ramp, cv::Scalar(0.485, 0.456, 0.406), ramp);
     cv::divide(ramp, cv::Scalar(0.229, 0.224, 0.225), ramp);
     return tablesOf(ramp);
@@ -62,7 +62,7 @@ const ByteTables& textDetectorTables() {
 
 const ByteTables& textLineTables() {
   static const ByteTables tables = [] {
-    cv::Mat ramp = scaledBytes(kTwoOver255);
+    cv::Mat ramp = scaledRamp(kTwoOver255);
     cv::subtract(ramp, cv::Scalar::all(1.0), ramp);
     return tablesOf(ramp);
   }();
@@ -86,13 +86,13 @@ const ByteTables& classifierTables() {
 }
 
 const ByteTables& fittedTables() {
-  static const ByteTables tables = tablesOf(scaledBytes(kOneOver255));
+  static const ByteTables tables = tablesOf(scaledRamp(kOneOver255));
   return tables;
 }
 
 const ByteTables& fittedNormalizedTables() {
   static const ByteTables tables = [] {
-    cv::Mat ramp = scaledBytes(kOneOver255);
+    cv::Mat ramp = scaledRamp(kOneOver255);
     cv::subtract(ramp, cv::Scalar(0.406F, 0.456F, 0.485F), ramp);
     cv::divide(ramp, cv::Scalar(0.225F, 0.224F, 0.229F), ramp);
     return tablesOf(ramp);

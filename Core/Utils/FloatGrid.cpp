@@ -10,7 +10,7 @@ namespace {
 
 constexpr float kMinusInfinity = -std::numeric_limits<float>::infinity();
 
-/// The greater of two; `best` where `value` is NaN.
+/// The greater of the two; `best` if `value` is NaN.
 float greater(float best, float value) {
   return value > best ? value : best;
 }
@@ -36,7 +36,7 @@ float maximum(const float* values, int count) {
 }  // namespace
 
 int firstMaximum(const float* values, int count) {
-  // In blocks, so that only the first block with the maximum is searched for its index.
+  // Search block by block, so that only the first block with the maximum is scanned for its index.
   constexpr int kBlock = 1024;
   float best = kMinusInfinity;
   int block = 0;
@@ -53,7 +53,7 @@ int firstMaximum(const float* values, int count) {
 std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
                                         float threshold) {
   std::vector<ColumnMaximum> found;
-  // The maxima of as many columns as fit into the first-level cache.
+  // Columns per block, so that their maxima fit into the first-level cache.
   constexpr std::int64_t kBlock = 1024;
   std::array<float, kBlock> best;
   for (std::int64_t begin = 0; begin < grid.cols; begin += kBlock) {

@@ -23,13 +23,13 @@ int firstMaximum(const float* values, int count);
 /// A column of a table whose maximum is above a threshold.
 struct ColumnMaximum {
   int column;
-  int row;  ///< Relative to the first row looked at; the first of equal values.
+  int row;  ///< Relative to `firstRow`; the first of equal values.
   float value;
 };
 
-/// The columns whose maximum over the rows `firstRow` to `firstRow + rowCount - 1`, which must lie
-/// in the grid, is greater than `threshold`, from left to right. NaN is never the maximum. Reads
-/// the table row by row, as it is stored, and searches for the row of a maximum only if it is
+/// The columns whose maximum over the rows `firstRow` to `firstRow + rowCount - 1`, which must
+/// exist, is greater than `threshold`, from left to right. NaN is never the maximum. Reads the
+/// table row by row, as it is stored, and searches for the row of a maximum only if the maximum is
 /// greater.
 std::vector<ColumnMaximum> columnsAbove(FloatGrid grid, int firstRow, int rowCount,
                                         float threshold);

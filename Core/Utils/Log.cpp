@@ -8,8 +8,8 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// "…/Core/OpenVINO/OvDetectYolo8.cpp" as it stands in the source tree:
-/// "Core/OpenVINO/OvDetectYolo8".
+/// The path of a source file from "Core/" on, without its extension: "Core/OpenVINO/OvDetectYolo8"
+/// for "…/Core/OpenVINO/OvDetectYolo8.cpp".
 std::string nameInSourceTree(std::string_view file) {
   std::string name(file);
   std::replace(name.begin(), name.end(), '\\', '/');
@@ -24,7 +24,7 @@ void logLine(std::string_view tag, std::string_view text,
              const std::source_location& where) noexcept {
   try {
     const std::string file = nameInSourceTree(where.file_name());
-    // Deliberate: information severity for errors, too; only the tag tells the level.
+    // Deliberate: errors have information severity, too; only the tag shows the level.
     google::LogMessage(file.c_str(), static_cast<int>(where.line())).stream() << tag << text;
   } catch (...) {
     // A lost line must not fail the call that wrote it.

@@ -6,8 +6,8 @@
 
 namespace TolCompatibleLib {
 
-/// Logs "[I]" and `text` under the caller's own source file and line. Never throws: a line that
-/// cannot be written (out of memory) is dropped, so that destructors may log.
+/// Logs "[I]" and `text` with the caller's source file and line. Never throws: a line that cannot
+/// be written (out of memory) is dropped, so that destructors may log.
 void logInfo(std::string_view text,
              std::source_location where = std::source_location::current()) noexcept;
 

@@ -35,8 +35,8 @@ void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
   const auto width = static_cast<std::size_t>(crop.width);
   const auto stride = static_cast<std::size_t>(prototypes.size.width);
   const std::size_t plane = stride * static_cast<std::size_t>(prototypes.size.height);
-  // OpenCV computes the exponentials of short rows by another formula than those of long ones.
-  // Short rows are lengthened, so that a mask does not depend on the size of its box.
+  // OpenCV computes the exponentials of short rows with another formula than those of long rows.
+  // Short rows are padded, so that a mask does not depend on the size of its box.
   constexpr int kMinLength = 64;
   cv::Mat sums = cv::Mat::zeros(1, std::max(crop.area(), kMinLength), CV_32FC1);
   // Four prototypes at a time, which saves three of four loads and stores of the sums.
@@ -66,8 +66,8 @@ void fillProbabilities(const cv::Rect& crop, const MaskPrototypes& prototypes,
   }
 }
 
-/// Input pixels per mask pixel, if they are a power of two from 2 to 64 in both directions; else
-/// nullopt. With such a ratio the sample positions of bilinear interpolation are exact, so a part
+/// Input pixels per mask pixel, if this is a power of two from 2 to 64 in both directions; nullopt
+/// otherwise. With such a ratio the sample positions of bilinear interpolation are exact, so a part
 /// of the mask with a border of one pixel gives the same numbers as the whole mask.
 std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
   const auto isExact = [](int size, int of) {
@@ -78,11 +78,12 @@ std::optional<cv::Size> exactRatio(cv::Size mask, cv::Size input) {
   return cv::Size(input.width / mask.width, input.height / mask.height);
 }
 
-/// Probabilities this close to one half may be on either side of it: interpolation between numbers
-/// from 0 to 1 has an error of at most 1.3e-7, here and in OpenCV.
+/// Interpolation between numbers from 0 to 1 has an error of at most 1.3e-7, here and in OpenCV. A
+/// probability that differs from one half by more than this tolerance is on the same side of one
+/// half in both.
 constexpr float kTolerance = 5e-7F;
 
-/// 255 where `mask`, resized to `size`, is above one half; else 0.
+/// `mask`, resized to `size`, as a binary image: 255 for pixels above one half, 0 for others.
 cv::Mat aboveHalf(const cv::Mat& mask, cv::Size size) {
   cv::Mat resized;
   cv::resize(mask, resized, size, 0, 0, cv::INTER_LINEAR);
@@ -91,8 +92,8 @@ cv::Mat aboveHalf(const cv::Mat& mask, cv::Size size) {
   return above;
 }
 
-/// Fills a cell of `ratio` pixels of `above`, from `at` on, by interpolation between two values of
-/// `upper` and two of `lower`.
+/// Fills the cell of `above` with the top-left pixel `at` and the size `ratio`, by interpolation
+/// between its four corners: two values each at `upper` and `lower`.
 inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::Size ratio,
                      cv::Mat& above) {
   const float stepX = 1.0F / static_cast<float>(ratio.width);
@@ -111,17 +112,18 @@ inline void fillCell(const float* upper, const float* lower, cv::Point at, cv::S
     }
   }
   if (closest > kTolerance) return;
-  // Too close to decide: the result depends on the order in which OpenCV rounds.
+  // A pixel is too close to one half: the result depends on the order in which OpenCV rounds.
   const cv::Mat corners = (cv::Mat_<float>(2, 2) << upper[0], upper[1], lower[0], lower[1]);
   const cv::Rect inner({ratio.width / 2, ratio.height / 2}, ratio);
   aboveHalf(corners, ratio * 2)(inner).copyTo(above(cv::Rect(at, ratio)));
 }
 
-/// The same as aboveHalf for a mask enlarged by an exact ratio. Interpolates only at the edges of
-/// the mask: a pixel between four values on one side of one half is on that side, too. The result
-/// uses `memory`.
+/// The result of aboveHalf() for a mask enlarged by an exact ratio. Interpolates only at the edges
+/// of the object: a pixel between four values on one side of one half is on that side, too. The
+/// returned matrix refers to `memory`.
 cv::Mat aboveHalfByEdges(const cv::Mat& mask, cv::Size ratio, std::vector<std::uint8_t>& memory) {
-  // A cell of `ratio` pixels lies between four neighbours; around the mask there are half cells.
+  // Each cell of `ratio` pixels has four mask pixels as its corners. The replicated border adds
+  // half a cell on each side.
   cv::Mat corners;
   cv::copyMakeBorder(mask, corners, 1, 1, 1, 1, cv::BORDER_REPLICATE);
   cv::Mat highs;

@@ -14,8 +14,8 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// A count in the reply, 0 if it is missing; nullopt, after one "[E]" line, if it cannot be a
-/// count.
+/// The value of `key` in the reply, 0 if it is missing; nullopt, after one "[E]" line, if it is not
+/// a valid count.
 std::optional<std::size_t> countIn(const Json::Value& reply, const char* key,
                                    const std::source_location& where) {
   constexpr int kMaxCount = 1 << 24;

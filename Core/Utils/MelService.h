@@ -1,5 +1,5 @@
-// The protocol of the mel-spectrogram service: the JSON request about an audio frame and the JSON
-// reply with the spectrogram.
+// The protocol of the mel-spectrogram service: the JSON request with the audio of a frame and the
+// JSON reply with the spectrogram.
 #pragma once
 
 #include <cstddef>
@@ -19,13 +19,14 @@ using MelSpectrogram = std::vector<std::vector<float>>;
 /// Appends the standard Base64 text (RFC 4648, padded, without line breaks) of `count` bytes.
 void Base64Encode(const std::uint8_t* bytes, std::size_t count, std::string& text);
 
-/// The JSON text that asks the service for the spectrogram of an audio frame. Its size must not be
-/// negative, and its data must not be null unless the size is 0.
+/// The JSON request for the spectrogram of an audio frame, whose audioFrameSize must not be
+/// negative and whose audioData must not be null unless the size is 0.
 std::string spectrogramRequest(const VsaFrame& frame);
 
-/// The spectrogram in `text`, a reply of the service; a reply without one gives no rows. Returns
-/// nullopt for a reply that is not valid: silently if it is not JSON, else after one "[E]" line
-/// under `where`. Throws Json::Exception for a reply nested deeper than jsoncpp reads.
+/// The spectrogram in `text`, a reply of the service; no rows if the reply does not contain one.
+/// Returns nullopt if the reply is not valid: silently if it is not JSON, otherwise after one "[E]"
+/// line with the location `where`. Throws Json::Exception if the reply is nested deeper than
+/// jsoncpp reads.
 std::optional<MelSpectrogram> parseSpectrogram(
     const std::string& text, std::source_location where = std::source_location::current());
 

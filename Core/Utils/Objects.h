@@ -12,7 +12,8 @@
 
 namespace TolCompatibleLib {
 
-/// Whether a model that works on objects has nothing to do.
+/// Whether the frame is an image without objects, so that a model that works on objects has nothing
+/// to do.
 inline bool isImageWithoutObjects(const VsaFrame* frame) {
   return frame != nullptr && frame->kind == kVsaImageFrame && frame->objects.empty();
 }
@@ -23,7 +24,7 @@ inline void append(std::vector<VsaObject>& objects, std::vector<VsaObject>&& fou
                  std::make_move_iterator(found.end()));
 }
 
-/// The name of a class; null if it has none in `config` or if the name is not in `wanted`.
+/// The name of a class; null if `config` has no name for it or if the name is not in `wanted`.
 inline const std::string* wantedName(int classId, const VsaModelConfig& config,
                                      const std::set<std::string>& wanted) {
   const auto index = static_cast<std::size_t>(classId);
@@ -32,9 +33,8 @@ inline const std::string* wantedName(int classId, const VsaModelConfig& config,
   return wanted.contains(name) ? &name : nullptr;
 }
 
-/// Replaces the feature of object i by the `length` numbers from features[i * length] on. Keeps the
-/// vectors' own memory if it is large enough. Either all objects change or, if memory runs out,
-/// none.
+/// Replaces the feature vector of object i with the `length` numbers from features[i * length] on.
+/// Reuses the memory of the vectors if it is large enough. If memory runs out, no object changes.
 inline void setFeatures(std::vector<VsaObject>& objects, const std::vector<float>& features,
                         std::size_t length) {
   for (VsaObject& object : objects) object.feature.reserve(length);
@@ -50,8 +50,8 @@ inline void setFeatures(std::vector<VsaObject>& objects, const std::vector<float
 template <class Result>
 using Results = std::vector<std::pair<std::size_t, Result>>;
 
-/// Passes each object with its result to `write` and drops the objects without a result. Does not
-/// throw if `write` does not, so the list changes as a whole or not at all.
+/// Passes each object with its result to `write` and removes the objects without a result. Does not
+/// throw if `write` does not, so either the whole list changes or nothing does.
 template <class Result, class Write>
 void rewrite(std::vector<VsaObject>& objects, Results<Result>& results, Write write) {
   for (std::size_t kept = 0; kept < results.size(); ++kept) {

@@ -12,8 +12,8 @@ namespace TolCompatibleLib {
 class CharacterDictionary {
  public:
   /// The PaddleOCR key list of Chinese, Latin and other characters in GBK (code page 936) with
-  /// "blank" in front: 6624 entries of constant data, which take neither start-up time nor a copy.
-  /// Characters that GBK lacks are "?".
+  /// "blank" in front: 6624 entries of constant data, which need neither start-up time nor a copy.
+  /// Characters that GBK does not contain are "?".
   static CharacterDictionary builtIn() { return CharacterDictionary(); }
 
   /// The host's own list, in the encoding of its choice.

@@ -26,7 +26,8 @@ void prefetch([[maybe_unused]] const void* address) {
 #endif
 }
 
-/// Pixels written at once. Storing single floats alternately to three planes is the bottleneck.
+/// Pixels converted before they are stored, because storing single floats to the three planes
+/// alternately is the bottleneck.
 constexpr std::size_t kPixels = 4;
 
 /// Writes a row of `count` pixels through `tables` to the same offset of three planes.
@@ -88,9 +89,9 @@ void copyRow(const uchar* pixels, std::ptrdiff_t ahead, int width, const std::ve
   }
 }
 
-/// Which of `length` pixels cv::resize takes for each of `scaled` ones by nearest-neighbour
-/// sampling. OpenCV itself resizes a row of positions, so the answer is right for any version of
-/// it.
+/// For each of `scaled` output pixels, the index of the input pixel, out of `length`, that
+/// cv::resize uses with nearest-neighbour sampling. Computed by resizing a row of indices with
+/// OpenCV itself, so the result is right for every version of OpenCV.
 std::vector<int> sampledPositions(int length, int scaled) {
   CV_Assert(length <= kMaxSampledLength && scaled <= kMaxSampledLength);
   std::vector<int> positions(static_cast<std::size_t>(length));
@@ -119,7 +120,7 @@ Sampling::Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin)
       origin_(origin) {}
 
 /// Row y of the sampled image, and the distance in bytes to the row to prefetch: two sampled rows
-/// ahead, which leaves memory enough time.
+/// ahead, so that the data arrives in time.
 std::pair<const std::uint8_t*, std::ptrdiff_t> Sampling::row(const cv::Mat& image,
                                                              std::size_t y) const {
   constexpr std::size_t kRowsAhead = 2;
@@ -140,7 +141,7 @@ void Sampling::writePlanes(const cv::Mat& image, cv::Size size, const ByteTables
   }
   float* row = planes + above;
   for (std::size_t y = 0; y < rows_.size(); ++y, row += width) {
-    // An enlarged image has rows that are equal.
+    // If the image is enlarged, adjacent rows can be equal.
     const bool isRepeated = y > 0 && rows_[y] == rows_[y - 1];
     if (isRepeated) {
       for (std::size_t p = 0; p < 3; ++p) {
@@ -178,7 +179,7 @@ void Sampling::writePixels(const cv::Mat& image, cv::Size size, bool writesPaddi
 void fetch(const cv::Mat& region) {
   if (region.empty()) return;
   constexpr std::ptrdiff_t kLine = 64;
-  constexpr std::ptrdiff_t kMaxBytes = 256 << 10;  // more would evict what was fetched first
+  constexpr std::ptrdiff_t kMaxBytes = 256 << 10;  // more would evict the lines fetched first
   const std::ptrdiff_t rowBytes = 3 * std::ptrdiff_t{region.cols};
   for (int y = 0; y < region.rows && y * rowBytes < kMaxBytes; ++y) {
     const volatile uchar* const row = region.ptr<uchar>(y);

@@ -1,5 +1,6 @@
 // From the rows of an 8-bit BGR image to the planes of a network's input: sampling, writing,
-// prefetching. A plane holds one channel, row by row; the three planes lie one after the other.
+// prefetching. A plane holds one channel, row by row; the three planes are stored one after the
+// other.
 #pragma once
 
 #include <cstddef>
@@ -13,32 +14,34 @@
 
 namespace TolCompatibleLib {
 
-/// Channel of the image that goes into planes 0, 1 and 2.
+/// Order of the planes: red, green, blue, or the order in which the image stores its channels.
 enum class PlaneOrder { kRedFirst, kAsStored };
 
-/// Writes every pixel of `image` through `tables` into three planes of `rowLength` floats a row, as
-/// many rows as the image has. Floats to the right of the image are set to 0.
+/// Converts every pixel of `image` through `tables` and writes it into three planes, each with
+/// `rowLength` floats per row and the height of the image. Floats to the right of the image are set
+/// to 0.
 /// @param planes 3 * image.rows * rowLength floats.
 void writePlanes(const cv::Mat& image, PlaneOrder order, const ByteTables& tables, float* planes,
                  int rowLength);
 
-/// The pixels of an image that nearest-neighbour sampling takes, and where they go in a network's
-/// input.
+/// The pixels of an image that nearest-neighbour sampling selects, and their position in a
+/// network's input.
 class Sampling {
  public:
-  /// Samples an image of `imageSize` to `scaled` pixels, written from `origin` on. Both sizes must
-  /// not be empty. Throws cv::Exception if a side of the image is longer than
-  /// kMaxSampledLength, and std::bad_alloc.
+  /// Samples an image of `imageSize` to the size `scaled`, with its top-left pixel at `origin` of
+  /// the input. Neither size may be empty. Throws cv::Exception if a side of the image is longer
+  /// than kMaxSampledLength, and std::bad_alloc.
   Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin = {});
 
-  /// Writes the sampled pixels of `image` through `tables` into three planes of `size`, red first,
-  /// and around them the byte `background`, if there is one. Does not throw.
+  /// Converts the sampled pixels of `image` through `tables` and writes them into three planes of
+  /// `size`, red first. If `background` has a value, fills the rest of the planes with that byte,
+  /// converted likewise. Does not throw.
   /// @param planes 3 * size.area() floats.
   void writePlanes(const cv::Mat& image, cv::Size size, const ByteTables& tables,
                    std::optional<std::uint8_t> background, float* planes) const;
 
-  /// Copies the sampled pixels of `image` into an image of `size`, three bytes a pixel, and if
-  /// `writesPadding`, sets everything else to 0. Does not throw.
+  /// Copies the sampled pixels of `image` into an image of `size` with three bytes per pixel. If
+  /// `writesPadding` is true, sets the rest of that image to 0. Does not throw.
   /// @param pixels 3 * size.area() bytes.
   void writePixels(const cv::Mat& image, cv::Size size, bool writesPadding,
                    std::uint8_t* pixels) const;
@@ -51,12 +54,12 @@ class Sampling {
   cv::Point origin_;
 };
 
-/// OpenCV indexes the bytes of a row of 32-bit positions with an int.
+/// Maximum length of a sampled side: OpenCV counts the bytes of a row of 32-bit indices in an int.
 constexpr int kMaxSampledLength = (1 << 29) - 1;
 
-/// Reads one byte of every cache line of a region. The inference before it has pushed the frame out
-/// of the processor's caches. Requested all at once, the lines arrive in a fraction of the time
-/// that it takes to wait for one row after the other.
+/// Loads a region into the processor's caches, from which the preceding inference has evicted the
+/// frame, by reading one byte of every cache line. Requesting all lines at once takes a fraction of
+/// the time of waiting for one row after the other.
 void fetch(const cv::Mat& region);
 
 }  // namespace TolCompatibleLib

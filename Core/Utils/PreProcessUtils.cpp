@@ -27,7 +27,7 @@ std::string sizeText(std::int64_t width, std::int64_t height) {
 
 /// How an image fits into a network's input.
 struct Fit {
-  cv::Size scaled;  ///< What it is scaled to, aspect ratio kept.
+  cv::Size scaled;  ///< Its size after scaling, aspect ratio kept.
   float scale;      ///< Network pixels times `scale` are frame pixels.
 };
 
@@ -35,7 +35,7 @@ std::optional<Fit> fitInto(cv::Size frame, cv::Size input, const std::source_loc
   const float ratioX = static_cast<float>(input.width) / static_cast<float>(frame.width);
   const float ratioY = static_cast<float>(input.height) / static_cast<float>(frame.height);
   const float ratio = ratioX <= ratioY ? ratioX : ratioY;
-  // From 2^23 pixels on, the product may be rounded up past the input.
+  // For sides of 2^23 pixels or more, rounding may make the product larger than the input.
   const cv::Size scaled(
       std::min(truncateToInt(static_cast<float>(frame.width) * ratio), input.width),
       std::min(truncateToInt(static_cast<float>(frame.height) * ratio), input.height));
@@ -63,8 +63,8 @@ void fillFittedPlanes(const cv::Mat& region, cv::Size size, const ByteTables& ta
   // A region that is empty, before or after scaling, cannot be resized.
   CV_Assert(!region.empty());
   fetch(region);
-  // Deliberate: by the width alone, so a region can become higher than the input; there is no room
-  // for a border then.
+  // Deliberate: the scale depends on the input's width only, so the scaled region can be higher
+  // than the input; the border is negative then.
   const float scale =
       static_cast<float>(size.width) / static_cast<float>(std::max(region.cols, region.rows));
   const cv::Size scaled(truncateToInt(std::round(static_cast<float>(region.cols) * scale)),
@@ -172,9 +172,9 @@ void PrepareTextLine(const cv::Mat& region, cv::Size size, float* planes) {
 }
 
 cv::Mat regionOf(const cv::Mat& image, int left, int top, int right, int bottom) {
-  // OpenCV refuses a region outside the image, but adds offset and length without a check for
-  // overflow. A length that does not fit an int is cut to the largest one, which leads outside all
-  // the same.
+  // OpenCV rejects a region outside the image, but adds offset and length without checking for
+  // overflow. A length that does not fit an int is clamped to the largest int, which is outside the
+  // image as well.
   const auto length = [](int from, int to) {
     return static_cast<int>(
         std::clamp(std::int64_t{to} - from, std::int64_t{-1}, std::int64_t{kMaxInt}));
@@ -222,8 +222,8 @@ int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpe
                   std::make_move_iterator(rows->end()));
     return 1;
   } catch (const Json::Exception& error) {
-    // jsoncpp throws this for a reply nested deeper than it reads, which is not JSON for us, and if
-    // it cannot allocate a text.
+    // jsoncpp throws this if the reply is nested deeper than it reads, which counts as a reply that
+    // is not JSON, and if it cannot allocate a string.
     if (!std::string_view(error.what()).starts_with("Exceeded stackLimit")) logMemory();
   } catch (const std::bad_alloc&) {
     logMemory();

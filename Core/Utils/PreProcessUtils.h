@@ -16,8 +16,7 @@ namespace TolCompatibleLib {
 
 /// The pixels of an image frame, 8 bits a channel, blue-green-red, wrapped without copying. Returns
 /// nullopt for a frame of another kind (silently) and, after one "[E]" line, for a null frame, a
-/// frame without pixels and one of which a row has more than 2^31 - 1 bytes or that has more than
-/// 2^31 - 1 rows.
+/// frame without pixels, and a frame with more than 2^31 - 1 rows or bytes per row.
 std::optional<cv::Mat> imageOf(const VsaFrame* frame,
                                std::source_location where = std::source_location::current());
 
@@ -28,31 +27,32 @@ struct Letterbox {
 };
 
 /// Scales `image` (8-bit BGR) by nearest-neighbour sampling to fit `inputSize`, aspect ratio kept.
-/// The scaled sides are truncated to whole pixels; the padding lies to the right and at the bottom.
+/// The scaled sides are truncated to whole pixels; the padding is on the right or at the bottom.
 /// Returns nullopt, after one "[E]" line, if the scaled image has no pixel, and for images with a
 /// side longer than kMaxSampledLength.
 std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
                                    std::source_location where = std::source_location::current());
 
-/// Writes letterboxed images into the memory of a network's input. Remembers the padding there: an
-/// engine does not write to its input, so for the next image of the same size the padding is not
-/// written again, which saves a quarter of the pre-processing time. A call that throws or is
-/// refused forgets the padding.
+/// Writes letterboxed images into the memory of a network's input. If the input already contains
+/// the padding of an image of the same size, the padding is not written again, which saves a
+/// quarter of the pre-processing time: an engine does not write to its input. After a call that
+/// fails or throws, the next call writes the padding.
 class LetterboxWriter {
  public:
-  /// Writes the canvas of letterbox() as three planes, red first, with values 0 to 1: the same bits
-  /// as cv::dnn::blobFromImage gives for it. Returns the scale, or nullopt as letterbox() does.
+  /// Writes the canvas of letterbox() as three planes, red first, with values 0 to 1, bit-identical
+  /// to the result of cv::dnn::blobFromImage. Returns the scale, or nullopt as letterbox() does.
   /// @param planes 3 * inputSize.area() floats. If they are freed, no later call may be given the
   ///   same address.
   std::optional<float> writePlanes(const cv::Mat& image, cv::Size inputSize, float* planes,
                                    std::source_location where = std::source_location::current());
 
-  /// The same with the canvas itself. @param pixels 3 * inputSize.area() bytes.
+  /// Writes the canvas itself, three bytes per pixel; otherwise like writePlanes().
+  /// @param pixels 3 * inputSize.area() bytes.
   std::optional<float> writePixels(const cv::Mat& image, cv::Size inputSize, std::uint8_t* pixels,
                                    std::source_location where = std::source_location::current());
 
  private:
-  /// Where and around what the padding was written.
+  /// The input that contains the padding, its size, and the size of the image inside the padding.
   struct Padding {
     const void* input = nullptr;
     cv::Size inputSize;
@@ -62,8 +62,9 @@ class LetterboxWriter {
   Padding padding_;
 };
 
-/// Size that the text detector scales a frame to: each side rounded up to a multiple of 32 after
-/// shrinking the frame so that its longer side is at most `limit`. Small frames are not enlarged.
+/// Size to which the text detector scales a frame: each side rounded up to a multiple of 32 after
+/// shrinking the frame so that its longer side is at most `limit`. The frame is not enlarged
+/// otherwise.
 cv::Size textInputSize(cv::Size frame, std::uint32_t limit);
 
 /// Scales `image` (8-bit BGR) bilinearly to `size` and writes it as three planes in its own channel
@@ -77,8 +78,8 @@ void fillTextPlanes(const cv::Mat& image, cv::Size size, float* planes);
 void PrepareTextLine(const cv::Mat& region, cv::Size size, float* planes);
 
 /// The part of `image` inside the rectangle from (left, top) to (right, bottom), the latter
-/// excluded, without copying. Throws cv::Exception if the rectangle leaves the image or has a
-/// negative side.
+/// excluded, without copying. Throws cv::Exception if the rectangle extends beyond the image or has
+/// a negative side.
 cv::Mat regionOf(const cv::Mat& image, int left, int top, int right, int bottom);
 
 /// The part of `image` inside the object's box.
@@ -90,24 +91,25 @@ inline cv::Mat regionOf(const cv::Mat& image, const VsaObject& object) {
 /// normalised as the image classifier's networks expect it. @param planes 3 * size.area() floats.
 void fillClassifierPlanes(const cv::Mat& region, cv::Size size, float* planes);
 
-/// Scales `region` (8-bit BGR) by nearest-neighbour sampling so that its longer side is as long as
-/// the input is wide, centres it on a grey (114) input of `size` and writes that as three planes,
+/// Scales `region` (8-bit BGR) by nearest-neighbour sampling so that its longer side equals the
+/// width of the input, centres it on a grey (114) canvas of `size` and writes that as three planes,
 /// red first, normalised. Throws cv::Exception if the scaled region is higher than the input or has
 /// no pixel. @param planes 3 * size.area() floats.
 void FitToInputNormalized(const cv::Mat& region, cv::Size size, float* planes);
 
-/// The same on a lighter grey (128) and without the normalisation: values 0 to 1.
+/// Like FitToInputNormalized, on a lighter grey (128) and without the normalisation: values 0 to 1.
 void FitToInput(const cv::Mat& region, cv::Size size, float* planes);
 
 /// Scales `region` (8-bit BGR) bilinearly to `size` and writes it as three planes, red first,
-/// normalised with the ImageNet statistics folded into one product and one difference.
+/// normalised with the ImageNet statistics (ocrTables).
 /// @param planes 3 * size.area() floats.
 void PrepareOcrInput(const cv::Mat& region, cv::Size size, float* planes);
 
 /// Requests the spectrogram of an audio frame from the mel-spectrogram service at `baseAddress`
-/// ("http://host:port") and appends its rows, which may differ in length, to `matrix`. Returns 1,
-/// or 0 with `matrix` as it was, after one "[E]" line (none for a frame of another kind and for a
-/// reply that is not JSON). A reply never makes it throw. @param limit for the whole transfer.
+/// ("http://host:port") and appends its rows, which may differ in length, to `matrix`. Returns 1 on
+/// success. Otherwise returns 0 after one "[E]" line (none for a frame of another kind and for a
+/// reply that is not JSON) and does not change `matrix`. No reply makes it throw.
+/// @param limit for the whole transfer.
 int AudioToMelSpec(const std::string& baseAddress, const VsaFrame& frame, MelSpectrogram& matrix,
                    std::chrono::milliseconds limit = kRequestLimit);
 

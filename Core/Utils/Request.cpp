@@ -59,8 +59,8 @@ bool PostJson(const std::string& url, const std::string& body, std::string& resp
     headers.reset(longer);
   }
   std::string received;
-  // A missing option would change what is sent, and where: without the last one, through a proxy of
-  // the environment.
+  // A missing option would change the request or its destination: without the last one, curl would
+  // use a proxy from the environment.
   CURLcode code = CURLE_OK;
   const auto set = [&](CURLoption option, auto value) {
     if (curl_easy_setopt(handle.get(), option, value) == CURLE_OUT_OF_MEMORY) {

@@ -23,7 +23,7 @@ OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape) {
     return OcrLayoutResult{{steps, classes, classes, 1}, nullptr};
   };
   if (shape.size() == 2) {
-    // Deliberate: read step by step either way, so the scores of [classes, steps] are misread.
+    // Deliberate: both are read as [steps, classes], so an output of [classes, steps] is misread.
     return shape[1] <= shape[0] ? byRows(shape[1], shape[0]) : byRows(shape[0], shape[1]);
   }
   if (shape.size() != 3) return {{}, "Unsupported shape!"};

@@ -26,19 +26,19 @@ struct OcrLayout {
   std::size_t classStride;  ///< Floats from one class to the next.
 };
 
-/// A layout or, if `error` is not null, what is wrong with the shape.
+/// A layout or, if `error` is not null, the text of the log line about the shape.
 struct OcrLayoutResult {
   OcrLayout layout;
   const char* error;
 };
 
-/// The layout of an output by its shape. Rank 2: the larger dimension is the number of classes, the
-/// smaller one the number of steps. Rank 3: [steps, 1, classes], or [1, a, b] with classes first if
-/// a > b and steps first otherwise.
+/// The layout of an output, derived from its shape. Rank 2: the larger dimension is the number of
+/// classes, the smaller one the number of steps. Rank 3: [steps, 1, classes]; otherwise [1, a, b],
+/// which is [1, classes, steps] if a > b and [1, steps, classes] if not.
 OcrLayoutResult ocrLayoutOf(std::span<const std::size_t> shape);
 
-/// Greedy CTC decoding of scores in any layout, with the host's alphabet. The first step is never a
-/// repetition; classes past the end of the alphabet are skipped.
+/// Greedy CTC decoding of scores in any layout, with the host's alphabet. Classes past the end of
+/// the alphabet are skipped.
 std::string decodeOcr(const float* scores, const OcrLayout& layout,
                       const std::vector<std::string>& alphabet);
 

@@ -20,8 +20,9 @@ float shorterSide(const cv::RotatedRect& rectangle) {
   return std::min(rectangle.size.width, rectangle.size.height);
 }
 
-/// The points in the order top left, top right, bottom right, bottom left. Of two points with the
-/// same y, the later one is the top one.
+/// The points in the order top left, top right, bottom right, bottom left. If the two left or the
+/// two right points have the same y, the one with the larger x (or the later one) counts as the top
+/// one.
 TextRegion clockwiseFromTopLeft(std::array<cv::Point2f, 4> points) {
   std::stable_sort(points.begin(), points.end(),
                    [](const cv::Point2f& a, const cv::Point2f& b) { return a.x < b.x; });

@@ -19,23 +19,22 @@ namespace TolCompatibleLib {
 /// Numbers of a candidate that do not fit the int32 fields of a record.
 struct BadBox {
   int outputIndex;  ///< Row or column of the output.
-  /// The box before it was to be truncated; if the class id does not fit, width, height, score and
-  /// class id.
+  /// The box before truncation; if the class id does not fit: x2, y2, score and class id.
   std::array<float, 4> numbers;
 };
 
-/// Logs one "[E]" line with the numbers of `badBox`, if there is one, and returns whether there is.
+/// If `badBox` has a value, logs its numbers in one "[E]" line and returns true.
 bool logBadBox(const std::optional<BadBox>& badBox,
                std::source_location where = std::source_location::current());
 
-/// A point in frame pixels, its coordinates truncated to integers. Returns nullopt, after one "[E]"
-/// line, if one does not fit an int32. @param what for that line, for example "key point".
+/// A point in frame pixels with its coordinates truncated to integers. Returns nullopt, after one
+/// "[E]" line, if a coordinate does not fit an int32.
+/// @param what the name of the point in that line, for example "key point".
 std::optional<VsaPoint> framePoint(float x, float y, std::string_view what, int outputIndex,
                                    std::source_location where = std::source_location::current());
 
-/// Returns whether a dimension of an output is as expected; else logs `family` + " dimensions
-/// error:"
-/// + the dimension in an "[E]" line.
+/// Returns whether a dimension of an output has the expected length. If not, logs one "[E]" line:
+/// `family`, " dimensions error:" and the actual length.
 bool checkDimension(std::string_view family, std::size_t actual, std::size_t expected,
                     std::source_location where = std::source_location::current());
 
@@ -44,9 +43,9 @@ struct Candidates {
   std::vector<cv::Rect> boxes;
   std::vector<float> scores;
   std::vector<int> classIds;
-  std::vector<int>
-      outputIndices;  ///< Row or column of the output, for what a model reads there later.
-  /// Set if a box does not fit; decoding stopped there.
+  /// Row or column of the output, from which a model reads further values after NMS.
+  std::vector<int> outputIndices;
+  /// Set if a box does not fit; decoding stops at that candidate.
   std::optional<BadBox> badBox;
 
   /// Adds a candidate with its box truncated to integers; false if the box does not fit.
@@ -54,21 +53,21 @@ struct Candidates {
 };
 
 /// Candidates of an anchor-based YOLOv5 head, one per row: centre x, centre y, width, height,
-/// objectness, then one score per class (`classCount` of them, which must exist). A row counts if
-/// its objectness is at least `objThreshold` and its best class scores above `scoreThreshold`. Its
-/// score is the objectness alone.
+/// objectness, then one score per class (`classCount` of them, which must exist). A row is a
+/// candidate if its objectness is at least `objThreshold` and its maximum class score is greater
+/// than `scoreThreshold`. The score of the candidate is the objectness alone.
 Candidates decodeYolo5(FloatGrid rows, int classCount, float objThreshold, float scoreThreshold);
 
 /// Candidates of an anchor-free YOLOv8 head, one per column: rows 0 to 3 hold centre x, centre y,
 /// width and height, and the following `classCount` rows (which must exist) one activated score per
-/// class. The best class counts, if its score is greater than `scoreThreshold`.
+/// class. A column is a candidate if its maximum class score is greater than `scoreThreshold`.
 Candidates decodeYolo8(FloatGrid columns, int classCount, float scoreThreshold);
 
-/// Candidates of a YOLOv8 pose head, one per column: rows 0 to 3 as above, row 4 the confidence,
-/// then key points. Boxes are in frame pixels already: scaled, then truncated.
+/// Candidates of a YOLOv8 pose head, one per column: rows 0 to 3 as for decodeYolo8(), row 4 the
+/// confidence, then key points. The boxes are already in frame pixels: scaled, then truncated.
 Candidates decodeYolo8Pose(FloatGrid columns, float scoreThreshold, float scale);
 
-/// Columns of a YOLO26 row that are read.
+/// Number of columns of a YOLO26 row that are read.
 constexpr int kYolo26Columns = 6;
 
 /// Results for a frame.
@@ -85,22 +84,22 @@ struct FrameObjects {
 FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
                           const VsaFrame& frame);
 
-/// Indices of the candidates left by cv::dnn::NMSBoxes across all classes, best first. Throws
-/// cv::Exception for a negative threshold.
+/// Indices of the candidates that cv::dnn::NMSBoxes keeps, by descending score. NMS is applied
+/// across all classes. Throws cv::Exception if a threshold is negative.
 std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config);
 
-/// Those of them whose class has a name in `config` and whose name is wanted. The filter comes
-/// last, so unwanted candidates suppress others.
+/// The indices from keptAfterNms() whose class has a name in `config` that is in `wantedClasses`.
+/// The filter is applied after NMS, so unwanted candidates suppress others.
 std::vector<int> wantedAfterNms(const Candidates& candidates, const VsaModelConfig& config,
                                 const std::set<std::string>& wantedClasses);
 
-/// The bad box of a candidate whose right or bottom edge, offset plus length, does not fit an
+/// The bad box of a candidate if its right or bottom edge (offset plus length) does not fit an
 /// int32; nullopt if both fit.
 std::optional<BadBox> badFarEdge(const Candidates& candidates, int index);
 
-/// The wanted candidates as objects of `frame`, best first; `scale` takes network pixels to frame
-/// pixels. The far corner is computed from the truncated near corner. A bad box of the candidates
-/// becomes that of the result.
+/// The wanted candidates as objects of `frame`, by descending score. Network pixels times `scale`
+/// are frame pixels; the bottom-right corner is computed from the truncated top-left corner. If
+/// `candidates` has a bad box, so has the result.
 FrameObjects wantedObjects(const Candidates& candidates, float scale, const VsaModelConfig& config,
                            const VsaFrame& frame);
 

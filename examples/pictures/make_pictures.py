@@ -65,7 +65,7 @@ def shadow_on(image, box, blur, strength):
 
 
 def few_levels(image, step):
-    """Rounds all channels to multiples of `step`: a PNG file with noise is then smaller."""
+    """Rounds all channels to multiples of `step`, which makes a PNG file with noise smaller."""
     return image.point([min(255, (v + step // 2) // step * step) for v in range(256)]
                        * len(image.getbands()))
 

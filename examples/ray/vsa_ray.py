@@ -78,7 +78,7 @@ class Worker:
                 continue
             if json.loads(line)["input"] != printable(path):
                 self.stop()  # more lines for this path may follow
-                return error_line(path, "this is not one picture; list the files of a folder instead")
+                return error_line(path, "not a single image; list the files of a folder instead")
             return line
         return error_line(path, f"vsa failed {ATTEMPTS} times")
 
@@ -105,7 +105,7 @@ class Worker:
         return None
 
     def kill(self):
-        # Its children too: if vsa is a script, they hold the other ends of the pipes.
+        # Kills its children, too: if vsa is a script, they hold the other ends of the pipes.
         os.killpg(self.process.pid, signal.SIGKILL)
 
     def stop(self):
@@ -130,7 +130,7 @@ def process_images(paths, start_worker, count):
     running = {}  # worker and job, by the object that Ray returns for the call
 
     def add_worker():
-        # It gets its first job only once it has started, because there may be no machine for it.
+        # The worker gets its first job only after it has started, because there may be no machine for it.
         worker = start_worker()
         running[worker.process_all.remote([])] = worker, ()
 

@@ -7,7 +7,7 @@ TRUTH is a folder with the true lines of each image in NAME.txt (UTF-8).
 
 Spaces are ignored, because the recogniser's dictionary has none. Each true
 line is paired with at most one recognised line, the most similar pairs first;
-lines that agree in less than half of their characters are not paired. The
+lines with a similarity below one half are not paired. The
 number of correct characters of a pair is the length of the true line minus
 the edit distance (insertions, deletions, substitutions) of the two lines; an
 unpaired true line has no correct characters.
@@ -89,7 +89,7 @@ def read_true_texts(folder):
 
 
 def compare(results, texts, only_given=False):
-    """Returns a Comparison per result; unless `only_given`, also for images without a result."""
+    """Returns a Comparison per result and, unless `only_given`, one per image without a result."""
     comparisons = []
     for name, read_lines in results:
         if name not in texts:

@@ -80,8 +80,8 @@ class CompareTest(ChainCase):
         narrow = {**self.persons, "inputWidth": 17}
         for models, image, status, sentence in (
                 ([nothing, self.persons], "blue.png", 1, "blue.png: no object was found"),
-                ([self.detector], "blue.png", 1, "blue.png: no object has a feature; .+"),
-                ([self.detector, zeros], "blue.png", 1, "a feature is all zeros .+"),
+                ([self.detector], "blue.png", 1, "blue.png: no object has a feature vector; .+"),
+                ([self.detector, zeros], "blue.png", 1, "all numbers of a feature vector are zero"),
                 ([self.detector, narrow], "blue.png", 1,
                  r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
                 ([self.detector, self.persons], "none.png", 1, "none.png: no such file"),

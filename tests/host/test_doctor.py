@@ -92,7 +92,7 @@ class DoctorTest(VsaCase):
             with self.subTest(words):
                 self.use(*models)
                 out = self.vsa("doctor", self.pipeline, status=1)
-                self.assertIn("wrong: ", out)
+                self.assertIn("error: ", out)
                 self.assertIn(words, out)
 
     def test_warnings(self):
@@ -100,7 +100,7 @@ class DoctorTest(VsaCase):
         shuffled = ["thing 1", "thing 0", *THINGS[2:]]
         flat = {**DETECTOR, "modelFile": "flat", "inputHeight": 32, "classNames": ["a", "b"]}
         for words, *models in (
-                ('which the file calls "thing 0"', {**DETECTOR, "classNames": shuffled}),
+                ('the name in the file is "thing 0"', {**DETECTOR, "classNames": shuffled}),
                 ("not square", flat),
                 ("nms=False", {**DETECTOR, "modelName": "YOLO26", "modelFile": "bare"}),
                 ("scoreThreshold is 0", {**DETECTOR, "scoreThreshold": 0}),
@@ -110,7 +110,7 @@ class DoctorTest(VsaCase):
                 self.use(*models)
                 out = self.vsa("doctor", self.pipeline)
                 self.assertIn(words, out)
-                self.assertNotIn("wrong: ", out)
+                self.assertNotIn("error: ", out)
                 self.vsa("doctor", "--strict", self.pipeline, status=1)
 
     def test_pipelines_without_findings(self):
@@ -118,7 +118,7 @@ class DoctorTest(VsaCase):
                 "classNames": ["person"]}
         for models in ([DETECTOR], [DETECTOR, BOX_READER, FACES], [pose]):
             self.use(*models)
-            self.assertIn("nothing is wrong", self.vsa("doctor", "--strict", self.pipeline))
+            self.assertIn("no problems found", self.vsa("doctor", "--strict", self.pipeline))
 
     @unittest.skipUnless((MODELS / "text/detection.xml").is_file(), "run scripts/setup")
     def test_text_detector(self):
@@ -144,7 +144,7 @@ class DoctorTest(VsaCase):
                                      ("no.json", b"{}", "models is missing")):
             self.assertIn(words, self.vsa("doctor", self.write(name, content), status=1))
         self.assertRegex(self.vsa("doctor", "none.onnx", status=1),
-                         r"^none.onnx: no such file\n1 mismatch")
+                         r"^none.onnx: no such file\n1 error")
 
     def test_lines_fit_a_terminal(self):
         text = self.run_in_terminal("doctor", NETWORKS / "seg.xml")

@@ -111,13 +111,13 @@ class PipelineTest(ChainCase):
             self.write(f"nets/boxes/things.{suffix}", (NETWORKS / f"things.{suffix}").read_bytes())
         self.use({**self.detector, "modelDir": "/boxes"}, root=self.folder / "nets")
         self.assertEqual(len(self.run_json("blue.png")[0]["objects"]), 2)
-        self.assertIn("in order", self.vsa("doctor", self.pipeline))
+        self.assertIn(": ok", self.vsa("doctor", self.pipeline))
         self.vsa("bench", self.pipeline, "blue.png", "--runs", "1")
         for suffix in ("xml", "bin"):
             file = self.folder / f"nets/boxes/things.{suffix}"
             before = file.read_bytes()
             self.vsa("run", self.pipeline, "blue.png", "--json-file", file, status=2)
-            self.assertIn("this is an input and is not overwritten", self.err)
+            self.assertIn("an input of this run is not overwritten", self.err)
             self.assertEqual(file.read_bytes(), before)
         # Without the file at that path, no command finds another one.
         shutil.move(self.folder / "nets/boxes", self.folder / "boxes")

@@ -56,7 +56,7 @@ done
 """)
         vsa_failed = "vsa failed 3 times"
         errors = {b"hang": vsa_failed, b"die": vsa_failed, b"lose": "the worker failed 3 times",
-                  b"folder": "this is not one picture; list the files of a folder instead",
+                  b"folder": "not a single image; list the files of a folder instead",
                   b"bytes\xff": None}
         names = []
         for i, bad in enumerate(errors):

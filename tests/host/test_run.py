@@ -101,8 +101,8 @@ class RunTest(ChainCase):
             self.assertEqual([found["className"] for found in frame["objects"]], names)
         for options, sentence in (
                 (["--only", "cra"], '--only: .* "cra"; did you mean "car"'),
-                (["--crops", "x", "--output", "x"], "need a folder each"),
-                (["--crops", "."], "lies in the output folder")):
+                (["--crops", "x", "--output", "x"], "must be different folders"),
+                (["--crops", "."], "is in the output folder")):
             self.vsa("run", self.pipeline, "blue.png", *options, status=2)
             self.assertRegex(self.err, sentence)
 

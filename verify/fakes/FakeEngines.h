@@ -1,5 +1,5 @@
-// Stand-ins for the engines' libraries, of the functions that the library links to: every network
-// is the one that `fakeNetwork` describes, and answers with its outputs whatever it is shown.
+// Stand-ins for the functions of the engines' libraries that the library uses. Every network is the
+// one that `fakeNetwork` describes and returns its outputs for any input.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ struct FakeNetwork {
 
 extern FakeNetwork fakeNetwork;
 
-/// Checksum of all inputs that the engines were given.
+/// Checksum of all inputs of the engines.
 class InputChecksum {
  public:
   void reset() { value_ = 1469598103934665603U; }
@@ -36,12 +36,13 @@ class InputChecksum {
 
 extern InputChecksum inputChecksum;
 
-/// If set, ONNX Runtime is older than its headers: there is no table of functions for them.
+/// If true, ONNX Runtime is older than its headers: it returns no function table for them.
 extern bool hasOldOnnxRuntime;
-/// How often that table was asked for.
+/// Number of requests for that table.
 extern int apiRequests;
 
-/// While one lives, what the thread allocates is the engine's own: it does not fail.
+/// While an object of this class exists, allocations of the thread are the engine's own and do not
+/// fail.
 class EngineMemory {
  public:
   EngineMemory();

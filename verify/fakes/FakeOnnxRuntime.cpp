@@ -1,5 +1,5 @@
-// ONNX Runtime's side of the library's calls. Every object handed out is allocated, so that one
-// that is never released shows as a leak.
+// The functions of ONNX Runtime that the library calls. Every returned object is allocated, so that
+// an object that is never released is detected as a leak.
 
 #include <onnxruntime_c_api.h>
 

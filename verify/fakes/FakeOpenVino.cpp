@@ -1,5 +1,5 @@
-// OpenVINO's side of the library's calls. Tensors and shapes are made by the library's own code, so
-// their memory may fail; what the engine does inside is its own.
+// The functions of OpenVINO that the library calls. The library itself constructs tensors and
+// shapes, so their allocations may fail; those inside the engine do not.
 
 #include <algorithm>
 #include <openvino/openvino.hpp>
@@ -11,12 +11,12 @@ namespace ov {
 struct ITensor {
   element::Type type;
   Shape shape;
-  std::vector<float> memory;  // bytes are kept in it too, a float for each
+  std::vector<float> memory;  // also for bytes: one float of memory for each
 
   void resize() {
     std::size_t count = 1;
     for (const std::size_t length : shape) count *= length;
-    memory.resize(count, -12345.0F);  // what an engine's memory holds at first is arbitrary
+    memory.resize(count, -12345.0F);  // the initial content of an engine's memory is arbitrary
   }
 };
 struct ICompiledModel {
@@ -107,7 +107,7 @@ std::vector<std::string> Core::get_available_devices() const {
 }
 std::shared_ptr<Model> Core::read_model(const std::string&, const std::string&,
                                         const AnyMap&) const {
-  return nullptr;  // nothing but the engine looks at it
+  return nullptr;  // only the engine would use it
 }
 CompiledModel Core::compile_model(const std::string&, const std::string&, const AnyMap&) {
   const EngineMemory own;
@@ -208,7 +208,7 @@ PrePostProcessor::~PrePostProcessor() = default;
 InputInfo& PrePostProcessor::input() { return m_impl->input; }
 OutputInfo& PrePostProcessor::output(std::size_t) { return m_impl->output; }
 std::shared_ptr<Model> PrePostProcessor::build() {
-  return nullptr;  // nothing but the engine looks at it
+  return nullptr;  // only the engine would use it
 }
 
 }  // namespace preprocess
