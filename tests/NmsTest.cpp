@@ -82,18 +82,50 @@ TEST(Nms, KeepsTheSameBoxesAsOpenCv) {
   }
 }
 
+/// Appends boxes to 40 that are kept and far away, so that those appended are indexed.
+Boxes afterFortyOthers(const std::vector<cv::Rect>& boxes) {
+  Boxes made;
+  for (int i = 1; i <= 40; ++i) made.boxes.emplace_back(-1000 - 20 * i, 0, 10, 10);
+  made.boxes.insert(made.boxes.end(), boxes.begin(), boxes.end());
+  for (std::size_t i = 0; i < made.boxes.size(); ++i) made.scores.push_back(i < 40 ? 0.9F : 0.5F);
+  return made;
+}
+
+void expectSameAsOpenCv(const Boxes& set, float nmsThreshold) {
+  EXPECT_EQ(indicesAfterNms(set.boxes, set.scores, 0.0F, nmsThreshold), indicesByOpenCv(set, 0.0F, nmsThreshold))
+      << set.boxes.back() << ' ' << nmsThreshold;
+}
+
 TEST(Nms, ComparesOverlapWithThresholdAsOpenCvDoes) {
-  // Thresholds at and next to the overlap of two boxes; 40 boxes further away are indexed.
   for (int width = 1; width <= 100; ++width) {
-    Boxes set{{{0, 0, 100, 7}, {0, 0, width, 7}}, {0.5F, 0.4F}};
-    for (int i = 1; i <= 40; ++i) {
-      set.boxes.emplace_back(200 * i, 0, 10, 10);
-      set.scores.push_back(width % 2 == 0 ? 0.9F : 0.1F);
-    }
+    const Boxes set = afterFortyOthers({{0, 0, 100, 7}, {0, 0, width, 7}});
     const float overlap = static_cast<float>(width) / 100.0F;
     for (const float threshold : {std::nextafter(overlap, 0.0F), overlap, std::nextafter(overlap, 2.0F)}) {
-      EXPECT_EQ(indicesAfterNms(set.boxes, set.scores, 0.0F, threshold), indicesByOpenCv(set, 0.0F, threshold))
-          << width << ' ' << threshold;
+      expectSameAsOpenCv(set, threshold);
+    }
+  }
+}
+
+TEST(Nms, FindsBoxesThatShareOneRowOrColumnOfPixels) {
+  constexpr int kSide = 64;  // the largest side of a group
+  constexpr int kDistances[] = {-kSide, 1 - kSide, 0, kSide - 1, kSide};
+  for (int y = 0; y < kSide; ++y) {
+    for (const int dx : kDistances) {
+      for (const int dy : kDistances) {
+        expectSameAsOpenCv(afterFortyOthers({{0, y, kSide, kSide}, {dx, y + dy, kSide, kSide}}), 0.0F);
+      }
+    }
+  }
+}
+
+TEST(Nms, ComparesAreasOfEmptyBoxesAsOpenCvDoes) {
+  // Their overlap with a box is 1 if the areas sum to 0 or less, wherever both are.
+  for (const cv::Rect& empty : {cv::Rect(500, 0, 0, 5), {500, 0, -2, 3}, {500, 0, -2, -3}}) {
+    for (const int side : {2, 3, 20}) {
+      for (const float threshold : {0.0F, 0.999F, 1.0F}) {
+        expectSameAsOpenCv(afterFortyOthers({{0, 0, 2, 3}, empty, {50, 50, side, 2}, empty}), threshold);
+        expectSameAsOpenCv(afterFortyOthers({{0, 0, side, side}, empty}), threshold);
+      }
     }
   }
 }
@@ -109,7 +141,7 @@ TEST(Nms, LeavesCoordinatesThatOverflowToOpenCv) {
     for (int i = random.uniform(1, 20); i > 0; --i) {
       set.boxes[static_cast<std::size_t>(i)] = {edge(), edge(), edge(), edge()};
     }
-    EXPECT_EQ(indicesAfterNms(set.boxes, set.scores, 0.0F, 0.5F), indicesByOpenCv(set, 0.0F, 0.5F));
+    expectSameAsOpenCv(set, 0.5F);
   }
 }
 

@@ -44,7 +44,7 @@ bool canBeIndexed(const cv::Rect& box) {
 /// Whether the overlap of two boxes, by the arithmetic of cv::jaccardDistance and NMSBoxes, exceeds
 /// the threshold. There is one rarely taken branch only, because a wrong guess of the processor
 /// takes longer than the division.
-bool overlaps(const cv::Rect& a, const cv::Rect& b, float nmsThreshold) {
+inline bool overlaps(const cv::Rect& a, const cv::Rect& b, float nmsThreshold) {
   const int areas = a.area() + b.area();
   if (areas <= 0) return nmsThreshold < 1;
   const int width = std::min(a.x + a.width, b.x + b.width) - std::max(a.x, b.x);
@@ -188,7 +188,6 @@ void suppressIndexed(std::span<const Candidate> candidates, float nmsThreshold,
     if (smallest != nullptr && overlaps(box, *smallest, nmsThreshold)) continue;
     kept.push_back(candidates[i].index);
     if (smallest == nullptr || box.area() < smallest->area()) smallest = &box;
-    if (box.empty()) continue;
     index.forEachNear(box, [&](const cv::Rect& other, std::size_t position) {
       if (!overlaps(other, box, nmsThreshold) || isDone[position] != 0) return;
       isDone[position] = 1;
