@@ -23,11 +23,13 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// If no coordinate or side is further from 0, no sum of coordinates or areas overflows an int.
+/// Max absolute value of coordinates and sides. Within it, no sum of coordinates or areas overflows
+/// an int; NMSBoxes itself decides about other boxes.
 constexpr int kMaxBits = 15;
 constexpr int kMaxIndexed = (1 << kMaxBits) - 1;
 
-/// So many boxes are kept before the others are indexed; fewer are compared with all others faster.
+/// The first kept boxes are compared with all others: an index costs more than it saves if few
+/// boxes are kept.
 constexpr std::size_t kMaxUnindexed = 32;
 
 struct Candidate {
@@ -213,16 +215,17 @@ std::vector<int> indicesAfterNms(const std::vector<cv::Rect>& boxes,
     return kept;
   }
   std::vector<Candidate> candidates = sortByScore(boxes, scores, scoreThreshold);
-  auto next = candidates.begin();
-  while (next != candidates.end() && kept.size() < kMaxUnindexed) {
-    const Candidate& best = *next++;
+  std::size_t next = 0;
+  while (next < candidates.size() && next < kMaxUnindexed) {
+    const Candidate best = candidates[next++];
     kept.push_back(best.index);
-    const auto isRemoved = [&](const Candidate& later) {
-      return overlaps(later.box, best.box, nmsThreshold);
-    };
-    candidates.erase(std::remove_if(next, candidates.end(), isRemoved), candidates.end());
+    const auto later = std::span(candidates).subspan(next);
+    const auto removed = std::ranges::remove_if(
+        later, [&](const Candidate& other) { return overlaps(other.box, best.box, nmsThreshold); });
+    candidates.resize(candidates.size() - removed.size());
   }
-  if (next != candidates.end()) suppressIndexed({next, candidates.end()}, nmsThreshold, kept);
+  const auto others = std::span<const Candidate>(candidates).subspan(next);
+  if (!others.empty()) suppressIndexed(others, nmsThreshold, kept);
   return kept;
 }
 
