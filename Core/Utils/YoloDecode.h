@@ -85,7 +85,7 @@ struct FrameObjects {
 FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
                           const VsaFrame& frame);
 
-/// Indices of the candidates left by NMS (see Nms.h) across all classes, best first. Throws
+/// Indices of the candidates left by cv::dnn::NMSBoxes across all classes, best first. Throws
 /// cv::Exception for a negative threshold.
 std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config);
 
