@@ -34,7 +34,8 @@ struct Ranges {
 /// Few different scores, so ties are frequent.
 float randomScore(cv::RNG& random) {
   constexpr float kRare[] = {kNan, kInf, -kInf, 0.0F, -0.0F, 0.25F};
-  return random.uniform(0, 16) == 0 ? kRare[random.uniform(0, 6)] : static_cast<float>(random.uniform(1, 64)) / 64.0F;
+  return random.uniform(0, 16) == 0 ? kRare[random.uniform(0, 6)]
+                                    : static_cast<float>(random.uniform(1, 64)) / 64.0F;
 }
 
 /// Every eighth box equals an earlier one, or is close to it.
@@ -92,7 +93,8 @@ Boxes afterFortyOthers(const std::vector<cv::Rect>& boxes) {
 }
 
 void expectSameAsOpenCv(const Boxes& set, float nmsThreshold) {
-  EXPECT_EQ(indicesAfterNms(set.boxes, set.scores, 0.0F, nmsThreshold), indicesByOpenCv(set, 0.0F, nmsThreshold))
+  EXPECT_EQ(indicesAfterNms(set.boxes, set.scores, 0.0F, nmsThreshold),
+            indicesByOpenCv(set, 0.0F, nmsThreshold))
       << set.boxes.back() << ' ' << nmsThreshold;
 }
 
@@ -100,7 +102,8 @@ TEST(Nms, ComparesOverlapWithThresholdAsOpenCvDoes) {
   for (int width = 1; width <= 100; ++width) {
     const Boxes set = afterFortyOthers({{0, 0, 100, 7}, {0, 0, width, 7}});
     const float overlap = static_cast<float>(width) / 100.0F;
-    for (const float threshold : {std::nextafter(overlap, 0.0F), overlap, std::nextafter(overlap, 2.0F)}) {
+    for (const float threshold :
+         {std::nextafter(overlap, 0.0F), overlap, std::nextafter(overlap, 2.0F)}) {
       expectSameAsOpenCv(set, threshold);
     }
   }
@@ -112,7 +115,8 @@ TEST(Nms, FindsBoxesThatShareOneRowOrColumnOfPixels) {
   for (int y = 0; y < kSide; ++y) {
     for (const int dx : kDistances) {
       for (const int dy : kDistances) {
-        expectSameAsOpenCv(afterFortyOthers({{0, y, kSide, kSide}, {dx, y + dy, kSide, kSide}}), 0.0F);
+        expectSameAsOpenCv(afterFortyOthers({{0, y, kSide, kSide}, {dx, y + dy, kSide, kSide}}),
+                           0.0F);
       }
     }
   }
@@ -123,7 +127,8 @@ TEST(Nms, ComparesAreasOfEmptyBoxesAsOpenCvDoes) {
   for (const cv::Rect& empty : {cv::Rect(500, 0, 0, 5), {500, 0, -2, 3}, {500, 0, -2, -3}}) {
     for (const int side : {2, 3, 20}) {
       for (const float threshold : {0.0F, 0.999F, 1.0F}) {
-        expectSameAsOpenCv(afterFortyOthers({{0, 0, 2, 3}, empty, {50, 50, side, 2}, empty}), threshold);
+        expectSameAsOpenCv(afterFortyOthers({{0, 0, 2, 3}, empty, {50, 50, side, 2}, empty}),
+                           threshold);
         expectSameAsOpenCv(afterFortyOthers({{0, 0, side, side}, empty}), threshold);
       }
     }
@@ -167,7 +172,8 @@ TEST(Nms, ThrowsAsOpenCvDoes) {
       return false;
     };
     EXPECT_EQ(run([&set = set](float s, float n) { indicesByOpenCv(set, s, n); }), isRefused);
-    EXPECT_EQ(run([&set = set](float s, float n) { indicesAfterNms(set.boxes, set.scores, s, n); }), isRefused);
+    EXPECT_EQ(run([&set = set](float s, float n) { indicesAfterNms(set.boxes, set.scores, s, n); }),
+              isRefused);
   }
 }
 
