@@ -24,7 +24,6 @@
 /// cv::Exception or std::exception. After an exception the model still accepts the next frame.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -61,7 +60,9 @@ inline constexpr std::int32_t kVsaOutlineTag = 10;
 
 /// A point of the frame in pixels, x to the right and y down. Not clamped to the frame.
 struct VsaPoint {
+  /// Column.
   std::int32_t x = 0;
+  /// Row.
   std::int32_t y = 0;
 };
 
@@ -96,37 +97,45 @@ struct VsaObject {
         classId(classIndex),
         className(label) {}
 
-  /// Size in pixels of the frame that the object was found in.
+  /// Width in pixels of the frame that the object was found in.
   std::int32_t imageWidth = 0;
+  /// Height of that frame.
   std::int32_t imageHeight = 0;
   std::int32_t reserved8 = 0;
-  /// Box in frame pixels: left and top at least 0, right at most imageWidth, bottom at most
-  /// imageHeight. In a text region, left and top are corner 0 (top left), right and bottom are
-  /// corner 1 (top right).
+  /// Left edge of the box in frame pixels, at least 0. Text region: x of corner 0 (top left).
   std::int32_t left = 0;
+  /// Top edge, at least 0. Text region: y of corner 0.
   std::int32_t top = 0;
+  /// Right edge, at most imageWidth. Text region: x of corner 1 (top right).
   std::int32_t right = 0;
+  /// Bottom edge, at most imageHeight. Text region: y of corner 1.
   std::int32_t bottom = 0;
-  /// Corners 2 (bottom right) and 3 (bottom left) of a text region; -1 for every other model.
+  /// Text region: x of corner 2 (bottom right). The four corner fields are -1 for other models.
   std::int32_t cornerX2 = -1;
+  /// Text region: y of corner 2.
   std::int32_t cornerY2 = -1;
+  /// Text region: x of corner 3 (bottom left).
   std::int32_t cornerX3 = -1;
+  /// Text region: y of corner 3.
   std::int32_t cornerY3 = -1;
   /// Rotation of an oriented box as the network returned it (radians, clockwise); -1 for every
   /// other model.
   float angle = -1.0F;
   /// Confidence score of the detector.
   float score = 0.0F;
-  /// Index into VsaModelConfig::classNames, and a copy of that name.
+  /// Index into VsaModelConfig::classNames.
   std::int32_t classId = 0;
+  /// Copy of that name.
   std::string className;
   std::int32_t reserved88 = -1;
   /// Key points or outline; written by the pose and the segmentation detector.
   std::vector<VsaShape> shapes;
   /// Written by the image classifier: score of the best class divided by the sum of all positive
-  /// scores, 0 to 1; index of that class, -1 before; and its name.
+  /// scores, 0 to 1.
   float classifyScore = 0.0F;
+  /// Written by the image classifier: index of that class; -1 before.
   std::int32_t classifyId = -1;
+  /// Written by the image classifier: name of that class.
   std::string classifyName;
   /// Written by the text recognisers: 0 once `text` is set, -1 before.
   std::int32_t textId = -1;
@@ -201,8 +210,9 @@ struct VsaFrame {
   /// gaps. Only read, and only during a call.
   void* data = nullptr;
   unsigned char reserved16[20] = {};
-  /// Columns and rows of the image; for audio, of the image that the audio belongs to, or 0.
+  /// Columns of the image; for audio, of the image that the audio belongs to, or 0.
   std::uint32_t width = 0;
+  /// Rows, likewise.
   std::uint32_t height = 0;
   std::uint32_t reserved44 = 0;
   /// Audio: capacity of the host's buffer in bytes. This and the following fields down to
@@ -238,9 +248,9 @@ struct VsaFrame {
   /// PaddleOCR also remove objects; other models only fill fields of the objects. The host clears
   /// the list between frames.
   std::vector<VsaObject> objects;
-  /// Audio: set to true, and audioScore to the score, if a wanted class was recognised. The library
-  /// never clears them.
+  /// Audio: set to true if a wanted class was recognised; the library never clears it.
   bool audioClassified = false;
+  /// Audio: score of that class.
   float audioScore = 0.0F;
   unsigned char reserved192[40] = {};
   /// Audio results; the library appends to them only if width and height are not 0.

@@ -39,7 +39,7 @@ std::string counted(std::int64_t count, const std::string& noun) {
 
 std::string joined(const std::vector<std::string>& texts, const char* separator) {
   std::string list;
-  for (const std::string& text : texts) list += (list.empty() ? "" : separator) + text;
+  for (std::size_t i = 0; i < texts.size(); ++i) list += (i == 0 ? "" : separator) + texts[i];
   return list;
 }
 

@@ -123,6 +123,13 @@ std::string readerOfRegions() {
   return family == families().end() ? "another model" : family->modelName;
 }
 
+std::string textDetector() {
+  const auto family = std::ranges::find(families(), Gives::kTextRegions, &Family::gives);
+  return family == families().end()
+             ? "a text detector"
+             : "the text detector (" + family->category + " " + family->modelName + ")";
+}
+
 std::string mismatchText(const VsaModelConfig& config, const ModelFile& file, const Fit& fit) {
   std::string advice;
   for (const Family* other : fittingFamilies(file)) {
@@ -197,7 +204,8 @@ std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {
     } else if (family->needs == Needs::kTextRegions && !hasTextRegions) {
       order[i].warnings.push_back(
           "the detector before it does not provide corners, so it reads each box as one upright "
-          "line: for slanted text put a text detector before it");
+          "line: for slanted text put " +
+          textDetector() + " before it");
     } else if (family->needs == Needs::kBoxes && !hasBoxes) {
       order[i].errors.push_back(
           "it works on boxes, but the text detector before it provides corners: put a YOLO "

@@ -1,5 +1,4 @@
-// The exported calls as a host makes them: versions, the model table, null pointers, codecs,
-// devices, log lines.
+// The exported functions: versions, the model table, null pointers, codecs, devices, log lines.
 
 #include <gtest/gtest.h>
 
@@ -12,20 +11,23 @@
 
 namespace {
 
-TEST(EntryPoints, GlobalCallsLogUnderTheirFile) {
+const std::string kFile = "Core/TolCompatible: ";
+
+TEST(EntryPoints, GlobalCallsLogTheirNames) {
   LogCapture log;
   EXPECT_TRUE(VsaGlobalInit());
   EXPECT_TRUE(VsaGlobalRelease());
-  EXPECT_EQ(log.located(), (Texts{"Core/TolCompatible: [I]VsaGlobalInit()", "Core/TolCompatible: [I]pub20240113",
-                                  "Core/TolCompatible: [I]VsaGlobalRelease()"}));
+  EXPECT_EQ(log.takeLines(), (Texts{kFile + "[I]VsaGlobalInit()", kFile + "[I]pub20240113",
+                                    kFile + "[I]VsaGlobalRelease()"}));
 }
 
-TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
+TEST(EntryPoints, RefusesOtherVersionsWithoutChangingModels) {
   LogCapture log;
   VsaModelSet sentinel;
-  // A terminator inside the string is a byte like any other.
-  for (const std::string& version : {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
-                                     std::string(), std::string("pub20240113\0", 12)}) {
+  // A zero byte within the string counts like any other byte.
+  for (const std::string& version :
+       {std::string("pub20240114"), std::string("pub20240113 "), std::string("pub2024011"),
+        std::string(), std::string("pub20240113\0", 12)}) {
     TestModel model("Detect", "YOLO8", "nowhere");
     model.context.version = version;
     model.context.models = &sentinel;
@@ -33,13 +35,15 @@ TEST(EntryPoints, OtherVersionsAreRefusedAndModelsLeftAlone) {
     EXPECT_FALSE(VsaHardwareDecodeInit(&model.context));
     EXPECT_FALSE(VsaHardwareEncodeInit(&model.context));
     EXPECT_EQ(std::exchange(model.context.models, nullptr), &sentinel);
-    EXPECT_EQ(log.located(), Texts(3, "Core/TolCompatible: [E]core:" + version + " not equal to vsa:pub20240113"));
+    EXPECT_EQ(log.takeLines(),
+              Texts(3, kFile + "[E]core:" + version + " not equal to vsa:pub20240113"));
   }
 }
 
-TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
-  const char* const rows[][3] = {
-      {"OpenVINO", "Detect", "yolo8"}, {"OpenVINO", "Feature", "PaddleOCR"}, {"TensorRT", "Detect", "YOLO8"}};
+TEST(EntryPoints, UnknownModelsGiveEmptySetWithoutLogLine) {
+  const char* const rows[][3] = {{"OpenVINO", "Detect", "yolo8"},
+                                 {"OpenVINO", "Feature", "PaddleOCR"},
+                                 {"TensorRT", "Detect", "YOLO8"}};
   LogCapture log;
   for (const auto& [engine, category, name] : rows) {
     TestModel model(category, name, "nowhere");
@@ -55,17 +59,16 @@ TEST(EntryPoints, WordsThatNameNoModelGiveAnEmptySetAndNoLine) {
     EXPECT_EQ(model.context.models, nullptr);
     VsaModelRelease(&model.context);
   }
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
-TEST(EntryPoints, NullPointersGiveOneErrorLine) {
+TEST(EntryPoints, NullPointersGiveOneErrorLineEach) {
   LogCapture log;
   TestModel model("Detect", "YOLO8", "nowhere");
   model.context.config = nullptr;
   EXPECT_FALSE(VsaModelInit(nullptr));
   EXPECT_FALSE(model.init());
-  ASSERT_NE(model.context.models,
-            nullptr);  // past the version check there is a set, if an empty one
+  ASSERT_NE(model.context.models, nullptr);  // created after the version check, empty
   VsaModelRelease(&model.context);
   VsaModelRelease(nullptr);
   VsaFrame frame;
@@ -74,12 +77,14 @@ TEST(EntryPoints, NullPointersGiveOneErrorLine) {
   EXPECT_FALSE(VsaModelFeature(&model.context, nullptr));
   EXPECT_FALSE(VsaHardwareDecodeInit(nullptr));
   VsaGetDeviceSet(nullptr);
-  EXPECT_EQ(log.texts(),
-            (Texts{"[E]context is null", "[E]config is null", "[E]context is null", "[E]context has no models",
-                   "[E]context has no models", "[E]context is null", "[E]device set is null"}));
+  EXPECT_EQ(log.takeLines(),
+            (Texts{kFile + "[E]context is null", kFile + "[E]config is null",
+                   kFile + "[E]context is null", kFile + "[E]context has no models",
+                   kFile + "[E]context has no models", kFile + "[E]context is null",
+                   kFile + "[E]device set is null"}));
 }
 
-TEST(EntryPoints, CodecsReportFailureSilently) {
+TEST(EntryPoints, CodecsFailWithoutLogLine) {
   LogCapture log;
   VsaModelContext context;
   context.version = kVsaInterfaceVersion;
@@ -89,20 +94,20 @@ TEST(EntryPoints, CodecsReportFailureSilently) {
   EXPECT_FALSE(VsaHardwareEncode(nullptr, nullptr));
   VsaHardwareDecodeRelease(nullptr);
   VsaHardwareEncodeRelease(nullptr);
-  EXPECT_EQ(log.texts(), Texts{});
+  EXPECT_EQ(log.takeTexts(), Texts{});
 }
 
-TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
+TEST(EntryPoints, EngineExceptionsPassAndModelsStayUnchanged) {
   LogCapture log;
   VsaModelSet sentinel;
   TestModel model("Detect", "YOLO8", "nowhere");
   model.context.models = &sentinel;
   EXPECT_THROW(model.init(), ov::Exception);
   EXPECT_EQ(model.context.models, &sentinel);
-  EXPECT_EQ(log.texts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
+  EXPECT_EQ(log.takeTexts(), (Texts{"[I]OvDetectYolo8()", "[I]modelPath=nowhere,device=CPU"}));
   model.context.models = nullptr;
 
-  // A model that exists, on a device that does not.
+  // An existing model on an unknown device.
   model.context.modelRoot = writeConstant({1, 3, 32, 32}, {1, 5, 1}, {1, 1, 1, 1, 1});
   model.config.device = "NOWHERE";
   EXPECT_THROW(model.init(), ov::Exception);
@@ -110,20 +115,22 @@ TEST(EntryPoints, EngineExceptionsPassAndLeaveModelsAsTheyWere) {
   EXPECT_TRUE(model.init());
 }
 
-TEST(EntryPoints, ModelPathIsJoinedWithoutNormalising) {
+TEST(EntryPoints, JoinsModelPathWithoutNormalisingIt) {
   LogCapture log;
-  const char* const cases[][3] = {
-      {"yolo", "best", "root/yolo/best"}, {"", "best", "root//best"}, {"yolo", "", "root/yolo/"}, {"", "", "root"}};
+  const char* const cases[][3] = {{"yolo", "best", "root/yolo/best"},
+                                  {"", "best", "root//best"},
+                                  {"yolo", "", "root/yolo/"},
+                                  {"", "", "root"}};
   for (const auto& [folder, file, path] : cases) {
     TestModel model("Detect", "YOLO8", "root");
     model.config.modelDir = folder;
     model.config.modelFile = file;
     EXPECT_THROW(model.init(), ov::Exception);
-    EXPECT_EQ(log.texts().at(1), std::string("[I]modelPath=") + path + ",device=CPU");
+    EXPECT_EQ(log.takeTexts().at(1), std::string("[I]modelPath=") + path + ",device=CPU");
   }
 }
 
-TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
+TEST(Devices, AddsBothEnginesToTheSet) {
   LogCapture log;
   VsaDeviceSet devices{"mine"};
   VsaGetDeviceSet(&devices);
@@ -133,15 +140,17 @@ TEST(Devices, BothEnginesAreListedAndTheSetKeepsWhatItHolds) {
   const VsaDeviceSet once = devices;
   VsaGetDeviceSet(&devices);
   EXPECT_EQ(devices, once);
-  const Texts lines = log.located();
+  const Texts lines = log.takeLines();
   ASSERT_EQ(lines.size(), 4U);
   EXPECT_TRUE(lines[0].starts_with("Core/OpenVINO/OvDetectYolo8: [I]OpenVINO 20")) << lines[0];
-  EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1.")) << lines[1];
+  EXPECT_TRUE(lines[1].starts_with("Core/OnnxRuntime/OrDetectYolo8: [I]OnnxRuntime 1."))
+      << lines[1];
 }
 
 TEST(Devices, AnyGpuAddsTheAggregateName) {
   const std::pair<std::vector<std::string>, VsaDeviceSet> cases[] = {
-      {{"CPU", "GPU.0", "GPU.1"}, {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
+      {{"CPU", "GPU.0", "GPU.1"},
+       {"OpenVINO-CPU", "OpenVINO-GPU", "OpenVINO-GPU.0", "OpenVINO-GPU.1"}},
       {{"GPU"}, {"OpenVINO-GPU"}},
       {{"GP", "NPU"}, {"OpenVINO-GP", "OpenVINO-NPU"}},
       {{}, {}},

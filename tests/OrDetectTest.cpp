@@ -1,4 +1,4 @@
-// The ONNX Runtime detectors through the exported calls, on files made by support/make_onnx.py.
+// The ONNX Runtime detectors through the exported functions, on networks of support/make_onnx.py.
 
 #include <gtest/gtest.h>
 
@@ -13,13 +13,18 @@
 
 namespace {
 
-std::string path(const std::string& name) {
+std::string pathOf(const std::string& name) {
   return std::string(TOL_ONNX_NETWORKS) + "/" + name;
+}
+
+/// The first part of the log lines of a model.
+std::string sourceFileOf(const std::string& modelName) {
+  return "Core/OnnxRuntime/OrDetectYolo" + modelName.substr(4) + ": ";
 }
 
 struct OnnxModel : TestModel {
   OnnxModel(const std::string& modelName, const std::string& file)
-      : TestModel("Detect", modelName, path(file + ".onnx")) {
+      : TestModel("Detect", modelName, pathOf(file + ".onnx")) {
     config.engine = "ONNXRuntime";
     config.objThreshold = 0.25F;
     setInput(64, 64);
@@ -38,7 +43,8 @@ TEST(OrDetect, DecodesEachFamily) {
       {"YOLO5", "yolo5", {"a 0 0.9: 22,22 42,42 of 64x64", "b 1 0.5: 6,6 10,10 of 64x64"}},
       {"YOLO26",
        "yolo26",
-       {"a 0 0.5: 22,22 42,42 of 64x64", "a 0 0.5: 22,22 42,42 of 64x64", "b 1 0.7: 0,0 64,64 of 64x64"}},
+       {"a 0 0.5: 22,22 42,42 of 64x64", "a 0 0.5: 22,22 42,42 of 64x64",
+        "b 1 0.7: 0,0 64,64 of 64x64"}},
   };
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
@@ -47,33 +53,40 @@ TEST(OrDetect, DecodesEachFamily) {
     VsaFrame frame = frameOf(image, {"a", "b"});
     LogCapture log;
     EXPECT_TRUE(model.detect(frame));
-    EXPECT_EQ(told(frame.objects), c.objects);
-    VsaFrame nothingWanted = frameOf(image);
-    EXPECT_TRUE(model.detect(nothingWanted));
-    EXPECT_TRUE(nothingWanted.objects.empty());
+    EXPECT_EQ(describe(frame.objects), c.objects);
+    VsaFrame unwanted = frameOf(image);
+    EXPECT_TRUE(model.detect(unwanted));
+    EXPECT_TRUE(unwanted.objects.empty());
     VsaFrame audio = frameOf(image);
     audio.kind = kVsaAudioFrame;
     EXPECT_FALSE(model.detect(audio));
-    EXPECT_EQ(log.texts(), Texts{});
-    EXPECT_FALSE(VsaModelDetect(&model.context, nullptr));
-    EXPECT_EQ(log.texts(), Texts{"[E]frame is null"});
+    EXPECT_EQ(log.takeTexts(), Texts{});
+    EXPECT_FALSE(model.run(nullptr));
+    EXPECT_EQ(log.takeLines(), Texts{sourceFileOf(c.model) + "[E]frame is null"});
+    cv::Mat line = randomImage(4000, 1);
+    VsaFrame thin = frameOf(line);
+    EXPECT_FALSE(model.detect(thin));
+    EXPECT_EQ(log.takeLines(),
+              Texts{sourceFileOf(c.model) + "[E]frame leaves no pixel in the network input," +
+                    "width=4000,height=1,input_width=64,input_height=64"});
   }
 }
 
-TEST(OrDetect, LogsThePathOnlyAndAnEmptyLineAtTheEnd) {
+TEST(OrDetect, LogsPathWhenOpenedAndEmptyLineWhenReleased) {
   LogCapture log;
-  for (const std::string name : {"Yolo5", "Yolo8", "Yolo26"}) {
+  for (const std::string name : {"YOLO5", "YOLO8", "YOLO26"}) {
+    const std::string file = "yolo" + name.substr(4);
     {
-      OnnxModel model("YOLO" + name.substr(4), "y" + name.substr(1));
+      OnnxModel model(name, file);
       ASSERT_TRUE(model.init());
     }
-    const std::string file = "Core/OnnxRuntime/OrDetect" + name;
-    EXPECT_EQ(log.located(),
-              (Texts{file + ": [I]modelPath=" + path("y" + name.substr(1) + ".onnx") + ",device=CPU", file + ": [I]"}));
+    EXPECT_EQ(log.takeLines(),
+              (Texts{sourceFileOf(name) + "[I]modelPath=" + pathOf(file + ".onnx") + ",device=CPU",
+                     sourceFileOf(name) + "[I]"}));
   }
 }
 
-TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
+TEST(OrDetect, RefusesUnsuitableNetworks) {
   const std::pair<std::string, std::string> cases[] = {
       {"two_inputs", "numInputNodes error:2"},
       {"no_inputs", "numInputNodes error:0"},
@@ -81,8 +94,10 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
       {"dynamic_input", "input_height=-1,input_width=-1"},
       {"rank_2_input", "network input is no picture,type=1,element=1,dimensions=[3,64]"},
       {"dynamic_output", "network output has no fixed size,[1,6,-1]"},
-      {"rank_2_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
-      {"scalar_output", "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
+      {"rank_2_output",
+       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[6,3]"},
+      {"scalar_output",
+       "network output is no float tensor of rank 3,type=1,element=1,dimensions=[]"},
       {"list_output", "network output is no float tensor of rank 3,type=2,element=0,dimensions=[]"},
   };
   cv::Mat image = randomImage(64, 64);
@@ -92,30 +107,31 @@ TEST(OrDetect, RefusesNetworksWhenItOpensThem) {
     EXPECT_FALSE(model.init()) << file;
     ASSERT_NE(model.context.models, nullptr);
     EXPECT_NE(model.context.models->detect, nullptr);
-    EXPECT_EQ(log.texts().back(), "[E]" + text);
+    EXPECT_EQ(log.takeLines().back(), sourceFileOf("YOLO8") + "[E]" + text);
     VsaFrame frame = frameOf(image, {"a"});
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.texts(), Texts{"[E]network was refused when it was opened"});
+    EXPECT_EQ(log.takeLines(),
+              Texts{sourceFileOf("YOLO8") + "[E]network was refused when it was opened"});
   }
   OnnxModel missing("YOLO8", "missing");
   EXPECT_THROW(missing.init(), Ort::Exception);
   EXPECT_EQ(missing.context.models, nullptr);
 }
 
-TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
+TEST(OrDetect, ChecksClassCountBeforeInference) {
   struct Case {
     const char* model;
     const char* file;
     std::uint32_t classCount;
     const char* line;
   };
-  // A run on the last network throws: it takes one plane. So nothing was run where the line stands.
-  const Case cases[] = {{"YOLO8", "yolo8", 3, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO8", "one_plane", 3, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO8", "yolo8", 0xFFFFFFFFU, "[E]Yolo8 dimensions error:6"},
-                        {"YOLO5", "yolo5", 1, "[E]Yolo5 dimensions error:7"},
-                        {"YOLO5", "one_plane", 2, "[E]Yolo5 dimensions error:3"},
-                        {"YOLO26", "yolo26_short", 2, "[E]Yolo26 dimensions error:5"}};
+  // Inference on "one_plane" throws, so a line shows that the check comes first.
+  const Case cases[] = {{"YOLO8", "yolo8", 3, "Yolo8 dimensions error:6"},
+                        {"YOLO8", "one_plane", 3, "Yolo8 dimensions error:6"},
+                        {"YOLO8", "yolo8", 0xFFFFFFFFU, "Yolo8 dimensions error:6"},
+                        {"YOLO5", "yolo5", 1, "Yolo5 dimensions error:7"},
+                        {"YOLO5", "one_plane", 2, "Yolo5 dimensions error:3"},
+                        {"YOLO26", "yolo26_short", 2, "Yolo26 dimensions error:5"}};
   cv::Mat image = randomImage(64, 64);
   for (const Case& c : cases) {
     OnnxModel model(c.model, c.file);
@@ -124,7 +140,7 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
     VsaFrame frame = frameOf(image, {"a"});
     LogCapture log;
     EXPECT_FALSE(model.detect(frame));
-    EXPECT_EQ(log.texts(), Texts{c.line});
+    EXPECT_EQ(log.takeLines(), Texts{sourceFileOf(c.model) + "[E]" + c.line});
     EXPECT_TRUE(frame.objects.empty());
   }
   for (const char* file : {"one_plane", "byte_input"}) {
@@ -136,31 +152,47 @@ TEST(OrDetect, ChecksTheClassCountBeforeItInfers) {
   }
 }
 
-TEST(OrDetect, AnOutputShorterThanItWasSaidToBeFailsItsFrameOnly) {
-  OnnxModel model("YOLO8", "breaks_its_word");
+TEST(OrDetect, BadBoxFailsTheFrame) {
+  cv::Mat image = randomImage(64, 64);
+  for (const std::string name : {"YOLO8", "YOLO5", "YOLO26"}) {
+    OnnxModel model(name, "yolo" + name.substr(4) + "_far");
+    ASSERT_TRUE(model.init());
+    VsaFrame frame = frameOf(image, {"a"});
+    LogCapture log;
+    EXPECT_FALSE(model.detect(frame));
+    EXPECT_TRUE(frame.objects.empty());
+    const Texts lines = log.takeLines();
+    ASSERT_EQ(lines.size(), 1U);
+    EXPECT_TRUE(lines[0].starts_with(sourceFileOf(name) + "[E]candidate 0 is out of range: "));
+  }
+}
+
+TEST(OrDetect, OutputShorterThanDeclaredFailsItsFrameOnly) {
+  OnnxModel model("YOLO8", "wrong_declared_shape");
   ASSERT_TRUE(model.init());
   cv::Mat black(64, 64, CV_8UC3, cv::Scalar::all(0));
   cv::Mat white(64, 64, CV_8UC3, cv::Scalar::all(255));
   VsaFrame dark = frameOf(black, {"a"});
   LogCapture log;
   EXPECT_FALSE(model.detect(dark));
-  EXPECT_EQ(log.texts().back(), "[E]network output is too short,[1,6,2]");
+  EXPECT_EQ(log.takeLines(),
+            Texts{sourceFileOf("YOLO8") + "[E]network output is too short,[1,6,2]"});
   VsaFrame bright = frameOf(white, {"a"});
   EXPECT_TRUE(model.detect(bright));
   EXPECT_EQ(bright.objects.size(), 1U);
 }
 
-TEST(BothEngines, AreShownTheSamePlanes) {
-  // Candidate i of this network lies at 4 i - 1 and has float i of its input for its score.
+TEST(BothEngines, GetTheSamePlanes) {
+  // The left edge of candidate i of this network is 4 i - 1; its score is float i of the input.
   OnnxModel onnx("YOLO8", "echo8");
-  TestModel ir("Detect", "YOLO8", path("echo8"));
+  TestModel ir("Detect", "YOLO8", pathOf("echo8"));
   for (TestModel* model : {static_cast<TestModel*>(&onnx), &ir}) {
     model->setInput(8, 4);
     model->setClasses({"a"});
     ASSERT_TRUE(model->init());
   }
   for (std::uint64_t seed = 2; seed < 9; ++seed) {
-    // Each size twice: the second frame finds its padding in place.
+    // Each size twice: the padding is kept for the second image.
     cv::Mat image = randomImage(20 * static_cast<int>(seed / 2), 37, seed);
     VsaFrame first = frameOf(image, {"a"});
     VsaFrame second = first;
@@ -168,14 +200,15 @@ TEST(BothEngines, AreShownTheSamePlanes) {
     ASSERT_TRUE(ir.detect(second));
     EXPECT_EQ(bytesOf(first), bytesOf(second));
     std::vector<float> planes(std::size_t{3} * 8 * 4);
-    const auto scale = TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
-    std::map<int, float> expected, shown;
+    const auto scale =
+        TolCompatibleLib::LetterboxWriter().writePlanes(image, {8, 4}, planes.data());
+    std::map<int, float> expected, found;
     for (std::size_t k = 0; k < planes.size(); ++k) {
       const float left = static_cast<float>(4 * static_cast<int>(k) - 1) * *scale;
       if (planes[k] > 0.25F) expected[std::max(0, static_cast<int>(left))] = planes[k];
     }
-    for (const VsaObject& object : first.objects) shown[object.left] = object.score;
-    EXPECT_EQ(shown, expected);
+    for (const VsaObject& object : first.objects) found[object.left] = object.score;
+    EXPECT_EQ(found, expected);
   }
 }
 
@@ -207,7 +240,7 @@ TEST(OrDetect, RunsOfOneContextMayOverlap) {
   EXPECT_EQ(different, 0);
 }
 
-TEST(WidenedPath, TakesEachByteAsASignedCharacter) {
+TEST(WidenedPath, TakesEachByteAsSignedCharacter) {
   EXPECT_EQ(TolCompatibleLib::widened<wchar_t>("a/b.onnx"), L"a/b.onnx");
   const std::wstring wide = TolCompatibleLib::widened<wchar_t>("\xE4");
   ASSERT_EQ(wide.size(), 1U);

@@ -1,4 +1,4 @@
-// The models that work on the objects of a frame: image classifier, embeddings, second recogniser.
+// The models that work on the objects of a frame: image classifier, embeddings, VsOCR.
 
 #include <gtest/gtest.h>
 
@@ -15,7 +15,7 @@ namespace {
 
 using namespace TolCompatibleLib;
 
-TEST(BestClass, IsTheFirstMaximumAndItsShareOfThePositiveScores) {
+TEST(BestClass, IsFirstMaximumAndItsShareOfPositiveScores) {
   struct Case {
     std::vector<float> scores;
     int classId;
@@ -30,7 +30,7 @@ TEST(BestClass, IsTheFirstMaximumAndItsShareOfThePositiveScores) {
   EXPECT_TRUE(std::isnan(bestClass(std::vector<float>{kInf, 1}).score));
 }
 
-/// A frame with blue, green and red thirds and an object on each.
+/// A frame with a blue, a green and a red third and an object on each of them.
 struct Thirds {
   Thirds() : image(40, 60, CV_8UC3), frame(frameOf(image)) {
     const cv::Scalar colours[] = {{255, 0, 0}, {0, 255, 0}, {0, 0, 255}};
@@ -43,7 +43,7 @@ struct Thirds {
   VsaFrame frame;
 };
 
-TEST(OvClassifyResNet, ScoresMayEqualTheThreshold) {
+TEST(OvClassifyResNet, KeepsScoreEqualToThreshold) {
   struct Case {
     std::vector<float> scores;
     float threshold;
@@ -53,7 +53,7 @@ TEST(OvClassifyResNet, ScoresMayEqualTheThreshold) {
   const Case cases[] = {{{1, 3}, 0.75F, {"a", "b"}, 3U},
                         {{1, 3}, 0.76F, {"a", "b"}, 0U},
                         {{-1, -3}, 1.0F, {"a", "b"}, 3U},
-                        {{1, kInf}, 0.0F, {"a", "b"}, 0U},  // no share of infinity
+                        {{1, kInf}, 0.0F, {"a", "b"}, 0U},  // the share of infinity is NaN
                         {{1, 3}, 0.0F, {"a"}, 0U}};         // the best class has no name
   for (const Case& c : cases) {
     TestModel model("Classify", "ResNet", writeConstant({1, 3, 8, 8}, {1, 2}, c.scores));
@@ -69,7 +69,7 @@ TEST(OvClassifyResNet, ScoresMayEqualTheThreshold) {
   }
 }
 
-TEST(ObjectModels, LeaveTheListAsItWasWhenARegionIsOutsideThePicture) {
+TEST(ObjectModels, RegionOutsideTheImageLeavesObjectsUnchanged) {
   const std::string network = writeConstant({1, 3, 8, 8}, {1, 1, 300}, std::vector<float>(300, 1));
   for (const std::string name : {"ResNet", "DeepSort", "VsFaceNet", "VsOCR"}) {
     TestModel model(name == "ResNet" ? "Classify" : "Track", name, network);
@@ -88,29 +88,33 @@ TEST(ObjectModels, LeaveTheListAsItWasWhenARegionIsOutsideThePicture) {
   }
 }
 
-/// A network whose output is its input from float `begin` on.
-std::string echoFrom(int width, int height, int begin, bool dynamic = false) {
-  const ov::PartialShape shape = dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
+/// Writes a network whose output is its input without the first `begin` floats.
+std::string writeEcho(int width, int height, int begin, bool dynamic = false) {
+  const ov::PartialShape shape =
+      dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
   return writeNetwork(shape, [&](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
+    return ov::OutputVector{
+        sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
   });
 }
 
-TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
+TEST(Embeddings, AreTheFirstFloatsOfTheOutput) {
   struct Case {
     const char* name;
     void (*fit)(const cv::Mat&, cv::Size, float*);
     std::size_t length;
   };
-  const cv::Size input(16, 24);  // 1152 floats, of which the network gives all but the first 700
-  for (const Case& c : {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
+  const cv::Size input(16, 24);  // 1152 floats; the network returns all but the first 700
+  for (const Case& c :
+       {Case{"DeepSort", FitToInputNormalized, 256}, {"VsFaceNet", FitToInput, 128}}) {
     for (const bool dynamic : {false, true}) {
-      TestModel model("Track", c.name, echoFrom(input.width, input.height, 700, dynamic));
+      TestModel model("Track", c.name, writeEcho(input.width, input.height, 700, dynamic));
       model.setInput(16, 24);
       ASSERT_TRUE(model.init());
       cv::Mat image = randomImage(60, 50, 23);
       VsaFrame frame = frameOf(image);
-      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50), boxObject(5, 5, 9, 7)};
+      frame.objects = {boxObject(1, 2, 21, 30, "first"), boxObject(0, 0, 60, 50),
+                       boxObject(5, 5, 9, 7)};
       frame.objects[1].feature.assign(1000, 5.0F);
       const float* const kept = frame.objects[1].feature.data();
       for (int run = 0; run < 2; ++run) {
@@ -119,11 +123,11 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
         for (const VsaObject& object : frame.objects) {
           std::vector<float> planes(static_cast<std::size_t>(3 * input.area()));
           c.fit(regionOf(image, object), input, planes.data());
-          const std::vector<float> expected(planes.begin() + 700,
-                                            planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
+          const std::vector<float> expected(
+              planes.begin() + 700, planes.begin() + 700 + static_cast<std::ptrdiff_t>(c.length));
           EXPECT_EQ(object.feature, expected);
         }
-        EXPECT_EQ(frame.objects[1].feature.data(), kept) << "the vector's own memory";
+        EXPECT_EQ(frame.objects[1].feature.data(), kept) << "the memory of the vector is kept";
         EXPECT_EQ(frame.objects[1].feature.capacity(), 1000U);
       }
       EXPECT_EQ(frame.objects[0].className, "first");
@@ -133,20 +137,21 @@ TEST(Embeddings, AreTheFirstNumbersOfTheOutputForEachObject) {
   }
 }
 
-TEST(OvFeatureVsOCR, ReadsByTheLayoutOrLeavesTheTextEmpty) {
-  // Three steps of the classes 2, 2 and 1, and the same turned round.
+TEST(OvFeatureVsOCR, UsesLayoutOfOutputOrLeavesTextEmpty) {
+  // Three steps with the classes 2, 2 and 1, and the same transposed.
   const std::vector<float> rows = {0, 0, 1, 0, 0, 0, 1, 0, 0, 1, 0, 0};
   const std::vector<float> columns = {0, 0, 0, 0, 0, 1, 1, 1, 0, 0, 0, 0};
+  const std::string file = "Core/OpenVINO/OvFeatureVsOCR: ";
   struct Case {
     ov::Shape shape;
     const std::vector<float>& values;
     std::string text;
-    Texts lines;  // one an object
+    Texts lines;  ///< One per object.
   };
   const Case cases[] = {{{1, 3, 4}, rows, "ba", {}},
                         {{1, 4, 3}, columns, "ba", {}},
-                        {{2, 3, 2}, rows, "", Texts(2, "[E]Unknown output format!")},
-                        {{12}, rows, "", Texts(2, "[E]Unsupported shape!")}};
+                        {{2, 3, 2}, rows, "", Texts(2, file + "[E]Unknown output format!")},
+                        {{12}, rows, "", Texts(2, file + "[E]Unsupported shape!")}};
   for (const Case& c : cases) {
     TestModel model("Track", "VsOCR", writeConstant({1, 3, 8, 8}, c.shape, c.values));
     model.setInput(8, 8);
@@ -158,7 +163,7 @@ TEST(OvFeatureVsOCR, ReadsByTheLayoutOrLeavesTheTextEmpty) {
     frame.objects[1].text = "old";
     LogCapture log;
     EXPECT_TRUE(model.feature(frame));
-    EXPECT_EQ(log.texts(), c.lines);
+    EXPECT_EQ(log.takeLines(), c.lines);
     for (const VsaObject& object : frame.objects) {
       EXPECT_EQ(object.text, c.text) << c.shape;
       EXPECT_EQ(object.textId, 0);

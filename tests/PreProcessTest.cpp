@@ -1,4 +1,4 @@
-// What reaches a network: sizes, scales and refusals. ReferenceTest compares the numbers.
+// Sizes and refusals of the pre-processing. ReferenceTest compares the values.
 
 #include "Utils/PreProcessUtils.h"
 
@@ -13,40 +13,40 @@ namespace {
 
 using namespace TolCompatibleLib;
 
-TEST(Letterbox, RefusesAPictureOfWhichNothingWouldBeLeft) {
+TEST(Letterbox, RefusesImageThatLeavesNoPixel) {
   LogCapture log;
   EXPECT_FALSE(letterbox(randomImage(641, 1), {640, 640}));
   EXPECT_FALSE(letterbox(randomImage(1, 641), {640, 640}));
   EXPECT_FALSE(letterbox(randomImage(8, 8), {0, 640}));
-  EXPECT_EQ(log.texts().size(), 3U);
+  EXPECT_EQ(log.takeTexts().size(), 3U);
   EXPECT_TRUE(letterbox(randomImage(640, 1), {640, 640}));
-  // Here the scaled width, in single precision, comes out one pixel wider than the input.
+  // In single precision, this scaled width is one pixel larger than the input.
   std::vector<float> planes(std::size_t{3} * 10000001 + 1, 7.0F);
   EXPECT_TRUE(LetterboxWriter().writePlanes(randomImage(1148, 1), {10000001, 1}, planes.data()));
   EXPECT_EQ(planes.back(), 7.0F);
 }
 
-TEST(Planes, OfARegionThatDoesNotFitAreOpenCvsToRefuse) {
-  // A tall region outgrows an input that is wider than high; a thin one vanishes.
+TEST(FitToInput, ThrowsIfRegionDoesNotFit) {
+  // A scaled tall region is higher than the input; a scaled thin one has no pixel.
   std::vector<float> planes(3 * 64 * 32);
   EXPECT_THROW(FitToInput(randomImage(50, 100), {64, 32}, planes.data()), cv::Exception);
   EXPECT_THROW(FitToInput(randomImage(1000, 1), {64, 32}, planes.data()), cv::Exception);
 }
 
-TEST(Regions, OutsideThePictureAreOpenCvsToRefuse) {
+TEST(Regions, OutsideTheImageThrow) {
   const cv::Mat image = randomImage(40, 30);
-  const int most = std::numeric_limits<int>::max();
-  const int least = std::numeric_limits<int>::min();
-  const auto cut = [&image](int left, int top, int right, int bottom) {
+  constexpr int kMax = std::numeric_limits<int>::max();
+  constexpr int kMin = std::numeric_limits<int>::min();
+  const auto sizeOf = [&image](int left, int top, int right, int bottom) {
     return regionOf(image, boxObject(left, top, right, bottom)).size();
   };
-  EXPECT_EQ(cut(39, 29, 40, 30), cv::Size(1, 1));
-  EXPECT_THROW(cut(-1, 0, 10, 10), cv::Exception);
-  EXPECT_THROW(cut(5, 5, most, 10), cv::Exception);
-  EXPECT_THROW(cut(least, least, most, most), cv::Exception);
+  EXPECT_EQ(sizeOf(39, 29, 40, 30), cv::Size(1, 1));
+  EXPECT_THROW(sizeOf(-1, 0, 10, 10), cv::Exception);
+  EXPECT_THROW(sizeOf(5, 5, kMax, 10), cv::Exception);
+  EXPECT_THROW(sizeOf(kMin, kMin, kMax, kMax), cv::Exception);
 }
 
-TEST(TextInputSize, ShrinksToTheLimitAndRoundsUpTo32) {
+TEST(TextInputSize, ShrinksToLimitAndRoundsUpTo32) {
   struct Case {
     cv::Size frame;
     std::uint32_t limit;

@@ -1,4 +1,5 @@
-// The steps before and after inference give the same bits as their reference versions, over random input.
+// The steps before and after inference give the same bits as their reference versions, over random
+// input.
 
 #include <gtest/gtest.h>
 
@@ -19,13 +20,14 @@ namespace {
 
 using namespace TolCompatibleLib;
 
-/// An image of random size and content. Its buffer ends with the last pixel, so that the address sanitizer reports
-/// reads past it. The first rounds have one row or one column.
+/// An image of random size and content. Its buffer ends with the last pixel, so that the address
+/// sanitizer reports reads past it. The first rounds have one row or one column.
 struct RandomImage {
   RandomImage(int round, cv::RNG& random) {
     const cv::Size kThin[] = {{1, 1}, {3, 1}, {1, 5}, {300, 1}, {1, 200}, {2, 2}};
     const cv::Size size =
-        round < 6 ? kThin[round] : cv::Size(random.uniform(1, 300), random.uniform(1, round % 2 == 0 ? 300 : 90));
+        round < 6 ? kThin[round]
+                  : cv::Size(random.uniform(1, 300), random.uniform(1, round % 2 == 0 ? 300 : 90));
     bytes.resize(std::size_t{3} * static_cast<std::size_t>(size.area()));
     image = cv::Mat(size, CV_8UC3, bytes.data());
     random.fill(image, cv::RNG::UNIFORM, 0, 256);
@@ -57,7 +59,9 @@ TEST(Reference, LetterboxedPlanesAreTheSame) {
     const reference::Letterboxed expected = reference::letterbox(source.image, input);
     const auto boxed = letterbox(source.image, input);
     std::optional<float> scale;
-    const auto planes = bitsOf(input, [&](float* out) { scale = LetterboxWriter().writePlanes(source.image, input, out); });
+    const auto planes = bitsOf(input, [&](float* out) {
+      scale = LetterboxWriter().writePlanes(source.image, input, out);
+    });
     ASSERT_EQ(boxed.has_value(), !expected.canvas.empty());
     ASSERT_EQ(scale.has_value(), !expected.canvas.empty());
     if (!scale) continue;
@@ -65,15 +69,18 @@ TEST(Reference, LetterboxedPlanesAreTheSame) {
     EXPECT_EQ(*scale, expected.scale);
     EXPECT_EQ(cv::norm(boxed->canvas, expected.canvas, cv::NORM_INF), 0.0);
     const cv::Mat blob = reference::unitBlob(expected.canvas);
-    EXPECT_EQ(planes, bitsOf(input, [&](float* out) { std::copy_n(blob.ptr<float>(), blob.total(), out); }))
+    EXPECT_EQ(planes,
+              bitsOf(input, [&](float* out) { std::copy_n(blob.ptr<float>(), blob.total(), out); }))
         << source.image.size() << input;
-    // The same if the input still holds another image of this size, and before that one of another size.
+    // The same if the input still holds another image of this size, and before that one of another
+    // size.
     const cv::Mat other(source.image.size(), CV_8UC3, cv::Scalar::all(99));
     for (const cv::Mat& image : {other, source.image}) {
       writer.writePlanes(image, input, keptPlanes.data());
       pixelWriter.writePixels(image, input, keptPixels.data());
     }
-    EXPECT_EQ(bitsOf(input, [&](float* out) { std::copy_n(keptPlanes.data(), blob.total(), out); }), planes);
+    EXPECT_EQ(bitsOf(input, [&](float* out) { std::copy_n(keptPlanes.data(), blob.total(), out); }),
+              planes);
     EXPECT_TRUE(std::equal(expected.canvas.datastart, expected.canvas.dataend, keptPixels.data()));
   }
 }
@@ -93,10 +100,13 @@ TEST(Reference, PlanesOfRegionsAreTheSame) {
     int compared = 0;
     for (int round = 0; round < 120; ++round) {
       const RandomImage source(round, random);
-      // Every second region is the bottom-right part of the image, so its stride is larger than its rows.
-      const cv::Point corner(random.uniform(0, source.image.cols), random.uniform(0, source.image.rows));
-      const cv::Mat region =
-          round % 2 == 0 ? source.image : source.image(cv::Rect(corner, cv::Point(source.image.size())));
+      // Every second region is the bottom-right part of the image, so its stride is larger than its
+      // rows.
+      const cv::Point corner(random.uniform(0, source.image.cols),
+                             random.uniform(0, source.image.rows));
+      const cv::Mat region = round % 2 == 0
+                                 ? source.image
+                                 : source.image(cv::Rect(corner, cv::Point(source.image.size())));
       const cv::Size input(random.uniform(1, 120), random.uniform(1, 120));
       const auto planesOf = [&region = region, input](Fill fill) {
         try {
@@ -113,10 +123,11 @@ TEST(Reference, PlanesOfRegionsAreTheSame) {
   }
 }
 
-/// A score above 0.25 with the given probability. There are few different values, so ties are frequent; those up to
-/// 0.25 include NaN and minus infinity.
+/// A score above 0.25 with the given probability. There are few different values, so ties are
+/// frequent; those up to 0.25 include NaN and minus infinity.
 float randomScore(cv::RNG& random, float probability) {
-  if (random.uniform(0.0F, 1.0F) < probability) return 0.25F + 0.05F * static_cast<float>(random.uniform(0, 12));
+  if (random.uniform(0.0F, 1.0F) < probability)
+    return 0.25F + 0.05F * static_cast<float>(random.uniform(0, 12));
   constexpr float kLow[] = {kNan, -kInf, -1.0F, -0.0F, 0.0F, 0.25F};
   return random.uniform(0, 20) == 0 ? kLow[random.uniform(0, 6)] : 0.2F;
 }
@@ -152,28 +163,33 @@ TEST(Reference, YoloCandidatesAndObjectsAreTheSame) {
     cv::Mat rows(count, 5 + classes, CV_32FC1);
     for (int r = 0; r < count; ++r) {
       for (int c = 0; c < rows.cols; ++c) {
-        rows.at<float>(r, c) = c < 4 ? random.uniform(c < 2 ? -50.0F : 0.0F, 700.0F) : randomScore(random, probability);
+        rows.at<float>(r, c) = c < 4 ? random.uniform(c < 2 ? -50.0F : 0.0F, 700.0F)
+                                     : randomScore(random, probability);
       }
     }
     const FloatGrid byRow{rows.ptr<float>(), count, rows.cols};
     const float scale = random.uniform(0.1F, 4.0F);
     const Candidates yolo5 = reference::decodeYolo5(byRow, classes, config.objThreshold, 0.25F);
     expectSame(decodeYolo5(byRow, classes, config.objThreshold, 0.25F), yolo5);
-    // The other heads have one candidate per column; to them, the objectness is the first class score.
+    // The other heads have one candidate per column; to them, the objectness is the first class
+    // score.
     const cv::Mat columns = rows.t();
     const FloatGrid byColumn{columns.ptr<float>(), rows.cols, count};
     const Candidates yolo8 = reference::decodeYolo8(byColumn, classes, 0.25F);
     expectSame(decodeYolo8(byColumn, classes, 0.25F), yolo8);
-    expectSame(decodeYolo8Pose(byColumn, 0.25F, scale), reference::decodeYolo8Pose(byColumn, 0.25F, scale));
+    expectSame(decodeYolo8Pose(byColumn, 0.25F, scale),
+               reference::decodeYolo8Pose(byColumn, 0.25F, scale));
     for (const Candidates& found : {yolo5, yolo8}) {
       EXPECT_EQ(bytesOf(wantedObjects(found, scale, config, frame).objects),
                 bytesOf(reference::wantedObjects(found, scale, config, frame)));
     }
     // Column 5 becomes a class id: with a fraction, negative, or past the last class.
-    for (int r = 0; r < count; ++r) rows.at<float>(r, 5) = random.uniform(-2.0F, static_cast<float>(classes + 2));
+    for (int r = 0; r < count; ++r)
+      rows.at<float>(r, 5) = random.uniform(-2.0F, static_cast<float>(classes + 2));
     const FrameObjects yolo26 = decodeYolo26(byRow, scale, config, frame);
     EXPECT_FALSE(yolo26.badBox);
-    EXPECT_EQ(bytesOf(yolo26.objects), bytesOf(reference::decodeYolo26(byRow, scale, config, frame)));
+    EXPECT_EQ(bytesOf(yolo26.objects),
+              bytesOf(reference::decodeYolo26(byRow, scale, config, frame)));
   }
 }
 
@@ -187,9 +203,10 @@ void fillSmoothly(cv::Mat field, cv::RNG& random) {
 TEST(Reference, MaskOutlinesAreTheSame) {
   // Ratios that are a power of two up to 64 have code of their own.
   const std::pair<cv::Size, cv::Size> cases[] = {
-      {{160, 160}, {640, 640}}, {{40, 40}, {160, 160}}, {{40, 24}, {160, 96}}, {{24, 40}, {48, 320}},
-      {{30, 30}, {30, 30}},     {{20, 20}, {60, 60}},   {{32, 32}, {48, 48}},  {{64, 64}, {32, 32}},
-      {{1, 1}, {32, 32}},       {{3, 50}, {12, 200}},   {{40, 24}, {96, 160}}, {{20, 20}, {40, 60}},
+      {{160, 160}, {640, 640}}, {{40, 40}, {160, 160}}, {{40, 24}, {160, 96}},
+      {{24, 40}, {48, 320}},    {{30, 30}, {30, 30}},   {{20, 20}, {60, 60}},
+      {{32, 32}, {48, 48}},     {{64, 64}, {32, 32}},   {{1, 1}, {32, 32}},
+      {{3, 50}, {12, 200}},     {{40, 24}, {96, 160}},  {{20, 20}, {40, 60}},
       {{2, 2}, {256, 256}}};
   cv::RNG random(11);
   std::vector<std::uint8_t> memory;
@@ -207,7 +224,8 @@ TEST(Reference, MaskOutlinesAreTheSame) {
       for (float& c : coefficients) c = random.uniform(-strength, strength);
       const cv::Rect box(random.uniform(-20, input.width), random.uniform(-20, input.height),
                          random.uniform(0, input.width), random.uniform(0, input.height));
-      const auto expected = reference::maskOutline({prototypes.data(), size}, coefficients, box, input);
+      const auto expected =
+          reference::maskOutline({prototypes.data(), size}, coefficients, box, input);
       ASSERT_EQ(maskOutline({prototypes.data(), size}, coefficients, box, input, memory), expected)
           << size << input << box;
       outlineCount += expected.empty() ? 0 : 1;

@@ -1,4 +1,4 @@
-// The built-in dictionary, and how a network lays out its scores. ReferenceTest compares the texts read.
+// The built-in dictionary and the layouts of scores. ReferenceTest compares decoded texts.
 
 #include "Utils/TextDecode.h"
 
@@ -11,13 +11,13 @@ namespace {
 
 using namespace TolCompatibleLib;
 
-TEST(Dictionary, HoldsThePublishedListInGbk) {
+TEST(Dictionary, HoldsPublishedListInGbk) {
   const CharacterDictionary dictionary = CharacterDictionary::builtIn();
   ASSERT_EQ(dictionary.size(), 6624U);
-  const std::pair<std::size_t, const char*> entries[] = {{0, "blank"}, {1, "'"},           {2, "\xC1\xC6"},
-                                                         {25, "2"},    {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
+  const std::pair<std::size_t, const char*> entries[] = {
+      {0, "blank"}, {1, "'"}, {2, "\xC1\xC6"}, {25, "2"}, {6614, "\xA8\xAC"}, {6623, "\x91\xC9"}};
   for (const auto& [index, text] : entries) EXPECT_EQ(dictionary[index], text) << index;
-  std::uint32_t checksum = 2166136261U;  // FNV-1a over the entries, each closed by a line feed
+  std::uint32_t checksum = 2166136261U;  // FNV-1a over the entries, each followed by a line feed
   for (std::size_t i = 0; i < dictionary.size(); ++i) {
     for (const char c : std::string(dictionary[i]) + "\n") {
       checksum = (checksum ^ static_cast<unsigned char>(c)) * 16777619U;
@@ -26,7 +26,7 @@ TEST(Dictionary, HoldsThePublishedListInGbk) {
   EXPECT_EQ(checksum, 2547496953U);
 }
 
-TEST(OcrLayout, IsToldByTheShape) {
+TEST(OcrLayout, FollowsFromShape) {
   struct Case {
     std::vector<std::size_t> shape;
     const char* error;
@@ -56,7 +56,7 @@ TEST(OcrLayout, IsToldByTheShape) {
   }
 }
 
-TEST(DecodeOcr, KnowsNoLetterPastTheAlphabetAndNoTextWithoutClasses) {
+TEST(DecodeOcr, DropsClassesPastTheAlphabet) {
   const float scores[] = {0, 1, 0, 0, 0, 1, 0, 1, 0};  // classes 1, 2 and 1
   EXPECT_EQ(decodeOcr(scores, {3, 3, 3, 1}, {"-", "a"}), "aa");
   EXPECT_EQ(decodeOcr(scores, {9, 1, 1, 1}, {"-", "a"}), "");

@@ -1,4 +1,4 @@
-// Which regions of a probability map count. ReferenceTest compares their corners.
+// Which regions of a probability map are reported. ReferenceTest compares their corners.
 
 #include "Utils/TextRegions.h"
 
@@ -21,24 +21,27 @@ std::size_t count(const cv::Mat& map, const TextBoxParams& params = {}) {
   return extractTextBoxes(params, map, map.size(), map.size()).regions.size();
 }
 
-TEST(TextRegions, ThresholdsAreStrictForPixelsAndInclusiveForRegions) {
-  const std::tuple<float, float, std::size_t> cases[] = {{0.3F, 0.1F, 0U},  // a pixel must be above 0.3
-                                                         {std::nextafter(0.3F, 1.0F), 0.1F, 1U},
-                                                         {0.5F, 0.5F, 1U},
-                                                         {0.5F, std::nextafter(0.5F, 1.0F), 0U}};
+TEST(TextRegions, ThresholdIsExclusiveForPixelsAndInclusiveForRegions) {
+  const std::tuple<float, float, std::size_t> cases[] = {
+      {0.3F, 0.1F, 0U},  // a pixel must be above 0.3
+      {std::nextafter(0.3F, 1.0F), 0.1F, 1U},
+      {0.5F, 0.5F, 1U},
+      {0.5F, std::nextafter(0.5F, 1.0F), 0U}};
   for (const auto& [probability, boxThreshold, expected] : cases) {
     TextBoxParams params;
     params.boxThreshold = boxThreshold;
-    EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 30, 20}}, probability), params), expected) << probability;
+    EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 30, 20}}, probability), params), expected)
+        << probability;
   }
 }
 
-TEST(TextRegions, SmallOnesAreDropped) {
-  const std::pair<cv::Size, std::size_t> cases[] = {{{1, 1}, 0U},
-                                                    {{30, 1}, 0U},
-                                                    {{30, 3}, 0U},  // its rectangle is 29 x 2
-                                                    {{30, 4}, 1U},
-                                                    {{4, 4}, 1U}};  // side 3 grows by 1.5 on each side, to 6 x 6
+TEST(TextRegions, DropsSmallRegions) {
+  const std::pair<cv::Size, std::size_t> cases[] = {
+      {{1, 1}, 0U},
+      {{30, 1}, 0U},
+      {{30, 3}, 0U},  // its rectangle is 29 x 2
+      {{30, 4}, 1U},
+      {{4, 4}, 1U}};  // side 3 grows by 1.5 on each side, to 6 x 6
   for (const auto& [size, expected] : cases) {
     EXPECT_EQ(count(mapWith({64, 64}, {cv::Rect({10, 10}, size)})), expected) << size;
   }
@@ -47,14 +50,16 @@ TEST(TextRegions, SmallOnesAreDropped) {
   EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 4, 4}}), params), 0U);
   params.unclipRatio = 0.5F;  // side 4 grows to 5, which is enough
   EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 5, 5}}), params), 1U);
-  params.minSize = 0;  // what has no sides cannot grow
+  params.minSize = 0;  // a region without area does not grow
   EXPECT_EQ(count(mapWith({64, 64}, {{10, 10, 1, 1}}), params), 0U);
 }
 
-TEST(TextRegions, AtMostAThousandContoursAreLookedAt) {
-  // Dots, which are found first and dropped, count too.
+TEST(TextRegions, ExaminesAtMost1000Contours) {
+  // Dots count, too; they are found first and dropped.
   cv::Mat map = mapWith({1000, 740}, {{500, 2, 40, 9}});
-  const auto dot = [&map](int i) -> float& { return map.at<float>(20 + 24 * (i / 40), 8 + 24 * (i % 40)); };
+  const auto dot = [&map](int i) -> float& {
+    return map.at<float>(20 + 24 * (i / 40), 8 + 24 * (i % 40));
+  };
   for (int i = 0; i < 999; ++i) dot(i) = 0.75F;
   EXPECT_EQ(count(map), 1U);
   dot(999) = 0.75F;

@@ -213,7 +213,7 @@ std::vector<Family> familiesToDamage(const std::string& engine) {
   std::vector<Family> found = familiesOn(engine);
   if (engine == "ONNXRuntime") {
     Family yolo8 = findFamily(engine, "Detect", "YOLO8");
-    for (const char* file : {"dynamic_output.onnx", "breaks_its_word.onnx"}) {
+    for (const char* file : {"dynamic_output.onnx", "wrong_declared_shape.onnx"}) {
       yolo8.onnxFile = file;
       found.push_back(yolo8);
     }

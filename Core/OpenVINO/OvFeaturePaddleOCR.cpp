@@ -4,7 +4,6 @@
 // being the CTC blank. Objects whose region has no pixel in the image are removed from the frame.
 
 #include <algorithm>
-#include <limits>
 #include <utility>
 
 #include "OpenVINO/OvModel.h"
@@ -65,10 +64,9 @@ cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   if (width < 1 || height < 1) return {};
   const int left = truncateToInt(minX);
   const int top = truncateToInt(minY);
-  // OpenCV rejects a region outside the image, but adds offset and length without checking for
-  // overflow.
-  constexpr int kMaxInt = std::numeric_limits<int>::max();
-  return {left, top, std::min(width, kMaxInt - left), std::min(height, kMaxInt - top)};
+  // If a side has more than 2^24 pixels, rounding to single precision may make the region extend
+  // beyond the image.
+  return {left, top, std::min(width, image.width - left), std::min(height, image.height - top)};
 }
 
 bool OvFeaturePaddleOCR::run(VsaFrame* frame) {

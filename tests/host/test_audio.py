@@ -122,7 +122,7 @@ class AudioTest(VsaCase):
         self.assertEqual(self.vsa("run", self.pipeline, "in", "--max-frames", "2"),
                          "in/a.wav: 0.000 s to 0.200 s: low 0.800\n"
                          "in/a.wav: 0.200 s to 0.400 s: nothing\n")
-        for option, sentence in (("--output", "draws images"), ("--crops", "is for images")):
+        for option, sentence in (("--output", "draws on images"), ("--crops", "is for images")):
             self.vsa("run", self.pipeline, "in/a.wav", option, "out", status=2)
             self.assertIn(f"{option} {sentence}", self.err)
 

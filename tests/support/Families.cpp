@@ -36,9 +36,11 @@ std::vector<Family> familiesOn(const std::string& engine) {
   return found;
 }
 
-const Family& findFamily(const std::string& engine, const std::string& category, const std::string& name) {
+const Family& findFamily(const std::string& engine, const std::string& category,
+                         const std::string& name) {
   for (const Family& family : families()) {
-    if (family.engine == engine && family.category == category && family.name == name) return family;
+    if (family.engine == engine && family.category == category && family.name == name)
+      return family;
   }
   throw std::out_of_range("no family " + engine + " " + category + " " + name);
 }

@@ -1,4 +1,4 @@
-// Collects what the library logs while it lives.
+// Collects the log lines of the library during its lifetime.
 #pragma once
 
 #include <glog/logging.h>
@@ -20,22 +20,23 @@ class LogCapture : public google::LogSink {
 
   void send(google::LogSeverity severity, const char* file, const char* /*base*/, int /*line*/,
             const google::LogMessageTime& /*time*/, const char* message, size_t length) override {
-    EXPECT_EQ(severity, google::GLOG_INFO);  // of errors too
+    EXPECT_EQ(severity, google::GLOG_INFO);  // of error lines, too
     const std::lock_guard lock(mutex_);
     texts_.emplace_back(message, length);
-    located_.push_back(file + (": " + texts_.back()));
+    lines_.push_back(file + (": " + texts_.back()));
   }
 
-  /// The lines so far, which are then forgotten; without their files or, as "file: text", with them.
-  Texts texts() { return take().first; }
-  Texts located() { return take().second; }
+  /// Returns the lines logged so far as "[E]text" and removes them.
+  Texts takeTexts() { return takeAll().first; }
+  /// Returns the lines logged so far as "Core/File: [E]text" and removes them.
+  Texts takeLines() { return takeAll().second; }
 
  private:
-  std::pair<Texts, Texts> take() {
+  std::pair<Texts, Texts> takeAll() {
     const std::lock_guard lock(mutex_);
-    return {std::exchange(texts_, {}), std::exchange(located_, {})};
+    return {std::exchange(texts_, {}), std::exchange(lines_, {})};
   }
 
   std::mutex mutex_;
-  Texts texts_, located_;
+  Texts texts_, lines_;
 };

@@ -1,5 +1,5 @@
-// A service of raw bytes on the loopback interface: answers every connection with what the test
-// says, good HTTP or not.
+// A TCP server on the loopback interface that sends every client the bytes the test chose, valid
+// HTTP or not.
 #pragma once
 
 #include <arpa/inet.h>
@@ -17,34 +17,35 @@
 #include <thread>
 #include <utility>
 
-/// What the service does with a connection.
+/// How the server answers a connection.
 struct Answer {
   Answer(std::string text) : bytes(std::move(text)) {}  // NOLINT(google-explicit-constructor)
   Answer(const char* text) : bytes(text) {}             // NOLINT(google-explicit-constructor)
 
-  std::string bytes;                    // none: the service never answers
-  std::chrono::milliseconds pause{0};   // after each byte
-  std::size_t blanks = 0;               // sent after the bytes
-  bool resets = false;                  // ends by a reset of the connection
-  std::size_t requestBytes = SIZE_MAX;  // at most so many are read before
+  std::string bytes;                       ///< If empty, the server never answers.
+  std::chrono::milliseconds pause{0};      ///< After each byte; 0 sends all bytes at once.
+  std::size_t trailingSpaces = 0;          ///< Number of spaces sent after the bytes.
+  bool resets = false;                     ///< Whether the connection ends with a reset.
+  std::size_t maxRequestBytes = SIZE_MAX;  ///< The server answers after reading this many bytes.
 };
 
 class LoopbackServer {
  public:
-  /// Listens on `port`, or on any free one for 0.
+  /// Listens on `port`; 0 means any free port.
   explicit LoopbackServer(Answer answer, std::uint16_t port = 0) : answer_(std::move(answer)) {
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    const int yes = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    const int enabled = 1;
+    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    auto* const genericAddress = reinterpret_cast<sockaddr*>(&address);
     socklen_t size = sizeof address;
-    if (bind(listener_, any, size) != 0 || listen(listener_, 8) != 0 || getsockname(listener_, any, &size) != 0) {
+    if (bind(listener_, genericAddress, size) != 0 || listen(listener_, 8) != 0 ||
+        getsockname(listener_, genericAddress, &size) != 0) {
       close(listener_);
-      throw std::runtime_error("the port cannot be listened on");
+      throw std::runtime_error("cannot listen on the port");
     }
     port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { serve(); });
@@ -83,53 +84,57 @@ class LoopbackServer {
 
  private:
   void serve() {
-    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0; close(connection)) {
+    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0;
+         close(connection)) {
       std::unique_lock lock(mutex_);
       const Answer answer = answer_;
       lock.unlock();
-      std::string request = receive(connection, answer.requestBytes);
+      std::string request = receive(connection, answer.maxRequestBytes);
       lock.lock();
       request_ = std::move(request);
       ++count_;
       lock.unlock();
-      // Until the client goes away.
+      // An empty answer: wait until the client closes the connection.
       char byte = 0;
-      while (answer.bytes.empty() && !answer.resets && !stopped_ && recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
+      while (answer.bytes.empty() && !answer.resets && !stopped_ &&
+             recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
       }
       bool isOpen = true;
-      const std::size_t piece = answer.pause.count() > 0 ? 1 : 65536;
-      for (std::size_t sent = 0; isOpen && !stopped_ && sent < answer.bytes.size(); sent += piece) {
-        isOpen = sendAll(connection, answer.bytes.substr(sent, piece));
+      const std::size_t chunk = answer.pause.count() > 0 ? 1 : 65536;
+      for (std::size_t sent = 0; isOpen && !stopped_ && sent < answer.bytes.size(); sent += chunk) {
+        isOpen = sendAll(connection, answer.bytes.substr(sent, chunk));
         std::this_thread::sleep_for(answer.pause);
       }
-      const std::string blanks(std::min<std::size_t>(answer.blanks, 65536), ' ');
-      for (std::size_t sent = 0; isOpen && sent < answer.blanks; sent += blanks.size()) {
-        isOpen = sendAll(connection, blanks);
+      const std::string spaces(std::min<std::size_t>(answer.trailingSpaces, 65536), ' ');
+      for (std::size_t sent = 0; isOpen && sent < answer.trailingSpaces; sent += spaces.size()) {
+        isOpen = sendAll(connection, spaces);
       }
-      const linger atOnce{1, 0};
-      if (answer.resets) setsockopt(connection, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+      const linger reset{1, 0};
+      if (answer.resets) setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
     }
   }
 
-  /// Waits until all of it is taken; false where the client is gone.
+  /// Blocks until all bytes are sent. Returns false if the client closed the connection.
   static bool sendAll(int connection, const std::string& bytes) {
-    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
   }
 
-  /// Headers, and as many bytes of body as they announce; `most` bytes of it all.
-  static std::string receive(int connection, std::size_t most) {
+  /// Reads the headers and a body of the announced length, in total at most `maxBytes` bytes.
+  static std::string receive(int connection, std::size_t maxBytes) {
     std::string request;
-    std::size_t expected = most;
+    std::size_t expected = maxBytes;
     char buffer[4096];
     while (request.size() < expected) {
-      const ssize_t count = recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
+      const ssize_t count =
+          recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
       if (count <= 0) break;
       request.append(buffer, static_cast<std::size_t>(count));
       const std::size_t end = request.find("\r\n\r\n");
       const std::size_t length = request.find("Content-Length: ");
       if (end != std::string::npos && length < end) {
-        expected = std::min(most, end + 4 + std::stoul(request.substr(length + 16)));
+        expected = std::min(maxBytes, end + 4 + std::stoul(request.substr(length + 16)));
       }
     }
     return request;

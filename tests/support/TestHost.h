@@ -1,4 +1,4 @@
-// A host in a few lines: a model with its records, and pictures as frames.
+// A minimal host: a model with its records, images as frames, and objects as text.
 #pragma once
 
 #include <bit>
@@ -14,7 +14,7 @@
 inline constexpr float kNan = std::numeric_limits<float>::quiet_NaN();
 inline constexpr float kInf = std::numeric_limits<float>::infinity();
 
-/// A context with its configuration; released at the end.
+/// A context with its configuration. The destructor releases the model.
 struct TestModel {
   TestModel(const std::string& category, const std::string& modelName, const std::string& path) {
     context.version = kVsaInterfaceVersion;
@@ -40,10 +40,11 @@ struct TestModel {
     config.classNames = std::move(names);
   }
   bool init() { return VsaModelInit(&context); }
-  /// The call of the model's category.
+  /// Calls the entry point of the model's category.
   bool run(VsaFrame* frame) {
     if (config.category == "Detect") return VsaModelDetect(&context, frame);
-    return config.category == "Track" ? VsaModelFeature(&context, frame) : VsaModelClassify(&context, frame);
+    return config.category == "Track" ? VsaModelFeature(&context, frame)
+                                      : VsaModelClassify(&context, frame);
   }
   bool detect(VsaFrame& frame) { return VsaModelDetect(&context, &frame); }
   bool feature(VsaFrame& frame) { return VsaModelFeature(&context, &frame); }
@@ -52,7 +53,8 @@ struct TestModel {
   VsaModelContext context;
 };
 
-/// A frame over `image`, which must be continuous and outlive it, that wants the classes `wanted`.
+/// A frame with the pixels of `image`, which must be continuous and outlive the frame. `wanted`
+/// becomes its wantedClasses.
 inline VsaFrame frameOf(cv::Mat& image, std::set<std::string> wanted = {}) {
   VsaFrame frame;
   frame.data = image.data;
@@ -62,23 +64,28 @@ inline VsaFrame frameOf(cv::Mat& image, std::set<std::string> wanted = {}) {
   return frame;
 }
 
-/// A picture of random bytes, the same for the same seed.
+/// An image of random bytes that depend on the size and the seed only.
 inline cv::Mat randomImage(int width, int height, std::uint64_t seed = 1) {
   cv::Mat image(height, width, CV_8UC3);
   cv::RNG(seed).fill(image, cv::RNG::UNIFORM, 0, 256);
   return image;
 }
 
-/// Every field that is or may come to be set, byte for byte.
+/// The bytes of every field that a run can set.
 inline std::string bytesOf(const std::vector<VsaObject>& objects) {
   std::string bytes = std::to_string(objects.size());
   const auto put = [&](const auto&... value) {
     (bytes.append(reinterpret_cast<const char*>(&value), sizeof value), ...);
   };
   for (const VsaObject& o : objects) {
-    put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2, o.cornerX3, o.cornerY3);
-    put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore, o.feature.size());
-    for (const auto* text : {&o.className, &o.classifyName, &o.text}) put(text->size()), bytes += *text;
+    put(o.imageWidth, o.imageHeight, o.left, o.top, o.right, o.bottom, o.cornerX2, o.cornerY2,
+        o.cornerX3, o.cornerY3);
+    put(o.angle, o.score, o.classId, o.classifyScore, o.classifyId, o.textId, o.textScore,
+        o.feature.size());
+    for (const auto* text : {&o.className, &o.classifyName, &o.text}) {
+      put(text->size());
+      bytes += *text;
+    }
     for (const VsaShape& shape : o.shapes) {
       put(shape.tag, shape.points.size());
       for (const VsaPoint& point : shape.points) put(point.x, point.y);
@@ -87,29 +94,35 @@ inline std::string bytesOf(const std::vector<VsaObject>& objects) {
   }
   return bytes;
 }
-/// All that a run may have written.
+/// The bytes of everything that a run can write.
 inline std::string bytesOf(const VsaFrame& frame) {
-  return std::to_string(frame.audioClassified) + " " + std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) +
-         " " + bytesOf(frame.objects) + bytesOf(frame.audioObjects);
+  return std::to_string(frame.audioClassified) + " " +
+         std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) + " " +
+         bytesOf(frame.objects) + bytesOf(frame.audioObjects);
 }
 
-/// An object whose box is as given, off the frame or not.
+/// An object with the given box, even if it is outside the frame.
 inline VsaObject boxObject(int left, int top, int right, int bottom, const std::string& name = "") {
   VsaObject object(1, 1, 0, 0, 1, 1, 0.5F, 3, name);
-  object.left = left, object.top = top, object.right = right, object.bottom = bottom;
+  object.left = left;
+  object.top = top;
+  object.right = right;
+  object.bottom = bottom;
   return object;
 }
 
-/// "car 0 0.5: 1,2 3,4 of 640x480", and what else is set.
-inline std::string told(const VsaObject& o) {
+/// "car 0 0.5: 1,2 3,4 of 640x480", followed by the other fields that are set.
+inline std::string describe(const VsaObject& o) {
   std::ostringstream text;
-  text << o.className << ' ' << o.classId << ' ' << o.score << ": " << o.left << ',' << o.top << ' ' << o.right << ','
-       << o.bottom << " of " << o.imageWidth << 'x' << o.imageHeight;
+  text << o.className << ' ' << o.classId << ' ' << o.score << ": " << o.left << ',' << o.top << ' '
+       << o.right << ',' << o.bottom << " of " << o.imageWidth << 'x' << o.imageHeight;
   if (o.cornerX2 != -1 || o.cornerY2 != -1 || o.cornerX3 != -1 || o.cornerY3 != -1) {
-    text << " corners " << o.cornerX2 << ',' << o.cornerY2 << ' ' << o.cornerX3 << ',' << o.cornerY3;
+    text << " corners " << o.cornerX2 << ',' << o.cornerY2 << ' ' << o.cornerX3 << ','
+         << o.cornerY3;
   }
   if (o.angle != -1.0F) text << " angle " << o.angle;
-  if (o.classifyId != -1) text << " classified " << o.classifyName << ' ' << o.classifyId << ' ' << o.classifyScore;
+  if (o.classifyId != -1)
+    text << " classified " << o.classifyName << ' ' << o.classifyId << ' ' << o.classifyScore;
   if (o.textId != -1) text << " text " << o.text << ' ' << o.textId << ' ' << o.textScore;
   for (const VsaShape& shape : o.shapes) {
     text << " shape " << shape.tag << ':';
@@ -117,9 +130,9 @@ inline std::string told(const VsaObject& o) {
   }
   return text.str();
 }
-inline std::vector<std::string> told(const std::vector<VsaObject>& objects) {
+inline std::vector<std::string> describe(const std::vector<VsaObject>& objects) {
   std::vector<std::string> texts;
   texts.reserve(objects.size());
-  for (const VsaObject& object : objects) texts.push_back(told(object));
+  for (const VsaObject& object : objects) texts.push_back(describe(object));
   return texts;
 }

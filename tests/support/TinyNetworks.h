@@ -11,27 +11,28 @@
 /// What a tiny network does with its input.
 using Body = std::function<ov::OutputVector(const ov::Output<ov::Node>& input)>;
 
-/// Writes a network of one input. Returns the path of its file without ".xml"; the folder is removed
-/// when the process ends.
+/// Writes a network of one input. Returns the path of its file without ".xml"; the folder is
+/// removed when the process ends.
 std::string writeNetwork(const ov::PartialShape& input, const Body& body,
                          ov::element::Type inputType = ov::element::f32);
 
 /// Writes a network that ignores its input and returns `values`.
-std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output, const std::vector<float>& values);
+std::string writeConstant(const ov::PartialShape& input, const ov::Shape& output,
+                          const std::vector<float>& values);
 
-/// The number that a byte selects wherever arbitrary floats are needed: 16 special values, then coordinates, then
-/// scores.
+/// The number that a byte selects wherever arbitrary floats are needed: 16 special values, then
+/// coordinates, then scores.
 const std::vector<float>& byteNumbers();
 
-/// Writes a network of a family on OpenVINO that returns, for each byte of its image, the number that the byte selects.
-/// Returns its path as writeNetwork does.
+/// Writes a network of a family on OpenVINO that returns, for each byte of its image, the number
+/// that the byte selects. Returns its path as writeNetwork does.
 std::string writeFamilyNetwork(const Family& family);
 
-/// The model file of a family, as VsaModelContext::modelRoot takes it. On ONNX Runtime it is in `onnxFolder`; on
-/// OpenVINO it is written first.
+/// The model file of a family, as VsaModelContext::modelRoot takes it. On ONNX Runtime it is in
+/// `onnxFolder`; on OpenVINO it is written first.
 std::string networkOf(const Family& family, const std::string& onnxFolder);
 
-/// Nodes for bodies.
+/// Nodes for a Body.
 ov::Output<ov::Node> floats(const ov::Shape& shape, const std::vector<float>& values);
 ov::Output<ov::Node> reshaped(const ov::Output<ov::Node>& value, const std::vector<int>& shape);
 ov::Output<ov::Node> transposed(const ov::Output<ov::Node>& value, const std::vector<int>& order);

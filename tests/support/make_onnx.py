@@ -13,10 +13,10 @@ folder.mkdir(parents=True, exist_ok=True)
 
 
 def write(name, inputs, outputs, nodes, constants=()):
-    """inputs and outputs: name -> dimensions, or (dimensions, element type)."""
+    """Writes a file; inputs and outputs map names to dimensions or (dimensions, element type)."""
 
-    def values(described):
-        for value, dimensions in described.items():
+    def values(tensors):
+        for value, dimensions in tensors.items():
             kind = TensorProto.FLOAT
             if isinstance(dimensions, tuple):
                 dimensions, kind = dimensions
@@ -30,23 +30,35 @@ def write(name, inputs, outputs, nodes, constants=()):
 
 
 def constant(name, values, dimensions=None, inputs=None):
-    """A network that answers any picture with the same numbers; dimensions: what it says of its output."""
+    """A network that returns the same numbers for every image; dimensions: the declared ones."""
     array = numpy.asarray(values, numpy.float32)
-    write(name, {"images": [1, 3, 64, 64]} if inputs is None else inputs, {"out": list(array.shape) if dimensions is None else dimensions},
-          [helper.make_node("Identity", ["answer"], ["out"])], [("answer", array)])
+    inputs = {"images": [1, 3, 64, 64]} if inputs is None else inputs
+    dimensions = list(array.shape) if dimensions is None else dimensions
+    nodes = [helper.make_node("Identity", ["answer"], ["out"])]
+    write(name, inputs, {"out": dimensions}, nodes, [("answer", array)])
 
 
-# Two classes; columns of YOLOv8, rows of YOLOv5 (with an objectness) and of YOLO26 (corners, score, class).
+# Two classes; columns of YOLOv8, rows of YOLOv5 (with an objectness) and of YOLO26 (corners, score,
+# class).
 boxes = [[32, 32, 20, 20], [33, 32, 20, 20], [8, 8, 4, 4]]
 scores = [[0.5, 0], [0, 0.75], [0.25, 0.3]]
 yolo8 = numpy.array([box + score for box, score in zip(boxes, scores)])
 constant("yolo8", yolo8.T[None])
 objectness = [0.9, 0.6, 0.5]
-constant("yolo5", numpy.array([box + [o] + score for box, o, score in zip(boxes, objectness, scores)])[None])
-constant("yolo26", [[[22, 22, 42, 42, 0.5, 0], [22, 22, 42, 42, 0.5, 0.9], [1, 2, 3, 4, 0.6, 2], [-5, -5, 80, 80, 0.7, 1]]])
+yolo5 = numpy.array([box + [o] + score for box, o, score in zip(boxes, objectness, scores)])
+constant("yolo5", yolo5[None])
+yolo26 = [[22, 22, 42, 42, 0.5, 0], [22, 22, 42, 42, 0.5, 0.9], [1, 2, 3, 4, 0.6, 2],
+          [-5, -5, 80, 80, 0.7, 1]]
+constant("yolo26", [yolo26])
 constant("yolo26_short", numpy.ones((1, 2, 5)))
 
-# One candidate for each float of an input 8 wide and 4 high, with that float for its score.
+# A candidate of each family that is far outside the range of an int.
+far = [1e30, 1, 2, 2]
+constant("yolo8_far", numpy.array([far + [0.5, 0]]).T[None])
+constant("yolo5_far", [[far + [0.9, 0.5, 0]]])
+constant("yolo26_far", [[far + [0.5, 0]]])
+
+# One candidate for each float of an input of 8 x 4; the float is its score.
 count = 3 * 4 * 8
 columns = numpy.full((1, 4, count), 2, numpy.float32)
 columns[0, 0] = numpy.arange(count) * 4
@@ -56,7 +68,7 @@ write("echo8", {"images": [1, 3, 4, 8]}, {"out": [1, 5, count]},
        helper.make_node("Concat", ["boxes", "row"], ["out"], axis=1)],
       [("shape", numpy.array([1, 1, count])), ("boxes", columns)])
 
-# What is refused.
+# Networks that are refused.
 constant("two_inputs", yolo8.T[None], inputs={"images": [1, 3, 64, 64], "more": [1]})
 constant("no_inputs", yolo8.T[None], inputs={})
 constant("other_size", yolo8.T[None], inputs={"images": [1, 3, 64, 32]})
@@ -72,8 +84,8 @@ graph = helper.make_graph(
     [helper.make_tensor_sequence_value_info("out", TensorProto.FLOAT, [1, 3, 64, 64])])
 onnx.save(helper.make_model(graph, opset_imports=[helper.make_opsetid("", 13)], ir_version=8),
           folder / "list_output.onnx")
-# An output whose size comes from the picture's brightness: 2 columns for black, 3 for white.
-for name, dimensions in (("breaks_its_word", [1, 6, 3]), ("dynamic_output", [1, 6, "n"])):
+# The number of output columns depends on the brightness of the image: 2 for black, 3 for white.
+for name, dimensions in (("wrong_declared_shape", [1, 6, 3]), ("dynamic_output", [1, 6, "n"])):
     write(name, {"images": [1, 3, 64, 64]}, {"out": dimensions},
           [helper.make_node("ReduceMax", ["images"], ["white"], keepdims=0),
            helper.make_node("Add", ["white", "two"], ["columns"]),
