@@ -118,8 +118,8 @@ struct VsaObject {
   std::int32_t cornerX3 = -1;
   /// Text region: y of corner 3.
   std::int32_t cornerY3 = -1;
-  /// Rotation of an oriented box as the network returned it (radians, clockwise); -1 for every
-  /// other model.
+  /// Rotation of an oriented box as the network returned it (YOLOv8: radians); -1 for every other
+  /// model.
   float angle = -1.0F;
   /// Confidence score of the detector.
   float score = 0.0F;
@@ -248,7 +248,7 @@ struct VsaFrame {
   /// PaddleOCR also remove objects; other models only fill fields of the objects. The host clears
   /// the list between frames.
   std::vector<VsaObject> objects;
-  /// Audio: set to true if a wanted class was recognised; the library never clears it.
+  /// Audio: set if a wanted class was recognised; never cleared by the library.
   bool audioClassified = false;
   /// Audio: score of that class.
   float audioScore = 0.0F;

@@ -203,8 +203,8 @@ std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {
           "provide recorded objects with --objects");
     } else if (family->needs == Needs::kTextRegions && !hasTextRegions) {
       order[i].warnings.push_back(
-          "the detector before it does not provide corners, so it reads each box as one upright "
-          "line: for slanted text put " +
+          "the detector before it gives no corners, so it reads each box as one upright line: for "
+          "slanted text put " +
           textDetector() + " before it");
     } else if (family->needs == Needs::kBoxes && !hasBoxes) {
       order[i].errors.push_back(

@@ -13,11 +13,13 @@
 #include <filesystem>
 #include <functional>
 #include <iostream>
+#include <opencv2/dnn.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Utils/MaskOutline.h"
+#include "Utils/Nms.h"
 #include "Utils/Numbers.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
@@ -217,6 +219,42 @@ Comparison decodingYolo8(int count, bool withNms) {
         const Candidates found = decodeYolo8(columns, kClasses, 0.25F);
         if (withNms) keep(wantedObjects(found, 3, setting.config, setting.frame).objects);
       });
+}
+
+/// NMS alone, compared with cv::dnn::NMSBoxes.
+Comparison nonMaximumSuppression(const std::vector<cv::Rect>& boxes) {
+  cv::RNG random(1);
+  std::vector<float> scores(boxes.size());
+  for (float& score : scores) score = random.uniform(0.3F, 0.9F);
+  std::vector<int> kept;
+  return compare(
+      [&] {
+        cv::dnn::NMSBoxes(boxes, scores, 0.25F, 0.45F, kept);
+        keep(kept);
+      },
+      [&] { keep(indicesAfterNms(boxes, scores, 0.25F, 0.45F)); });
+}
+
+/// Boxes as those of makeYolo8Output: sides of 20 to 120 pixels, anywhere in the input.
+std::vector<cv::Rect> randomBoxes(int count) {
+  cv::RNG random(2);
+  std::vector<cv::Rect> boxes;
+  for (int i = 0; i < count; ++i) {
+    const cv::Size size(random.uniform(20, 120), random.uniform(20, 120));
+    boxes.emplace_back(random.uniform(0, kSide) - size.width / 2,
+                       random.uniform(0, kSide) - size.height / 2, size.width, size.height);
+  }
+  return boxes;
+}
+
+/// Boxes of 18 x 18 pixels, two pixels apart.
+std::vector<cv::Rect> boxesApart(int count) {
+  constexpr int kPerRow = 64;
+  std::vector<cv::Rect> boxes;
+  for (int i = 0; i < count; ++i) {
+    boxes.emplace_back(i % kPerRow * 20, i / kPerRow * 20, 18, 18);
+  }
+  return boxes;
 }
 
 Comparison detectorYolo5() {
@@ -573,6 +611,18 @@ std::vector<Row> allRows() {
        [] { return decodingYolo8(850, true); }},
       {"YOLOv8 decoding and NMS, 4200 candidates", Kind::kSpeedup, 0,
        [] { return decodingYolo8(4200, true); }},
+      {"NMS, 10 candidates", Kind::kSpeedup, 1,
+       [] { return nonMaximumSuppression(randomBoxes(10)); }},
+      {"NMS, 50 candidates", Kind::kSpeedup, 1,
+       [] { return nonMaximumSuppression(randomBoxes(50)); }},
+      {"NMS, 850 candidates", Kind::kSpeedup, 4,
+       [] { return nonMaximumSuppression(randomBoxes(850)); }},
+      {"NMS, 4200 candidates", Kind::kSpeedup, 10,
+       [] { return nonMaximumSuppression(randomBoxes(4200)); }},
+      {"NMS, 20000 candidates", Kind::kSpeedup, 15,
+       [] { return nonMaximumSuppression(randomBoxes(20000)); }},
+      {"NMS, 3000 candidates apart", Kind::kSpeedup, 10,
+       [] { return nonMaximumSuppression(boxesApart(3000)); }},
       {"50 mask outlines, 20-60 pixels", Kind::kSpeedup, 50, [] { return maskOutlines(20, 60); }},
       {"50 mask outlines, 60-200 pixels", Kind::kSpeedup, 20, [] { return maskOutlines(60, 200); }},
       {"50 mask outlines, 200-500 pixels", Kind::kSpeedup, 4,

@@ -13,10 +13,12 @@
 #include <map>
 #include <memory>
 #include <opencv2/core.hpp>
+#include <opencv2/dnn.hpp>
 #include <string_view>
 
 #include "Utils/ClassScore.h"
 #include "Utils/MaskOutline.h"
+#include "Utils/Nms.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
@@ -211,6 +213,38 @@ void suppression(Reader& in) {
     found.outputIndices.push_back(i);
   }
   mapToFrame(found, scene);
+}
+
+/// NMS of many boxes keeps what cv::dnn::NMSBoxes keeps.
+void nms(Reader& in) {
+  const bool isAnySize = in.oneIn(16);
+  const std::uint32_t offsets = 2U << in.upTo(15);
+  const std::uint32_t sides = 2U << in.upTo(14);
+  const int minSide = in.oneIn(4) ? -in.upTo(20) : 1;
+  const int levels = 1 + in.upTo(250);
+  std::vector<cv::Rect> boxes(in.byte() / (in.oneIn(4) ? 1U : 4U));
+  std::vector<float> scores;
+  for (cv::Rect& box : boxes) {
+    const auto offset = [&] {
+      return static_cast<int>(in.word() % offsets) - static_cast<int>(offsets / 2);
+    };
+    const auto side = [&] { return minSide + static_cast<int>(in.word() % sides); };
+    const cv::Rect made{offset(), offset(), side(), side()};
+    const bool isCopy = in.oneIn(8);
+    box = isAnySize ? in.box() : isCopy ? boxes[in.byte() % boxes.size()] : made;
+    scores.push_back(in.oneIn(16)
+                         ? in.number()
+                         : static_cast<float>(in.upTo(levels)) / static_cast<float>(levels));
+  }
+  const float scoreThreshold = in.oneIn(4) ? in.number() : 0.25F;
+  const float nmsThreshold = in.oneIn(4) ? in.number() : static_cast<float>(in.byte()) / 255.0F;
+  const bool isRefused = !(scoreThreshold >= 0.0F && nmsThreshold >= 0.0F);
+  std::vector<int> expected;
+  std::vector<int> kept;
+  throwsIf(isRefused,
+           [&] { cv::dnn::NMSBoxes(boxes, scores, scoreThreshold, nmsThreshold, expected); });
+  throwsIf(isRefused, [&] { kept = indicesAfterNms(boxes, scores, scoreThreshold, nmsThreshold); });
+  require(kept == expected);
 }
 
 void outline(Reader& in) {
@@ -465,6 +499,7 @@ constexpr Target kTargets[] = {{"yolo5", yolo5},
                                {"pose-boxes", poseBoxes},
                                {"yolo26", yolo26},
                                {"suppression", suppression},
+                               {"nms", nms},
                                {"outline", outline},
                                {"regions", regions},
                                {"polygon", polygon},

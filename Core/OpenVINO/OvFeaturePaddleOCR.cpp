@@ -64,8 +64,7 @@ cv::Rect lineRegionOf(const VsaObject& object, cv::Size image) {
   if (width < 1 || height < 1) return {};
   const int left = truncateToInt(minX);
   const int top = truncateToInt(minY);
-  // If a side has more than 2^24 pixels, rounding to single precision may make the region extend
-  // beyond the image.
+  // Above 2^24 pixels, single precision may round the region past the image.
   return {left, top, std::min(width, image.width - left), std::min(height, image.height - top)};
 }
 

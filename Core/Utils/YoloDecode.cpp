@@ -1,9 +1,9 @@
 #include "Utils/YoloDecode.h"
 
 #include <algorithm>
-#include <opencv2/dnn.hpp>
 
 #include "Utils/Log.h"
+#include "Utils/Nms.h"
 #include "Utils/Numbers.h"
 #include "Utils/Objects.h"
 
@@ -139,10 +139,8 @@ FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& con
 }
 
 std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config) {
-  std::vector<int> kept;
-  cv::dnn::NMSBoxes(candidates.boxes, candidates.scores, config.scoreThreshold, config.nmsThreshold,
-                    kept, /*eta=*/1.0F, /*top_k=*/0);
-  return kept;
+  return indicesAfterNms(candidates.boxes, candidates.scores, config.scoreThreshold,
+                         config.nmsThreshold);
 }
 
 std::vector<int> wantedAfterNms(const Candidates& candidates, const VsaModelConfig& config,

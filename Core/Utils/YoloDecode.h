@@ -84,8 +84,8 @@ struct FrameObjects {
 FrameObjects decodeYolo26(FloatGrid rows, float scale, const VsaModelConfig& config,
                           const VsaFrame& frame);
 
-/// Indices of the candidates that cv::dnn::NMSBoxes keeps, by descending score. NMS is applied
-/// across all classes. Throws cv::Exception if a threshold is negative.
+/// Indices of the candidates that NMS (see Nms.h) keeps, by descending score. NMS is applied across
+/// all classes. Throws cv::Exception if a threshold is negative.
 std::vector<int> keptAfterNms(const Candidates& candidates, const VsaModelConfig& config);
 
 /// The indices from keptAfterNms() whose class has a name in `config` that is in `wantedClasses`.

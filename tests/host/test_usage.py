@@ -5,7 +5,7 @@ import shutil
 import subprocess
 import unittest
 
-from vsa_case import EXAMPLES, ROOT, ChainCase
+from vsa_case import DOCUMENTED_MODELS, EXAMPLES, ROOT, ChainCase
 
 COMMANDS = ("devices", "run", "compare", "doctor", "compare-engines", "bench")
 
@@ -56,3 +56,14 @@ class UsageTest(ChainCase):
                 self.vsa("run", path, "none.png", status=(1, 2))
                 # Everything is right except for the networks, most of which do not exist.
                 self.assertRegex(self.err, r"there is no model file|none.png: no such file")
+
+    def test_every_model_has_an_example_and_a_page(self):
+        examples = "".join(path.read_text("utf-8") for path in EXAMPLES.glob("pipelines/*.json"))
+        used = re.findall(r'"category": "(.+)",\s+"modelName": "(.+)"', examples)
+        self.assertEqual({" ".join(names) for names in used}, set(DOCUMENTED_MODELS))
+        folder = ROOT / "docs/models"
+        contents = (folder / "README.md").read_text("utf-8")
+        pages = "".join(path.read_text("utf-8") for path in folder.glob("[a-z]*.md"))
+        for name in (model.split()[1] for model in DOCUMENTED_MODELS):
+            for text in (contents, pages):
+                self.assertRegex(text, rf"(?<![\w-]){name}(?![\w-])")

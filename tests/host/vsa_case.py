@@ -7,6 +7,7 @@ their true text, TOL_NETWORKS the folder that make_networks.py wrote.
 import json
 import os
 import pathlib
+import re
 import struct
 import subprocess
 import tempfile
@@ -26,6 +27,11 @@ YOLO8 = {"category": "Detect", "modelName": "YOLO8", "inputWidth": 64, "inputHei
          "scoreThreshold": 0.25, "nmsThreshold": 0.45}
 SCHEMA = jsonschema.Draft202012Validator(
     json.loads((ROOT / "docs/vsa-output.schema.json").read_text("utf-8")))
+
+# "CATEGORY MODELNAME" of each row of README's table of models.
+DOCUMENTED_MODELS = [" ".join(names) for names in re.findall(
+    r"^\| [^|]*(?:OpenVINO|ONNXRuntime) \| (\w+) \| ([\w-]+) \|",
+    (ROOT / "README.md").read_text("utf-8"), re.MULTILINE)]
 
 
 def png(width, height, colour=(255, 255, 255), rows=None):
