@@ -1,11 +1,11 @@
-// Candidates are visited by descending score. Each one that has not been removed before its turn is
-// kept, and removes the later ones that overlap it by more than the threshold. These are the
-// answers of cv::dnn::NMSBoxes, which compares each candidate with all kept ones before it.
+// Candidates are visited by descending score. A candidate that has not been removed yet is kept,
+// and the later candidates that overlap it by more than the threshold are removed. This gives the
+// result of cv::dnn::NMSBoxes, which compares each candidate with all candidates kept before it.
 //
 // Boxes that do not intersect have overlap 0 and need not be compared, because no threshold is
-// below 0. To find those that may intersect a kept box, boxes are grouped by size; a group is cut
-// into rows, and each row is sorted by x. The boxes of a group that can reach the kept box are in
-// a few neighbouring rows, and in each of them between two values of x.
+// below 0. To find those that may intersect a kept box, boxes are grouped by size; a group is
+// divided into rows, and each row is sorted by x. The boxes of a group that can intersect the kept
+// box are in a few adjacent rows, and in each of them between two values of x.
 //
 // Exception: two boxes with areas whose sum is 0 or less have overlap 1 (see cv::jaccardDistance).
 // This needs an empty box, one with a side of 0 or less. Each candidate is therefore also compared
@@ -23,8 +23,8 @@
 namespace TolCompatibleLib {
 namespace {
 
-/// Max absolute value of coordinates and sides. Within it, no sum of coordinates or areas overflows
-/// an int; NMSBoxes itself decides about other boxes.
+/// Maximum absolute value of coordinates and sides. Up to it, no sum of coordinates or areas
+/// overflows an int; larger boxes are passed to NMSBoxes.
 constexpr int kMaxBits = 15;
 constexpr int kMaxIndexed = (1 << kMaxBits) - 1;
 
@@ -44,7 +44,7 @@ bool canBeIndexed(const cv::Rect& box) {
 }
 
 /// Whether the overlap of two boxes, by the arithmetic of cv::jaccardDistance and NMSBoxes, exceeds
-/// the threshold. There is one rarely taken branch only, because a wrong guess of the processor
+/// the threshold. There is only one branch, which is rarely taken, because a branch misprediction
 /// takes longer than the division.
 inline bool overlaps(const cv::Rect& a, const cv::Rect& b, float nmsThreshold) {
   const int areas = a.area() + b.area();
@@ -55,7 +55,7 @@ inline bool overlaps(const cv::Rect& a, const cv::Rect& b, float nmsThreshold) {
   return 1.0F - static_cast<float>(1.0 - intersection / (areas - intersection)) > nmsThreshold;
 }
 
-/// The boxes with a score above the threshold, best first; equal scores keep their order.
+/// The boxes with a score above the threshold, by descending score; equal scores keep their order.
 std::vector<Candidate> sortByScore(const std::vector<cv::Rect>& boxes,
                                    const std::vector<float>& scores, float scoreThreshold) {
   std::vector<Candidate> candidates;
@@ -172,7 +172,7 @@ class BoxIndex {
   std::array<SizeGroup, kMaxBits - kMinBits + 1> groups_;
 };
 
-/// Appends to `kept` what NMS keeps of the candidates, which are sorted by score.
+/// Appends the indices of the candidates that NMS keeps to `kept`. Candidates are sorted by score.
 void suppressIndexed(std::span<const Candidate> candidates, float nmsThreshold,
                      std::vector<int>& kept) {
   BoxIndex index;
