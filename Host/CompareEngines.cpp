@@ -122,9 +122,9 @@ fs::path otherFile(const ModelSpec& spec) {
   for (const fs::path& candidate : candidates) {
     if (fs::is_regular_file(candidate)) return candidate;
   }
-  throw PipelineError(spec.location, "there is no network for the other engine, " + '"' +
+  throw PipelineError(spec.location, "there is no network for the other engine, \"" +
                                          printable(candidates[0].lexically_normal().string()) +
-                                         '"' + ": export it or specify it with --other");
+                                         "\": export it or specify it with --other");
 }
 
 // The same model on the other engine.

@@ -251,6 +251,7 @@ std::vector<cv::Rect> randomBoxes(int count) {
 std::vector<cv::Rect> boxesApart(int count) {
   constexpr int kPerRow = 64;
   std::vector<cv::Rect> boxes;
+  boxes.reserve(static_cast<std::size_t>(count));
   for (int i = 0; i < count; ++i) {
     boxes.emplace_back(i % kPerRow * 20, i / kPerRow * 20, 18, 18);
   }

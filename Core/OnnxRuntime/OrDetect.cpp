@@ -150,7 +150,7 @@ OrDetect::~OrDetect() {
 
 std::optional<cv::Mat> OrDetect::openFrame(const VsaFrame* frame,
                                            std::source_location where) const {
-  const std::optional<cv::Mat> image = imageOf(frame, where);
+  std::optional<cv::Mat> image = imageOf(frame, where);
   if (!image || session != nullptr) return image;
   logError("network was refused when it was opened", where);
   return std::nullopt;
