@@ -74,4 +74,11 @@ TEST(TextRegions, HolesCountAsContours) {
   EXPECT_EQ(count(map, params), 2U);
 }
 
+TEST(PolygonScore, IsZeroOutsideTheMap) {
+  const cv::Mat map(20, 20, CV_32FC1, cv::Scalar(1.0));
+  EXPECT_EQ(polygonScore({{{5, 14}, {5, 5}, {14, 5}, {14, 14}}}, map), 1.0F);
+  EXPECT_EQ(polygonScore({{{30, 14}, {30, 5}, {40, 5}, {40, 14}}}, map), 0.0F);
+  EXPECT_EQ(polygonScore({{{5, 40}, {5, 30}, {14, 30}, {14, 40}}}, map), 0.0F);
+}
+
 }  // namespace

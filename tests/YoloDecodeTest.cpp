@@ -149,4 +149,12 @@ TEST(BadFarEdge, IsSumOutsideInt32) {
   EXPECT_TRUE(isBad({-kMax, 1, -kMax, 5}));
 }
 
+TEST(FramePoint, NeedsBothCoordinatesWithinInt32) {
+  const auto point = framePoint(1.9F, -2.9F, "point", 0);
+  ASSERT_TRUE(point.has_value());
+  EXPECT_EQ(std::tuple(point->x, point->y), std::tuple(1, -2));
+  EXPECT_FALSE(framePoint(kInf, 0, "point", 0));
+  EXPECT_FALSE(framePoint(0, 2147483648.0F, "point", 0));
+}
+
 }  // namespace
