@@ -78,7 +78,8 @@ void fillStretched(const cv::Mat& region, cv::Size size, float* planes, Value va
     for (int x = 0; x < size.width; ++x, ++planes) {
       const auto& pixel = resized.at<cv::Vec3b>(y, x);
       for (int c = 0; c < 3; ++c)
-        planes[(2 - c) * size.area()] = value(static_cast<float>(pixel[c]), c);
+        planes[static_cast<std::ptrdiff_t>(2 - c) * size.area()] =
+            value(static_cast<float>(pixel[c]), c);
     }
   }
 }
