@@ -4,7 +4,7 @@ import re
 import shutil
 import time
 
-from vsa_case import NETWORKS, ChainCase
+from vsa_case import NETWORKS, ROOT, ChainCase
 
 
 class PipelineTest(ChainCase):
@@ -13,6 +13,13 @@ class PipelineTest(ChainCase):
         self.vsa("run", self.pipeline, "none.png", status=2)
         self.assertEqual(self.out, "")
         self.assertRegex(self.err, rf"^vsa: {re.escape(str(self.pipeline))}: {sentence}\n$")
+
+    def test_every_key_is_documented(self):
+        source = (ROOT / "Host/Pipeline.cpp").read_text("utf-8")
+        keys = re.findall(r"const Names k\w*Keys = {(.*?)};", source, re.DOTALL)
+        page = (ROOT / "docs/pipeline.md").read_text("utf-8")
+        self.assertEqual({*re.findall(r'"(\w+)"', "".join(keys))},
+                         {*re.findall(r"(?m)^\| `(\w+)`", page)})
 
     def test_files(self):
         for text, sentence in (
