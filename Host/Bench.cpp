@@ -157,6 +157,7 @@ class Measurement {
     for (const ModelSpec& spec : pipeline.models) {
       const double before = residentMegabytes();
       Subject subject{std::make_unique<Model>(spec), {}};
+      removeEmptyBoxes(spec, &frame.objects);
       runModel(subject, &frame);
       subject.megabytes = residentMegabytes() - before;
       subjects_.push_back(std::move(subject));
@@ -178,6 +179,7 @@ class Measurement {
     VsaFrame frame = frameOf(images_[static_cast<std::size_t>(round) % images_.size()]);
     double total = 0.0;
     for (Subject& subject : subjects_) {
+      removeEmptyBoxes(subject.spec(), &frame.objects);
       const std::size_t inferences = subject.spec().needsObjects() ? frame.objects.size() : 1;
       const std::vector<std::int64_t> shape = inputShape(subject.spec(), frame);
       double engine = 0.0;

@@ -33,6 +33,7 @@ std::vector<Failure> Chain::run(VsaFrame* frame) {
       const int errorsBefore = log_.errors();
       const Clock::time_point start = Clock::now();
       try {
+        times_[i].removedObjects += removeEmptyBoxes(model.spec(), &frame->objects);
         if (model.run(frame)) {
           times_[i].seconds += secondsSince(start);
           ++times_[i].runs;
@@ -47,6 +48,12 @@ std::vector<Failure> Chain::run(VsaFrame* frame) {
     failures.push_back({static_cast<int>(i), reason});
   }
   return failures;
+}
+
+std::int64_t Chain::removedObjects() const {
+  std::int64_t count = 0;
+  for (const ModelTime& model : times_) count += model.removedObjects;
+  return count;
 }
 
 }  // namespace vsa

@@ -3,6 +3,7 @@
 
 #include <TolCompatible/TolCompatible.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,13 +27,15 @@ class Chain {
   Chain(const Pipeline& pipeline, const LogToConsole* log);
 
   /// Runs all models in order. After a failure, models that work on objects are skipped; others
-  /// still run.
+  /// still run. Objects without an area are removed before a model that cuts boxes out.
   std::vector<Failure> run(VsaFrame* frame);
 
   const std::string& nameOf(int model) const {
     return times_[static_cast<std::size_t>(model)].name;
   }
   const std::vector<ModelTime>& times() const { return times_; }
+  /// Number of objects without an area that were removed so far.
+  std::int64_t removedObjects() const;
   double loadingSeconds() const { return loadingSeconds_; }
 
  private:

@@ -27,9 +27,13 @@ VsaObject bestObject(const std::string& input, Chain* chain) {
   cv::Mat image;
   if (!source.next(&image)) throw std::runtime_error("no frame can be read");
   VsaFrame frame = frameOf(image);
+  const std::int64_t removedBefore = chain->removedObjects();
   const std::vector<Failure> failures = chain->run(&frame);
   if (!failures.empty()) {
     throw std::runtime_error(chain->nameOf(failures[0].model) + ": " + failures[0].reason);
+  }
+  if (frame.objects.empty() && chain->removedObjects() > removedBefore) {
+    throw std::runtime_error("no object with an area was found");
   }
   return bestWithFeature(frame.objects);
 }

@@ -7,6 +7,14 @@
 
 namespace vsa {
 
+std::int64_t removeEmptyBoxes(const ModelSpec& spec, std::vector<VsaObject>* objects) {
+  if (!spec.cutsBoxesOut()) return 0;
+  const auto removed = std::erase_if(*objects, [](const VsaObject& object) {
+    return object.right <= object.left || object.bottom <= object.top;
+  });
+  return static_cast<std::int64_t>(removed);
+}
+
 Model::Model(const ModelSpec& spec) : spec_(spec) {
   context_.version = kVsaInterfaceVersion;
   context_.config = &spec_.config;

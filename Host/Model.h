@@ -3,9 +3,17 @@
 
 #include <TolCompatible/TolCompatible.h>
 
+#include <cstdint>
+#include <vector>
+
 #include "Pipeline.h"
 
 namespace vsa {
+
+/// Removes the objects without an area if the model cuts boxes out of the image: it would throw,
+/// and no object would get a result. Detectors may report such objects, usually in the padding.
+/// Returns how many were removed.
+std::int64_t removeEmptyBoxes(const ModelSpec& spec, std::vector<VsaObject>* objects);
 
 class Model {
  public:

@@ -332,6 +332,11 @@ bool ModelSpec::needsObjects() const {
   return row != nullptr && row->needs != Needs::kNothing;
 }
 
+bool ModelSpec::cutsBoxesOut() const {
+  const Family* row = family();
+  return row != nullptr && row->needs == Needs::kBoxes;
+}
+
 Pipeline readPipeline(const std::string& path) {
   const Json::Value root = parse(path);
   const Fields top(root, path, kTopKeys);

@@ -33,6 +33,8 @@ struct ModelSpec {
   bool takesAudio() const;
   /// Whether the model works on objects that earlier models found.
   bool needsObjects() const;
+  /// Whether the model cuts the box of each object out of the image.
+  bool cutsBoxesOut() const;
 };
 
 struct Pipeline {

@@ -24,6 +24,19 @@ class ChainTest(ChainCase):
         self.assertNotEqual((self.folder / "out/blue.png").read_bytes(),
                             (self.folder / "blue.png").read_bytes())
 
+    def test_objects_without_an_area_are_removed_before_regions_are_cut_out(self):
+        empty = {**self.detector, "modelFile": "empty"}
+        self.use(empty)
+        self.assertEqual(len(self.run_json("blue.png")[0]["objects"]), 3)
+        self.assertNotIn("area", self.err)
+        for model, key in ((self.classifier, "classifyName"), (self.persons, "feature"),
+                           (self.faces, "feature"), (self.reader, "text")):
+            self.use(empty, model)
+            objects = self.run_json("blue.png")[0]["objects"]
+            self.assertEqual([found["className"] for found in objects], ["car", "person"])
+            self.assertTrue(all(key in found for found in objects))
+            self.assertRegex(self.err, r"  1 object without an area removed before models\[1\] ")
+
     def test_wanted_names(self):
         self.use(self.detector, {**self.classifier, "wantedLabels": ["red", "green"]}, self.faces)
         self.assertEqual(self.run_json("blue.png")[0]["objects"], [])

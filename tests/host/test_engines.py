@@ -55,3 +55,5 @@ class EnginesTest(VsaCase):
             self.assertTrue(0 < model["outsideEngine"] < 1, model)
         self.check_width(self.vsa(*command).split("\n", 1)[1])
         self.vsa("bench", self.pipeline, "none.png", status=2)
+        self.use({**ChainCase.detector, "modelFile": "empty"}, ChainCase.persons)
+        self.vsa(*command)
