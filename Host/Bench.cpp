@@ -19,6 +19,7 @@
 #include "Messages.h"
 #include "Model.h"
 #include "ModelFile.h"
+#include "PipelineCheck.h"
 #include "Text.h"
 
 #if defined(__linux__)
@@ -170,7 +171,9 @@ class Measurement {
 
   static void runModel(const Subject& subject, VsaFrame* frame) {
     if (!subject.model->run(frame)) {
-      throw std::runtime_error(subject.spec().name + ": the model refused the frame");
+      const std::string reason = refusalReason(subject.spec());
+      throw std::runtime_error(subject.spec().name + ": " +
+                               (reason.empty() ? "the model refused the frame" : reason));
     }
   }
 

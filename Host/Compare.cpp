@@ -70,6 +70,9 @@ class Compare : public Command {
     for (std::size_t i = 0; i < best.size(); ++i) {
       try {
         best[i] = bestObject(images_[i], chain.get());
+      } catch (const PipelineError& error) {
+        console->note(error.what());
+        return kUsageError;
       } catch (const std::exception& error) {
         console->note(images_[i] + ": " + oneLine(error.what()));
         status = kSomeFailed;

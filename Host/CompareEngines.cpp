@@ -194,6 +194,9 @@ class EngineComparison {
     for (const std::string& input : list.inputs) {
       try {
         compareInput(input);
+      } catch (const PipelineError& error) {
+        console_.note(error.what());
+        return kUsageError;
       } catch (const std::exception& error) {
         fail(input + ": " + oneLine(error.what()));
       }

@@ -138,20 +138,10 @@ class Examination {
     for (std::size_t i = 0; i < pipeline.models.size(); ++i) {
       const ModelSpec& spec = pipeline.models[i];
       Findings& findings = all[i];
-      try {
-        Findings own = checkModel(spec.config, readModelFile(spec.networkFile()));
-        std::ranges::move(own.errors, std::back_inserter(findings.errors));
-        std::ranges::move(own.warnings, std::back_inserter(findings.warnings));
-        findings.notes = std::move(own.notes);
-      } catch (const std::exception& error) {
-        findings.errors.push_back(oneLine(error.what()));
-      }
-      const std::string& device = spec.config.device;
-      const bool isPlain = device.find_first_of(":.") == std::string::npos && device != "AUTO";
-      if (spec.config.engine == "OpenVINO" && isPlain && !devices.contains("OpenVINO-" + device)) {
-        findings.errors.push_back("this machine has no device " + inQuotes(device) +
-                                  " (see vsa devices): set \"device\": \"CPU\"");
-      }
+      Findings own = examineModel(spec, devices);
+      std::ranges::move(own.errors, std::back_inserter(findings.errors));
+      std::ranges::move(own.warnings, std::back_inserter(findings.warnings));
+      findings.notes = std::move(own.notes);
       report_.line(2, spec.name + (findings.errors.empty() ? ": ok" : ""));
       for (const std::string& sentence : findings.errors) report_.error(4, sentence);
       for (const std::string& sentence : findings.warnings) report_.warn(4, sentence);

@@ -65,7 +65,8 @@ class FrameLoop {
             Console* console);
 
   /// Processes all frames of the input. Failures are reported and counted. The progress bar shows
-  /// it as input `number` (from 0) of `count`. Throws CannotContinue.
+  /// it as input `number` (from 0) of `count`. Throws CannotContinue, and PipelineError if a model
+  /// refuses every frame.
   void process(const std::string& input, std::size_t number, std::size_t count);
 
   /// Reports and counts an input that cannot be processed.

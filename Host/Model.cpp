@@ -3,6 +3,7 @@
 #include "Model.h"
 
 #include "Messages.h"
+#include "PipelineCheck.h"
 #include "Text.h"
 
 namespace vsa {
@@ -24,7 +25,9 @@ Model::Model(const ModelSpec& spec) : spec_(spec) {
     ready = VsaModelInit(&context_);
   } catch (const std::exception& error) {
     // There is nothing to release: the context is unchanged.
-    throw PipelineError(spec_.location, "the model cannot be loaded: " + oneLine(error.what()));
+    const std::string reason = refusalReason(spec_);
+    throw PipelineError(spec_.location, "the model cannot be loaded: " +
+                                            (reason.empty() ? oneLine(error.what()) : reason));
   }
   if (ready) return;
   // The destructor does not run if the constructor throws, so the model set is released here. It
@@ -32,11 +35,11 @@ Model::Model(const ModelSpec& spec) : spec_(spec) {
   const VsaModelSet* set = context_.models;
   const bool isKnown = set != nullptr && (set->detect || set->feature || set->classify);
   VsaModelRelease(&context_);
-  if (isKnown) throw PipelineError(spec_.location, "the model refuses its network");
-  throw PipelineError(spec_.location, "the library has no model " +
-                                          inQuotes(spec_.config.modelName) + " for category " +
-                                          inQuotes(spec_.config.category) + " on engine " +
-                                          inQuotes(spec_.config.engine));
+  const std::string reason = refusalReason(spec_);
+  if (!isKnown && !reason.empty()) throw PipelineError(spec_.location, reason);
+  throw PipelineError(spec_.location, (isKnown ? "the model refuses its network"
+                                               : "the library has no such model") +
+                                          (reason.empty() ? "" : ": " + reason));
 }
 
 Model::~Model() {

@@ -15,6 +15,7 @@
 #include "Command.h"
 #include "FrameLoop.h"
 #include "Messages.h"
+#include "PipelineCheck.h"
 #include "Text.h"
 
 namespace vsa {
@@ -116,6 +117,16 @@ void processLines(const RunOptions& options, Media media, FrameLoop* loop) {
   }
 }
 
+// Reports models that cannot use the objects of the models before them.
+void reportOrder(const Pipeline& pipeline, Console* console) {
+  const std::vector<Findings> order = checkOrder(pipeline.models);
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    for (const std::string& sentence : order[i].errors) {
+      console->note(pipeline.models[i].location + ": " + sentence);
+    }
+  }
+}
+
 int runPipeline(const RunOptions& options, Console* console, const LogToConsole& log) {
   Pipeline pipeline;
   InputList list;
@@ -129,6 +140,7 @@ int runPipeline(const RunOptions& options, Console* console, const LogToConsole&
     list = expandInputs(options.inputs, options.recursive, media);
     openFiles(options, pipeline, list.inputs, &files);
     const bool hasWork = options.standardInput || !list.inputs.empty();
+    if (options.objectsFile.empty()) reportOrder(pipeline, console);
     chain = std::make_unique<Chain>(hasWork ? pipeline : Pipeline(), &log);
   } catch (const std::exception& error) {
     console->note(error.what());
@@ -148,6 +160,9 @@ int runPipeline(const RunOptions& options, Console* console, const LogToConsole&
   } catch (const CannotContinue& error) {
     console->note(error.what());
     isComplete = false;
+  } catch (const PipelineError& error) {
+    console->note(error.what());
+    return kUsageError;
   }
   Totals totals = loop.totals();
   totals.seconds = std::chrono::duration<double>(Clock::now() - start).count();

@@ -81,6 +81,7 @@ save_constant("nothing", 64, (1, 2, 6))
 # A car, a person whose bottom is above its top, and a person in the padding of a wide image.
 save_constant("empty", 64,
               [[[8, 4, 40, 28, 0.75, 0], [30, 44, 50, 10, 0.875, 1], [30, 40, 50, 60, 0.625, 1]]])
+save_constant("beyond", 64, [[[0, 0, 1e30, 1e30, 0.75, 0]]])
 # One object of 32 x 16 pixels around (24, 24): rotated; with 3 key points; with a full mask.
 BOX = (24, 24, 32, 16, 0.75)
 save_constant("turned", 64, columns(*BOX, 0, 0.5))

@@ -89,14 +89,20 @@ class CompareTest(ChainCase):
 
     def test_failures(self):
         nothing = {**self.detector, "modelFile": "nothing"}
+        beyond = {**self.detector, "modelFile": "beyond"}
         zeros = {**self.persons, "modelFile": "zeros"}
         narrow = {**self.persons, "inputWidth": 17}
+        flat = {**self.detector, "modelFile": "empty", "scoreThreshold": 0.8}
         for models, image, status, sentence in (
                 ([nothing, self.persons], "blue.png", 1, "blue.png: no object was found"),
                 ([self.detector], "blue.png", 1, "blue.png: no object has a feature vector; .+"),
                 ([self.detector, zeros], "blue.png", 1, "all numbers of a feature vector are zero"),
-                ([self.detector, narrow], "blue.png", 1,
-                 r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
+                ([self.detector, narrow], "blue.png", 2,
+                 r".+: models\[1\]: inputWidth x inputHeight is 17 x 32 and .+"),
+                ([beyond, self.persons], "blue.png", 1,
+                 r"blue.png: models\[0\] YOLO26 \(Detect\): the model refused the frame"),
+                ([flat, self.persons], "blue.png", 1,
+                 "blue.png: no object with an area was found"),
                 ([self.detector, self.persons], "none.png", 1, "none.png: no such file"),
                 ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2,
                  r".+: models\[0\]: the library has no model .+"),

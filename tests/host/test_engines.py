@@ -57,3 +57,6 @@ class EnginesTest(VsaCase):
         self.vsa("bench", self.pipeline, "none.png", status=2)
         self.use({**ChainCase.detector, "modelFile": "empty"}, ChainCase.persons)
         self.vsa(*command)
+        self.use({**DETECTOR, "classNames": ["a", "b"]})
+        self.vsa(*command, status=2)
+        self.assertIn("the network has 1 class: ", self.err)

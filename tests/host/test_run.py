@@ -67,9 +67,8 @@ class RunTest(ChainCase):
             self.check_error(sentence)
 
     def test_failure_of_a_model(self):
-        # The output of a classifier does not fit a detector.
-        wrong = {**self.detector, "modelFile": "label", "inputWidth": 32, "inputHeight": 32}
-        self.use(wrong, self.reader)
+        # The coordinates of a box exceed 32 bits.
+        self.use({**self.detector, "modelFile": "beyond"}, self.reader)
         frame, = self.run_json("blue.png", status=1)
         self.assertEqual((frame["failedModels"], frame["objects"]), ([0, 1], []))
         self.check_error(r"blue.png: frame 0: models\[0\] YOLO26 \(Detect\): .+")
