@@ -24,7 +24,8 @@
 namespace vsa {
 
 struct RunOptions {
-  std::string pipeline;
+  std::string pipeline;  ///< A pipeline file or a network.
+  std::string as;        ///< Model name for a network that fits several; empty for none.
   std::vector<std::string> inputs;
   bool standardInput = false;  ///< Read inputs from there, one per line; results are JSON Lines.
   bool recursive = false;

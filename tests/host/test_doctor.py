@@ -7,7 +7,7 @@ import re
 import shutil
 import unittest
 
-from vsa_case import DOCUMENTED_MODELS, MODELS, NETWORKS, YOLO8, VsaCase, png
+from vsa_case import DOCUMENTED_MODELS, MODELS, NETWORKS, YOLO8, VsaCase, parse_lines, png
 
 THINGS = [f"thing {i}" for i in range(80)]
 DETECTOR = {**YOLO8, "modelFile": "detect", "classNames": THINGS}
@@ -66,6 +66,30 @@ class DoctorTest(VsaCase):
                 self.assertIn("is not overwritten", self.err)
         detect = json.loads((self.folder / "1-detect.xml.json").read_text())
         self.assertEqual(detect["models"][0]["classNames"], THINGS)
+
+    def test_run_without_a_pipeline(self):
+        image = self.write("a.png", png(64, 64))
+        for network in ("one.xml", "one.onnx"):
+            shutil.copy(NETWORKS / network, self.folder)
+            shutil.copy(NETWORKS / "one.bin", self.folder)
+            found, = parse_lines(self.vsa("run", "--json", network, image))
+            self.assertEqual([(found["className"], found["box"]) for found in found["objects"]],
+                             [("cat", [22, 22, 42, 42])])
+        bare, alone = NETWORKS / "bare.xml", NETWORKS / "feature256.xml"
+        self.vsa("run", bare, image, status=2)
+        command = f"vsa run --as YOLO8 {bare} INPUT"
+        self.check_error(rf"{re.escape(str(bare))}: the network fits Detect YOLO8 and Detect "
+                         f"YOLO8-OBB; this runs it as the first: {re.escape(command)}")
+        for name in ("YOLO8", "YOLO8-OBB"):
+            self.vsa(*command.replace("YOLO8", name).replace("INPUT", str(image)).split()[1:])
+        for network, options, sentence in (
+                (bare, ["--as", "yolo8obb"], '.* does not fit .*; did you mean "YOLO8-OBB"'),
+                (NETWORKS / "batch.onnx", [], "vsa doctor"), ("none.onnx", [], "no such file"),
+                (alone, ["--as", "DeepSort"], "works on the objects of a detector")):
+            self.vsa("run", network, *options, image, status=2)
+            self.assertRegex(self.err, sentence)
+        self.use(DETECTOR)
+        self.vsa("run", "--as", "YOLO8", self.pipeline, image, status=2)
 
     def test_chosen_model(self):
         self.write_pipeline("bare.json", "bare.xml", more=["--as", "YOLO8-OBB"])
