@@ -112,9 +112,10 @@ PipelineEntry pipelineEntry(const Family& family, const ModelFile& file, const f
   if (family.hasKeyPoints()) add("classCount", static_cast<Json::Int64>(fit.classes));
   add("inputWidth", side(width, family.width));
   if (family.layout != OutputLayout::kTextMap) add("inputHeight", side(height, family.height));
-  addThreshold("scoreThreshold", family.score);
+  const bool isDetector = family.category == "Detect";
+  addThreshold("scoreThreshold", isDetector ? family.score.value_or(0.25F) : family.score);
   addThreshold("objThreshold", family.object);
-  addThreshold("nmsThreshold", family.nms);
+  addThreshold("nmsThreshold", isDetector ? family.nms.value_or(0.45F) : family.nms);
   entry.text += "\n    }";
   return entry;
 }

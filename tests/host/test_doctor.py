@@ -56,16 +56,34 @@ class DoctorTest(VsaCase):
         image = self.write("a.png", png(64, 48))
         for networks in (["detect.xml"], ["detect.onnx"], ["anchors.onnx"], ["end2end.onnx"],
                          ["obb.xml"], ["pose.xml"], ["seg.xml"],
-                         ["detect.xml", "label.xml", "feature256.xml"]):
+                         ["detect.xml", "label.xml", "feature256.xml"],
+                         ["label.xml", "feature256.xml", "line.xml", "detect.xml"]):
             with self.subTest(networks):
                 target = f"{len(networks)}-{networks[0]}.json"
                 self.write_pipeline(target, *networks)
                 self.vsa("run", target, image)
-                self.vsa("doctor", target)
+                self.assertIn("no problems found", self.vsa("doctor", "--strict", target))
+                detector, *others = json.loads((self.folder / target).read_text())["models"]
+                self.assertLessEqual({"scoreThreshold", "nmsThreshold"}, set(detector))
                 self.write_pipeline(target, *networks, status=2)
                 self.assertIn("is not overwritten", self.err)
         detect = json.loads((self.folder / "1-detect.xml.json").read_text())
         self.assertEqual(detect["models"][0]["classNames"], THINGS)
+
+    def test_writing_reports_what_it_chose(self):
+        out = self.write_pipeline("a.json", "line.xml", "label.xml", "bare.xml")
+        for index, words in enumerate(("Detect YOLO8: .*bare.xml (--as selects another: YOLO8-OBB)",
+                                       "Track VsOCR: .*line.xml (--as selects another: PaddleOCR, .*)",
+                                       "Classify ResNet: .*label.xml (--as selects another: .*)")):
+            words = words.replace("(", r"\(").replace(")", r"\)")
+            self.assertRegex(out, rf"(?m)^  models\[{index}\] {words}$")
+        self.assertNotIn("padding", (self.folder / "a.json").read_text())
+        out = self.write_pipeline("alone.json", "feature256.xml")
+        self.assertIn("    warning: it works on the objects of a detector", out)
+        self.write_pipeline("b.json", "ones4.xml", "detect.xml", status=2,
+                            more=["--as", "AudioNet", "--as", "YOLO8"])
+        self.assertIn("belong in two pipelines", self.err)
+        self.assertFalse((self.folder / "b.json").exists())
 
     def test_run_without_a_pipeline(self):
         image = self.write("a.png", png(64, 64))
