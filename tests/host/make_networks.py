@@ -102,6 +102,8 @@ save_constant("end2end", 64, (1, 300, 6), task="detect", names=names(80))
 save_constant("flat", 64, (1, 6, 100), height=32)
 save_constant("batch", 64, (4, 6, 100), batch=4)
 save_constant("one", 64, columns(32, 32, 20, 20, 0.875), task="detect", names="{0: 'cat'}")
+# A box without height, and a score that is not finite.
+save_constant("thin", 64, [numpy.array([[32, 32, 20, 0, 0.875], [48, 16, 9, 9, numpy.inf]]).T])
 save_constant("line", 32, [numpy.eye(8)[[1, 1, 0, 2, 0, 1]]], height=16)
 save_constant("two", 64, columns(32, 32, 26, 20, 0.5))
 # In the input sizes of the example pipelines: a person in the middle, and ones.

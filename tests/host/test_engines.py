@@ -23,6 +23,10 @@ class EnginesTest(VsaCase):
         for model in (DETECTOR, ONNX_DETECTOR):
             self.assertEqual(json.loads(self.compare("--json", model=model)), self.equal)
 
+    def test_equal_results_of_boxes_without_area(self):
+        found = json.loads(self.compare("--json", model={**DETECTOR, "modelFile": "thin"}))
+        self.assertEqual(found, {**self.equal, "OpenVINO": 2, "ONNXRuntime": 2, "matched": 2})
+
     def test_different_results(self):
         other = ["--other", NETWORKS / "two.onnx"]
         for pixels, score, same in ((3, 0.375, True), (2, 0.375, False), (3, 0.374, False)):
