@@ -95,7 +95,7 @@ class Compare : public Command {
       info.height = best[i].imageHeight;
       text += frameTable(info, {best[i]}, console->columns());
       Json::Value& entry = json["objects"].append(objectJson(best[i]));
-      entry["input"] = repairUtf8(images_[i]);
+      setPath(&entry, "input", images_[i]);
     }
     text += "cosine similarity " + fixed(similarity, 4) + "\n";
     return console->write(json_ ? jsonLine(json) : text);

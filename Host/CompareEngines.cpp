@@ -253,7 +253,7 @@ class EngineComparison {
     if (!isGood) status_ = kSomeFailed;
     if (options_.json) {
       Json::Value json;
-      json["input"] = repairUtf8(name);
+      setPath(&json, "input", name);
       json["OpenVINO"] = static_cast<Json::UInt64>(first.size());
       json["ONNXRuntime"] = static_cast<Json::UInt64>(second.size());
       json["matched"] = static_cast<Json::UInt64>(found.matched);

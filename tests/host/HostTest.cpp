@@ -125,7 +125,7 @@ TEST(ReportTest, WritesUnusualValuesAsJson) {
   FrameInfo info{"a\"\xC4.png", 3, 1.0 / 3.0, 100, 80, {}};
   EXPECT_EQ(
       frameJson(info, {object}),
-      R"({"frame":3,"height":80,"input":"a\"�.png","objects":[{"classId":2,"className":"bad �\n",)"
+      R"({"frame":3,"height":80,"input":"a\"�.png","inputHex":"6122c42e706e67","objects":[{"classId":2,"className":"bad �\n",)"
       R"("classifyId":0,"classifyName":"","classifyScore":null,)"
       R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
       R"("shapes":[{"points":[],"tag":10}],"text":"字",)"
