@@ -2,6 +2,11 @@
 // VsaModelInit, one run call for each frame, VsaModelRelease.
 #include "Model.h"
 
+#include <algorithm>
+#include <iterator>
+#include <opencv2/core.hpp>
+
+#include "Frame.h"
 #include "Messages.h"
 #include "PipelineCheck.h"
 #include "Text.h"
@@ -46,10 +51,24 @@ Model::~Model() {
   VsaModelRelease(&context_);
 }
 
+bool Model::detectPadded(VsaFrame* frame, std::uint8_t padding) {
+  const cv::Mat image(static_cast<int>(frame->height), static_cast<int>(frame->width), CV_8UC3,
+                      frame->data);
+  const cv::Size input(static_cast<int>(spec_.config.inputWidth),
+                       static_cast<int>(spec_.config.inputHeight));
+  VsaFrame padded = frameOf(padder_.pad(image, input, padding));
+  padded.wantedClasses = frame->wantedClasses;
+  if (!VsaModelDetect(&context_, &padded)) return false;
+  padder_.restore(&padded.objects);
+  std::ranges::move(padded.objects, std::back_inserter(frame->objects));
+  return true;
+}
+
 bool Model::run(VsaFrame* frame) {
   // The wanted names are members of the frame, but differ between the models.
   frame->wantedClasses = spec_.wantedClasses;
   frame->wantedLabels = spec_.wantedLabels;
+  if (spec_.padding) return detectPadded(frame, *spec_.padding);
   if (spec_.config.category == "Detect") return VsaModelDetect(&context_, frame);
   if (spec_.config.category == "Classify") return VsaModelClassify(&context_, frame);
   if (!VsaModelFeature(&context_, frame)) return false;

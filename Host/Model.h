@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "Padding.h"
 #include "Pipeline.h"
 
 namespace vsa {
@@ -27,12 +28,15 @@ class Model {
 
   const ModelSpec& spec() const { return spec_; }
 
-  /// Runs the model on the frame; the text that it writes is converted to UTF-8. Returns what the
-  /// library returns. Throws what the engines throw.
+  /// Runs the model on the frame, padded if the pipeline says so; the text that it writes is
+  /// converted to UTF-8. Returns what the library returns. Throws what the engines throw.
   bool run(VsaFrame* frame);
 
  private:
+  bool detectPadded(VsaFrame* frame, std::uint8_t padding);
+
   ModelSpec spec_;
+  Padder padder_;
   VsaModelContext context_;
 };
 

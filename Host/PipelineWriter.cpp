@@ -116,6 +116,9 @@ PipelineEntry pipelineEntry(const Family& family, const ModelFile& file, const f
   addThreshold("scoreThreshold", isDetector ? family.score.value_or(0.25F) : family.score);
   addThreshold("objThreshold", family.object);
   addThreshold("nmsThreshold", isDetector ? family.nms.value_or(0.45F) : family.nms);
+  // The exporter that writes a task trains with grey padding.
+  constexpr int kUsualPadding = 114;
+  if (family.isYolo() && !info.task.empty()) add("padding", kUsualPadding);
   entry.text += "\n    }";
   return entry;
 }

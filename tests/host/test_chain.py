@@ -37,6 +37,19 @@ class ChainTest(ChainCase):
             self.assertTrue(all(key in found for found in objects))
             self.assertRegex(self.err, r"  1 object without an area removed before models\[1\] ")
 
+    def test_padding(self):
+        self.write("wide.png", png(128, 64))
+        self.write("high.png", png(32, 64))
+        boxes = {None: ([[16, 8, 80, 56], [60, 88, 100, 20], [60, 80, 100, 64]],
+                        [[8, 4, 32, 28], [30, 44, 32, 10], [30, 40, 32, 60]]),
+                 114: ([[16, 8, 80, 56]], [[8, 4, 32, 28], [30, 44, 32, 10], [30, 40, 32, 60]])}
+        for padding, expected in boxes.items():
+            more = {} if padding is None else {"padding": padding}
+            self.use({**self.detector, "modelFile": "empty", **more})
+            frames = self.run_json("wide.png", "high.png")
+            self.assertEqual(tuple([found["box"] for found in frame["objects"]]
+                                   for frame in frames), expected)
+
     def test_wanted_names(self):
         self.use(self.detector, {**self.classifier, "wantedLabels": ["red", "green"]}, self.faces)
         self.assertEqual(self.run_json("blue.png")[0]["objects"], [])

@@ -65,6 +65,8 @@ class DoctorTest(VsaCase):
                 self.assertIn("no problems found", self.vsa("doctor", "--strict", target))
                 detector, *others = json.loads((self.folder / target).read_text())["models"]
                 self.assertLessEqual({"scoreThreshold", "nmsThreshold"}, set(detector))
+                self.assertEqual(detector.get("padding"), 114)
+                self.assertFalse([model for model in others if "padding" in model])
                 self.write_pipeline(target, *networks, status=2)
                 self.assertIn("is not overwritten", self.err)
         detect = json.loads((self.folder / "1-detect.xml.json").read_text())

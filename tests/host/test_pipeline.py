@@ -72,7 +72,9 @@ class PipelineTest(ChainCase):
             ({"inputHeight": 65536}, f"inputHeight {whole} 65535, not 65536"),
             ({"classCount": 4294967297}, f"classCount {whole} 2147483647, not 4294967297"),
             ({"scoreThreshold": 1.5}, rf"scoreThreshold {number} 1\.5"),
-            ({"nmsThreshold": -0.25}, rf"nmsThreshold {number} -0\.25")))
+            ({"nmsThreshold": -0.25}, rf"nmsThreshold {number} -0\.25"),
+            ({"padding": 256}, "padding must be a whole number from 0 to 255, not 256"),
+            ({**self.classifier, "padding": 114}, "padding is for YOLO detectors only")))
 
     def test_class_names(self):
         self.write("gbk.txt", b"ok\n\xc4\xe3\n")
