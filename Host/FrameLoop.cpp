@@ -7,6 +7,7 @@
 
 #include "AudioSource.h"
 #include "Messages.h"
+#include "ReadingOrder.h"
 #include "Report.h"
 
 namespace vsa {
@@ -125,17 +126,26 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
       return std::ranges::find(options_.only, object.className) == options_.only.end();
     });
   }
+  sortTextRegions(&frame.objects);
   if (files_.crops) info->crops = writeCrops(*info, *image, frame.objects, &*files_.crops);
 
   ++totals_.frames;
   totals_.objects += std::ssize(frame.objects);
   writeResults(json_ || files_.jsonFile ? frameJson(*info, frame.objects) : "",
-               json_ ? "" : frameTable(*info, frame.objects, console_.columns()));
+               json_ ? "" : frameText(*info, frame.objects));
   if (files_.annotated) {
     files_.annotated->write(info->input, source.isVideo() ? source.frameRate() : 0.0, image,
                             frame.objects);
   }
   showProgress(source.frameCount(), info->index + 1);
+}
+
+// The table, or only the text of the objects, with a form feed between the frames.
+std::string FrameLoop::frameText(const FrameInfo& info,
+                                 const std::vector<VsaObject>& objects) const {
+  if (!options_.text) return frameTable(info, objects, console_.columns());
+  std::string text = totals_.frames > 1 ? "\f" : "";
+  return text += plainText(objects);
 }
 
 void FrameLoop::writeResults(const std::string& json, const std::string& table) {

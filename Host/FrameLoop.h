@@ -30,6 +30,7 @@ struct RunOptions {
   bool standardInput = false;  ///< Read inputs from there, one per line; results are JSON Lines.
   bool recursive = false;
   bool json = false;         ///< JSON Lines instead of the table.
+  bool text = false;         ///< The recognised text instead of the table.
   std::string jsonFile;      ///< A file for JSON Lines; empty for none.
   std::string outputFolder;  ///< Annotated images and videos; empty for none.
   std::string fontFile;
@@ -88,6 +89,7 @@ class FrameLoop {
   bool wantsMore(const FrameInfo& info) const;
   void runModels(FrameInfo* info, VsaFrame* frame);
   void reportFailure(const FrameInfo& info, const Failure& failure);
+  std::string frameText(const FrameInfo& info, const std::vector<VsaObject>& objects) const;
   void writeResults(const std::string& json, const std::string& table);
   void showProgress(std::int64_t frameCount, std::int64_t framesDone);
 

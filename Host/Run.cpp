@@ -34,14 +34,20 @@ void checkOptions(const RunOptions& options, const Pipeline& pipeline) {
   const std::pair<const char*, bool> forImages[] = {{"--crops", !options.cropsFolder.empty()},
                                                     {"--max-side", options.maxSide != 0},
                                                     {"--objects", !options.objectsFile.empty()},
-                                                    {"--only", !options.only.empty()}};
+                                                    {"--only", !options.only.empty()},
+                                                    {"--text", options.text}};
   for (const auto& [name, given] : forImages) {
     if (given && pipeline.takesAudio) {
       throw PipelineError(options.pipeline,
                           std::string(name) + " is for images, but these models take audio");
     }
   }
-  if (!options.objectsFile.empty()) return;  // recorded objects may be of any class
+  if (!options.objectsFile.empty()) return;  // recorded objects may be of any class and have text
+  if (options.text && std::ranges::none_of(pipeline.models, [](const ModelSpec& spec) {
+        return spec.family() != nullptr && spec.family()->readsText();
+      })) {
+    throw PipelineError(options.pipeline, "--text: no model reads text");
+  }
   std::vector<std::string> classes;
   for (const ModelSpec& spec : pipeline.models) {
     if (spec.config.category != "Detect") continue;
@@ -213,6 +219,12 @@ class Run : public Command {
             "immediately as JSON Lines")
         ->excludes("INPUT");
     addJson(command, "Print JSON Lines, one object per frame, instead of the table");
+    command
+        ->add_flag("--text", options_.text,
+                   "Print the recognised text line by line in reading order instead of the table, "
+                   "with a form feed between images")
+        ->excludes("--json")
+        ->excludes("--stdin");
     const auto add = [command](const char* names, auto& value, const char* type,
                                const char* description) {
       return command->add_option(names, value, description)->type_name(type);

@@ -5,12 +5,13 @@ RESULTS is JSON Lines, one object per image:
   {"input": "path/NAME.png", "objects": [{"text": "...", ...}, ...]}
 TRUTH is a folder with the true lines of each image in NAME.txt (UTF-8).
 
-Spaces are ignored, because the recogniser's dictionary has none. Each true
-line is paired with at most one recognised line, the most similar pairs first;
-lines with a similarity below one half are not paired. The
-number of correct characters of a pair is the length of the true line minus
-the edit distance (insertions, deletions, substitutions) of the two lines; an
-unpaired true line has no correct characters.
+Spaces count like other characters, except that several in a row are one and
+those at the ends of a line are ignored. Each true line is paired with at most
+one recognised line, the most similar pairs first; lines with a similarity
+below one half are not paired. The number of correct characters of a pair is
+the length of the true line minus the edit distance (insertions, deletions,
+substitutions) of the two lines; an unpaired true line has no correct
+characters.
 """
 
 import argparse
@@ -20,8 +21,8 @@ import sys
 import unicodedata
 
 
-def remove_spaces(text):
-    return "".join(text.split())
+def single_spaced(text):
+    return " ".join(text.split())
 
 
 def edit_distance(a, b):
@@ -34,12 +35,12 @@ def edit_distance(a, b):
 
 
 class Comparison:
-    """The result for one image. All texts are without spaces."""
+    """The result for one image."""
 
     def __init__(self, name, true_lines, read_lines):
         self.name = name
-        true = [line for line in map(remove_spaces, true_lines) if line]
-        read = [line for line in map(remove_spaces, read_lines) if line]
+        true = [line for line in map(single_spaced, true_lines) if line]
+        read = [line for line in map(single_spaced, read_lines) if line]
         self.lines = len(true)
         self.characters = sum(map(len, true))
         candidates = []
@@ -83,7 +84,7 @@ def read_results(stream):
 def read_true_texts(folder):
     texts = {path.stem: path.read_text(encoding="utf-8-sig").splitlines()
              for path in sorted(pathlib.Path(folder).glob("*.txt"))}
-    if not any(remove_spaces(line) for lines in texts.values() for line in lines):
+    if not any(single_spaced(line) for lines in texts.values() for line in lines):
         raise ValueError(f"no true text in {folder}")
     return texts
 

@@ -40,13 +40,15 @@ class CompareTest(unittest.TestCase):
             self.assertEqual(compare.edit_distance(b, a), edits, (b, a))
 
     def test_counts(self):
-        # Two equal lines, one with a wrong character, one missed, and one that does not exist.
-        found = compare.Comparison("p", ["Open daily", "营业时间", "12.50", "谢谢惠顾", ""],
-                                   ["12.50", "营业时问", "Opendaily", "zzz"])
-        self.assertEqual((found.lines, found.found), (4, 3))
-        self.assertEqual((found.characters, found.right), (9 + 4 + 5 + 4, 9 + 3 + 5))
+        # Two equal lines, one with a wrong character, one without its space, one missed, and one
+        # that does not exist.
+        found = compare.Comparison(
+            "p", [" Open  daily", "营业时间", "12.50", "Thank you", "谢谢惠顾", ""],
+            ["12.50", "营业时问", "Thankyou", "Open daily ", "zzz"])
+        self.assertEqual((found.lines, found.found), (5, 4))
+        self.assertEqual((found.characters, found.right), (10 + 4 + 5 + 9 + 4, 10 + 3 + 5 + 8))
         self.assertEqual((found.misread, found.missed, found.extra),
-                         ([("营业时间", "营业时问")], ["谢谢惠顾"], ["zzz"]))
+                         ([("营业时间", "营业时问"), ("Thank you", "Thankyou")], ["谢谢惠顾"], ["zzz"]))
 
     def test_pairs(self):
         # 19.90 resembles both lines and is paired with the equal one, although it comes second.

@@ -4,7 +4,7 @@ import json
 import os
 import re
 
-from vsa_case import PICTURES, VsaCase, png
+from vsa_case import EXAMPLES, PICTURES, VsaCase, png
 
 
 def words_of(line):
@@ -34,6 +34,31 @@ class TextTest(VsaCase):
         self.assertEqual(written["objects"], frame["objects"])
         self.vsa("run", "--quiet", self.pipeline, "sign.png")
         self.assertEqual(self.err, "")
+
+    def test_dictionary_of_the_examples(self):
+        # It adds the spaces to what the built-in dictionary reads.
+        texts = []
+        for names in (["paddleocr"], str(EXAMPLES / "pipelines/paddleocr.txt")):
+            self.use_text_models(names)
+            frame, = self.run_json(self.write_sign())
+            texts.append([found["text"] for found in frame["objects"]])
+        self.assertEqual([text.replace(" ", "") for text in texts[1]], texts[0])
+        self.assertIn("Please wait here to be seated", texts[1])
+
+    def test_plain_text(self):
+        # The order is that of the page. The title may be misread.
+        self.use_text_models(str(EXAMPLES / "pipelines/paddleocr.txt"))
+        page = PICTURES / "newsletter.png"
+        text = self.vsa("run", "--quiet", "--text", self.pipeline, page, page)
+        self.assertEqual(self.err, "")
+        first, second = text.split("\f")
+        self.assertEqual(first, second)
+        true = list(map(words_of, page.with_suffix(".txt").read_text("utf-8").splitlines()))
+        self.assertEqual(list(map(words_of, first.splitlines()))[1:], true[1:])
+        reported = [found["text"] for found in self.run_json(page)[0]["objects"]]
+        self.assertEqual(reported, first.splitlines())
+        for option in ("--json", "--stdin"):
+            self.vsa("run", "--text", option, self.pipeline, page, status=2)
 
     def test_annotated_images(self):
         inputs = [self.write_sign("a/sign.png"), self.write_sign("b/sign.png"),

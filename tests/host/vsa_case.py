@@ -65,14 +65,14 @@ class VsaCase(unittest.TestCase):
         models = [{"engine": "OpenVINO", **model} for model in models]
         self.pipeline.write_text(json.dumps({"modelRoot": str(root), "models": models, **more}))
 
-    def use_text_models(self):
+    def use_text_models(self, names=("paddleocr",)):
         if not (MODELS / "text/recognition.xml").is_file():
             self.skipTest(f"the text models are not in {MODELS}; run scripts/setup")
         common = {"modelName": "PaddleOCR", "modelDir": "text"}
         self.use({**common, "category": "Detect", "modelFile": "detection", "classNames": ["text"],
                   "inputWidth": 960, "scoreThreshold": 0.6},
                  {**common, "category": "Track", "modelFile": "recognition", "inputWidth": 640,
-                  "inputHeight": 48, "classNames": ["paddleocr"]}, root=MODELS)
+                  "inputHeight": 48, "classNames": names}, root=MODELS)
 
     def write(self, name, content):
         path = self.folder / name
