@@ -167,10 +167,7 @@ class Fields {
   std::string location_;
 };
 
-Json::Value parse(const std::string& path) {
-  std::string content;
-  const std::string problem = readFile(fs::path(path), &content);
-  if (!problem.empty()) throw PipelineError(path, "the file" + problem);
+Json::Value parse(const std::string& content, const std::string& path) {
   Json::CharReaderBuilder builder;
   builder["failIfExtra"] = true;
   builder["rejectDupKeys"] = true;
@@ -333,7 +330,14 @@ bool ModelSpec::needsObjects() const {
 }
 
 Pipeline readPipeline(const std::string& path) {
-  const Json::Value root = parse(path);
+  std::string content;
+  const std::string problem = readFile(fs::path(path), &content);
+  if (!problem.empty()) throw PipelineError(path, "the file" + problem);
+  return parsePipeline(content, path);
+}
+
+Pipeline parsePipeline(const std::string& content, const std::string& path) {
+  const Json::Value root = parse(content, path);
   const Fields top(root, path, kTopKeys);
   const fs::path folder = fs::path(path).parent_path();
   if (!top.has("models")) top.fail("models is missing");

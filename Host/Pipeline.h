@@ -51,4 +51,8 @@ class PipelineError : public std::runtime_error {
 /// Reads and checks a pipeline file and the files that it names. Throws PipelineError.
 Pipeline readPipeline(const std::string& path);
 
+/// The same for the content of a file at `path`, which need not be there: it names the pipeline in
+/// messages, and relative paths are relative to its folder.
+Pipeline parsePipeline(const std::string& content, const std::string& path);
+
 }  // namespace vsa
