@@ -6,6 +6,9 @@
 /// to VsaModelDetect, VsaModelClassify or VsaModelFeature, reads the results from the frame, and
 /// calls VsaModelRelease.
 ///
+/// Detectors report only the classes in VsaFrame::wantedClasses, which is empty by default (the pose
+/// detector and the text detector ignore it): a host that does not fill it gets no objects.
+///
 /// Memory: the host owns every record; only VsaModelSet and the models in it belong to the library,
 /// from VsaModelInit to VsaModelRelease. Records hold standard-library members, so host and library
 /// must be built with the same standard library and, on Windows, the same dynamic runtime;

@@ -19,6 +19,7 @@
 #include "Messages.h"
 #include "Model.h"
 #include "ModelFile.h"
+#include "PipelineCheck.h"
 #include "Text.h"
 
 #if defined(__linux__)
@@ -157,6 +158,7 @@ class Measurement {
     for (const ModelSpec& spec : pipeline.models) {
       const double before = residentMegabytes();
       Subject subject{std::make_unique<Model>(spec), {}};
+      removeEmptyBoxes(spec, &frame.objects);
       runModel(subject, &frame);
       subject.megabytes = residentMegabytes() - before;
       subjects_.push_back(std::move(subject));
@@ -169,7 +171,9 @@ class Measurement {
 
   static void runModel(const Subject& subject, VsaFrame* frame) {
     if (!subject.model->run(frame)) {
-      throw std::runtime_error(subject.spec().name + ": the model refused the frame");
+      const std::string reason = refusalReason(subject.spec());
+      throw std::runtime_error(subject.spec().name + ": " +
+                               (reason.empty() ? "the model refused the frame" : reason));
     }
   }
 
@@ -178,6 +182,7 @@ class Measurement {
     VsaFrame frame = frameOf(images_[static_cast<std::size_t>(round) % images_.size()]);
     double total = 0.0;
     for (Subject& subject : subjects_) {
+      removeEmptyBoxes(subject.spec(), &frame.objects);
       const std::size_t inferences = subject.spec().needsObjects() ? frame.objects.size() : 1;
       const std::vector<std::int64_t> shape = inputShape(subject.spec(), frame);
       double engine = 0.0;

@@ -15,6 +15,7 @@ constexpr int kTerminalColumns = 80;
 constexpr char kExamples[] = R"(Examples:
   vsa devices
   vsa run text.json page.png
+  vsa run yolov8n.onnx street.jpg
   vsa run text.json scans/ 'more/*.jpg' --output annotated
   vsa run --json text.json clip.mp4 --max-frames 100 > results.jsonl
   find . -name '*.png' | vsa run --stdin text.json > results.jsonl

@@ -27,9 +27,13 @@ VsaObject bestObject(const std::string& input, Chain* chain) {
   cv::Mat image;
   if (!source.next(&image)) throw std::runtime_error("no frame can be read");
   VsaFrame frame = frameOf(image);
+  const std::int64_t removedBefore = chain->removedObjects();
   const std::vector<Failure> failures = chain->run(&frame);
   if (!failures.empty()) {
     throw std::runtime_error(chain->nameOf(failures[0].model) + ": " + failures[0].reason);
+  }
+  if (frame.objects.empty() && chain->removedObjects() > removedBefore) {
+    throw std::runtime_error("no object with an area was found");
   }
   return bestWithFeature(frame.objects);
 }
@@ -66,6 +70,9 @@ class Compare : public Command {
     for (std::size_t i = 0; i < best.size(); ++i) {
       try {
         best[i] = bestObject(images_[i], chain.get());
+      } catch (const PipelineError& error) {
+        console->note(error.what());
+        return kUsageError;
       } catch (const std::exception& error) {
         console->note(images_[i] + ": " + oneLine(error.what()));
         status = kSomeFailed;
@@ -88,7 +95,7 @@ class Compare : public Command {
       info.height = best[i].imageHeight;
       text += frameTable(info, {best[i]}, console->columns());
       Json::Value& entry = json["objects"].append(objectJson(best[i]));
-      entry["input"] = repairUtf8(images_[i]);
+      setPath(&entry, "input", images_[i]);
     }
     text += "cosine similarity " + fixed(similarity, 4) + "\n";
     return console->write(json_ ? jsonLine(json) : text);

@@ -34,7 +34,14 @@ struct Options {
   bool json = false;
 };
 
-// Intersection over union. If both boxes are empty, 1 for equal boxes and 0 for others.
+// The largest difference of the edges of two boxes.
+std::int64_t edgeDistance(const VsaObject& a, const VsaObject& b) {
+  const auto distance = [](std::int64_t p, std::int64_t q) { return std::abs(p - q); };
+  return std::max({distance(a.left, b.left), distance(a.top, b.top), distance(a.right, b.right),
+                   distance(a.bottom, b.bottom)});
+}
+
+// Intersection over union; 0 if both boxes are empty.
 double overlap(const VsaObject& a, const VsaObject& b) {
   // If a box is in the padding, its right edge may be less than its left edge.
   const auto common = [](double a1, double a2, double b1, double b2) {
@@ -45,8 +52,12 @@ double overlap(const VsaObject& a, const VsaObject& b) {
     return common(p.left, p.right, q.left, q.right) * common(p.top, p.bottom, q.top, q.bottom);
   };
   const double unionArea = intersection(a, a) + intersection(b, b) - intersection(a, b);
-  if (unionArea > 0.0) return intersection(a, b) / unionArea;
-  return std::tie(a.left, a.top, a.right, a.bottom) == std::tie(b.left, b.top, b.right, b.bottom);
+  return unionArea > 0.0 ? intersection(a, b) / unionArea : 0.0;
+}
+
+// The difference of two scores; 0 for equal ones, also if they are NaN or infinite.
+double scoreDifference(double a, double b) {
+  return a == b || (std::isnan(a) && std::isnan(b)) ? 0.0 : std::abs(a - b);
 }
 
 // How two lists of objects differ.
@@ -58,15 +69,18 @@ struct Difference {
 };
 
 // Matches objects of the same class by their overlap, the best pairs first. Objects that overlap by
-// less than half are not matched.
-Difference difference(const std::vector<VsaObject>& first, const std::vector<VsaObject>& second) {
+// less than half are matched only if their edges differ by at most `pixels`: the overlap of thin
+// boxes is small, and boxes without an area have none.
+Difference difference(const std::vector<VsaObject>& first, const std::vector<VsaObject>& second,
+                      std::int64_t pixels) {
   constexpr double kMinOverlap = 0.5;
-  std::vector<std::tuple<double, std::size_t, std::size_t>> pairs;
+  std::vector<std::tuple<double, std::int64_t, std::size_t, std::size_t>> pairs;
   for (std::size_t i = 0; i < first.size(); ++i) {
     for (std::size_t j = 0; j < second.size(); ++j) {
       const double iou = overlap(first[i], second[j]);
-      if (first[i].classId == second[j].classId && iou >= kMinOverlap) {
-        pairs.emplace_back(-iou, i, j);
+      const std::int64_t edges = edgeDistance(first[i], second[j]);
+      if (first[i].classId == second[j].classId && (iou >= kMinOverlap || edges <= pixels)) {
+        pairs.emplace_back(-iou, edges, i, j);
       }
     }
   }
@@ -74,16 +88,12 @@ Difference difference(const std::vector<VsaObject>& first, const std::vector<Vsa
   Difference found;
   std::vector<bool> firstMatched(first.size());
   std::vector<bool> secondMatched(second.size());
-  for (const auto& [iou, i, j] : pairs) {
+  for (const auto& [iou, edges, i, j] : pairs) {
     if (firstMatched[i] || secondMatched[j]) continue;
     firstMatched[i] = secondMatched[j] = true;
     ++found.matched;
-    const VsaObject& a = first[i];
-    const VsaObject& b = second[j];
-    const auto distance = [](std::int64_t p, std::int64_t q) { return std::abs(p - q); };
-    found.pixels = std::max({found.pixels, distance(a.left, b.left), distance(a.top, b.top),
-                             distance(a.right, b.right), distance(a.bottom, b.bottom)});
-    const double scores = std::abs(double{a.score} - double{b.score});
+    found.pixels = std::max(found.pixels, edges);
+    const double scores = scoreDifference(first[i].score, second[j].score);
     if (std::isnan(scores) || scores > found.score) found.score = scores;
   }
   for (std::size_t i = 0; i < first.size(); ++i) {
@@ -194,6 +204,9 @@ class EngineComparison {
     for (const std::string& input : list.inputs) {
       try {
         compareInput(input);
+      } catch (const PipelineError& error) {
+        console_.note(error.what());
+        return kUsageError;
       } catch (const std::exception& error) {
         fail(input + ": " + oneLine(error.what()));
       }
@@ -232,7 +245,7 @@ class EngineComparison {
 
   void print(const std::string& name, const std::vector<VsaObject>& first,
              const std::vector<VsaObject>& second) {
-    const Difference found = difference(first, second);
+    const Difference found = difference(first, second, options_.pixels);
     // An object with a score just above the threshold on one engine may be below it on the other.
     const bool isGood =
         found.pixels <= options_.pixels && found.score <= options_.score &&
@@ -240,7 +253,7 @@ class EngineComparison {
     if (!isGood) status_ = kSomeFailed;
     if (options_.json) {
       Json::Value json;
-      json["input"] = repairUtf8(name);
+      setPath(&json, "input", name);
       json["OpenVINO"] = static_cast<Json::UInt64>(first.size());
       json["ONNXRuntime"] = static_cast<Json::UInt64>(second.size());
       json["matched"] = static_cast<Json::UInt64>(found.matched);

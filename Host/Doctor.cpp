@@ -138,20 +138,10 @@ class Examination {
     for (std::size_t i = 0; i < pipeline.models.size(); ++i) {
       const ModelSpec& spec = pipeline.models[i];
       Findings& findings = all[i];
-      try {
-        Findings own = checkModel(spec.config, readModelFile(spec.networkFile()));
-        std::ranges::move(own.errors, std::back_inserter(findings.errors));
-        std::ranges::move(own.warnings, std::back_inserter(findings.warnings));
-        findings.notes = std::move(own.notes);
-      } catch (const std::exception& error) {
-        findings.errors.push_back(oneLine(error.what()));
-      }
-      const std::string& device = spec.config.device;
-      const bool isPlain = device.find_first_of(":.") == std::string::npos && device != "AUTO";
-      if (spec.config.engine == "OpenVINO" && isPlain && !devices.contains("OpenVINO-" + device)) {
-        findings.errors.push_back("this machine has no device " + inQuotes(device) +
-                                  " (see vsa devices): set \"device\": \"CPU\"");
-      }
+      Findings own = examineModel(spec, devices);
+      std::ranges::move(own.errors, std::back_inserter(findings.errors));
+      std::ranges::move(own.warnings, std::back_inserter(findings.warnings));
+      findings.notes = std::move(own.notes);
       report_.line(2, spec.name + (findings.errors.empty() ? ": ok" : ""));
       for (const std::string& sentence : findings.errors) report_.error(4, sentence);
       for (const std::string& sentence : findings.warnings) report_.warn(4, sentence);
@@ -169,24 +159,76 @@ class Examination {
       if (!options_.as.empty() && options_.as.size() != networks_.size()) {
         throw std::runtime_error("--as must be given once for each network that fits");
       }
+      const std::vector<Choice> choices = chosenModels();
       std::vector<std::string> entries;
-      for (std::size_t i = 0; i < networks_.size(); ++i) {
-        const PipelineEntry entry =
-            pipelineEntry(familyOf(i), networks_[i], fs::absolute(target).parent_path());
-        entries.push_back(entry.text);
-        if (!entry.hasRealNames) {
-          report_.warn(0, networks_[i].path +
+      for (const auto& [file, family, hasRealNames, text] : choices) {
+        entries.push_back(text);
+        if (!hasRealNames) {
+          report_.warn(0, file->path +
                               " does not contain class names: replace \"class 0\" and so on in " +
                               options_.write);
         }
       }
       writePipeline(options_.write, entries);
-      report_.line(0, options_.write + ": written");
+      describeWritten(choices);
       return kDone;
     } catch (const std::exception& error) {
       console_.note(options_.write + ": " + oneLine(error.what()));
       return kUsageError;
     }
+  }
+
+  // A network and the model that it is written as.
+  struct Choice {
+    const ModelFile* file;
+    const Family* family;
+    bool hasRealNames;
+    std::string text;
+  };
+
+  Choice choiceOf(const ModelFile& file, const Family& family) const {
+    const fs::path folder = fs::absolute(options_.write).parent_path();
+    PipelineEntry entry = pipelineEntry(family, file, folder);
+    return {&file, &family, entry.hasRealNames, std::move(entry.text)};
+  }
+
+  // The models for all networks, detectors before the models that work on their objects.
+  std::vector<Choice> chosenModels() const {
+    std::vector<Choice> choices;
+    for (std::size_t i = 0; i < networks_.size(); ++i) {
+      choices.push_back(choiceOf(networks_[i], familyOf(i)));
+    }
+    const auto isGiven = [&choices](Gives gives) {
+      return std::ranges::any_of(choices,
+                                 [=](const Choice& c) { return c.family->gives == gives; });
+    };
+    // Of two text recognisers, the one that suits the detector is chosen.
+    const bool hasBoxes = isGiven(Gives::kBoxes);
+    const bool hasRegions = isGiven(Gives::kTextRegions);
+    const auto isSuited = [=](const Family& family) {
+      return family.needs == Needs::kNothing ||
+             (family.needs == Needs::kBoxes ? hasBoxes : hasRegions);
+    };
+    for (Choice& choice : choices) {
+      if (!options_.as.empty() || isSuited(*choice.family)) continue;
+      for (const Family* other : fittingFamilies(*choice.file)) {
+        if (other->gives != choice.family->gives || !isSuited(*other)) continue;
+        Choice better = choiceOf(*choice.file, *other);
+        if (better.hasRealNames || !choice.hasRealNames) choice = std::move(better);
+        break;
+      }
+    }
+    const auto takesAudio = [](const Choice& choice) {
+      return choice.family->takes == Media::kAudio;
+    };
+    const auto audio = std::ranges::count_if(choices, takesAudio);
+    if (audio != 0 && audio != std::ssize(choices)) {
+      throw std::runtime_error(
+          "models that take audio and models that take images belong in two pipelines");
+    }
+    std::ranges::stable_partition(
+        choices, [](const Choice& choice) { return choice.family->needs == Needs::kNothing; });
+    return choices;
   }
 
   // The family that --as names for the network, else the most likely one.
@@ -199,6 +241,24 @@ class Examination {
                                inQuotes(options_.as[index]));
     }
     return **family;
+  }
+
+  // Reports the models in the file that was written, and those that no order could make work.
+  void describeWritten(const std::vector<Choice>& choices) {
+    report_.line(0, options_.write + ": written");
+    const std::vector<Findings> order = checkOrder(readPipeline(options_.write).models);
+    for (std::size_t i = 0; i < choices.size(); ++i) {
+      const auto& [file, family, hasRealNames, text] = choices[i];
+      std::string others;
+      for (const Family* other : fittingFamilies(*file)) {
+        if (other != family) others += (others.empty() ? "" : ", ") + other->modelName;
+      }
+      report_.line(2, "models[" + std::to_string(i) + "] " + family->category + " " +
+                          family->modelName + ": " + file->path +
+                          (others.empty() ? "" : " (--as selects another: " + others + ")"));
+      for (const std::string& sentence : order[i].errors) report_.error(4, sentence);
+      for (const std::string& sentence : order[i].warnings) report_.warn(4, sentence);
+    }
   }
 
   const Options& options_;

@@ -47,6 +47,9 @@ void FrameLoop::process(const std::string& input, std::size_t number, std::size_
   } catch (const CannotContinue&) {
     if (files_.annotated) files_.annotated->finish();
     throw;
+  } catch (const PipelineError&) {
+    if (files_.annotated) files_.annotated->finish();
+    throw;
   } catch (const cv::Exception& error) {
     failInput(input, error.err);
   } catch (const std::exception& error) {

@@ -24,7 +24,8 @@
 namespace vsa {
 
 struct RunOptions {
-  std::string pipeline;
+  std::string pipeline;  ///< A pipeline file or a network.
+  std::string as;        ///< Model name for a network that fits several; empty for none.
   std::vector<std::string> inputs;
   bool standardInput = false;  ///< Read inputs from there, one per line; results are JSON Lines.
   bool recursive = false;
@@ -65,7 +66,8 @@ class FrameLoop {
             Console* console);
 
   /// Processes all frames of the input. Failures are reported and counted. The progress bar shows
-  /// it as input `number` (from 0) of `count`. Throws CannotContinue.
+  /// it as input `number` (from 0) of `count`. Throws CannotContinue, and PipelineError if a model
+  /// refuses every frame.
   void process(const std::string& input, std::size_t number, std::size_t count);
 
   /// Reports and counts an input that cannot be processed.

@@ -1,10 +1,13 @@
 #include "JsonLines.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
+
+#include "Text.h"
 
 namespace vsa {
 
@@ -27,6 +30,37 @@ Json::Value jsonNumber(float value) {
   const auto result = std::to_chars(buffer, buffer + sizeof buffer - 1, value);
   *result.ptr = '\0';
   return std::strtod(buffer, nullptr);
+}
+
+void setPath(Json::Value* object, const std::string& key, const std::string& path) {
+  const std::string valid = repairUtf8(path);
+  (*object)[key] = valid;
+  if (valid == path) return;
+  std::string digits;
+  for (const char byte : path) {
+    constexpr char kDigits[] = "0123456789abcdef";
+    digits += kDigits[static_cast<unsigned char>(byte) >> 4];
+    digits += kDigits[static_cast<unsigned char>(byte) & 0xF];
+  }
+  (*object)[key + "Hex"] = digits;
+}
+
+std::string pathIn(const Json::Value& object, const std::string& key) {
+  const bool isHex = object.isMember(key + "Hex");
+  const Json::Value& value = object[isHex ? key + "Hex" : key];
+  if (!value.isString()) throw std::runtime_error("a string is missing");
+  if (!isHex) return value.asString();
+  const std::string text = value.asString();
+  std::string path;
+  for (std::size_t i = 0; i < text.size(); i += 2) {
+    unsigned char byte = 0;
+    const char* const end = text.data() + std::min(i + 2, text.size());
+    if (std::from_chars(text.data() + i, end, byte, 16).ptr != text.data() + i + 2) {
+      throw std::runtime_error(key + "Hex is not an even number of hexadecimal digits");
+    }
+    path += static_cast<char>(byte);
+  }
+  return path;
 }
 
 JsonFile::JsonFile(const std::string& path, const std::vector<std::string>& inputs) : path_(path) {

@@ -18,6 +18,14 @@ std::string jsonText(const Json::Value& value);
 /// The float as the shortest decimal that is parsed as the same float; null if it is not finite.
 Json::Value jsonNumber(float value);
 
+/// Stores a path under `key`, with U+FFFD for bytes that are not UTF-8. If there are such bytes,
+/// `key` + "Hex" holds all bytes of the path in hexadecimal digits, so that paths stay distinct.
+void setPath(Json::Value* object, const std::string& key, const std::string& path);
+
+/// The bytes of a path that setPath() stored. Throws std::runtime_error if it is missing or not
+/// valid.
+std::string pathIn(const Json::Value& object, const std::string& key);
+
 /// A file of JSON Lines, flushed after each line.
 class JsonFile {
  public:

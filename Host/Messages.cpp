@@ -9,7 +9,11 @@
 namespace vsa {
 namespace {
 
-// Levenshtein distance in bytes.
+char lowerCase(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// Levenshtein distance in bytes. The case of ASCII letters is ignored.
 std::size_t editDistance(std::string_view a, std::string_view b) {
   std::vector<std::size_t> row(b.size() + 1);
   std::iota(row.begin(), row.end(), std::size_t{0});
@@ -17,7 +21,7 @@ std::size_t editDistance(std::string_view a, std::string_view b) {
     std::size_t diagonal = row[0];
     row[0] = i;
     for (std::size_t j = 1; j <= b.size(); ++j) {
-      const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      const std::size_t replaced = diagonal + (lowerCase(a[i - 1]) == lowerCase(b[j - 1]) ? 0 : 1);
       diagonal = row[j];
       row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
     }

@@ -10,8 +10,8 @@
 #include <stdexcept>
 
 #include "Inputs.h"
+#include "JsonLines.h"
 #include "Messages.h"
-#include "Text.h"
 
 namespace vsa {
 namespace {
@@ -143,7 +143,7 @@ RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
       const Json::Value json = parseLine(line);
       if (json.isMember("error")) continue;
       if (!json["frame"].isInt64()) throw std::runtime_error("the number of the frame is missing");
-      Frame& frame = frames_[{text(json["input"]), json["frame"].asInt64()}];
+      Frame& frame = frames_[{pathIn(json, "input"), json["frame"].asInt64()}];
       frame = {integer(json["width"]), integer(json["height"]), {}};
       for (const Json::Value& entry : array(json["objects"], 0)) {
         frame.objects.push_back(objectFromJson(entry, {frame.width, frame.height}));
@@ -156,7 +156,7 @@ RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
 }
 
 const std::vector<VsaObject>& RecordedObjects::of(const FrameInfo& info) const {
-  const auto found = frames_.find({repairUtf8(info.input), info.index});
+  const auto found = frames_.find({info.input, info.index});
   if (found == frames_.end()) {
     throw std::runtime_error("frame " + std::to_string(info.index) + " is not in " + path_);
   }

@@ -27,10 +27,10 @@ namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
 const Names kTopKeys = {"modelRoot", "models", "blockSeconds"};
-const Names kModelKeys = {"category",     "modelName",    "engine",        "device",
-                          "modelFile",    "modelDir",     "modelRoot",     "classNames",
-                          "classCount",   "inputWidth",   "inputHeight",   "scoreThreshold",
-                          "nmsThreshold", "objThreshold", "wantedClasses", "wantedLabels"};
+const Names kModelKeys = {
+    "category",     "modelName",    "engine",     "device",        "modelFile",   "modelDir",
+    "modelRoot",    "classNames",   "classCount", "inputWidth",    "inputHeight", "scoreThreshold",
+    "nmsThreshold", "objThreshold", "padding",    "wantedClasses", "wantedLabels"};
 const Names kCategories = {"Detect", "Classify", "Track"};
 const Names kEngines = {"OpenVINO", "ONNXRuntime"};
 constexpr std::uint32_t kMaxSide = 65535;
@@ -299,6 +299,11 @@ ModelSpec readModel(const Json::Value& value, const std::string& location, const
   }
   spec.wantedClasses = wanted(fields, "wantedClasses", config.classNames);
   spec.wantedLabels = wanted(fields, "wantedLabels", config.classNames);
+  if (fields.has("padding")) {
+    spec.padding = static_cast<std::uint8_t>(fields.wholeNumber("padding", 255, 0));
+    const Family* family = spec.family();
+    if (family != nullptr && !family->isYolo()) fields.fail("padding is for YOLO detectors only");
+  }
   checkModelFile(spec, fields);
   return spec;
 }
@@ -327,6 +332,11 @@ bool ModelSpec::takesAudio() const {
 bool ModelSpec::needsObjects() const {
   const Family* row = family();
   return row != nullptr && row->needs != Needs::kNothing;
+}
+
+bool ModelSpec::cutsBoxesOut() const {
+  const Family* row = family();
+  return row != nullptr && row->needs == Needs::kBoxes;
 }
 
 Pipeline readPipeline(const std::string& path) {

@@ -3,6 +3,8 @@
 
 #include <TolCompatible/TolCompatible.h>
 
+#include <cstdint>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -21,6 +23,9 @@ struct ModelSpec {
   std::string namesFile;  ///< The file that classNames refers to; empty if it is a list.
   std::set<std::string> wantedClasses;
   std::set<std::string> wantedLabels;
+  /// Value of the pixels that extend a frame to the aspect ratio of a detector's input; nullopt if
+  /// the library pads, with black.
+  std::optional<std::uint8_t> padding;
 
   /// Null if the library has no such model.
   const Family* family() const;
@@ -33,6 +38,8 @@ struct ModelSpec {
   bool takesAudio() const;
   /// Whether the model works on objects that earlier models found.
   bool needsObjects() const;
+  /// Whether the model cuts the box of each object out of the image.
+  bool cutsBoxesOut() const;
 };
 
 struct Pipeline {

@@ -1,6 +1,8 @@
 #include "PipelineCheck.h"
 
 #include <algorithm>
+#include <exception>
+#include <iterator>
 
 #include "ExportInfo.h"
 #include "JsonLines.h"
@@ -117,6 +119,14 @@ void checkSize(const VsaModelConfig& config, const Family& family, const ModelFi
                              setting("inputHeight", height > 0 ? height : family.height));
 }
 
+void checkDevice(const VsaModelConfig& config, const VsaDeviceSet& devices, Findings* findings) {
+  const std::string& device = config.device;
+  const bool isPlain = device.find_first_of(":.") == std::string::npos && device != "AUTO";
+  if (config.engine != "OpenVINO" || !isPlain || devices.contains("OpenVINO-" + device)) return;
+  findings->errors.push_back("this machine has no device " + inQuotes(device) +
+                             " (see vsa devices): set \"device\": \"CPU\"");
+}
+
 // The model that reads text regions.
 std::string readerOfRegions() {
   const auto family = std::ranges::find(families(), Needs::kTextRegions, &Family::needs);
@@ -184,6 +194,25 @@ Findings checkModel(const VsaModelConfig& config, const ModelFile& file) {
         "the detector needs more memory for each new frame size: use frames of few sizes");
   }
   return findings;
+}
+
+Findings examineModel(const ModelSpec& spec, const VsaDeviceSet& devices) {
+  const VsaModelConfig& config = spec.config;
+  if (spec.family() == nullptr) return {{unknownModel(config)}, {}};
+  Findings findings;
+  try {
+    findings = checkModel(config, readModelFile(spec.networkFile()));
+  } catch (const std::exception& error) {
+    findings.errors.push_back(oneLine(error.what()));
+  }
+  checkDevice(config, devices, &findings);
+  return findings;
+}
+
+std::string refusalReason(const ModelSpec& spec) {
+  VsaDeviceSet devices;
+  VsaGetDeviceSet(&devices);
+  return joined(examineModel(spec, devices).errors, "; ");
 }
 
 std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {

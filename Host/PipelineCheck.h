@@ -20,6 +20,14 @@ struct Findings {
 /// Compares the settings of one model with its network.
 Findings checkModel(const VsaModelConfig& config, const ModelFile& file);
 
+/// Compares one model of a pipeline with its network, which is read, and with the devices of this
+/// machine. A network that cannot be read is an error.
+Findings examineModel(const ModelSpec& spec, const VsaDeviceSet& devices);
+
+/// Why the library refuses the model, as far as examineModel() finds it out; empty if it finds
+/// nothing.
+std::string refusalReason(const ModelSpec& spec);
+
 /// Finds models that cannot use the objects of the models before them. Returns one entry for each
 /// model.
 std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models);

@@ -1,8 +1,11 @@
 #include "PipelineWriter.h"
 
+#include <algorithm>
 #include <fstream>
+#include <functional>
 #include <optional>
 #include <stdexcept>
+#include <string_view>
 
 #include "ExportInfo.h"
 #include "JsonLines.h"
@@ -46,6 +49,30 @@ Json::Value namesJson(const Names& names) {
   return list;
 }
 
+template <class Name>
+Names namesOf(const std::vector<const Family*>& families, Name name) {
+  Names names(families.size());
+  std::ranges::transform(families, names.begin(),
+                         [&name](const Family* family) { return std::invoke(name, *family); });
+  return names;
+}
+
+// The path as a shell takes it.
+std::string quoted(const std::string& path) {
+  constexpr std::string_view kPlain =
+      "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/._-+,:@%";
+  if (path.find_first_not_of(kPlain) == std::string::npos) return path;
+  std::string text = "'";
+  for (const char c : path) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return printable(text + "'");
+}
+
+// The message without the path at its beginning.
+std::string withoutPath(const std::string& path, std::string message) {
+  if (message.starts_with(path + ": ")) message.erase(0, path.size() + 2);
+  return message;
+}
+
 }  // namespace
 
 PipelineEntry pipelineEntry(const Family& family, const ModelFile& file, const fs::path& folder) {
@@ -85,17 +112,60 @@ PipelineEntry pipelineEntry(const Family& family, const ModelFile& file, const f
   if (family.hasKeyPoints()) add("classCount", static_cast<Json::Int64>(fit.classes));
   add("inputWidth", side(width, family.width));
   if (family.layout != OutputLayout::kTextMap) add("inputHeight", side(height, family.height));
-  addThreshold("scoreThreshold", family.score);
+  const bool isDetector = family.category == "Detect";
+  addThreshold("scoreThreshold", isDetector ? family.score.value_or(0.25F) : family.score);
   addThreshold("objThreshold", family.object);
-  addThreshold("nmsThreshold", family.nms);
+  addThreshold("nmsThreshold", isDetector ? family.nms.value_or(0.45F) : family.nms);
+  // The exporter that writes a task trains with grey padding.
+  constexpr int kUsualPadding = 114;
+  if (family.isYolo() && !info.task.empty()) add("padding", kUsualPadding);
   entry.text += "\n    }";
   return entry;
 }
 
+std::string pipelineText(const std::vector<std::string>& entries) {
+  return "{\n  \"models\": [\n" + joined(entries, ",\n") + "\n  ]\n}\n";
+}
+
 void writePipeline(const fs::path& path, const std::vector<std::string>& entries) {
   std::ofstream stream(path, std::ios::binary);
-  stream << "{\n  \"models\": [\n" << joined(entries, ",\n") << "\n  ]\n}\n";
+  stream << pipelineText(entries);
   if (!stream.flush()) throw std::runtime_error("the file cannot be written");
+}
+
+bool isNetworkFile(const std::string& path) {
+  const fs::path extension = fs::path(path).extension();
+  return extension == ".xml" || extension == ".onnx";
+}
+
+Pipeline networkPipeline(const std::string& path, const std::string& as) {
+  ModelFile file;
+  try {
+    file = readModelFile(path);
+  } catch (const std::exception& error) {
+    throw PipelineError(path, withoutPath(path, error.what()));
+  }
+  std::vector<const Family*> fitting = fittingFamilies(file);
+  if (fitting.empty()) {
+    throw PipelineError(path, "the network fits no model; the reasons: vsa doctor " + quoted(path));
+  }
+  if (!as.empty()) {
+    const Names names = namesOf(fitting, &Family::modelName);
+    std::erase_if(fitting, [&as](const Family* family) { return family->modelName != as; });
+    if (fitting.empty()) {
+      throw PipelineError(path, "the network does not fit the model " + inQuotes(as) + " but " +
+                                    joined(names, " and ") + suggestion(as, names));
+    }
+  }
+  if (fitting.size() > 1) {
+    const Names names = namesOf(
+        fitting, [](const Family& family) { return family.category + " " + family.modelName; });
+    throw PipelineError(path, "the network fits " + joined(names, " and ") +
+                                  "; this runs it as the first: vsa run --as " +
+                                  fitting[0]->modelName + " " + quoted(path) + " INPUT");
+  }
+  const fs::path folder = fs::absolute(path).parent_path();
+  return parsePipeline(pipelineText({pipelineEntry(*fitting[0], file, folder).text}), path);
 }
 
 }  // namespace vsa

@@ -1,4 +1,4 @@
-// Pipeline files for given networks.
+// Pipelines for given networks.
 #pragma once
 
 #include <filesystem>
@@ -7,6 +7,7 @@
 
 #include "Families.h"
 #include "ModelFile.h"
+#include "Pipeline.h"
 
 namespace vsa {
 
@@ -20,7 +21,17 @@ struct PipelineEntry {
 PipelineEntry pipelineEntry(const Family& family, const ModelFile& file,
                             const std::filesystem::path& folder);
 
+/// The text of a pipeline file with these entries.
+std::string pipelineText(const std::vector<std::string>& entries);
+
 /// Writes a pipeline file with these entries. Throws std::runtime_error if that fails.
 void writePipeline(const std::filesystem::path& path, const std::vector<std::string>& entries);
+
+/// Whether the file is a network, not a pipeline file, according to its name.
+bool isNetworkFile(const std::string& path);
+
+/// A pipeline of the network in that file alone, run as the model with the name `as`; if `as` is
+/// empty, as the only model that it fits. Throws PipelineError.
+Pipeline networkPipeline(const std::string& path, const std::string& as);
 
 }  // namespace vsa

@@ -174,7 +174,7 @@ Json::Value objectJson(const VsaObject& object) {
 
 std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objects) {
   Json::Value json(Json::objectValue);
-  json["input"] = repairUtf8(info.input);
+  setPath(&json, "input", info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
   if (info.time) json["time"] = roundedSeconds(*info.time);
   json["width"] = info.width;
@@ -182,7 +182,7 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
   json["objects"] = Json::arrayValue;
   for (std::size_t i = 0; i < objects.size(); ++i) {
     Json::Value& entry = json["objects"].append(objectJson(objects[i]));
-    if (i < info.crops.size() && !info.crops[i].empty()) entry["crop"] = repairUtf8(info.crops[i]);
+    if (i < info.crops.size() && !info.crops[i].empty()) setPath(&entry, "crop", info.crops[i]);
   }
   for (const int model : info.failedModels) json["failedModels"].append(model);
   return jsonLine(json);
@@ -190,7 +190,7 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
 
 std::string errorJson(const std::string& input, const std::string& reason) {
   Json::Value json(Json::objectValue);
-  json["input"] = repairUtf8(input);
+  setPath(&json, "input", input);
   json["error"] = repairUtf8(reason);
   return jsonLine(json);
 }
@@ -213,7 +213,7 @@ std::string blockTable(const FrameInfo& info, const VsaFrame& block) {
 
 std::string blockJson(const FrameInfo& info, const VsaFrame& block) {
   Json::Value json(Json::objectValue);
-  json["input"] = repairUtf8(info.input);
+  setPath(&json, "input", info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
   json["time"] = roundedSeconds(info.time.value_or(0.0));
   json["duration"] = roundedSeconds(info.duration);

@@ -15,6 +15,8 @@
 #include "Command.h"
 #include "FrameLoop.h"
 #include "Messages.h"
+#include "PipelineCheck.h"
+#include "PipelineWriter.h"
 #include "Text.h"
 
 namespace vsa {
@@ -116,6 +118,34 @@ void processLines(const RunOptions& options, Media media, FrameLoop* loop) {
   }
 }
 
+// Reads the pipeline file, or makes a pipeline of a network.
+Pipeline pipelineOf(const RunOptions& options) {
+  if (!isNetworkFile(options.pipeline)) {
+    if (options.as.empty()) return readPipeline(options.pipeline);
+    throw PipelineError(options.pipeline, "--as is for networks (.xml, .onnx), not for pipelines");
+  }
+  Pipeline pipeline = networkPipeline(options.pipeline, options.as);
+  const ModelSpec& spec = pipeline.models.front();
+  if (spec.needsObjects() && options.objectsFile.empty()) {
+    throw PipelineError(
+        options.pipeline,
+        spec.config.modelName +
+            " works on the objects of a detector: write a pipeline of both networks "
+            "with vsa doctor DETECTOR NETWORK --write FILE, or use --objects");
+  }
+  return pipeline;
+}
+
+// Reports models that cannot use the objects of the models before them.
+void reportOrder(const Pipeline& pipeline, Console* console) {
+  const std::vector<Findings> order = checkOrder(pipeline.models);
+  for (std::size_t i = 0; i < order.size(); ++i) {
+    for (const std::string& sentence : order[i].errors) {
+      console->note(pipeline.models[i].location + ": " + sentence);
+    }
+  }
+}
+
 int runPipeline(const RunOptions& options, Console* console, const LogToConsole& log) {
   Pipeline pipeline;
   InputList list;
@@ -123,12 +153,13 @@ int runPipeline(const RunOptions& options, Console* console, const LogToConsole&
   std::unique_ptr<Chain> chain;
   Media media = Media::kImages;
   try {
-    pipeline = readPipeline(options.pipeline);
+    pipeline = pipelineOf(options);
     if (pipeline.takesAudio) media = Media::kAudio;
     checkOptions(options, pipeline);
     list = expandInputs(options.inputs, options.recursive, media);
     openFiles(options, pipeline, list.inputs, &files);
     const bool hasWork = options.standardInput || !list.inputs.empty();
+    if (options.objectsFile.empty()) reportOrder(pipeline, console);
     chain = std::make_unique<Chain>(hasWork ? pipeline : Pipeline(), &log);
   } catch (const std::exception& error) {
     console->note(error.what());
@@ -148,6 +179,9 @@ int runPipeline(const RunOptions& options, Console* console, const LogToConsole&
   } catch (const CannotContinue& error) {
     console->note(error.what());
     isComplete = false;
+  } catch (const PipelineError& error) {
+    console->note(error.what());
+    return kUsageError;
   }
   Totals totals = loop.totals();
   totals.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -166,7 +200,7 @@ class Run : public Command {
 
  protected:
   void addOptions(CLI::App* command) override {
-    addPipeline(command, "JSON file that names the models");
+    addPipeline(command, "JSON file that names the models, or one network (.xml, .onnx)");
     command
         ->add_option("INPUT", options_.inputs,
                      "Images, videos, audio (for models that take it), folders of them, patterns "
@@ -183,6 +217,7 @@ class Run : public Command {
                                const char* description) {
       return command->add_option(names, value, description)->type_name(type);
     };
+    add("--as", options_.as, "NAME", "Model to run a network as, if it fits several");
     add("--json-file", options_.jsonFile, "FILE", "Write JSON Lines to a file as well");
     add("-o,--output", options_.outputFolder, "FOLDER",
         "Write annotated images and videos to this folder");

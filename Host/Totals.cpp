@@ -20,6 +20,11 @@ std::string summary(const Totals& totals) {
                 : "mean " + fixed(1000.0 * model.seconds / static_cast<double>(model.runs), 1) +
                       " ms of " + counted(model.runs, "run") + "\n";
   }
+  for (const ModelTime& model : totals.models) {
+    if (model.removedObjects == 0) continue;
+    text += "  " + counted(model.removedObjects, "object") + " without an area removed before " +
+            model.name + "\n";
+  }
   if (totals.failedInputs > 0) text += "  " + counted(totals.failedInputs, "input") + " failed\n";
   if (totals.failedRuns > 0) text += "  " + counted(totals.failedRuns, "model run") + " failed\n";
   return text;

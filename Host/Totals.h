@@ -12,6 +12,7 @@ struct ModelTime {
   std::string name;
   std::int64_t runs = 0;
   double seconds = 0.0;
+  std::int64_t removedObjects = 0;  ///< Objects without an area, removed before the model ran.
 };
 
 struct Totals {

@@ -29,6 +29,24 @@ endif()
 string(REPLACE "/EHsc" "" CMAKE_CXX_FLAGS "${CMAKE_CXX_FLAGS}")
 set(TOL_EXCEPTION_FLAGS "$<$<CXX_COMPILER_ID:MSVC>:/EHs;/EHc->")
 
+if(NOT MSVC)
+  # Log lines and debug information contain paths relative to the root of the source tree, so that builds in different
+  # folders are the same.
+  add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
+endif()
+
+# Optimised builds for Linux are hardened: stack protector, checked buffer functions, control-flow protection,
+# position-independent programs, relocations that are read-only before the program starts, no executable stack.
+if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_BUILD_TYPE STREQUAL "Release")
+  include(CheckPIESupported)
+  check_pie_supported(LANGUAGES CXX)
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+    add_compile_options(-fcf-protection)
+  endif()
+  add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
+endif()
+
 if(TOL_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fsanitize=float-cast-overflow -fno-sanitize=vptr
                       -fno-sanitize-recover=all -fno-omit-frame-pointer)

@@ -34,18 +34,18 @@ if(TOL_BUNDLE_ENGINES)
   if(NOT engine_files MATCHES "intel_cpu_plugin" OR NOT onnxruntime_file)
     message(FATAL_ERROR "TOL_BUNDLE_ENGINES needs OpenVINO from its wheel or archive and ONNX Runtime's library file")
   endif()
-  install(FILES ${engine_files} DESTINATION ${engine_folder})
+  install(FILES ${engine_files} DESTINATION ${engine_folder} COMPONENT library)
   # Programs load the wheel's libonnxruntime.so.1.31.1 as libonnxruntime.so.1.
   get_filename_component(onnxruntime_real "${onnxruntime_file}" REALPATH)
   get_filename_component(onnxruntime_name "${onnxruntime_real}" NAME)
   string(REGEX REPLACE "(\\.so\\.[0-9]+).*" "\\1" onnxruntime_name "${onnxruntime_name}")
-  install(FILES "${onnxruntime_real}" DESTINATION ${engine_folder} RENAME ${onnxruntime_name})
+  install(FILES "${onnxruntime_real}" DESTINATION ${engine_folder} RENAME ${onnxruntime_name} COMPONENT library)
   # A package with the engines must include their licences.
   get_filename_component(onnxruntime_folder "${onnxruntime_real}/../.." ABSOLUTE)
   file(GLOB openvino_licences "${openvino_folder}/../../openvino-*.dist-info/licenses")
-  install(DIRECTORY ${openvino_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/openvino)
+  install(DIRECTORY ${openvino_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/openvino COMPONENT library)
   file(GLOB onnxruntime_licences "${onnxruntime_folder}/LICENSE*" "${onnxruntime_folder}/ThirdPartyNotices.txt")
-  install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime)
+  install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime COMPONENT library)
   set(TOL_ENGINE_RPATH "")
 else()
   # The loader searches for the engines in the library's folder first, then in the folders in which this build found them.
@@ -55,7 +55,10 @@ else()
     list(APPEND TOL_ENGINE_RPATH "${onnxruntime_folder}")
   endif()
 endif()
-set_target_properties(TolCompatibleLib PROPERTIES INSTALL_RPATH "$ORIGIN;$ORIGIN/TolCompatible;${TOL_ENGINE_RPATH}")
+# The build tree has the run path of the installed files: otherwise CMake would pad it with empty entries, which make the
+# loader search the current directory.
+set_target_properties(TolCompatibleLib PROPERTIES
+  BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "$ORIGIN;$ORIGIN/TolCompatible;${TOL_ENGINE_RPATH}")
 
 set(TOL_DEPENDENCY_SET "")
 if(WIN32)
@@ -67,39 +70,41 @@ if(WIN32)
   set(TOL_DEPENDENCY_SET RUNTIME_DEPENDENCY_SET TolDependencies)
   install(RUNTIME_DEPENDENCY_SET TolDependencies
     PRE_EXCLUDE_REGEXES "^api-ms-" "^ext-ms-" POST_EXCLUDE_REGEXES "[Ss]ystem32[/\\]"
-    DIRECTORIES $<TARGET_FILE_DIR:TolCompatibleLib> DESTINATION ${CMAKE_INSTALL_BINDIR})
+    DIRECTORIES $<TARGET_FILE_DIR:TolCompatibleLib> DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library)
 endif()
 install(TARGETS TolCompatibleLib EXPORT TolCompatibleLib ${TOL_DEPENDENCY_SET}
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES Core/TolCompatible.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TolCompatible)
-install(FILES README.md NOTICE DESTINATION ${CMAKE_INSTALL_DOCDIR})
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+install(FILES Core/TolCompatible.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/TolCompatible COMPONENT development)
+install(FILES README.md NOTICE DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT library)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/TolCompatibleLib)
 install(EXPORT TolCompatibleLib NAMESPACE TolCompatibleLib:: DESTINATION ${package_folder}
-  FILE TolCompatibleLibConfig.cmake)
+  FILE TolCompatibleLibConfig.cmake COMPONENT development)
 write_basic_package_version_file(TolCompatibleLibConfigVersion.cmake COMPATIBILITY SameMinorVersion)
-install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLibConfigVersion.cmake" DESTINATION ${package_folder})
+install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLibConfigVersion.cmake" DESTINATION ${package_folder}
+  COMPONENT development)
 file(RELATIVE_PATH prefix_from_pc "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 configure_file(cmake/TolCompatibleLib.pc.in TolCompatibleLib.pc @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLib.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+install(FILES "${PROJECT_BINARY_DIR}/TolCompatibleLib.pc" DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+  COMPONENT development)
 
-# cpack: one package that contains everything.
+# cpack: an archive that contains everything, and three Debian packages: library with engines, development files, vsa.
 set(CPACK_PACKAGE_NAME tolcompatiblelib)
 set(CPACK_PACKAGE_VENDOR "TolCompatibleLib developers")
-set(CPACK_PACKAGE_CONTACT "TolCompatibleLib developers")
+set(CPACK_PACKAGE_CONTACT "TolCompatibleLib developers <tolcompatiblelib@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "neural networks for video and audio analysis")
 set(CPACK_RESOURCE_FILE_README "${PROJECT_SOURCE_DIR}/README.md")
 set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+  OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_COMPONENTS_ALL library development tools)
 if(WIN32)
   set(CPACK_GENERATOR ZIP)
 else()
-  set(CPACK_GENERATOR "TGZ;DEB")
-  set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-  set(CPACK_DEBIAN_PACKAGE_SECTION libs)
-  # dpkg-shlibdeps finds the dependencies of all files; the engines' libraries are in the package itself.
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-  set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${openvino_folder}" "${PROJECT_BINARY_DIR}")
-  set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-wqy-microhei, ffmpeg")
+  set(CPACK_GENERATOR "TXZ;DEB")
+  include(DebianPackages)
 endif()
 include(CPack)

@@ -3,7 +3,7 @@
 set -euo pipefail
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-deps=$project/.deps
+deps=$(realpath -m "$project/.deps")
 mkdir -p "$deps"
 export LC_ALL=C.UTF-8
 
@@ -38,8 +38,8 @@ need_packages() {
     die "missing packages $purpose; please run as root: apt-get install ${missing[*]}"
   fi
   step "Installing Debian packages $purpose: ${missing[*]}"
-  apt-get update -qq || die 'cannot update the package lists'
-  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" \
+  apt-get -o DPkg::Lock::Timeout=600 update -qq || die 'cannot update the package lists'
+  DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${missing[@]}" \
     >"$deps/apt.log" 2>&1 ||
     { tail -n 20 "$deps/apt.log" >&2; die "cannot install the Debian packages (see $deps/apt.log)"; }
 }
@@ -47,7 +47,16 @@ need_packages() {
 # The Python that environments are made with: Debian's, if there is one.
 system_python() { if [ -x /usr/bin/python3 ]; then echo /usr/bin/python3; else echo python3; fi; }
 
-# is_done NAME FILE...: whether the set-up step NAME was completed with exactly these files.
+# lock_setup: waits until no other set-up changes .deps; the lock ends with the script.
+lock_setup() {
+  exec {setup_lock}>"$deps/lock"
+  flock --nonblock "$setup_lock" || {
+    step 'Waiting for another set-up of this folder'
+    flock "$setup_lock"
+  }
+}
+
+# is_done NAME FILE...: whether the set-up step NAME was completed with exactly these files in this folder.
 is_done() {
   local name=$1
   shift
@@ -59,7 +68,23 @@ mark_done() {
   mkdir -p "$deps/done"
   checksum "$@" >"$deps/done/$name"
 }
-checksum() { cat "$@" | sha256sum | cut -d' ' -f1; }
+# Python environments contain their own path, so a folder that was moved or copied is set up again.
+checksum() { { cat "$@" && echo "$deps"; } | sha256sum | cut -d' ' -f1; }
+
+# make_environment FOLDER LOCK_FILE [OPTION...]: makes a Python environment (OPTION: of venv) with exactly the wheels of
+# LOCK_FILE, which contains their dependencies, too. pip compares the SHA-256 of each wheel before it unpacks it.
+make_environment() {
+  local folder=$1 wheels=$2
+  shift 2
+  rm -rf "$folder"
+  "$(system_python)" -m venv "$@" "$folder" || die 'cannot create the Python environment'
+  "$folder/bin/python" -m pip install --quiet --disable-pip-version-check --no-deps --require-hashes \
+    --only-binary :all: -r "$wheels" >"$deps/pip.log" 2>&1 || {
+    rm -rf "$folder"
+    grep -aE 'HASHES|Expected|Got|ERROR' "$deps/pip.log" | head -n 4 >&2
+    die "cannot install the wheels of $wheels (see $deps/pip.log); the next run tries again"
+  }
+}
 
 # build PRESET [TARGET...]: configures and builds; prints the compiler's output only if that fails.
 build() {
@@ -67,6 +92,9 @@ build() {
   shift
   mkdir -p "$project/build/$preset"
   step "Building ($preset)"
+  # CMake refuses the cache of a folder that was moved or copied.
+  local cache=$project/build/$preset/CMakeCache.txt
+  if [ -f "$cache" ] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$project" "$cache"; then rm -f "$cache"; fi
   cmake --preset "$preset" ${TOL_CMAKE_ARGUMENTS:-} >"$log" 2>&1 ||
     { tail -n 30 "$log" >&2; die "CMake cannot configure the build (see $log)"; }
   local targets=()

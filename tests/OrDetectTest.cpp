@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <map>
 #include <thread>
 
@@ -84,6 +85,12 @@ TEST(OrDetect, LogsPathWhenOpenedAndEmptyLineWhenReleased) {
               (Texts{sourceFileOf(name) + "[I]modelPath=" + pathOf(file + ".onnx") + ",device=CPU",
                      sourceFileOf(name) + "[I]"}));
   }
+}
+
+TEST(OrDetect, DisablesTelemetryOfTheEngine) {
+  OnnxModel model("YOLO8", "yolo8");
+  ASSERT_TRUE(model.init());
+  EXPECT_STREQ(std::getenv("ORT_DISABLE_TELEMETRY"), "1");
 }
 
 TEST(OrDetect, RefusesUnsuitableNetworks) {

@@ -39,6 +39,13 @@ class Package(unittest.TestCase):
         self.assertRegex(run("readelf", "-d", self.library),
                          r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
 
+    def test_missing_dependencies_are_listed_with_how_to_install_them(self):
+        done = subprocess.run(["cmake", "-S", SOURCE, "-B", self.folder / "missing",
+                               *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("glog", "CURL"))],
+                              capture_output=True, text=True)
+        self.assertNotEqual(done.returncode, 0)
+        self.assertRegex(done.stderr, r"glog \(.*libgoogle-glog-dev(?s:.*)CURL \(.*libcurl")
+
     def test_installed_host_finds_the_installed_library(self):
         self.assertIn("pub20240113", run(self.prefix / "bin/vsa", "--version"))
 

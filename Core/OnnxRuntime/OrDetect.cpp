@@ -1,6 +1,7 @@
 #include "OnnxRuntime/OrDetect.h"
 
 #include <array>
+#include <cstdlib>
 
 #include "Utils/Log.h"
 #include "Utils/PreProcessUtils.h"
@@ -50,10 +51,24 @@ Ort::Env openEnvironment(const VsaModelConfig& config, const std::string& root,
   return Ort::Env(ORT_LOGGING_LEVEL_WARNING, config.modelName.c_str());
 }
 
+/// ONNX Runtime collects usage data (model name, program path, an identifier of the device) and
+/// sends it, unless this variable is set when the first environment is made. A value that the host
+/// has set stays.
+void disableTelemetry() {
+  constexpr const char* kVariable = "ORT_DISABLE_TELEMETRY";
+  if (std::getenv(kVariable) != nullptr) return;
+#if defined(_WIN32)
+  _putenv_s(kVariable, "1");
+#else
+  setenv(kVariable, "1", 0);
+#endif
+}
+
 }  // namespace
 
 void openApi() {
   static const OrtApi* const api = [] {
+    disableTelemetry();
     const OrtApi* const found = OrtGetApiBase()->GetApi(ORT_API_VERSION);
     if (found == nullptr) {
       throw Ort::Exception(std::string("ONNX Runtime ") + OrtGetApiBase()->GetVersionString() +

@@ -1,6 +1,7 @@
 // Reads the text in an image: ReadText MODEL_FOLDER IMAGE.ppm
 #include <TolCompatible/TolCompatible.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iostream>
 
@@ -34,9 +35,16 @@ int main(int argc, char** argv) try {
   VsaModelContext recogniser = detector;
   recogniser.config = &recognition;
 
-  const bool succeeded = VsaModelInit(&detector) && VsaModelInit(&recogniser) &&
-                         VsaModelDetect(&detector, &frame) && VsaModelFeature(&recogniser, &frame);
-  for (const VsaObject& object : frame.objects)
+  // Models that cut boxes out throw if one has no area. Text regions have four corners instead.
+  const auto hasNoArea = [](const VsaObject& object) {
+    return object.cornerX2 < 0 && (object.right <= object.left || object.bottom <= object.top);
+  };
+  bool succeeded =
+      VsaModelInit(&detector) && VsaModelInit(&recogniser) && VsaModelDetect(&detector, &frame);
+  auto& objects = frame.objects;
+  objects.erase(std::remove_if(objects.begin(), objects.end(), hasNoArea), objects.end());
+  succeeded = succeeded && VsaModelFeature(&recogniser, &frame);
+  for (const VsaObject& object : objects)
     std::cout << object.left << "," << object.top << "\t" << object.text << "\n";
   VsaModelRelease(&recogniser);
   VsaModelRelease(&detector);

@@ -189,6 +189,7 @@ class Model {
     call(spec_.location, [&] {
       const std::lock_guard lock(mutex_);
       if (!model_) throw std::runtime_error("the model is closed");
+      vsa::removeEmptyBoxes(spec_, &frame->objects);
       return model_->run(frame);
     });
   }

@@ -99,9 +99,9 @@ class Model:
     The arguments are the fields of a model in a pipeline file: category ("Detect", "Classify" or
     "Track"), modelName and engine ("OpenVINO" or "ONNXRuntime"), device, modelRoot, modelDir and
     modelFile, classNames (a list, or the path of a file with one name per line), classCount,
-    inputWidth, inputHeight, scoreThreshold, nmsThreshold, objThreshold, wantedClasses and
-    wantedLabels. docs/vsa.md describes each; defaults are the same. Relative paths are relative to
-    the current folder. Paths may be pathlib.Path, numbers those of numpy.
+    inputWidth, inputHeight, scoreThreshold, nmsThreshold, objThreshold, padding, wantedClasses and
+    wantedLabels. docs/pipeline.md describes each; defaults are the same. Relative paths are
+    relative to the current folder. Paths may be pathlib.Path, numbers those of numpy.
 
     Raises PipelineError if an argument is wrong or the model file does not exist, and Error with
     the message of the engine or the library if the network cannot be opened.
@@ -129,8 +129,8 @@ class Model:
         returns it. A contiguous array is not copied, any other is copied once. It must not be
         changed by other threads during the call.
         objects: the result of another model for the same frame. Detectors append to its objects;
-        ResNet and the models of category "Track" work on them. It is not changed: the new result
-        holds copies.
+        ResNet and the models of category "Track" work on them; those that cut boxes out of the
+        image drop boxes without an area. It is not changed: the new result holds copies.
 
         The GIL is released while the model runs. Raises TypeError or ValueError for other frames,
         and Error with the error line of the library or the message of the engine if the model
@@ -179,7 +179,7 @@ class Model:
 class Pipeline:
     """The models of a pipeline file, which run one after the other on a frame.
 
-    path: a file as vsa reads it (docs/vsa.md). Relative paths in it are relative to its folder.
+    path: a file as vsa reads it (docs/pipeline.md). Relative paths in it are relative to its folder.
 
     Raises PipelineError with the place in the file if something in it is wrong, and Error if a
     network cannot be opened.

@@ -17,6 +17,7 @@
 #include "FrameSource.h"
 #include "Inputs.h"
 #include "Messages.h"
+#include "Padding.h"
 #include "Pipeline.h"
 #include "Report.h"
 #include "Similarity.h"
@@ -125,7 +126,7 @@ TEST(ReportTest, WritesUnusualValuesAsJson) {
   FrameInfo info{"a\"\xC4.png", 3, 1.0 / 3.0, 100, 80, {}};
   EXPECT_EQ(
       frameJson(info, {object}),
-      R"({"frame":3,"height":80,"input":"a\"�.png","objects":[{"classId":2,"className":"bad �\n",)"
+      R"({"frame":3,"height":80,"input":"a\"�.png","inputHex":"6122c42e706e67","objects":[{"classId":2,"className":"bad �\n",)"
       R"("classifyId":0,"classifyName":"","classifyScore":null,)"
       R"("corners":[[0,7],[100,60],[0,0],[0,0]],"feature":[0.1,null,-3.0],"score":0.9,)"
       R"("shapes":[{"points":[],"tag":10}],"text":"字",)"
@@ -180,6 +181,43 @@ TEST(SimilarityTest, ComparesBestObjects) {
   EXPECT_DOUBLE_EQ(cosineSimilarity({1e30F, 0}, {-1e-30F, 0}), -1.0);
   EXPECT_THROW(cosineSimilarity({1, 2}, {1}), std::runtime_error);
   EXPECT_THROW(cosineSimilarity({1, 2}, {1, std::nanf("")}), std::runtime_error);
+}
+
+TEST(PaddingTest, ExtendsFramesAndMapsObjectsBack) {
+  Padder padder;
+  const cv::Scalar white = cv::Scalar::all(255);
+  const auto isGrey = [](const cv::Mat& part) {
+    return cv::countNonZero(part.clone().reshape(1) != 114) == 0;
+  };
+  const cv::Mat wide(50, 100, CV_8UC3, white);
+  const cv::Mat high(100, 50, CV_8UC3, white);
+  for (int round = 0; round < 2; ++round) {  // the canvas has the same size each time
+    const cv::Mat first = padder.pad(wide, {64, 64}, 114);
+    EXPECT_EQ(first.size(), cv::Size(100, 100));
+    EXPECT_EQ(cv::norm(first.rowRange(0, 50), wide), 0.0);
+    EXPECT_TRUE(isGrey(first.rowRange(50, 100)));
+    const cv::Mat second = padder.pad(high, {64, 64}, 114);
+    EXPECT_EQ(cv::norm(second.colRange(0, 50), high), 0.0);
+    EXPECT_TRUE(isGrey(second.colRange(50, 100)));
+  }
+  EXPECT_EQ(padder.pad(wide, {640, 320}, 114).data, wide.data);
+  EXPECT_THROW(padder.pad(high, {1, 65535}, 114), std::runtime_error);
+
+  // A frame that is shrunk to half its size, on a canvas of 8192 x 16 pixels.
+  EXPECT_EQ(padder.pad(cv::Mat(4, 16384, CV_8UC3, white), {512, 1}, 114).size(),
+            cv::Size(8192, 16));
+  std::vector<VsaObject> objects = {VsaObject(8192, 16, 10, 1, 8192, 9, 0.5F, 0, "x"),
+                                    VsaObject(8192, 16, 10, 2, 20, 9, 0.5F, 0, "outside")};
+  objects[0].shapes = {{kVsaOutlineTag, {{-1, 1}, {9, 9}}}, {kVsaKeyPointsTag, {{9, 9}}}};
+  padder.restore(&objects);
+  ASSERT_EQ(objects.size(), 1U);
+  const VsaObject& object = objects[0];
+  EXPECT_EQ(std::tie(object.left, object.top, object.right, object.bottom),
+            std::tuple(20, 2, 16384, 4));
+  EXPECT_EQ(std::pair(object.imageWidth, object.imageHeight), std::pair(16384, 4));
+  const VsaPoint& corner = object.shapes[0].points[1];
+  EXPECT_EQ(std::pair(corner.x, corner.y), std::pair(18, 4));
+  EXPECT_EQ(object.shapes[1].points[0].y, 18);
 }
 
 class InputTest : public HostFiles {};

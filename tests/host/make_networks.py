@@ -78,6 +78,10 @@ save_model("pitch", 16, 20, loudness)
 save_constant("things", 64,
               [[[8, 4, 40, 28, 0.75, 0], [30, 10, 50, 44, 0.875, 1], [0] * 6]])
 save_constant("nothing", 64, (1, 2, 6))
+# A car, a person whose bottom is above its top, and a person in the padding of a wide image.
+save_constant("empty", 64,
+              [[[8, 4, 40, 28, 0.75, 0], [30, 44, 50, 10, 0.875, 1], [30, 40, 50, 60, 0.625, 1]]])
+save_constant("beyond", 64, [[[0, 0, 1e30, 1e30, 0.75, 0]]])
 # One object of 32 x 16 pixels around (24, 24): rotated; with 3 key points; with a full mask.
 BOX = (24, 24, 32, 16, 0.75)
 save_constant("turned", 64, columns(*BOX, 0, 0.5))
@@ -97,12 +101,15 @@ save_constant("anchors", 64, (1, 100, 85), task="detect", names=names(80))
 save_constant("end2end", 64, (1, 300, 6), task="detect", names=names(80))
 save_constant("flat", 64, (1, 6, 100), height=32)
 save_constant("batch", 64, (4, 6, 100), batch=4)
-save_constant("one", 64, columns(32, 32, 20, 20, 0.875))
+save_constant("one", 64, columns(32, 32, 20, 20, 0.875), task="detect", names="{0: 'cat'}")
+# A box without height, and a score that is not finite.
+save_constant("thin", 64, [numpy.array([[32, 32, 20, 0, 0.875], [48, 16, 9, 9, numpy.inf]]).T])
+save_constant("line", 32, [numpy.eye(8)[[1, 1, 0, 2, 0, 1]]], height=16)
 save_constant("two", 64, columns(32, 32, 26, 20, 0.5))
 # In the input sizes of the example pipelines: a person in the middle, and ones.
 person = numpy.zeros((1, 84, 8400))
 person[0, :5, 0] = 320, 320, 200, 200, 0.9
-save_constant("person640", 640, person)
+save_constant("person640", 640, person, task="detect", names=names(80))
 save_constant("ones256", 128, numpy.ones((1, 256)), height=256)
 save_constant("ones4", 100, numpy.ones((1, 4)), height=128)
 save_constant("ones7", 224, numpy.ones((1, 7)))

@@ -127,11 +127,16 @@ class AudioTest(VsaCase):
             self.assertIn(f"{option} {sentence}", self.err)
 
     def test_without_a_service(self):
+        self.vsa("run", self.pipeline, self.write_wav("a.wav", bytes(64000)), status=2)
+        self.assertEqual(self.out, "")
+        self.check_error(r".+: models\[0\]: the mel-spectrogram service on 127\.0\.0\.1:9555 is "
+                         "not running: start it, .+")
+
+    def test_a_failure_does_not_stop_other_models(self):
         self.use(self.model, self.model)
+        self.serve({"code": 7, "msg": "no"}, {"code": 7, "msg": "no"})
         frame, = self.run_json(self.write_wav("a.wav", bytes(6400)), status=1)
         self.assertEqual((frame["classified"], frame["failedModels"]), (False, [0, 1]))
-        self.assertIn("9555", self.err)
-        # The second model runs too because it needs no objects of the first.
         self.assertIn("block 0: models[1] AudioNet (Classify): ", self.err)
 
     @unittest.skipIf(os.name == "nt", "ffmpeg is run on POSIX only")

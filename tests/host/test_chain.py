@@ -24,6 +24,32 @@ class ChainTest(ChainCase):
         self.assertNotEqual((self.folder / "out/blue.png").read_bytes(),
                             (self.folder / "blue.png").read_bytes())
 
+    def test_objects_without_an_area_are_removed_before_regions_are_cut_out(self):
+        empty = {**self.detector, "modelFile": "empty"}
+        self.use(empty)
+        self.assertEqual(len(self.run_json("blue.png")[0]["objects"]), 3)
+        self.assertNotIn("area", self.err)
+        for model, key in ((self.classifier, "classifyName"), (self.persons, "feature"),
+                           (self.faces, "feature"), (self.reader, "text")):
+            self.use(empty, model)
+            objects = self.run_json("blue.png")[0]["objects"]
+            self.assertEqual([found["className"] for found in objects], ["car", "person"])
+            self.assertTrue(all(key in found for found in objects))
+            self.assertRegex(self.err, r"  1 object without an area removed before models\[1\] ")
+
+    def test_padding(self):
+        self.write("wide.png", png(128, 64))
+        self.write("high.png", png(32, 64))
+        boxes = {None: ([[16, 8, 80, 56], [60, 88, 100, 20], [60, 80, 100, 64]],
+                        [[8, 4, 32, 28], [30, 44, 32, 10], [30, 40, 32, 60]]),
+                 114: ([[16, 8, 80, 56]], [[8, 4, 32, 28], [30, 44, 32, 10], [30, 40, 32, 60]])}
+        for padding, expected in boxes.items():
+            more = {} if padding is None else {"padding": padding}
+            self.use({**self.detector, "modelFile": "empty", **more})
+            frames = self.run_json("wide.png", "high.png")
+            self.assertEqual(tuple([found["box"] for found in frame["objects"]]
+                                   for frame in frames), expected)
+
     def test_wanted_names(self):
         self.use(self.detector, {**self.classifier, "wantedLabels": ["red", "green"]}, self.faces)
         self.assertEqual(self.run_json("blue.png")[0]["objects"], [])
@@ -76,14 +102,20 @@ class CompareTest(ChainCase):
 
     def test_failures(self):
         nothing = {**self.detector, "modelFile": "nothing"}
+        beyond = {**self.detector, "modelFile": "beyond"}
         zeros = {**self.persons, "modelFile": "zeros"}
         narrow = {**self.persons, "inputWidth": 17}
+        flat = {**self.detector, "modelFile": "empty", "scoreThreshold": 0.8}
         for models, image, status, sentence in (
                 ([nothing, self.persons], "blue.png", 1, "blue.png: no object was found"),
                 ([self.detector], "blue.png", 1, "blue.png: no object has a feature vector; .+"),
                 ([self.detector, zeros], "blue.png", 1, "all numbers of a feature vector are zero"),
-                ([self.detector, narrow], "blue.png", 1,
-                 r"blue.png: models\[1\] DeepSort \(Track\): the model refused the frame"),
+                ([self.detector, narrow], "blue.png", 2,
+                 r".+: models\[1\]: inputWidth x inputHeight is 17 x 32 and .+"),
+                ([beyond, self.persons], "blue.png", 1,
+                 r"blue.png: models\[0\] YOLO26 \(Detect\): the model refused the frame"),
+                ([flat, self.persons], "blue.png", 1,
+                 "blue.png: no object with an area was found"),
                 ([self.detector, self.persons], "none.png", 1, "none.png: no such file"),
                 ([{**self.detector, "modelName": "YOLO0"}], "blue.png", 2,
                  r".+: models\[0\]: the library has no model .+"),

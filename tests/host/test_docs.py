@@ -24,7 +24,7 @@ ELSEWHERE = {
     r"\.ci/run": ".github/workflows/ci.yml",
     r"scripts/setup|scripts/test \w+": "scripts/test",
     r"benchmarks/ratios.*": "benchmarks/ratios",
-    r"cmake --preset release && .*": "tests/package_test.py",
+    r"cmake --preset library && .*": ".ci/run",
     r"(examples/ray/setup|python3 -m venv ray && .*|.*ray/bin/.*)": "tests/host/test_ray.py",
     r"\.deps/venv/bin/python examples/melservice/.*": "tests/host/test_docs.py",
 }

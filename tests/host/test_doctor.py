@@ -7,7 +7,7 @@ import re
 import shutil
 import unittest
 
-from vsa_case import DOCUMENTED_MODELS, MODELS, NETWORKS, YOLO8, VsaCase, png
+from vsa_case import DOCUMENTED_MODELS, MODELS, NETWORKS, YOLO8, VsaCase, parse_lines, png
 
 THINGS = [f"thing {i}" for i in range(80)]
 DETECTOR = {**YOLO8, "modelFile": "detect", "classNames": THINGS}
@@ -56,16 +56,60 @@ class DoctorTest(VsaCase):
         image = self.write("a.png", png(64, 48))
         for networks in (["detect.xml"], ["detect.onnx"], ["anchors.onnx"], ["end2end.onnx"],
                          ["obb.xml"], ["pose.xml"], ["seg.xml"],
-                         ["detect.xml", "label.xml", "feature256.xml"]):
+                         ["detect.xml", "label.xml", "feature256.xml"],
+                         ["label.xml", "feature256.xml", "line.xml", "detect.xml"]):
             with self.subTest(networks):
                 target = f"{len(networks)}-{networks[0]}.json"
                 self.write_pipeline(target, *networks)
                 self.vsa("run", target, image)
-                self.vsa("doctor", target)
+                self.assertIn("no problems found", self.vsa("doctor", "--strict", target))
+                detector, *others = json.loads((self.folder / target).read_text())["models"]
+                self.assertLessEqual({"scoreThreshold", "nmsThreshold"}, set(detector))
+                self.assertEqual(detector.get("padding"), 114)
+                self.assertFalse([model for model in others if "padding" in model])
                 self.write_pipeline(target, *networks, status=2)
                 self.assertIn("is not overwritten", self.err)
         detect = json.loads((self.folder / "1-detect.xml.json").read_text())
         self.assertEqual(detect["models"][0]["classNames"], THINGS)
+
+    def test_writing_reports_what_it_chose(self):
+        out = self.write_pipeline("a.json", "line.xml", "label.xml", "bare.xml")
+        for index, words in enumerate(("Detect YOLO8: .*bare.xml (--as selects another: YOLO8-OBB)",
+                                       "Track VsOCR: .*line.xml (--as selects another: PaddleOCR, .*)",
+                                       "Classify ResNet: .*label.xml (--as selects another: .*)")):
+            words = words.replace("(", r"\(").replace(")", r"\)")
+            self.assertRegex(out, rf"(?m)^  models\[{index}\] {words}$")
+        self.assertNotIn("padding", (self.folder / "a.json").read_text())
+        out = self.write_pipeline("alone.json", "feature256.xml")
+        self.assertIn("    warning: it works on the objects of a detector", out)
+        self.write_pipeline("b.json", "ones4.xml", "detect.xml", status=2,
+                            more=["--as", "AudioNet", "--as", "YOLO8"])
+        self.assertIn("belong in two pipelines", self.err)
+        self.assertFalse((self.folder / "b.json").exists())
+
+    def test_run_without_a_pipeline(self):
+        image = self.write("a.png", png(64, 64))
+        for network in ("one.xml", "one.onnx"):
+            shutil.copy(NETWORKS / network, self.folder)
+            shutil.copy(NETWORKS / "one.bin", self.folder)
+            found, = parse_lines(self.vsa("run", "--json", network, image))
+            self.assertEqual([(found["className"], found["box"]) for found in found["objects"]],
+                             [("cat", [22, 22, 42, 42])])
+        bare, alone = NETWORKS / "bare.xml", NETWORKS / "feature256.xml"
+        self.vsa("run", bare, image, status=2)
+        command = f"vsa run --as YOLO8 {bare} INPUT"
+        self.check_error(rf"{re.escape(str(bare))}: the network fits Detect YOLO8 and Detect "
+                         f"YOLO8-OBB; this runs it as the first: {re.escape(command)}")
+        for name in ("YOLO8", "YOLO8-OBB"):
+            self.vsa(*command.replace("YOLO8", name).replace("INPUT", str(image)).split()[1:])
+        for network, options, sentence in (
+                (bare, ["--as", "yolo8obb"], '.* does not fit .*; did you mean "YOLO8-OBB"'),
+                (NETWORKS / "batch.onnx", [], "vsa doctor"), ("none.onnx", [], "no such file"),
+                (alone, ["--as", "DeepSort"], "works on the objects of a detector")):
+            self.vsa("run", network, *options, image, status=2)
+            self.assertRegex(self.err, sentence)
+        self.use(DETECTOR)
+        self.vsa("run", "--as", "YOLO8", self.pipeline, image, status=2)
 
     def test_chosen_model(self):
         self.write_pipeline("bare.json", "bare.xml", more=["--as", "YOLO8-OBB"])

@@ -23,6 +23,10 @@ class EnginesTest(VsaCase):
         for model in (DETECTOR, ONNX_DETECTOR):
             self.assertEqual(json.loads(self.compare("--json", model=model)), self.equal)
 
+    def test_equal_results_of_boxes_without_area(self):
+        found = json.loads(self.compare("--json", model={**DETECTOR, "modelFile": "thin"}))
+        self.assertEqual(found, {**self.equal, "OpenVINO": 2, "ONNXRuntime": 2, "matched": 2})
+
     def test_different_results(self):
         other = ["--other", NETWORKS / "two.onnx"]
         for pixels, score, same in ((3, 0.375, True), (2, 0.375, False), (3, 0.374, False)):
@@ -55,3 +59,8 @@ class EnginesTest(VsaCase):
             self.assertTrue(0 < model["outsideEngine"] < 1, model)
         self.check_width(self.vsa(*command).split("\n", 1)[1])
         self.vsa("bench", self.pipeline, "none.png", status=2)
+        self.use({**ChainCase.detector, "modelFile": "empty"}, ChainCase.persons)
+        self.vsa(*command)
+        self.use({**DETECTOR, "classNames": ["a", "b"]})
+        self.vsa(*command, status=2)
+        self.assertIn("the network has 1 class: ", self.err)

@@ -4,7 +4,7 @@ import re
 import shutil
 import time
 
-from vsa_case import NETWORKS, ChainCase
+from vsa_case import NETWORKS, ROOT, ChainCase
 
 
 class PipelineTest(ChainCase):
@@ -13,6 +13,13 @@ class PipelineTest(ChainCase):
         self.vsa("run", self.pipeline, "none.png", status=2)
         self.assertEqual(self.out, "")
         self.assertRegex(self.err, rf"^vsa: {re.escape(str(self.pipeline))}: {sentence}\n$")
+
+    def test_every_key_is_documented(self):
+        source = (ROOT / "Host/Pipeline.cpp").read_text("utf-8")
+        keys = re.findall(r"const Names k\w*Keys = {(.*?)};", source, re.DOTALL)
+        page = (ROOT / "docs/pipeline.md").read_text("utf-8")
+        self.assertEqual({*re.findall(r'"(\w+)"', "".join(keys))},
+                         {*re.findall(r"(?m)^\| `(\w+)`", page)})
 
     def test_files(self):
         for text, sentence in (
@@ -72,7 +79,9 @@ class PipelineTest(ChainCase):
             ({"inputHeight": 65536}, f"inputHeight {whole} 65535, not 65536"),
             ({"classCount": 4294967297}, f"classCount {whole} 2147483647, not 4294967297"),
             ({"scoreThreshold": 1.5}, rf"scoreThreshold {number} 1\.5"),
-            ({"nmsThreshold": -0.25}, rf"nmsThreshold {number} -0\.25")))
+            ({"nmsThreshold": -0.25}, rf"nmsThreshold {number} -0\.25"),
+            ({"padding": 256}, "padding must be a whole number from 0 to 255, not 256"),
+            ({**self.classifier, "padding": 114}, "padding is for YOLO detectors only")))
 
     def test_class_names(self):
         self.write("gbk.txt", b"ok\n\xc4\xe3\n")
@@ -98,13 +107,35 @@ class PipelineTest(ChainCase):
         missing = rf'there is no model file "{re.escape(str(self.folder))}/'
         self.check_second_model((
             ({"modelName": "NoSuchNetwork"}, 'the library has no model "NoSuchNetwork" .*'),
-            ({"device": "NOWHERE"}, rf"{fails}.*NOWHERE.*"),
+            ({"modelName": "yolov26"}, r'the library has .*; did you mean "YOLO26"\?'),
+            ({"device": "NOWHERE"}, rf'{fails}this machine has no device "NOWHERE" .*'),
             ({"modelRoot": ".", "modelFile": "broken"}, f"{fails}.+"),
             # A path is root, folder and name with slashes between them, or only the root.
             ({"modelRoot": ".", "modelFile": "other"}, rf'{missing}other\.xml"'),
             ({"modelRoot": ".", "modelDir": "deep"}, rf'{missing}deep/things\.xml"'),
             ({"modelRoot": ".", "engine": "ONNXRuntime"}, f'{missing}things"'),
             ({"modelFile": "", "modelRoot": "nets"}, rf'{missing}nets\.xml"')))
+
+    def test_networks_that_do_not_fit(self):
+        size = {"inputWidth": 32, "inputHeight": 32}
+        onnx = {"engine": "ONNXRuntime", "modelName": "YOLO8", "modelFile": "one.onnx"}
+        for sentence, *models in (
+                (r"models\[0\]: the network does not fit YOLO26, .+",
+                 {**self.detector, **size, "modelFile": "label"}),
+                (r"models\[0\]: inputWidth x inputHeight is 32 x 32 .+", {**self.detector, **size}),
+                (r"models\[0\]: classNames has 2 names and the network has 80 classes: .+",
+                 {**self.detector, "modelName": "YOLO8", "modelFile": "detect"}),
+                (r"models\[0\]: the model refuses its network: .*inputWidth x inputHeight is .+",
+                 {**self.detector, **onnx, **size}),
+                (r"models\[1\]: inputWidth x inputHeight is 32 x 16 .+",
+                 {**self.detector, "modelFile": "nothing"}, {**self.classifier, "inputHeight": 16})):
+            with self.subTest(sentence):
+                self.use(*models)
+                self.vsa("run", self.pipeline, "blue.png", "blue.png", status=2)
+                self.assertEqual(self.out, "")
+                lines = [line for line in self.err.splitlines() if "[E]" not in line]
+                self.assertEqual(len(lines), 1, self.err)
+                self.assertRegex(lines[0], f"^vsa: {re.escape(str(self.pipeline))}: {sentence}$")
 
     def test_every_command_opens_the_same_network(self):
         for suffix in ("xml", "bin"):

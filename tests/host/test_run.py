@@ -5,6 +5,7 @@ import os
 import re
 import signal
 import struct
+import sys
 import time
 import unittest
 
@@ -66,10 +67,30 @@ class RunTest(ChainCase):
             self.vsa("run", self.pipeline, "blue.png", "--objects", name, status=status)
             self.check_error(sentence)
 
+    @unittest.skipIf(sys.platform != "linux", "file names are bytes on Linux only")
+    def test_names_that_are_not_utf8_stay_distinct(self):
+        names = [b"\xfe.png", b"\xff.png", "\ufffd.png".encode()]
+        for side, name in enumerate(names, 64):
+            with open(os.fsencode(self.folder) + b"/" + name, "wb") as file:
+                file.write(png(side, side))
+        found = self.run_json(*map(os.fsdecode, names), "--crops", "crops")
+        self.assertEqual([bytes.fromhex(frame.get("inputHex", "")) for frame in found],
+                         [*names[:2], b""])
+        self.assertEqual({frame["input"] for frame in found}, {"\ufffd.png"})
+        for frame, name in zip(found[:2], names):
+            crop = bytes.fromhex(frame["objects"][0]["cropHex"])
+            self.assertEqual(crop, b"crops/" + name.replace(b".png", b"-1.png"))
+        self.write("found.jsonl", self.out.encode())
+        self.use(self.reader)
+        frames = self.run_json(*map(os.fsdecode, names), "--objects", "found.jsonl")
+        self.assertEqual([frame["width"] for frame in frames], [64, 65, 66])
+        self.write("found.jsonl", self.out.replace('"fe', '"f').encode())
+        self.vsa("run", self.pipeline, "blue.png", "--objects", "found.jsonl", status=2)
+        self.check_error("found.jsonl: line 1: inputHex is not an even number of hexadecimal digits")
+
     def test_failure_of_a_model(self):
-        # The output of a classifier does not fit a detector.
-        wrong = {**self.detector, "modelFile": "label", "inputWidth": 32, "inputHeight": 32}
-        self.use(wrong, self.reader)
+        # The coordinates of a box exceed 32 bits.
+        self.use({**self.detector, "modelFile": "beyond"}, self.reader)
         frame, = self.run_json("blue.png", status=1)
         self.assertEqual((frame["failedModels"], frame["objects"]), ([0, 1], []))
         self.check_error(r"blue.png: frame 0: models\[0\] YOLO26 \(Detect\): .+")

@@ -1,11 +1,12 @@
 """The command line of vsa: help, options, manual page and the pipeline files in examples/."""
 
+import pathlib
 import re
 import shutil
 import subprocess
 import unittest
 
-from vsa_case import DOCUMENTED_MODELS, EXAMPLES, ROOT, ChainCase
+from vsa_case import DOCUMENTED_MODELS, EXAMPLES, ROOT, VSA, ChainCase
 
 COMMANDS = ("devices", "run", "compare", "doctor", "compare-engines", "bench")
 
@@ -56,6 +57,23 @@ class UsageTest(ChainCase):
                 self.vsa("run", path, "none.png", status=(1, 2))
                 # Everything is right except for the networks, most of which do not exist.
                 self.assertRegex(self.err, r"there is no model file|none.png: no such file")
+
+    def test_leaves_nothing_in_the_home_folder(self):
+        """ONNX Runtime would write an identifier of the device there and send usage data."""
+        home = self.folder / "home"
+        home.mkdir()
+        self.use({**self.detector, "engine": "ONNXRuntime", "modelFile": "things.onnx"})
+        environment = {"HOME": str(home), "XDG_CACHE_HOME": "", "ORT_DISABLE_TELEMETRY": None}
+        self.vsa("run", self.pipeline, "blue.png", **environment)
+        self.vsa("doctor", self.pipeline, **environment)
+        self.assertEqual(list(home.rglob("*")), [])
+
+    def test_loads_no_library_from_the_current_folder(self):
+        """An empty entry of the run path stands for the current folder."""
+        for file in (VSA, *pathlib.Path(VSA).parents[1].glob("libTolCompatibleLib.so")):
+            done = subprocess.run(["readelf", "-d", file], capture_output=True, text=True)
+            for path in re.findall(r"R(?:UN)?PATH.*\[(.*)\]", done.stdout):
+                self.assertNotIn("", path.split(":"))
 
     def test_every_model_has_an_example_and_a_page(self):
         examples = "".join(path.read_text("utf-8") for path in EXAMPLES.glob("pipelines/*.json"))

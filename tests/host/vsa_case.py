@@ -89,9 +89,14 @@ class VsaCase(unittest.TestCase):
         return self.write("video.y4m", b"YUV4MPEG2 W64 H48 F10:1 C420\n" + frame * frames)
 
     def vsa(self, *arguments, status=0, **environment):
-        """Runs vsa and returns what it prints. `status` is the expected status, or several."""
+        """Runs vsa and returns what it prints. `status` is the expected status, or several.
+
+        A variable of `environment` that is None is unset.
+        """
+        environment = {**os.environ, **environment}
         done = subprocess.run([VSA, *map(str, arguments)], capture_output=True, timeout=120,
-                              cwd=self.folder, env={**os.environ, **environment})
+                              cwd=self.folder,
+                              env={k: v for k, v in environment.items() if v is not None})
         self.out, self.err = done.stdout.decode(), done.stderr.decode()
         expected = status if isinstance(status, tuple) else (status,)
         self.assertIn(done.returncode, expected, self.err)
