@@ -179,7 +179,8 @@ class Model:
 class Pipeline:
     """The models of a pipeline file, which run one after the other on a frame.
 
-    path: a file as vsa reads it (docs/pipeline.md). Relative paths in it are relative to its folder.
+    path: a file as vsa reads it (docs/pipeline.md). Relative paths in it are relative to its
+    folder.
 
     Raises PipelineError with the place in the file if something in it is wrong, and Error if a
     network cannot be opened.
