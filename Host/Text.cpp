@@ -38,7 +38,7 @@ unsigned byteAt(std::string_view text, std::size_t position) {
   return static_cast<unsigned char>(text[position]);
 }
 
-// One iconv descriptor for the process: the host converts in one thread, and opening is slow.
+// One iconv descriptor for each thread, because opening is slow.
 class GbkConverter {
  public:
   GbkConverter() : descriptor_(iconv_open("UTF-8", "GBK")) {
@@ -149,7 +149,7 @@ std::string printable(std::string_view text) {
 }
 
 std::string gbkToUtf8(std::string_view gbk) {
-  static const GbkConverter converter;
+  thread_local const GbkConverter converter;
   return converter.convert(gbk);
 }
 

@@ -81,6 +81,22 @@ def model_api(model_folder):
     return lambda frame: len(model(frame).scores), model.inference_adapter.compiled_model
 
 
+def in_python(model_folder):
+    """The same for this library's Python package, which must be on the PYTHONPATH."""
+    import openvino
+    from tolcompatible import Model
+
+    model = Model(category="Detect", modelName="YOLO8", engine="OpenVINO", modelRoot=model_folder, modelFile="network",
+                  classNames=["thing"] * CLASSES, inputWidth=SIDE, inputHeight=SIDE, scoreThreshold=SCORE,
+                  nmsThreshold=OVERLAP)
+
+    def call(frame):
+        result = model(frame)
+        return len(result.boxes), result.scores, result.class_ids, result.class_names
+
+    return lambda frame: call(frame)[0], openvino.Core().compile_model(model_folder / "network.xml", "CPU")
+
+
 def black_frame():
     import numpy
 
@@ -116,7 +132,7 @@ def compare(library, model_folder, frame_file, runs):
     return times | {"objects": objects}
 
 
-LIBRARIES = {"Ultralytics": ultralytics, "openvino-model-api": model_api}
+LIBRARIES = {"this library in Python": in_python, "Ultralytics": ultralytics, "openvino-model-api": model_api}
 
 
 def tables(folder, program, runs, summary):
