@@ -35,6 +35,7 @@ void FrameLoop::process(const std::string& input, std::size_t number, std::size_
   inputCount_ = count;
   ++totals_.inputs;
   failuresInInput_ = 0;
+  outputFailure_.clear();
   try {
     FrameInfo info;
     info.input = input;
@@ -44,8 +45,11 @@ void FrameLoop::process(const std::string& input, std::size_t number, std::size_
     } else {
       processImages(&info);
     }
+    finishOutput(input);
+    if (outputFailure_.empty()) return;
+    countFailure(input, outputFailure_);
   } catch (const CannotContinue&) {
-    if (files_.annotated) files_.annotated->finish();
+    finishOutput(input);
     throw;
   } catch (const cv::Exception& error) {
     failInput(input, error.err);
@@ -60,11 +64,29 @@ void FrameLoop::countFailedInput(const std::string& input, const std::string& re
 }
 
 void FrameLoop::failInput(const std::string& input, const std::string& reason) {
-  if (files_.annotated) files_.annotated->finish();
+  finishOutput(input);
   console_.note(input + ": " + oneLine(reason));
+  countFailure(input, reason);
+}
+
+void FrameLoop::countFailure(const std::string& input, const std::string& reason) {
   ++totals_.failedInputs;
   // A program that writes paths to standard input waits for an answer to each path.
   if (options_.standardInput) writeResults(errorJson(input, oneLine(reason)), "");
+}
+
+void FrameLoop::finishOutput(const std::string& input) {
+  try {
+    if (files_.annotated) files_.annotated->finish();
+  } catch (const std::exception& error) {
+    reportOutputFailure(input, error.what());
+  }
+}
+
+void FrameLoop::reportOutputFailure(const std::string& input, const std::string& reason) {
+  if (!outputFailure_.empty()) return;
+  outputFailure_ = oneLine(reason);
+  console_.note(input + ": " + outputFailure_);
 }
 
 bool FrameLoop::wantsMore(const FrameInfo& info) const {
@@ -79,7 +101,6 @@ void FrameLoop::processImages(FrameInfo* info) {
     processFrame(source, info, &image);
     ++info->index;
   }
-  if (files_.annotated) files_.annotated->finish();
   if (info->index == 0 && !isStopped()) throw std::runtime_error("no frame can be read");
   // The number of frames in the file's header is an estimate, so only a clear shortfall is
   // reported.
@@ -122,28 +143,35 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
       return std::ranges::find(options_.only, object.className) == options_.only.end();
     });
   }
-  if (files_.crops) info->crops = writeCrops(*info, *image, frame.objects, &*files_.crops);
+  if (files_.crops) {
+    const Crops crops = writeCrops(*info, *image, frame.objects, &*files_.crops);
+    info->crops = crops.files;
+    if (!crops.failure.empty()) reportOutputFailure(info->input, crops.failure);
+  }
 
   ++totals_.frames;
   totals_.objects += std::ssize(frame.objects);
   writeResults(json_ || files_.jsonFile ? frameJson(*info, frame.objects) : "",
                json_ ? "" : frameTable(*info, frame.objects, console_.columns()));
-  if (files_.annotated) {
-    files_.annotated->write(info->input, source.isVideo() ? source.frameRate() : 0.0, image,
-                            frame.objects);
+  if (files_.annotated && outputFailure_.empty()) {
+    try {
+      files_.annotated->write(info->input, source.isVideo() ? source.frameRate() : 0.0, image,
+                              frame.objects);
+    } catch (const std::exception& error) {
+      reportOutputFailure(info->input, error.what());
+    }
   }
   showProgress(source.frameCount(), info->index + 1);
 }
 
 void FrameLoop::writeResults(const std::string& json, const std::string& table) {
-  if (files_.jsonFile) {
-    try {
-      files_.jsonFile->write(json);
-    } catch (const std::exception& error) {
-      throw CannotContinue(error.what());
-    }
-  }
   if (!console_.write(json_ ? json : table)) outputIsClosed_ = true;
+  if (!files_.jsonFile) return;
+  try {
+    files_.jsonFile->write(json);
+  } catch (const std::exception& error) {
+    throw CannotContinue(error.what());
+  }
 }
 
 void FrameLoop::runModels(FrameInfo* info, VsaFrame* frame) {

@@ -80,6 +80,9 @@ class FrameLoop {
 
  private:
   void failInput(const std::string& input, const std::string& reason);
+  void countFailure(const std::string& input, const std::string& reason);
+  void finishOutput(const std::string& input);
+  void reportOutputFailure(const std::string& input, const std::string& reason);
   void processImages(FrameInfo* info);
   void processAudio(FrameInfo* info);
   void processFrame(const FrameSource& source, FrameInfo* info, cv::Mat* image);
@@ -99,6 +102,7 @@ class FrameLoop {
   std::size_t inputNumber_ = 0;
   std::size_t inputCount_ = 0;
   int failuresInInput_ = 0;
+  std::string outputFailure_;  // of a file of the current input; empty if there was none
   bool outputIsClosed_ = false;
 };
 

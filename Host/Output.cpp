@@ -1,12 +1,16 @@
 // Inputs are never overwritten: an output folder that contains an input is rejected, and a link
-// with the name of an output is removed before the output is written.
+// with the name of an output is removed before the output is written. Every file is checked when it
+// is closed; one that could not be completed is removed.
 #include "Output.h"
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
+#include <string_view>
 
 #include "Inputs.h"
 
@@ -28,6 +32,63 @@ std::string nameOfAddress(const std::string& address) {
 std::string lowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
+}
+
+// Removes the file and throws.
+[[noreturn]] void discard(const fs::path& file, const std::string& kind) {
+  std::error_code unused;
+  fs::remove(file, unused);
+  throw std::runtime_error(file.string() + ": the " + kind +
+                           " could not be written completely and was removed");
+}
+
+// Whether a file of boxes (MP4) consists of whole boxes only and its index ("moov") is among them.
+// The index is written last, so this is false if the disk was full at any time.
+bool hasIndex(const fs::path& path) {
+  constexpr std::uint64_t kHeader = 8;
+  std::ifstream file(path, std::ios::binary);
+  std::error_code error;
+  const std::uint64_t size = fs::file_size(path, error);
+  if (error) return false;
+  bool found = false;
+  std::uint64_t position = 0;
+  const auto bigEndian = [&file](int bytes) {
+    std::uint64_t value = 0;
+    for (int i = 0; i < bytes; ++i) value = value << 8 | static_cast<std::uint8_t>(file.get());
+    return value;
+  };
+  while (size - position >= kHeader) {
+    file.seekg(static_cast<std::streamoff>(position));
+    std::uint64_t length = bigEndian(4);
+    char type[4] = {};
+    file.read(type, sizeof type);
+    if (length == 1) length = bigEndian(8);
+    if (!file || length < kHeader || length > size - position) return false;
+    found = found || std::string_view(type, sizeof type) == "moov";
+    position += length;
+  }
+  return found && position == size;
+}
+
+// Whether the video can be opened and has at least this many frames. OpenCV does not report frames
+// that it failed to encode.
+bool hasFrames(const fs::path& path, std::int64_t count) {
+  cv::VideoCapture video(path.string());
+  return video.isOpened() && video.get(cv::CAP_PROP_FRAME_COUNT) >= static_cast<double>(count);
+}
+
+// Encodes the image in the format of the extension. The file is not written by OpenCV because it
+// does not report all errors.
+void writeImage(const fs::path& path, const cv::Mat& image) {
+  std::vector<std::uint8_t> bytes;
+  if (!cv::imencode(path.extension().string(), image, bytes)) {
+    throw std::runtime_error(path.string() + ": the image cannot be encoded");
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!file) throw std::runtime_error(path.string() + " cannot be written");
+  file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+  file.close();
+  if (!file) discard(path, "image");
 }
 
 }  // namespace
@@ -74,49 +135,60 @@ void AnnotatedOutput::write(const std::string& input, double frameRate, cv::Mat*
     // The frame size of a stream may change, that of a file cannot.
     if (frame->size() != videoSize_) cv::resize(*frame, *frame, videoSize_);
     video_.write(*frame);
+    ++videoFrames_;
     return;
   }
   std::string extension = fs::path(input).extension().string();
-  if (extension.empty() || !cv::haveImageWriter("name" + extension)) extension = ".png";
-  const std::string file = folder_.newFile(input, "", extension).string();
-  if (!cv::imwrite(file, *frame)) throw std::runtime_error(file + " cannot be written");
+  // The formats of grey images cannot hold coloured annotations.
+  const bool isGrey = extension == ".pgm" || extension == ".pbm";
+  if (extension.empty() || isGrey || !cv::haveImageWriter("name" + extension)) extension = ".png";
+  writeImage(folder_.newFile(input, "", extension), *frame);
 }
 
 void AnnotatedOutput::openVideo(const std::string& input, double frameRate, const cv::Size& size) {
-  const std::string file = folder_.newFile(input, "", ".mp4").string();
+  videoFile_ = folder_.newFile(input, "", ".mp4");
   videoSize_ = size;
+  videoFrames_ = 0;
   // H.264, which every player supports, if there is an encoder; else MPEG-4 part 2, which is nearly
   // always there.
   for (const char* codec : {"avc1", "mp4v"}) {
-    if (video_.open(file, cv::VideoWriter::fourcc(codec[0], codec[1], codec[2], codec[3]),
-                    frameRate, size)) {
+    if (video_.open(videoFile_.string(),
+                    cv::VideoWriter::fourcc(codec[0], codec[1], codec[2], codec[3]), frameRate,
+                    size)) {
       return;
     }
   }
-  throw std::runtime_error(file + " cannot be written");
+  discard(videoFile_, "video");
 }
 
 void AnnotatedOutput::finish() {
+  if (!video_.isOpened()) return;
   video_.release();
+  if (!hasIndex(videoFile_) || !hasFrames(videoFile_, videoFrames_)) discard(videoFile_, "video");
 }
 
-std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
-                                    const std::vector<VsaObject>& objects, OutputFolder* folder) {
-  std::vector<std::string> files;
-  for (const VsaObject& object : objects) {
-    std::string& file = files.emplace_back();
-    cv::Rect area = cv::boundingRect(cornersOf(object));
-    --area.width;  // corners lie between pixels
-    --area.height;
-    area &= cv::Rect(cv::Point(0, 0), frame.size());
-    if (area.empty()) continue;
-    std::string suffix = "-";
-    if (info.time) suffix.append(std::to_string(info.index)).append("-");
-    suffix += std::to_string(files.size());
-    file = folder->newFile(info.input, suffix, ".png").string();
-    if (!cv::imwrite(file, frame(area))) throw std::runtime_error(file + " cannot be written");
+Crops writeCrops(const FrameInfo& info, const cv::Mat& frame, const std::vector<VsaObject>& objects,
+                 OutputFolder* folder) {
+  Crops crops;
+  crops.files.resize(objects.size());
+  try {
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+      cv::Rect area = cv::boundingRect(cornersOf(objects[i]));
+      --area.width;  // corners lie between pixels
+      --area.height;
+      area &= cv::Rect(cv::Point(0, 0), frame.size());
+      if (area.empty()) continue;
+      std::string suffix = "-";
+      if (info.time) suffix.append(std::to_string(info.index)).append("-");
+      suffix += std::to_string(i + 1);
+      const fs::path file = folder->newFile(info.input, suffix, ".png");
+      writeImage(file, frame(area));
+      crops.files[i] = file.string();
+    }
+  } catch (const std::exception& error) {
+    crops.failure = error.what();
   }
-  return files;
+  return crops;
 }
 
 }  // namespace vsa

@@ -3,6 +3,7 @@
 
 #include <TolCompatible/TolCompatible.h>
 
+#include <cstdint>
 #include <filesystem>
 #include <opencv2/core.hpp>
 #include <opencv2/videoio.hpp>
@@ -49,7 +50,8 @@ class AnnotatedOutput {
   void write(const std::string& input, double frameRate, cv::Mat* frame,
              const std::vector<VsaObject>& objects);
 
-  /// Completes the video of the current input.
+  /// Completes the video of the current input, if there is one. Throws std::runtime_error if it
+  /// could not be written completely; it is removed then.
   void finish();
 
  private:
@@ -58,13 +60,21 @@ class AnnotatedOutput {
   OutputFolder folder_;
   Painter painter_;
   cv::VideoWriter video_;
+  std::filesystem::path videoFile_;
   cv::Size videoSize_;
+  std::int64_t videoFrames_ = 0;
+};
+
+/// The files that writeCrops() wrote.
+struct Crops {
+  std::vector<std::string> files;  ///< In the order of the objects, "" if there is no file.
+  std::string failure;             ///< Why not all could be written; empty if they were.
 };
 
 /// Writes the objects of a frame as PNG files. They are named after the input, the frame (of a
-/// video) and the number of the object from 1. Returns their paths in the order of the objects, ""
-/// for an object without a pixel in the frame. Throws std::runtime_error if one cannot be written.
-std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
-                                    const std::vector<VsaObject>& objects, OutputFolder* folder);
+/// video) and the number of the object from 1. There is no file for an object without a pixel in
+/// the frame. After a failure no further files are written.
+Crops writeCrops(const FrameInfo& info, const cv::Mat& frame, const std::vector<VsaObject>& objects,
+                 OutputFolder* folder);
 
 }  // namespace vsa

@@ -2,9 +2,12 @@
 
 import json
 import os
+import random
 import re
+import shutil
 import signal
 import struct
+import subprocess
 import time
 import unittest
 
@@ -188,6 +191,31 @@ class EndTest(ChainCase):
         self.assertGreater((self.folder / "out/video.mp4").stat().st_size, 0)
 
     @unittest.skipUnless(os.path.exists("/dev/full"), "needs /dev/full")
+    def test_full_device(self):
+        frame, = self.run_json("blue.png", "--json-file", "/dev/full", status=1)
+        self.assertEqual(len(frame["objects"]), 2)
+        self.check_error("/dev/full: the file cannot be written; it ends after 0 lines")
+
     def test_full_disk(self):
-        self.vsa("run", self.pipeline, "blue.png", "--json-file", "/dev/full", status=1)
-        self.assertIn("/dev/full: the file cannot be written", self.err)
+        disk = self.folder / "disk"
+        disk.mkdir()
+        mount = ["mount", "-t", "tmpfs", "-o", "size=8k", "none", disk]
+        if shutil.which("mount") is None or subprocess.run(mount, stderr=-1).returncode != 0:
+            self.skipTest("a full disk needs the right to mount a tmpfs")
+        self.addCleanup(subprocess.run, ["umount", disk], check=True)
+        rows = b"".join(b"\0" + random.Random(i).randbytes(600) for i in range(200))
+        image = self.write("noise.png", png(200, 200, rows=rows))
+        video = self.write_video(300)
+        for input_, option, kind, count in ((video, "--output", "video", 300),
+                                            (image, "--output", "image", 1),
+                                            (image, "--crops", "image", 1)):
+            frames = self.run_json(input_, option, "disk", status=1)
+            self.assertEqual([len(frame["objects"]) for frame in frames], [2] * count)
+            self.assertNotIn("crop", str(frames))
+            self.check_error(rf"{input_}: disk/.+: the {kind} could not be written completely "
+                             "and was removed")
+            self.assertIn("1 input failed", self.err)
+            self.assertEqual(list(disk.iterdir()), [])
+        lines = self.run_json(video, "--json-file", "disk/found.jsonl", status=1)
+        self.check_error(rf"disk/found.jsonl: .+; it ends after {len(lines) - 1} lines")
+        self.assertEqual(parse_lines((disk / "found.jsonl").read_text()), lines[:-1])
