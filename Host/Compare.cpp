@@ -11,6 +11,7 @@
 #include "Command.h"
 #include "Frame.h"
 #include "FrameSource.h"
+#include "Inputs.h"
 #include "JsonLines.h"
 #include "Messages.h"
 #include "Pipeline.h"
@@ -83,12 +84,12 @@ class Compare : public Command {
     json["similarity"] = similarity;
     for (std::size_t i = 0; i < best.size(); ++i) {
       FrameInfo info;
-      info.input = images_[i];
+      info.input = withoutPasswords(images_[i]);
       info.width = best[i].imageWidth;
       info.height = best[i].imageHeight;
       text += frameTable(info, {best[i]}, console->columns());
       Json::Value& entry = json["objects"].append(objectJson(best[i]));
-      entry["input"] = repairUtf8(images_[i]);
+      entry["input"] = repairUtf8(info.input);
     }
     text += "cosine similarity " + fixed(similarity, 4) + "\n";
     return console->write(json_ ? jsonLine(json) : text);
