@@ -5,7 +5,6 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
-#include <optional>
 #include <utility>
 
 namespace vsa {
@@ -33,16 +32,17 @@ class BoundedQueue {
     return true;
   }
 
-  /// Waits for the next value. Returns `nullopt` if the queue is closed and empty.
-  std::optional<Value> pop() {
+  /// Waits for the next value and stores it in `*value`. Returns false if the queue is closed and
+  /// empty.
+  bool pop(Value* value) {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [&] { return isClosed_ || !values_.empty(); });
-    if (values_.empty()) return std::nullopt;
-    std::optional<Value> value(std::move(values_.front().first));
+    if (values_.empty()) return false;
+    *value = std::move(values_.front().first);
     bytes_ -= values_.front().second;
     values_.pop_front();
     changed_.notify_all();
-    return value;
+    return true;
   }
 
   /// From now on push() returns false. The values in the queue can still be popped.

@@ -169,12 +169,13 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
     ++totals_.frames;
     totals_.objects += std::ssize(frame.objects);
   }
-  if (files_.annotated) annotate(source, *info, image, std::move(frame.objects));
+  annotate(source, *info, image, std::move(frame.objects));
   showProgress(source.frameCount(), info->index + 1);
 }
 
 void FrameLoop::annotate(const FrameSource& source, const FrameInfo& info, cv::Mat* image,
                          std::vector<VsaObject> objects) {
+  if (!files_.annotated) return;
   try {
     if (!source.isVideo()) {
       files_.annotated->writeImage(info, image, objects);

@@ -102,7 +102,8 @@ void AnnotatedOutput::writeImage(const FrameInfo& info, cv::Mat* image,
   // The formats of grey images cannot hold coloured annotations.
   const bool isGrey = extension == ".pgm" || extension == ".pbm";
   if (extension.empty() || isGrey || !cv::haveImageWriter("name" + extension)) extension = ".png";
-  const std::string suffix = info.pages > 1 ? "-" + std::to_string(info.page()) : "";
+  std::string suffix;
+  if (info.pages > 1) suffix.append("-").append(std::to_string(info.page()));
   encode(*image, folder_.newFile(info.input, suffix, extension));
 }
 

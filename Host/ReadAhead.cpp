@@ -1,6 +1,5 @@
 #include "ReadAhead.h"
 
-#include <optional>
 #include <utility>
 
 namespace vsa {
@@ -16,11 +15,7 @@ ReadAhead::~ReadAhead() {
 
 bool ReadAhead::next(TimedFrame* frame) {
   if (!thread_.joinable()) return read(frame);
-  std::optional<TimedFrame> queued = queue_.pop();
-  if (queued) {
-    *frame = std::move(*queued);
-    return true;
-  }
+  if (queue_.pop(frame)) return true;
   if (failure_) std::rethrow_exception(std::exchange(failure_, nullptr));
   return false;
 }

@@ -4,7 +4,6 @@
 #include <exception>
 #include <fstream>
 #include <opencv2/imgproc.hpp>
-#include <optional>
 #include <stdexcept>
 #include <string_view>
 #include <utility>
@@ -88,11 +87,12 @@ void VideoFile::finish() {
 
 void VideoFile::writeAll() {
   try {
-    while (std::optional<Frame> frame = queue_.pop()) {
-      if (!frame->objects.empty()) painter_.paint(&frame->image, frame->objects);
+    Frame frame;
+    while (queue_.pop(&frame)) {
+      if (!frame.objects.empty()) painter_.paint(&frame.image, frame.objects);
       // The frame size of a stream may change, that of a file cannot.
-      if (frame->image.size() != size_) cv::resize(frame->image, frame->image, size_);
-      video_.write(frame->image);
+      if (frame.image.size() != size_) cv::resize(frame.image, frame.image, size_);
+      video_.write(frame.image);
       ++frames_;
     }
   } catch (const std::exception& error) {
