@@ -193,7 +193,7 @@ class AudioSource::Reader {
     isLengthKnown_ = false;
     // Streams are not opened a second time to read the size of their frames.
     cv::VideoCapture video;
-    if (!isAddress(input) && video.open(input, cv::CAP_FFMPEG)) {
+    if (!isAddress(input) && video.open(pathForDecoder(input), cv::CAP_FFMPEG)) {
       width_ = std::max(1U, static_cast<unsigned>(video.get(cv::CAP_PROP_FRAME_WIDTH)));
       height_ = std::max(1U, static_cast<unsigned>(video.get(cv::CAP_PROP_FRAME_HEIGHT)));
     }

@@ -15,6 +15,7 @@
 #include "Command.h"
 #include "Frame.h"
 #include "FrameSource.h"
+#include "Inputs.h"
 #include "JsonLines.h"
 #include "Messages.h"
 #include "Model.h"
@@ -238,8 +239,8 @@ class Measurement {
       const auto spaces = std::max<std::ptrdiff_t>(width - std::ssize(number), 1);
       return std::string(static_cast<std::size_t>(spaces), ' ') + number;
     };
-    std::string text = printable(options_.input) + ": " + std::to_string(options_.runs) +
-                       " runs, times in ms\n" +
+    std::string text = printable(withoutPasswords(options_.input)) + ": " +
+                       std::to_string(options_.runs) + " runs, times in ms\n" +
                        " median    p90    p99    max frames/s     MB outside  model\n";
     for (const auto& [name, numbers] : rows()) {
       for (std::size_t i = 0; i < 4; ++i) text += cell(numbers[i], 7, 2);
@@ -255,7 +256,7 @@ class Measurement {
     constexpr const char* kKeys[] = {"medianMs",        "p90Ms",      "p99Ms",        "maxMs",
                                      "framesPerSecond", "residentMb", "outsideEngine"};
     Json::Value json;
-    json["input"] = repairUtf8(options_.input);
+    json["input"] = repairUtf8(withoutPasswords(options_.input));
     json["runs"] = options_.runs;
     for (const auto& [name, numbers] : rows()) {
       Json::Value entry;

@@ -15,11 +15,10 @@ class App;
 
 namespace vsa {
 
-/// Exit statuses of the program.
+/// Exit statuses of the program. A run that a signal ended has 128 and the number of the signal.
 inline constexpr int kDone = 0;
 inline constexpr int kSomeFailed = 1;
 inline constexpr int kUsageError = 2;
-inline constexpr int kInterrupted = 130;
 
 /// One command of the program: its options and its implementation.
 class Command {

@@ -11,6 +11,7 @@
 #include "Command.h"
 #include "Frame.h"
 #include "FrameSource.h"
+#include "Inputs.h"
 #include "JsonLines.h"
 #include "Messages.h"
 #include "Pipeline.h"
@@ -90,12 +91,12 @@ class Compare : public Command {
     json["similarity"] = similarity;
     for (std::size_t i = 0; i < best.size(); ++i) {
       FrameInfo info;
-      info.input = images_[i];
+      info.input = withoutPasswords(images_[i]);
       info.width = best[i].imageWidth;
       info.height = best[i].imageHeight;
       text += frameTable(info, {best[i]}, console->columns());
       Json::Value& entry = json["objects"].append(objectJson(best[i]));
-      setPath(&entry, "input", images_[i]);
+      setPath(&entry, "input", info.input);
     }
     text += "cosine similarity " + fixed(similarity, 4) + "\n";
     return console->write(json_ ? jsonLine(json) : text);

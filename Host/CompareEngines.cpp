@@ -237,8 +237,10 @@ class EngineComparison {
           throw std::runtime_error(chain->nameOf(failures[0].model) + ": " + failures[0].reason);
         }
       }
-      print(source.isVideo() ? input + " frame " + std::to_string(index) : input, frames[0].objects,
-            frames[1].objects);
+      const std::string name = withoutPasswords(input);
+      print(source.isVideo() || source.frameCount() > 1 ? name + " frame " + std::to_string(index)
+                                                        : name,
+            frames[0].objects, frames[1].objects);
     }
     if (index == 0) throw std::runtime_error("no frame can be read");
   }

@@ -1,11 +1,13 @@
 #include "Console.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <iostream>
 
+#include "Inputs.h"
 #include "Messages.h"
 #include "Text.h"
 
@@ -29,11 +31,16 @@ bool isTerminal(std::FILE* stream) {
 #endif
 }
 
-volatile std::sig_atomic_t interrupted = 0;
+std::atomic<int> firstSignal = 0;  // 0 if none has arrived
+static_assert(std::atomic<int>::is_always_lock_free);
 
 extern "C" void onInterrupt(int signal) {
-  interrupted = 1;
-  std::signal(signal, SIG_DFL);
+  firstSignal = signal;
+  for (const int next : {SIGINT, SIGTERM}) std::signal(next, SIG_DFL);
+#if !defined(_WIN32)
+  // If nohup has made the program ignore SIGHUP, this is another signal and leaves that so.
+  if (std::signal(SIGHUP, SIG_DFL) == SIG_IGN) std::signal(SIGHUP, SIG_IGN);
+#endif
 }
 
 }  // namespace
@@ -50,7 +57,12 @@ Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isT
 }
 
 bool Console::write(std::string_view text) {
-  if (outputIsTerminal_) clear();
+  std::string shown;
+  if (outputIsTerminal_) {
+    clear();
+    shown = printableLines(text);
+    text = shown;
+  }
   if (outputWorks_ && (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
                        std::fflush(stdout) != 0)) {
     // A closed pipe needs no message.
@@ -70,16 +82,19 @@ bool Console::waitForInput() {
 }
 
 void Console::catchInterrupt() {
-  std::signal(SIGINT, onInterrupt);
+  for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, onInterrupt);
+#if !defined(_WIN32)
+  if (std::signal(SIGHUP, onInterrupt) == SIG_IGN) std::signal(SIGHUP, SIG_IGN);
+#endif
 }
 
-bool Console::isInterrupted() {
-  return interrupted != 0;
+int Console::interruptSignal() {
+  return firstSignal;
 }
 
 void Console::note(const std::string& sentence) {
   clear();
-  std::string text = "vsa: " + repairUtf8(sentence);
+  std::string text = "vsa: " + printableLines(withoutPasswords(sentence));
   if (errorIsTerminal_) text = wrapped(text, 5, kColumns - 1);
   std::fprintf(stderr, "%s\n", text.c_str());
 }

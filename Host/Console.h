@@ -1,5 +1,6 @@
-// The terminal: results on standard output, messages and a progress bar on standard error, Ctrl-C.
-// One class writes to both streams because on a terminal the bar must be removed before any output.
+// The terminal: results on standard output, messages and a progress bar on standard error, signals
+// that end the program. One class writes to both streams because on a terminal the bar must be
+// removed before any output.
 #pragma once
 
 #include <chrono>
@@ -12,18 +13,23 @@ class Console {
  public:
   Console();
 
-  /// Writes results to standard output and flushes them. Once a write has failed, for example
-  /// because the reader of a pipe has exited, this and all later calls return false.
+  /// Writes results to standard output and flushes them; to a terminal, only printableLines().
+  /// Once a write has failed, for example because the reader of a pipe has exited, this and all
+  /// later calls return false.
   bool write(std::string_view text);
 
   /// Waits until standard input has data or ends. Returns false if a signal arrives first.
   static bool waitForInput();
 
-  /// From now on the first Ctrl-C only sets isInterrupted(); the second one ends the program.
+  /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored) only sets
+  /// interruptSignal(); the second one ends the program.
   static void catchInterrupt();
-  static bool isInterrupted();
+  /// The number of that signal; 0 if none has arrived.
+  static int interruptSignal();
+  static bool isInterrupted() { return interruptSignal() != 0; }
 
-  /// Writes "vsa: ..." to standard error; on a terminal, wraps it to the width of the terminal.
+  /// Writes "vsa: ..." to standard error, printableLines() without passwords; on a terminal, wraps
+  /// it to the width of the terminal.
   void note(const std::string& sentence);
 
   /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.

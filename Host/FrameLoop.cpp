@@ -3,12 +3,16 @@
 #include "FrameLoop.h"
 
 #include <algorithm>
+#include <cmath>
 #include <exception>
+#include <utility>
 
 #include "AudioSource.h"
 #include "Messages.h"
+#include "ReadAhead.h"
 #include "ReadingOrder.h"
 #include "Report.h"
+#include "Text.h"
 
 namespace vsa {
 
@@ -36,75 +40,107 @@ void FrameLoop::process(const std::string& input, std::size_t number, std::size_
   inputCount_ = count;
   ++totals_.inputs;
   failuresInInput_ = 0;
+  outputFailure_.clear();
+  videoFailed_ = false;
+  FrameInfo info;
+  info.input = withoutPasswords(input);
   try {
-    FrameInfo info;
-    info.input = input;
     if (options_.standardInput) files_.refuseIfOutput(input);
     if (pipeline_.takesAudio) {
-      processAudio(&info);
+      processAudio(input, &info);
     } else {
-      processImages(&info);
+      processImages(input, &info);
     }
+    finishOutput(info.input);
+    if (!outputFailure_.empty()) countFailure(info.input, outputFailure_);
   } catch (const CannotContinue&) {
-    if (files_.annotated) files_.annotated->finish();
+    finishOutput(info.input);
     throw;
   } catch (const PipelineError&) {
-    if (files_.annotated) files_.annotated->finish();
+    finishOutput(info.input);
     throw;
   } catch (const cv::Exception& error) {
-    failInput(input, error.err);
+    failInput(info.input, error.err);
   } catch (const std::exception& error) {
-    failInput(input, error.what());
+    failInput(info.input, error.what());
   }
 }
 
 void FrameLoop::countFailedInput(const std::string& input, const std::string& reason) {
   ++totals_.inputs;
-  failInput(input, reason);
+  failInput(withoutPasswords(input), reason);
 }
 
 void FrameLoop::failInput(const std::string& input, const std::string& reason) {
-  if (files_.annotated) files_.annotated->finish();
-  console_.note(input + ": " + oneLine(reason));
+  finishOutput(input);
+  const std::string sentence = withoutPasswords(oneLine(reason));
+  console_.note(printable(input) + ": " + sentence);
+  countFailure(input, sentence);
+}
+
+void FrameLoop::countFailure(const std::string& input, const std::string& reason) {
   ++totals_.failedInputs;
   // A program that writes paths to standard input waits for an answer to each path.
-  if (options_.standardInput) writeResults(errorJson(input, oneLine(reason)), "");
+  if (options_.standardInput) writeResults(errorJson(input, reason), "");
+}
+
+void FrameLoop::finishOutput(const std::string& input) {
+  try {
+    if (files_.annotated) files_.annotated->finish();
+  } catch (const std::exception& error) {
+    reportOutputFailure(input, error.what());
+  }
+}
+
+void FrameLoop::reportOutputFailure(const std::string& input, const std::string& reason) {
+  if (!outputFailure_.empty()) return;
+  outputFailure_ = oneLine(reason);
+  console_.note(printable(input) + ": " + outputFailure_);
 }
 
 bool FrameLoop::wantsMore(const FrameInfo& info) const {
   return !isStopped() && (options_.maxFrames == 0 || info.index < options_.maxFrames);
 }
 
-void FrameLoop::processImages(FrameInfo* info) {
-  FrameSource source(info->input, options_.maxPixels);
-  cv::Mat image;
-  while (wantsMore(*info) && source.next(&image)) {
-    if (source.isVideo()) info->time = source.time();
-    processFrame(source, info, &image);
+void FrameLoop::processImages(const std::string& input, FrameInfo* info) {
+  FrameSource source(input, options_.maxPixels);
+  if (!source.isVideo()) info->pages = source.frameCount();
+  ReadAhead frames(&source);
+  TimedFrame frame;
+  double firstTime = 0.0;
+  while (wantsMore(*info) && frames.next(&frame)) {
+    if (info->index == 0) firstTime = frame.time;
+    if (source.isVideo()) info->time = frame.time;
+    processFrame(source, info, &frame.image);
     ++info->index;
   }
-  if (files_.annotated) files_.annotated->finish();
-  if (info->index == 0 && !isStopped()) throw std::runtime_error("no frame can be read");
-  // The number of frames in the file's header is an estimate, so only a clear shortfall is
-  // reported.
-  if (source.frameCount() > info->index * 11 / 10 && info->index != options_.maxFrames &&
-      !isStopped()) {
-    console_.note(info->input + ": the video ends after " + std::to_string(info->index) +
-                  " of about " + std::to_string(source.frameCount()) + " frames");
+  if (isStopped()) return;
+  if (info->index == 0) throw std::runtime_error("no frame can be read");
+  if (info->index == options_.maxFrames) return;
+  // The number of frames in a header can be an estimate, so only a clear shortfall is reported.
+  if (source.frameCount() <= info->index * 11 / 10) return;
+  const std::string sentence = "the video ends after " + std::to_string(info->index) +
+                               " of about " + std::to_string(source.frameCount()) + " frames";
+  // If the frame rate varies, the estimate can be far too high for a complete video.
+  const double expected = static_cast<double>(info->index - 1) / source.frameRate();
+  if (std::abs(frame.time - firstTime - expected) <= 0.1 * expected) {
+    throw std::runtime_error(sentence);
   }
+  console_.note(printable(info->input) + ": " + sentence);
 }
 
-void FrameLoop::processAudio(FrameInfo* info) {
-  AudioSource audio(info->input, pipeline_.blockSeconds);
+void FrameLoop::processAudio(const std::string& input, FrameInfo* info) {
+  AudioSource audio(input, pipeline_.blockSeconds);
   VsaFrame block;
   while (wantsMore(*info) && audio.next(&block)) {
     info->time = audio.time();
     info->duration = audio.duration();
     runModels(info, &block);
-    ++totals_.frames;
-    totals_.objects += std::ssize(block.audioObjects);
-    writeResults(json_ || files_.jsonFile ? blockJson(*info, block) : "",
-                 json_ ? "" : blockTable(*info, block));
+    if (writeResults(json_ || files_.jsonFile ? blockJson(*info, block) : "",
+                     json_ ? "" : blockTable(*info, block))) {
+      ++totals_.frames;
+      totals_.objects += std::ssize(block.audioObjects);
+    }
     showProgress(audio.blockCount(), ++info->index);
   }
   if (info->index == 0 && !isStopped()) throw std::runtime_error("there is no audio in this file");
@@ -127,16 +163,18 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
     });
   }
   sortTextRegions(&frame.objects);
-  if (files_.crops) info->crops = writeCrops(*info, *image, frame.objects, &*files_.crops);
-
-  ++totals_.frames;
-  totals_.objects += std::ssize(frame.objects);
-  writeResults(json_ || files_.jsonFile ? frameJson(*info, frame.objects) : "",
-               json_ ? "" : frameText(*info, frame.objects));
-  if (files_.annotated) {
-    files_.annotated->write(info->input, source.isVideo() ? source.frameRate() : 0.0, image,
-                            frame.objects);
+  if (files_.crops) {
+    const Crops crops = writeCrops(*info, *image, frame.objects, &*files_.crops);
+    info->crops = crops.files;
+    if (!crops.failure.empty()) reportOutputFailure(info->input, crops.failure);
   }
+
+  if (writeResults(json_ || files_.jsonFile ? frameJson(*info, frame.objects) : "",
+                   json_ ? "" : frameText(*info, frame.objects))) {
+    ++totals_.frames;
+    totals_.objects += std::ssize(frame.objects);
+  }
+  annotate(source, *info, image, std::move(frame.objects));
   showProgress(source.frameCount(), info->index + 1);
 }
 
@@ -144,19 +182,38 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
 std::string FrameLoop::frameText(const FrameInfo& info,
                                  const std::vector<VsaObject>& objects) const {
   if (!options_.text) return frameTable(info, objects, console_.columns());
-  std::string text = totals_.frames > 1 ? "\f" : "";
+  std::string text = totals_.frames > 0 ? "\f" : "";
   return text += plainText(objects);
 }
 
-void FrameLoop::writeResults(const std::string& json, const std::string& table) {
-  if (files_.jsonFile) {
-    try {
-      files_.jsonFile->write(json);
-    } catch (const std::exception& error) {
-      throw CannotContinue(error.what());
+void FrameLoop::annotate(const FrameSource& source, const FrameInfo& info, cv::Mat* image,
+                         std::vector<VsaObject> objects) {
+  if (!files_.annotated) return;
+  try {
+    if (!source.isVideo()) {
+      files_.annotated->writeImage(info, image, objects);
+    } else if (!videoFailed_) {
+      files_.annotated->writeVideo(info, source.frameRate(), *image, std::move(objects));
     }
+  } catch (const std::exception& error) {
+    videoFailed_ = true;
+    reportOutputFailure(info.input, error.what());
   }
-  if (!console_.write(json_ ? json : table)) outputIsClosed_ = true;
+}
+
+bool FrameLoop::writeResults(const std::string& json, const std::string& table) {
+  if (!outputIsClosed_ && !console_.write(json_ ? json : table)) {
+    outputIsClosed_ = true;
+    console_.note(files_.any() ? "no results can be printed; they are only written to the files"
+                               : "no results can be printed; the run ends");
+  }
+  if (!files_.jsonFile) return !outputIsClosed_ || files_.any();
+  try {
+    files_.jsonFile->write(json);
+  } catch (const std::exception& error) {
+    throw CannotContinue(error.what());
+  }
+  return true;
 }
 
 void FrameLoop::runModels(FrameInfo* info, VsaFrame* frame) {
@@ -171,10 +228,11 @@ void FrameLoop::reportFailure(const FrameInfo& info, const Failure& failure) {
   constexpr int kMaxReports = 5;
   ++totals_.failedRuns;
   if (++failuresInInput_ > kMaxReports) return;
-  console_.note(info.input + ": " + totals_.frameNoun + " " + std::to_string(info.index) + ": " +
-                chain_.nameOf(failure.model) + ": " + failure.reason);
+  console_.note(printable(info.input) + ": " + totals_.frameNoun + " " +
+                std::to_string(info.index) + ": " + chain_.nameOf(failure.model) + ": " +
+                failure.reason);
   if (failuresInInput_ == kMaxReports) {
-    console_.note(info.input + ": further failures in this input are only counted");
+    console_.note(printable(info.input) + ": further failures in this input are only counted");
   }
 }
 

@@ -50,6 +50,9 @@ struct RunFiles {
   std::optional<RecordedObjects> recorded;
   std::optional<JsonFile> jsonFile;
 
+  /// Whether results are written to files.
+  bool any() const { return annotated || crops || jsonFile; }
+
   /// Throws std::runtime_error if the input is an output file or is in an output folder.
   void refuseIfOutput(const std::string& input) const;
 };
@@ -74,8 +77,9 @@ class FrameLoop {
   /// Reports and counts an input that cannot be processed.
   void countFailedInput(const std::string& input, const std::string& reason);
 
-  /// Whether the user has interrupted the run or standard output is closed.
-  bool isStopped() const { return Console::isInterrupted() || outputIsClosed_; }
+  /// Whether a signal has interrupted the run, or standard output is closed and no results are
+  /// written to files.
+  bool isStopped() const { return Console::isInterrupted() || (outputIsClosed_ && !files_.any()); }
   bool outputIsClosed() const { return outputIsClosed_; }
 
   /// Inputs, frames, objects and failures so far.
@@ -83,14 +87,20 @@ class FrameLoop {
 
  private:
   void failInput(const std::string& input, const std::string& reason);
-  void processImages(FrameInfo* info);
-  void processAudio(FrameInfo* info);
+  void countFailure(const std::string& input, const std::string& reason);
+  void finishOutput(const std::string& input);
+  void reportOutputFailure(const std::string& input, const std::string& reason);
+  void processImages(const std::string& input, FrameInfo* info);
+  void processAudio(const std::string& input, FrameInfo* info);
   void processFrame(const FrameSource& source, FrameInfo* info, cv::Mat* image);
+  void annotate(const FrameSource& source, const FrameInfo& info, cv::Mat* image,
+                std::vector<VsaObject> objects);
   bool wantsMore(const FrameInfo& info) const;
   void runModels(FrameInfo* info, VsaFrame* frame);
   void reportFailure(const FrameInfo& info, const Failure& failure);
   std::string frameText(const FrameInfo& info, const std::vector<VsaObject>& objects) const;
-  void writeResults(const std::string& json, const std::string& table);
+  // Returns whether the results were printed or are in a file.
+  bool writeResults(const std::string& json, const std::string& table);
   void showProgress(std::int64_t frameCount, std::int64_t framesDone);
 
   const RunOptions& options_;
@@ -103,6 +113,8 @@ class FrameLoop {
   std::size_t inputNumber_ = 0;
   std::size_t inputCount_ = 0;
   int failuresInInput_ = 0;
+  std::string outputFailure_;  // of a file of the current input; empty if there was none
+  bool videoFailed_ = false;   // the current input has no annotated video
   bool outputIsClosed_ = false;
 };
 

@@ -4,11 +4,15 @@
 #include <array>
 #include <cmath>
 #include <filesystem>
+#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <opencv2/videoio/registry.hpp>
+#include <set>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "Inputs.h"
 
@@ -77,7 +81,8 @@ class PixelLimit : public cv::MatAllocator {
   std::int64_t maxPixels_;
 };
 
-cv::Mat readImage(const std::string& path, std::int64_t maxPixels) {
+// Decodes the page of that index.
+cv::Mat readImage(const std::string& path, std::int64_t page, std::int64_t maxPixels) {
   // IMREAD_COLOR applies the orientation of a photograph, IMREAD_UNCHANGED keeps transparency. No
   // format needs both.
   constexpr std::array<std::string_view, 4> kTransparent = {".png", ".tif", ".tiff", ".webp"};
@@ -86,13 +91,54 @@ cv::Mat readImage(const std::string& path, std::int64_t maxPixels) {
   cv::Mat image;
   try {
     const PixelLimit limit(maxPixels);
-    image = cv::imread(path, mayBeTransparent ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR);
+    const int mode = mayBeTransparent ? cv::IMREAD_UNCHANGED : cv::IMREAD_COLOR;
+    if (page == 0) {
+      image = cv::imread(path, mode);
+    } else {
+      std::vector<cv::Mat> pages;
+      cv::imreadmulti(path, pages, static_cast<int>(page), 1, mode);
+      if (!pages.empty()) image = pages[0];
+    }
   } catch (const cv::Exception& error) {
     if (error.func != "validateInputImageSize") throw;
     throw std::runtime_error("its header claims more pixels than OpenCV reads");
   }
-  if (image.empty()) throw std::runtime_error("the image is damaged");
+  if (image.empty()) {
+    throw std::runtime_error(page == 0 ? "the image is damaged"
+                                       : "page " + std::to_string(page + 1) + " is damaged");
+  }
   return toBgr8(image);
+}
+
+// The number of images in a TIFF file; 1 for any other file. If a directory lies outside the file,
+// which was cut off, its page counts, so that reading it fails.
+std::int64_t countPages(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  char order[2] = {};
+  file.read(order, sizeof order);
+  const std::string_view name(order, sizeof order);
+  if (name != "II" && name != "MM") return 1;
+  const auto number = [&](int bytes) {
+    std::uint64_t value = 0;
+    for (int i = 0; i < bytes; ++i) {
+      const std::uint64_t byte = static_cast<std::uint8_t>(file.get());
+      value = name == "MM" ? value << 8 | byte : value | byte << 8 * i;
+    }
+    return value;
+  };
+  const std::uint64_t version = number(2);
+  if (version != 42 && version != 43) return 1;
+  const bool isBig = version == 43;  // BigTIFF
+  if (isBig) number(4);              // the size of an offset and zeros
+  const int offsetBytes = isBig ? 8 : 4;
+  std::set<std::uint64_t> directories;
+  for (std::uint64_t offset = number(offsetBytes);
+       file && offset != 0 && directories.insert(offset).second; offset = number(offsetBytes)) {
+    file.seekg(static_cast<std::streamoff>(offset));
+    const std::uint64_t entries = number(isBig ? 8 : 2);
+    file.seekg(static_cast<std::streamoff>(entries * (isBig ? 20 : 12)), std::ios::cur);
+  }
+  return std::max<std::int64_t>(1, std::ssize(directories));
 }
 
 // FFmpeg if OpenCV has it: other backends may interpret a file name as a camera or as the first of
@@ -106,27 +152,33 @@ int videoBackend() {
 
 }  // namespace
 
-FrameSource::FrameSource(const std::string& input, std::int64_t maxPixels) : maxPixels_(maxPixels) {
+FrameSource::FrameSource(const std::string& input, std::int64_t maxPixels)
+    : path_(pathForDecoder(input)), maxPixels_(maxPixels) {
   if (!isAddress(input)) {
     std::error_code unused;
     if (!fs::exists(input, unused)) throw std::runtime_error("no such file");
     // A pipe or device may be endless, and OpenCV opens its inputs more than once.
     if (!fs::is_regular_file(input, unused)) throw std::runtime_error("not a regular file");
-    if (cv::haveImageReader(input)) {
-      image_ = readImage(input, maxPixels);
+    if (cv::haveImageReader(path_)) {
+      image_ = readImage(path_, 0, maxPixels);
+      frameCount_ = countPages(path_);
       return;
     }
     if (hasImageExtension(input)) {
       throw std::runtime_error("not an image that OpenCV can read");
     }
   }
-  if (!video_.open(input, videoBackend())) {
+  if (!video_.open(path_, videoBackend())) {
     throw std::runtime_error(isAddress(input)
                                  ? "the stream cannot be opened"
                                  : "neither an image nor a video that OpenCV can read");
   }
   checkSize(static_cast<std::int64_t>(video_.get(cv::CAP_PROP_FRAME_WIDTH)),
             static_cast<std::int64_t>(video_.get(cv::CAP_PROP_FRAME_HEIGHT)), maxPixels);
+  const double rate = video_.get(cv::CAP_PROP_FPS);
+  if (std::isfinite(rate) && rate > 0.0 && rate <= 1000.0) frameRate_ = rate;
+  const double count = video_.get(cv::CAP_PROP_FRAME_COUNT);
+  if (count >= 1.0 && count < 1e12) frameCount_ = static_cast<std::int64_t>(count);
 }
 
 bool FrameSource::next(cv::Mat* frame) {
@@ -135,8 +187,9 @@ bool FrameSource::next(cv::Mat* frame) {
     if (!video_.read(decoded) || decoded.empty()) return false;
     checkSize(decoded.cols, decoded.rows, maxPixels_);  // a stream may change its size
     *frame = toBgr8(decoded);
-  } else if (framesRead_ == 0) {
-    *frame = image_;
+  } else if (framesRead_ < frameCount_) {
+    *frame =
+        framesRead_ == 0 ? std::exchange(image_, {}) : readImage(path_, framesRead_, maxPixels_);
   } else {
     return false;
   }
@@ -145,20 +198,10 @@ bool FrameSource::next(cv::Mat* frame) {
   return true;
 }
 
-double FrameSource::frameRate() const {
-  const double rate = video_.get(cv::CAP_PROP_FPS);
-  return std::isfinite(rate) && rate > 0.0 && rate <= 1000.0 ? rate : 25.0;
-}
-
-std::int64_t FrameSource::frameCount() const {
-  const double count = isVideo() ? video_.get(cv::CAP_PROP_FRAME_COUNT) : 1.0;
-  return count >= 1.0 && count < 1e12 ? static_cast<std::int64_t>(count) : 0;
-}
-
 double FrameSource::time() const {
   const double milliseconds = video_.get(cv::CAP_PROP_POS_MSEC);
   if (std::isfinite(milliseconds) && milliseconds > 0.0) return milliseconds / 1000.0;
-  return static_cast<double>(framesRead_ - 1) / frameRate();
+  return static_cast<double>(framesRead_ - 1) / frameRate_;
 }
 
 }  // namespace vsa

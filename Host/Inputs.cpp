@@ -24,6 +24,17 @@ constexpr std::array<std::string_view, 15> kAudioExtensions = {
     ".aac", ".aif", ".aiff", ".au",   ".caf", ".flac", ".m4a", ".mka",
     ".mp3", ".oga", ".ogg",  ".opus", ".w64", ".wav",  ".wma"};
 
+constexpr std::string_view kWhitespace = " \t\r\n";
+
+// Whether a parameter of an address with such a name is a password or replaces one.
+bool isSecret(std::string_view name) {
+  std::string lower(name);
+  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  constexpr std::string_view kParts[] = {"pass", "pwd", "token", "secret", "key", "auth", "sig"};
+  return std::ranges::any_of(
+      kParts, [&lower](std::string_view part) { return lower.find(part) != std::string::npos; });
+}
+
 template <std::size_t size>
 bool endsWithOneOf(const fs::path& path, const std::array<std::string_view, size>& extensions) {
   return std::ranges::find(extensions, lowerCaseExtension(path.string())) != extensions.end();
@@ -145,18 +156,23 @@ std::vector<fs::path> mediaIn(const fs::path& folder, Media media) {
   return files;
 }
 
-// Adds a file, or the files in a folder.
-void addPath(const fs::path& path, bool recursive, Media media, InputList* list) {
+// Adds a file that was found in a folder. Opening a pipe there could wait for ever.
+void addFound(const fs::path& file, InputList* list) {
   std::error_code unused;
-  if (!fs::is_directory(path, unused)) {
-    list->inputs.push_back(path.string());
-    return;
+  if (fs::is_other(file, unused)) {
+    list->problems.push_back({file.string(), "not a regular file"});
+  } else {
+    list->inputs.push_back(file.string());
   }
+}
+
+// Adds the files in a folder.
+void addFolder(const fs::path& path, bool recursive, Media media, InputList* list) {
   try {
     const std::vector<fs::path> files = recursive
                                             ? mediaIn<fs::recursive_directory_iterator>(path, media)
                                             : mediaIn<fs::directory_iterator>(path, media);
-    for (const fs::path& file : files) list->inputs.push_back(file.string());
+    for (const fs::path& file : files) addFound(file, list);
     if (files.empty()) {
       const std::string kind = media == Media::kAudio ? "audio" : "image";
       list->problems.push_back({path.string(), "no " + kind + " or video in this folder"});
@@ -172,8 +188,12 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
   InputList list;
   for (const std::string& argument : arguments) {
     std::error_code unused;
+    if (!isAddress(argument) && fs::is_directory(argument, unused)) {
+      addFolder(argument, recursive, media, &list);
+      continue;
+    }
     if (isAddress(argument) || fs::exists(argument, unused) || !hasWildcard(argument)) {
-      addPath(argument, recursive, media, &list);
+      list.inputs.push_back(argument);
       continue;
     }
     std::vector<fs::path> found;
@@ -182,7 +202,13 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
     expandPattern(pattern.root_path(), parts.begin(), parts.end(), &found);
     std::sort(found.begin(), found.end());
     if (found.empty()) list.problems.push_back({argument, "no file matches this pattern"});
-    for (const fs::path& path : found) addPath(path, recursive, media, &list);
+    for (const fs::path& path : found) {
+      if (fs::is_directory(path, unused)) {
+        addFolder(path, recursive, media, &list);
+      } else {
+        addFound(path, &list);
+      }
+    }
   }
   return list;
 }
@@ -213,7 +239,40 @@ bool hasImageExtension(const std::string& path) {
 }
 
 bool isAddress(const std::string& input) {
-  return input.find("://") != std::string::npos;
+  const std::size_t scheme = input.find("://");
+  return scheme != std::string::npos && input.find('/') > scheme;
+}
+
+std::string pathForDecoder(const std::string& input) {
+  return isAddress(input) ? input : fs::absolute(input).string();
+}
+
+std::string withoutPasswords(std::string_view text) {
+  std::string masked;
+  std::size_t copied = 0;
+  const auto mask = [&](std::size_t begin, std::size_t end) {
+    masked += text.substr(copied, begin - copied);
+    masked += "***";
+    copied = end;
+  };
+  for (std::size_t at = text.find("://"); at != std::string_view::npos; at = text.find("://", at)) {
+    at += 3;
+    const std::size_t end = std::min(text.find_first_of(kWhitespace, at), text.size());
+    const std::size_t host = std::min(text.find_first_of("/?#", at), end);
+    const std::size_t user = text.substr(at, host - at).rfind('@');
+    const std::size_t colon = text.substr(at, host - at).find(':');
+    if (user != std::string_view::npos && colon < user) mask(at + colon + 1, at + user);
+    // Parameters of the query, "?user=x&password=y".
+    for (std::size_t name = text.substr(0, end).find_first_of("?&", host); name < end;) {
+      const std::size_t next = std::min(text.find('&', name + 1), end);
+      const std::size_t equals = text.substr(0, next).find('=', name);
+      if (equals != std::string_view::npos && isSecret(text.substr(name, equals - name))) {
+        mask(equals + 1, next);
+      }
+      name = next;
+    }
+  }
+  return masked.append(text.substr(copied));
 }
 
 }  // namespace vsa

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "Messages.h"
 #include "Text.h"
 
 namespace vsa {
@@ -79,9 +80,18 @@ bool JsonFile::isSameFile(const std::string& path) const {
 }
 
 void JsonFile::write(const std::string& line) {
-  if (!(stream_ << line << std::flush)) {
-    throw std::runtime_error(path_ + ": the file cannot be written");
+  if (stream_ << line << std::flush) {
+    ++lines_;
+    bytes_ += line.size();
+    return;
   }
+  stream_.close();
+  std::error_code unused;
+  if (std::filesystem::is_regular_file(path_, unused)) {
+    std::filesystem::resize_file(path_, bytes_, unused);
+  }
+  throw std::runtime_error(path_ + ": the file cannot be written; it ends after " +
+                           counted(lines_, "line"));
 }
 
 }  // namespace vsa

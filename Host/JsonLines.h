@@ -3,6 +3,7 @@
 
 #include <json/json.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -36,12 +37,15 @@ class JsonFile {
   /// Whether `path` leads to the same file.
   bool isSameFile(const std::string& path) const;
 
-  /// Throws std::runtime_error if the line cannot be written.
+  /// Throws std::runtime_error if the line cannot be written; the file then ends with the line
+  /// before.
   void write(const std::string& line);
 
  private:
   std::string path_;
   std::ofstream stream_;
+  std::int64_t lines_ = 0;
+  std::uintmax_t bytes_ = 0;  // of the lines written so far
 };
 
 }  // namespace vsa

@@ -1,12 +1,16 @@
 // Inputs are never overwritten: an output folder that contains an input is rejected, and a link
-// with the name of an output is removed before the output is written.
+// with the name of an output is removed before the output is written. Every file is checked when it
+// is closed; one that could not be completed is removed.
 #include "Output.h"
 
 #include <algorithm>
 #include <cctype>
+#include <cstdint>
+#include <fstream>
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
+#include <utility>
 
 #include "Inputs.h"
 
@@ -15,10 +19,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A file name for an address: the part after the last slash, with "_" for special characters.
+// A file name for an address: the part after the last slash, without user and password, with "_"
+// for special characters.
 std::string nameOfAddress(const std::string& address) {
   std::string name = address.substr(0, address.find_first_of("?#"));
   name = name.substr(name.rfind('/') + 1);
+  if (address.find("://" + name) != std::string::npos) name = name.substr(name.rfind('@') + 1);
   for (char& c : name) {
     if (std::isalnum(static_cast<unsigned char>(c)) == 0 && c != '.') c = '_';
   }
@@ -28,6 +34,20 @@ std::string nameOfAddress(const std::string& address) {
 std::string lowerCase(std::string text) {
   for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   return text;
+}
+
+// Encodes the image in the format of the extension. The file is not written by OpenCV because it
+// does not report all errors.
+void encode(const cv::Mat& image, const fs::path& path) {
+  std::vector<std::uint8_t> bytes;
+  if (!cv::imencode(path.extension().string(), image, bytes)) {
+    throw std::runtime_error(path.string() + ": the image cannot be encoded");
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!file) throw std::runtime_error(path.string() + " cannot be written");
+  file.write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
+  file.close();
+  if (!file) discard(path, "image");
 }
 
 }  // namespace
@@ -66,57 +86,54 @@ fs::path OutputFolder::newFile(const std::string& input, const std::string& suff
   return file;
 }
 
-void AnnotatedOutput::write(const std::string& input, double frameRate, cv::Mat* frame,
-                            const std::vector<VsaObject>& objects) {
-  if (frameRate > 0.0 && !video_.isOpened()) openVideo(input, frameRate, frame->size());
-  painter_.paint(frame, objects);
-  if (frameRate > 0.0) {
-    // The frame size of a stream may change, that of a file cannot.
-    if (frame->size() != videoSize_) cv::resize(*frame, *frame, videoSize_);
-    video_.write(*frame);
-    return;
+void AnnotatedOutput::writeVideo(const FrameInfo& info, double frameRate, cv::Mat image,
+                                 std::vector<VsaObject> objects) {
+  if (!video_) {
+    video_ = std::make_unique<VideoFile>(folder_.newFile(info.input, "", ".mp4"), frameRate,
+                                         image.size(), painter_);
   }
-  std::string extension = fs::path(input).extension().string();
-  if (extension.empty() || !cv::haveImageWriter("name" + extension)) extension = ".png";
-  const std::string file = folder_.newFile(input, "", extension).string();
-  if (!cv::imwrite(file, *frame)) throw std::runtime_error(file + " cannot be written");
+  video_->write(std::move(image), std::move(objects));
 }
 
-void AnnotatedOutput::openVideo(const std::string& input, double frameRate, const cv::Size& size) {
-  const std::string file = folder_.newFile(input, "", ".mp4").string();
-  videoSize_ = size;
-  // H.264, which every player supports, if there is an encoder; else MPEG-4 part 2, which is nearly
-  // always there.
-  for (const char* codec : {"avc1", "mp4v"}) {
-    if (video_.open(file, cv::VideoWriter::fourcc(codec[0], codec[1], codec[2], codec[3]),
-                    frameRate, size)) {
-      return;
-    }
-  }
-  throw std::runtime_error(file + " cannot be written");
+void AnnotatedOutput::writeImage(const FrameInfo& info, cv::Mat* image,
+                                 const std::vector<VsaObject>& objects) {
+  painter_.paint(image, objects);
+  std::string extension = fs::path(info.input).extension().string();
+  // The formats of grey images cannot hold coloured annotations.
+  const bool isGrey = extension == ".pgm" || extension == ".pbm";
+  if (extension.empty() || isGrey || !cv::haveImageWriter("name" + extension)) extension = ".png";
+  std::string suffix;
+  if (info.pages > 1) suffix.append("-").append(std::to_string(info.page()));
+  encode(*image, folder_.newFile(info.input, suffix, extension));
 }
 
 void AnnotatedOutput::finish() {
-  video_.release();
+  if (const std::unique_ptr<VideoFile> video = std::move(video_)) video->finish();
 }
 
-std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
-                                    const std::vector<VsaObject>& objects, OutputFolder* folder) {
-  std::vector<std::string> files;
-  for (const VsaObject& object : objects) {
-    std::string& file = files.emplace_back();
-    cv::Rect area = cv::boundingRect(cornersOf(object));
-    --area.width;  // corners lie between pixels
-    --area.height;
-    area &= cv::Rect(cv::Point(0, 0), frame.size());
-    if (area.empty()) continue;
-    std::string suffix = "-";
-    if (info.time) suffix.append(std::to_string(info.index)).append("-");
-    suffix += std::to_string(files.size());
-    file = folder->newFile(info.input, suffix, ".png").string();
-    if (!cv::imwrite(file, frame(area))) throw std::runtime_error(file + " cannot be written");
+Crops writeCrops(const FrameInfo& info, const cv::Mat& frame, const std::vector<VsaObject>& objects,
+                 OutputFolder* folder) {
+  Crops crops;
+  crops.files.resize(objects.size());
+  try {
+    for (std::size_t i = 0; i < objects.size(); ++i) {
+      cv::Rect area = cv::boundingRect(cornersOf(objects[i]));
+      --area.width;  // corners lie between pixels
+      --area.height;
+      area &= cv::Rect(cv::Point(0, 0), frame.size());
+      if (area.empty()) continue;
+      std::string suffix = "-";
+      if (info.time) suffix.append(std::to_string(info.index)).append("-");
+      if (info.pages > 1) suffix.append(std::to_string(info.page())).append("-");
+      suffix += std::to_string(i + 1);
+      const fs::path file = folder->newFile(info.input, suffix, ".png");
+      encode(frame(area), file);
+      crops.files[i] = file.string();
+    }
+  } catch (const std::exception& error) {
+    crops.failure = error.what();
   }
-  return files;
+  return crops;
 }
 
 }  // namespace vsa

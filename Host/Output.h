@@ -4,14 +4,15 @@
 #include <TolCompatible/TolCompatible.h>
 
 #include <filesystem>
+#include <memory>
 #include <opencv2/core.hpp>
-#include <opencv2/videoio.hpp>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "Draw.h"
 #include "Frame.h"
+#include "VideoFile.h"
 
 namespace vsa {
 
@@ -44,27 +45,35 @@ class AnnotatedOutput {
 
   const OutputFolder& folder() const { return folder_; }
 
-  /// Draws into `*frame` and writes it: as an image file if `frameRate` is 0, else as the next
-  /// frame of a video. Throws std::exception with a reason.
-  void write(const std::string& input, double frameRate, cv::Mat* frame,
-             const std::vector<VsaObject>& objects);
+  /// Draws into `*image` and writes it. Throws std::exception with a reason.
+  void writeImage(const FrameInfo& info, cv::Mat* image, const std::vector<VsaObject>& objects);
 
-  /// Completes the video of the current input.
+  /// Appends a frame to the video of the current input, in another thread: the pixels of the image
+  /// must not be used afterwards. Throws std::exception with a reason if the first frame cannot be
+  /// written; finish() reports later failures.
+  void writeVideo(const FrameInfo& info, double frameRate, cv::Mat image,
+                  std::vector<VsaObject> objects);
+
+  /// Completes the video of the current input, if there is one. Throws std::runtime_error if it
+  /// could not be written completely; it is removed then.
   void finish();
 
  private:
-  void openVideo(const std::string& input, double frameRate, const cv::Size& size);
-
   OutputFolder folder_;
   Painter painter_;
-  cv::VideoWriter video_;
-  cv::Size videoSize_;
+  std::unique_ptr<VideoFile> video_;  // of the current input; uses the painter
+};
+
+/// The files that writeCrops() wrote.
+struct Crops {
+  std::vector<std::string> files;  ///< In the order of the objects, "" if there is no file.
+  std::string failure;             ///< Why not all could be written; empty if they were.
 };
 
 /// Writes the objects of a frame as PNG files. They are named after the input, the frame (of a
-/// video) and the number of the object from 1. Returns their paths in the order of the objects, ""
-/// for an object without a pixel in the frame. Throws std::runtime_error if one cannot be written.
-std::vector<std::string> writeCrops(const FrameInfo& info, const cv::Mat& frame,
-                                    const std::vector<VsaObject>& objects, OutputFolder* folder);
+/// video) or page and the number of the object from 1. There is no file for an object without a
+/// pixel in the frame. After a failure no further files are written.
+Crops writeCrops(const FrameInfo& info, const cv::Mat& frame, const std::vector<VsaObject>& objects,
+                 OutputFolder* folder);
 
 }  // namespace vsa

@@ -114,6 +114,9 @@ std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& obje
   if (info.time) {
     table += "frame " + std::to_string(info.index) + " (" + fixed(*info.time, 3) + " s), ";
   }
+  if (info.pages > 1) {
+    table += "page " + std::to_string(info.page()) + " of " + std::to_string(info.pages) + ", ";
+  }
   table += std::to_string(info.width) + " x " + std::to_string(info.height) + ", " +
            counted(std::ssize(objects), "object") + "\n";
   if (objects.empty()) return table;
@@ -177,6 +180,10 @@ std::string frameJson(const FrameInfo& info, const std::vector<VsaObject>& objec
   setPath(&json, "input", info.input);
   json["frame"] = static_cast<Json::Int64>(info.index);
   if (info.time) json["time"] = roundedSeconds(*info.time);
+  if (info.pages > 1) {
+    json["page"] = static_cast<Json::Int64>(info.page());
+    json["pages"] = static_cast<Json::Int64>(info.pages);
+  }
   json["width"] = info.width;
   json["height"] = info.height;
   json["objects"] = Json::arrayValue;

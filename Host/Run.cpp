@@ -194,8 +194,10 @@ int runPipeline(const RunOptions& options, Console* console, const LogToConsole&
   totals.models = chain->times();
   totals.loadingSeconds = chain->loadingSeconds();
   console->clear();
-  if (!options.quiet) std::fputs(summary(totals).c_str(), stderr);
-  if (Console::isInterrupted()) return kInterrupted;
+  const int signal = Console::interruptSignal();
+  if (signal != 0) console->note("interrupted");
+  if (!options.quiet) std::fputs(printableLines(summary(totals)).c_str(), stderr);
+  if (signal != 0) return 128 + signal;
   const bool failed = totals.failedInputs + totals.failedRuns > 0 || loop.outputIsClosed();
   return failed || !isComplete ? kSomeFailed : kDone;
 }
@@ -250,7 +252,9 @@ class Run : public Command {
     add("--max-pixels", options_.maxPixels, "NUMBER",
         "Refuse images and videos with more pixels (default 200000000)")
         ->check(CLI::Range(std::int64_t{1}, kMaxBytes / 3).description(""));
-    addMaxFrames(command, "Stop each video after this many frames, audio after as many blocks");
+    addMaxFrames(command,
+                 "Stop each video after this many frames, a file after as many pages, audio after "
+                 "as many blocks");
     command->add_flag("-q,--quiet", options_.quiet, "Print no summary at the end");
     addVerbose(command);
     command->callback([this] {

@@ -26,6 +26,10 @@ constexpr Range kWide[] = {
 constexpr Range kNarrow[] = {
     {0x0300, 0x036F}, {0x200B, 0x200F}, {0x20D0, 0x20FF}, {0xFE00, 0xFE0F}, {0xFEFF, 0xFEFF}};
 
+// Characters that control a terminal: C0, DEL and C1, and those that change the direction of text,
+// so that a name could look like another one.
+constexpr Range kControls[] = {{0x00, 0x1F}, {0x7F, 0x9F}, {0x202A, 0x202E}, {0x2066, 0x2069}};
+
 template <std::size_t size>
 bool isIn(const Range (&ranges)[size], char32_t codePoint) {
   const Range* range =
@@ -142,8 +146,19 @@ std::string printable(std::string_view text) {
   std::string shown;
   for (std::size_t position = 0; position < text.size();) {
     const char32_t codePoint = nextCodePoint(text, &position);
-    const bool control = codePoint < 0x20 || (codePoint >= 0x7F && codePoint < 0xA0);
-    appendUtf8(control ? kReplacement : codePoint, &shown);
+    appendUtf8(isIn(kControls, codePoint) ? kReplacement : codePoint, &shown);
+  }
+  return shown;
+}
+
+std::string printableLines(std::string_view text) {
+  std::string shown;
+  for (std::size_t start = 0; start < text.size();) {
+    const std::size_t end = text.find('\n', start);
+    shown += printable(text.substr(start, end - start));
+    if (end == std::string_view::npos) break;
+    shown += '\n';
+    start = end + 1;
   }
   return shown;
 }

@@ -21,9 +21,12 @@ void appendUtf8(char32_t codePoint, std::string* text);
 /// The text with kReplacement for bytes that are not UTF-8.
 std::string repairUtf8(std::string_view text);
 
-/// The text as valid UTF-8 without control characters, so that a class name cannot move the cursor
-/// of a terminal.
+/// The text as valid UTF-8 in which kReplacement replaces control characters and characters that
+/// change the direction of text, so that a name cannot move the cursor of a terminal.
 std::string printable(std::string_view text);
+
+/// The same, but line breaks are kept.
+std::string printableLines(std::string_view text);
 
 /// Converts GBK (code page 936) to UTF-8, with kReplacement for bytes that are not GBK and for an
 /// incomplete character at the end. Throws std::runtime_error if iconv does not support GBK.

@@ -5,10 +5,13 @@
 
 #include <CLI/CLI.hpp>
 #include <cstdlib>
+#include <iostream>
 #include <memory>
+#include <sstream>
 #include <string>
 
 #include "Command.h"
+#include "Text.h"
 
 int main(int argc, char** argv) {
   // Suppresses messages of FFmpeg inside OpenCV about files that are not videos, and those of the
@@ -32,7 +35,11 @@ int main(int argc, char** argv) {
   try {
     program.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return program.exit(error) == 0 ? vsa::kDone : vsa::kUsageError;
+    // The message can repeat any argument.
+    std::ostringstream message;
+    const bool isHelp = program.exit(error, std::cout, message) == 0;
+    std::cerr << vsa::printableLines(message.str());
+    return isHelp ? vsa::kDone : vsa::kUsageError;
   }
   for (const auto& command : commands) {
     if (command->isChosen()) return command->execute();

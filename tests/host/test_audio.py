@@ -109,11 +109,12 @@ class AudioTest(VsaCase):
                self.write_wav("huge.wav", bytes(4000), 655350, 1000, FLOAT, 4)]
         self.serve(spectrum(0, -75))
         short = self.write_wav("short.wav", b"ab", rate=1)
-        frames = self.run_json(*bad, short, status=1)
+        os.mkfifo(self.write("pipes/x", b"").with_name("pipe.wav"))
+        frames = self.run_json(*bad, "pipes", short, status=1)
         self.assertEqual([frame["input"] for frame in frames], [str(short)])
         self.assertEqual(self.requests[0]["audio_nb_samples"], 1)
-        self.assertIn("6 inputs, 1 block, ", self.err)
-        self.assertIn("5 inputs failed", self.err)
+        self.assertIn("7 inputs, 1 block, ", self.err)
+        self.assertIn("6 inputs failed", self.err)
 
     def test_table_and_options(self):
         self.write_wav("in/a.wav", bytes(16000))

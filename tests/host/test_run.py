@@ -1,15 +1,53 @@
 """What the options of vsa run do with inputs and results, and how a run ends."""
 
+import http.server
 import json
 import os
+import random
 import re
+import shutil
 import signal
+import socket
 import struct
+import subprocess
 import sys
+import threading
 import time
 import unittest
 
 from vsa_case import PICTURES, VSA, ChainCase, parse_lines, png
+
+if os.name != "nt":
+    import fcntl
+    import termios
+
+
+def tiff(*sizes):
+    """A file with a white page of each size."""
+    data = b"II*\0"
+    for width, height in sizes:
+        data += struct.pack("<I", len(data) + 4 + 3 * width * height)
+        tags = ((256, width), (257, height), (258, 8), (259, 1), (262, 2),
+                (273, len(data)), (277, 3), (278, height), (279, 3 * width * height))
+        data += b"\xff" * (3 * width * height) + struct.pack("<H", len(tags))
+        data += b"".join(struct.pack("<HHII", tag, 4, 1, value) for tag, value in tags)
+    return data + bytes(4)
+
+
+def avi(announced, present):
+    """A video of raw pixels, 64 x 48 at 10 frames per second."""
+    def chunk(name, data):
+        return name + struct.pack("<I", len(data)) + data
+
+    pixels = 64 * 48 * 3
+    main = struct.pack("<14I", 100000, 0, 0, 0, announced, 0, 1, pixels, 64, 48, 0, 0, 0, 0)
+    stream = struct.pack("<4s4s10I2I", b"vids", b"DIB ", 0, 0, 0, 1, 10, 0, announced, pixels, 0, 0,
+                         0, 0)
+    image = struct.pack("<IiiHHIIiiII", 40, 64, 48, 1, 24, 0, pixels, 0, 0, 0, 0)
+    tracks = chunk(b"LIST", b"strl" + chunk(b"strh", stream) + chunk(b"strf", image))
+    header = chunk(b"LIST", b"hdrl" + chunk(b"avih", main) + tracks)
+    frames = chunk(b"LIST", b"movi" + chunk(b"00db", b"\x80" * pixels) * present)
+    return chunk(b"RIFF", b"AVI " + header + frames)
 
 
 class RunTest(ChainCase):
@@ -142,6 +180,8 @@ class RunTest(ChainCase):
         self.write("good.png", png(10, 10000))
         (self.folder / "empty").mkdir()
         os.mkfifo(self.folder / "pipe.png")
+        (self.folder / "pipes").mkdir()
+        os.mkfifo(self.folder / "pipes/pipe.png")
         for name, content, sentence in (
                 ("a.png", png(100000, 100000, rows=b""), header),
                 ("b.png", png(20000, 20000, rows=b""), limit),
@@ -158,16 +198,93 @@ class RunTest(ChainCase):
                 ("none.png", None, "no such file"),
                 ("none*.png", None, ".+"),
                 ("empty", None, ".+"),
-                ("pipe.png", None, "not a regular file")):
+                ("pipe.png", None, "not a regular file"),
+                ("pipes", None, None)):
             if content is not None:
                 self.write(name, content)
             self.assertEqual(len(self.run_json(name, "good.png", status=1)), 1, name)
-            self.check_error(f"{re.escape(name)}: {sentence}")
+            self.check_error(f"{re.escape(name)}: {sentence}" if sentence else
+                             "pipes/pipe.png: not a regular file")
             self.assertIn("1 input failed", self.err)
         video = self.write_video(3)
         self.assertEqual(self.run_json(video, "good.png", "--max-pixels", 3000, status=1), [])
         self.check_error(f"{video}: its 64 x 48 pixels are more than the limit of 3000")
         self.assertIn("2 inputs failed", self.err)
+
+    def test_videos_that_end_early(self):
+        self.write("whole.avi", avi(announced=10, present=10))
+        self.write("cut.avi", avi(announced=100, present=10))
+        self.assertEqual(len(self.run_json("whole.avi")), 10)
+        done = subprocess.run([VSA, "run", "--stdin", self.pipeline, "--output", "out"],
+                              input=b"cut.avi\nwhole.avi\n", cwd=self.folder, capture_output=True)
+        sentence = "the video ends after 10 of about 100 frames"
+        lines = parse_lines(done.stdout.decode())
+        self.assertEqual([line.get("error") for line in lines],
+                         [None] * 10 + [sentence] + [None] * 10)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(f"vsa: cut.avi: {sentence}\n", done.stderr.decode())
+        self.assertEqual(len(self.run_json("out/cut.mp4")), 10)
+
+    def test_pages_of_a_tiff_file(self):
+        pages = tiff((64, 64), (128, 64), (64, 200))
+        self.write("scan.tiff", pages)
+        frames = self.run_json("scan.tiff", "--output", "out", "--crops", "crops")
+        self.assertEqual([(frame["frame"], frame["page"], frame["pages"], frame["width"])
+                          for frame in frames], [(0, 1, 3, 64), (1, 2, 3, 128), (2, 3, 3, 64)])
+        self.assertEqual(frames[1]["objects"][0]["crop"], "crops/scan-2-1.png")
+        self.assertEqual(sorted(os.listdir(self.folder / "out")),
+                         ["scan-1.tiff", "scan-2.tiff", "scan-3.tiff"])
+        self.assertNotIn("page", self.run_json(self.write("one.tif", tiff((64, 64))))[0])
+        self.assertIn("scan.tiff: page 2 of 3, 128 x 64, 2 objects\n",
+                      self.vsa("run", self.pipeline, "scan.tiff", "--max-frames", "2"))
+        self.write("cut.tiff", pages[:-1000])
+        self.assertEqual(len(self.run_json("cut.tiff", status=1)), 2)
+        self.check_error("cut.tiff: page 3 is damaged")
+
+    @unittest.skipIf(os.name == "nt", "such names are not possible")
+    def test_names_are_neither_protocols_nor_commands(self):
+        with socket.create_server(("127.0.0.1", 0)) as server:
+            server.settimeout(0)
+            names = ["10:30:05.y4m", f"tcp:127.0.0.1:{server.getsockname()[1]}.y4m",
+                     "-\x1b[31m\u202e\u2066\x9b.y4m"]
+            for name in names:
+                self.write_video(2).rename(self.folder / name)
+            self.assertEqual(len(self.run_json("--output", "10:30", "--", *names)), 6)
+            self.assertEqual(sorted(os.listdir(self.folder / "10:30")),
+                             sorted(name.replace("y4m", "mp4") for name in names))
+            self.assertRaises(BlockingIOError, server.accept)
+        self.write(names[2] + "\n.png", b"text")
+        self.vsa("run", self.pipeline, "--", *names, *self.folder.glob("*.png"), status=1)
+        controls = "[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]"
+        self.assertNotRegex(self.out + self.err, controls)
+        self.assertIn("-\ufffd[31m\ufffd\ufffd\ufffd.y4m\ufffd.png: ", self.err)
+        self.vsa("run", self.pipeline, "--no\x1b[31m", status=2)
+        self.assertIn("--no\ufffd[31m", self.err)
+
+    def test_passwords_are_never_shown(self):
+        video = self.write_video(3).read_bytes()
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.wfile.write(b"HTTP/1.0 200 OK\r\n\r\n" + video)
+
+            log_message = lambda *_: None
+
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler) as server:
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            host = f"127.0.0.1:{server.server_port}"
+            addresses = [f"http://me:hush@{host}", f"http://{host}/?user=me&password=hush"]
+            frames = self.run_json(*addresses, "--output", "out", "--json-file", "found")
+            self.vsa("run", self.pipeline, f"http://me:hush@{host}")
+            self.assertIn(f"http://me:***@{host}: frame 2", self.out)
+            server.shutdown()
+        inputs = [f"http://me:***@{host}", f"http://{host}/?user=me&password=***"]
+        self.assertEqual([frame["input"] for frame in frames], sorted(inputs * 3, reverse=True))
+        self.vsa("run", self.pipeline, f"http://me:hush@{host}/", status=1)
+        self.check_error(rf"http://me:\*\*\*@{host}/: the stream cannot be opened")
+        names = os.listdir(self.folder / "out")
+        self.assertEqual(len(names), 2)
+        self.assertNotIn("hush", str(names) + (self.folder / "found").read_text() + self.err)
 
     def test_links_to_folders_are_not_followed(self):
         (self.folder / "deep/er").mkdir(parents=True)
@@ -185,30 +302,78 @@ class EndTest(ChainCase):
         self.use(self.detector)
 
     @unittest.skipIf(os.name == "nt", "needs POSIX signals")
-    def test_results_are_complete_after_an_interrupt(self):
+    def test_results_are_complete_after_a_signal(self):
         video = self.write_video(5000)
-        process = self.start(VSA, "run", self.pipeline, "--json", video, "--output", "out")
-        lines = [process.stdout.readline() for _ in range(3)]
-        process.send_signal(signal.SIGINT)
-        out = process.stdout.read()  # communicate() would lose what readline() has buffered
-        err = process.stderr.read()
-        self.assertEqual(process.wait(timeout=60), 130, err)
-        frames = [json.loads(line) for line in lines + out.splitlines()]
-        self.assertLess(len(frames), 5000)
-        self.assertIn(f"{len(frames)} frames", err.decode())
-        self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            process = self.start(VSA, "run", self.pipeline, "--json", video, "--output", "out")
+            lines = [process.stdout.readline() for _ in range(3)]
+            process.send_signal(number)
+            out = process.stdout.read()  # communicate() would lose what readline() has buffered
+            err = process.stderr.read().decode()
+            self.assertEqual(process.wait(timeout=60), 128 + number, err)
+            frames = [json.loads(line) for line in lines + out.splitlines()]
+            self.assertLess(len(frames), 5000)
+            self.assertRegex(err, rf"^vsa: interrupted\n1 input, {len(frames)} frames")
+            self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
 
-    def test_closed_pipe(self):
-        process = self.start(VSA, "run", self.pipeline, self.write_video(5000), "--output", "out")
-        process.stdout.readline()
-        process.stdout.close()
-        start = time.monotonic()
-        self.assertEqual(process.wait(timeout=60), 1)
-        self.assertLess(time.monotonic() - start, 20)
-        self.assertNotIn(b"cannot be written", process.stderr.read())
-        self.assertGreater((self.folder / "out/video.mp4").stat().st_size, 0)
+    @unittest.skipIf(os.name == "nt", "needs POSIX signals")
+    def test_second_signal_ends_at_once(self):
+        process = self.start(VSA, "run", self.pipeline, "--json", self.write_video(5000))
+
+        def unread():
+            return fcntl.ioctl(process.stdout, termios.FIONREAD, b"\0" * 4)
+
+        before = b""
+        while before in (b"", b"\0" * 4) or unread() != before:  # until the pipe is full
+            before = unread()
+            time.sleep(0.5)
+        process.send_signal(signal.SIGHUP)
+        time.sleep(0.2)
+        self.assertIsNone(process.poll())
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(process.wait(timeout=10), -signal.SIGTERM)
+
+    def test_closed_standard_output(self):
+        video = self.write_video(500)
+        for options, end in (([], "the run ends"),
+                             (["--output", "out"], "they are only written to the files"),
+                             (["--json-file", "found"], "they are only written to the files")):
+            process = self.start(VSA, "run", self.pipeline, video, *options)
+            process.stdout.readline()
+            process.stdout.close()
+            err = process.stderr.read().decode()
+            self.assertEqual(process.wait(timeout=60), 1)
+            self.assertRegex(err, rf"^vsa: no results can be printed; {end}\n1 input, ")
+            self.assertEqual("1 input, 500 frames, 1000 objects" in err, bool(options), err)
+        self.assertEqual(len(self.run_json("out/video.mp4")), 500)
+        self.assertEqual(len(parse_lines((self.folder / "found").read_text())), 500)
 
     @unittest.skipUnless(os.path.exists("/dev/full"), "needs /dev/full")
+    def test_full_device(self):
+        frame, = self.run_json("blue.png", "--json-file", "/dev/full", status=1)
+        self.assertEqual(len(frame["objects"]), 2)
+        self.check_error("/dev/full: the file cannot be written; it ends after 0 lines")
+
     def test_full_disk(self):
-        self.vsa("run", self.pipeline, "blue.png", "--json-file", "/dev/full", status=1)
-        self.assertIn("/dev/full: the file cannot be written", self.err)
+        disk = self.folder / "disk"
+        disk.mkdir()
+        mount = ["mount", "-t", "tmpfs", "-o", "size=8k", "none", disk]
+        if shutil.which("mount") is None or subprocess.run(mount, stderr=-1).returncode != 0:
+            self.skipTest("a full disk needs the right to mount a tmpfs")
+        self.addCleanup(subprocess.run, ["umount", disk], check=True)
+        rows = b"".join(b"\0" + random.Random(i).randbytes(600) for i in range(200))
+        image = self.write("noise.png", png(200, 200, rows=rows))
+        video = self.write_video(300)
+        for input_, option, kind, count in ((video, "--output", "video", 300),
+                                            (image, "--output", "image", 1),
+                                            (image, "--crops", "image", 1)):
+            frames = self.run_json(input_, option, "disk", status=1)
+            self.assertEqual([len(frame["objects"]) for frame in frames], [2] * count)
+            self.assertNotIn("crop", str(frames))
+            self.check_error(rf"{input_}: disk/.+: the {kind} could not be written completely "
+                             "and was removed")
+            self.assertIn("1 input failed", self.err)
+            self.assertEqual(list(disk.iterdir()), [])
+        lines = self.run_json(video, "--json-file", "disk/found.jsonl", status=1)
+        self.check_error(rf"disk/found.jsonl: .+; it ends after {len(lines) - 1} lines")
+        self.assertEqual(parse_lines((disk / "found.jsonl").read_text()), lines[:-1])
