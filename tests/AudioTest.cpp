@@ -317,7 +317,7 @@ TEST(ParsePlainReply, ReturnsWhatJsoncppReturns) {
                                 "99999999",
                                 "code",
                                 "1000.0",
-                                "\0",
+                                std::string(1, '\0'),
                                 "\"code\":1000,",
                                 "\"mel_spec\":[[2]],",
                                 "\t"};
