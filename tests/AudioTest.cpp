@@ -5,10 +5,10 @@
 #include <json/json.h>
 
 #include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <chrono>
 #include <cstdlib>
-#include <cstring>
 #include <iostream>
 #include <ostream>
 #include <random>
@@ -274,8 +274,9 @@ TEST(AudioToMelSpec, HandlesEveryReplyAndFault) {
 }
 
 bool haveSameBits(const MelSpectrogram& a, const MelSpectrogram& b) {
-  return std::ranges::equal(a, b, [](const std::vector<float>& x, const std::vector<float>& y) {
-    return x.size() == y.size() && std::memcmp(x.data(), y.data(), x.size() * sizeof(float)) == 0;
+  const auto bits = std::bit_cast<std::uint32_t, float>;
+  return std::ranges::equal(a, b, [bits](const auto& x, const auto& y) {
+    return std::ranges::equal(x, y, {}, bits, bits);
   });
 }
 
