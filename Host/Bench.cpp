@@ -1,17 +1,18 @@
-// The command "bench": measures the models of a pipeline. After every run of a model (in every
-// second round: before it), its network is run without the library the same number of times, so
-// that both are measured under the same conditions.
+// The command "bench": measures the models of a pipeline one by one, or with --contexts several
+// copies of all of them at the same time. One by one, after every run of a model (in every second
+// round: before it), its network is run without the library the same number of times, so that both
+// are measured under the same conditions.
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <fstream>
-#include <limits>
 #include <memory>
 #include <numeric>
 #include <stdexcept>
 
+#include "BenchContexts.h"
+#include "BenchSupport.h"
 #include "Command.h"
 #include "Frame.h"
 #include "FrameSource.h"
@@ -20,12 +21,7 @@
 #include "Messages.h"
 #include "Model.h"
 #include "ModelFile.h"
-#include "PipelineCheck.h"
 #include "Text.h"
-
-#if defined(__linux__)
-#include <unistd.h>
-#endif
 
 namespace vsa {
 namespace {
@@ -33,24 +29,11 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int kWarmUpRuns = 3;
+constexpr int kMaxContexts = 1000;
 constexpr std::size_t kMaxFrames = 16;  // of a video; they are kept in memory
-constexpr double kUnknown = std::numeric_limits<double>::quiet_NaN();
 
 double millisecondsSince(Clock::time_point start) {
   return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
-}
-
-// Resident memory of the process in MB; kUnknown if the system does not report it.
-double residentMegabytes() {
-#if defined(__linux__)
-  std::ifstream file("/proc/self/statm");
-  double pages = 0.0;
-  double resident = 0.0;
-  if (file >> pages >> resident) {
-    return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
-  }
-#endif
-  return kUnknown;
 }
 
 // The shape of the network input for this frame.
@@ -77,21 +60,12 @@ std::vector<std::int64_t> inputShape(const ModelSpec& spec, const VsaFrame& fram
   return {1, 3, height, width};
 }
 
-// Percentile by the nearest-rank method: the smallest value such that at least `fraction` (0 to 1)
-// of the values do not exceed it. `values` must not be empty.
-double percentile(std::vector<double> values, double fraction) {
-  const auto rank =
-      static_cast<std::ptrdiff_t>(std::ceil(fraction * static_cast<double>(values.size())));
-  const auto value = values.begin() + std::max<std::ptrdiff_t>(rank - 1, 0);
-  std::nth_element(values.begin(), value, values.end());
-  return *value;
-}
-
 struct Options {
   std::string pipeline;
   std::string input;
   int runs = 100;
   bool json = false;
+  std::vector<int> contexts = {};  // numbers of copies of the models; empty: measure each model
 };
 
 // A model with its measurements.
@@ -117,11 +91,12 @@ class Measurement {
         throw PipelineError(options_.pipeline, "bench takes images, not audio");
       }
       readFrames();
-      load(pipeline);
+      if (options_.contexts.empty()) load(pipeline);
     } catch (const std::exception& error) {
       console_.note(oneLine(error.what()));
       return kUsageError;
     }
+    if (!options_.contexts.empty()) return runContexts(pipeline);
     try {
       for (int run = -kWarmUpRuns; run < options_.runs; ++run) {
         runAll(run);
@@ -160,21 +135,13 @@ class Measurement {
       const double before = residentMegabytes();
       Subject subject{std::make_unique<Model>(spec), {}};
       removeEmptyBoxes(spec, &frame.objects);
-      runModel(subject, &frame);
+      runModel(*subject.model, &frame);
       subject.megabytes = residentMegabytes() - before;
       subjects_.push_back(std::move(subject));
     }
     for (Subject& subject : subjects_) {
       const VsaModelConfig& config = subject.spec().config;
       subject.bare = openBare(config.engine, subject.spec().networkFile(), config.device);
-    }
-  }
-
-  static void runModel(const Subject& subject, VsaFrame* frame) {
-    if (!subject.model->run(frame)) {
-      const std::string reason = refusalReason(subject.spec());
-      throw std::runtime_error(subject.spec().name + ": " +
-                               (reason.empty() ? "the model refused the frame" : reason));
     }
   }
 
@@ -194,7 +161,7 @@ class Measurement {
       };
       if (round % 2 == 1) inferBare();
       const Clock::time_point start = Clock::now();
-      runModel(subject, &frame);
+      runModel(*subject.model, &frame);
       const double time = millisecondsSince(start);
       if (round % 2 == 0) inferBare();
       total += time;
@@ -232,20 +199,13 @@ class Measurement {
   }
 
   std::string table() const {
-    // Starts with a space. Has fewer decimals if the number would be too wide.
-    const auto cell = [](double value, std::ptrdiff_t width, int digits) {
-      std::string number = std::isnan(value) ? "-" : fixed(value, digits);
-      while (std::ssize(number) >= width && digits > 0) number = fixed(value, --digits);
-      const auto spaces = std::max<std::ptrdiff_t>(width - std::ssize(number), 1);
-      return std::string(static_cast<std::size_t>(spaces), ' ') + number;
-    };
     std::string text = printable(withoutPasswords(options_.input)) + ": " +
                        std::to_string(options_.runs) + " runs, times in ms\n" +
                        " median    p90    p99    max frames/s     MB outside  model\n";
     for (const auto& [name, numbers] : rows()) {
-      for (std::size_t i = 0; i < 4; ++i) text += cell(numbers[i], 7, 2);
-      text += cell(numbers[4], 9, 1) + cell(numbers[5], 7, 1);
-      text += cell(numbers[6] * 100.0, 7, 1) + (std::isnan(numbers[6]) ? " " : "%");
+      for (std::size_t i = 0; i < 4; ++i) text += tableCell(numbers[i], 7, 2);
+      text += tableCell(numbers[4], 9, 1) + tableCell(numbers[5], 7, 1);
+      text += tableCell(numbers[6] * 100.0, 7, 1) + (std::isnan(numbers[6]) ? " " : "%");
       // "[0] YOLO8 (Detect)", without "models", to stay within 80 columns.
       text += "  " + name.substr(name.starts_with("models") ? 6 : 0) + "\n";
     }
@@ -269,6 +229,53 @@ class Measurement {
     return jsonLine(json);
   }
 
+  int runContexts(const Pipeline& pipeline) {
+    std::vector<ContextsResult> results;
+    try {
+      results = measureContexts(pipeline, images_, options_.contexts, options_.runs);
+    } catch (const PipelineError& error) {
+      console_.note(oneLine(error.what()));
+      return kUsageError;
+    } catch (const std::exception& error) {
+      console_.note(oneLine(error.what()));
+      return kSomeFailed;
+    }
+    const std::string text = options_.json ? contextsJson(results) : contextsTable(results);
+    return console_.write(text) ? kDone : kSomeFailed;
+  }
+
+  std::string contextsTable(const std::vector<ContextsResult>& results) const {
+    std::string text = printable(withoutPasswords(options_.input)) + ": " +
+                       std::to_string(options_.runs) + " runs in all\n" +
+                       "contexts frames/s  slowest  fastest median ms       MB\n";
+    for (const ContextsResult& result : results) {
+      const auto [slowest, fastest] = std::ranges::minmax_element(result.each);
+      text += tableCell(result.contexts, 8, 0) + tableCell(result.framesPerSecond, 9, 1) +
+              tableCell(*slowest, 9, 1) + tableCell(*fastest, 9, 1) +
+              tableCell(result.medianMs, 10, 2) + tableCell(result.megabytes, 9, 1) + "\n";
+    }
+    return text;
+  }
+
+  std::string contextsJson(const std::vector<ContextsResult>& results) const {
+    const auto number = [](double value) {
+      return std::isfinite(value) ? Json::Value(value) : Json::nullValue;
+    };
+    Json::Value json;
+    json["input"] = repairUtf8(withoutPasswords(options_.input));
+    json["runs"] = options_.runs;
+    for (const ContextsResult& result : results) {
+      Json::Value entry;
+      entry["contexts"] = result.contexts;
+      entry["framesPerSecond"] = number(result.framesPerSecond);
+      for (const double rate : result.each) entry["framesPerSecondOfEach"].append(number(rate));
+      entry["medianMs"] = number(result.medianMs);
+      entry["residentMb"] = number(result.megabytes);
+      json["contexts"].append(entry);
+    }
+    return jsonLine(json);
+  }
+
   const Options& options_;
   Console& console_;
   std::vector<cv::Mat> images_;
@@ -288,6 +295,14 @@ class Bench : public Command {
         ->check(CLI::Range(1, 1000000))
         ->type_name("NUMBER")
         ->capture_default_str();
+    command
+        ->add_option("-c,--contexts", options_.contexts,
+                     "Measure so many copies of the models at the same time, each in a thread; "
+                     "for example 1,2,4,8")
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->check(CLI::Range(1, kMaxContexts))
+        ->type_name("NUMBERS");
     addJson(command, "Print one JSON object");
     addVerbose(command);
   }

@@ -1,25 +1,29 @@
 // Compares the memory of every model of the library with that of its engine alone, which runs the
 // same network on an input of the same size. Each runs in a process of its own, the same number of
 // times:
-//   build/release/benchmarks/Memory TEXT_MODELS ONNX_NETWORKS [MODEL]
+//   build/release/benchmarks/Memory [--opening] TEXT_MODELS ONNX_NETWORKS [MODEL]
 //   build/release/benchmarks/Memory --list
 // (folders with the text models and with the tests' ONNX networks; port 9555 must be free; MODEL
-// limits the table to models of that name). Prints one Markdown table. --list writes the tiny
-// networks and prints the rows without running them. Called with "engine" or "library", the program
-// is one of these processes.
+// limits the table to models of that name). Prints one Markdown table. --opening compares time and
+// memory of opening each model instead, without running it. --list writes the tiny networks and
+// prints the rows without running them. With the name of a measurement as its first argument, the
+// program is one of these processes.
 
 #include <glog/logging.h>
 #include <onnxruntime_cxx_api.h>
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
+#include <string_view>
 
 #include "support/LoopbackServer.h"
 #include "support/TestHost.h"
@@ -181,17 +185,23 @@ cv::Mat makeImage(std::vector<VsaObject>& boxes) {
   return image;
 }
 
+std::unique_ptr<TestModel> openLibrary(const Row& row, const std::string& network) {
+  auto model = std::make_unique<TestModel>(row.family.category, row.family.name, network);
+  VsaModelConfig& config = model->config;
+  config.engine = row.family.engine;
+  model->setInput(static_cast<std::uint32_t>(row.configured.width),
+                  static_cast<std::uint32_t>(row.configured.height));
+  model->setClasses(row.family.classNames);
+  config.objThreshold = 0.25F;
+  if (row.family.name == "YOLO8-POSE") config.classCount = 1;  // 17 key points
+  if (row.isTrained && row.family.category == "Track") config.classNames = {"paddleocr"};
+  if (!model->init()) throw std::runtime_error("cannot open the model");
+  return model;
+}
+
 Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
                    const std::vector<VsaObject>& boxes) {
-  TestModel model(row.family.category, row.family.name, network);
-  model.config.engine = row.family.engine;
-  model.setInput(static_cast<std::uint32_t>(row.configured.width),
-                 static_cast<std::uint32_t>(row.configured.height));
-  model.setClasses(row.family.classNames);
-  model.config.objThreshold = 0.25F;
-  if (row.family.name == "YOLO8-POSE") model.config.classCount = 1;  // 17 key points
-  if (row.isTrained && row.family.category == "Track") model.config.classNames = {"paddleocr"};
-  if (!model.init()) throw std::runtime_error("cannot open the model");
+  const std::unique_ptr<TestModel> model = openLibrary(row, network);
   const std::vector<std::uint8_t> pcm(19200, 7);
   VsaFrame frame = frameOf(image, {"a", "b"});
   frame.wantedLabels = frame.wantedClasses;
@@ -202,45 +212,111 @@ Use measureLibrary(const Row& row, const std::string& network, cv::Mat& image,
     frame.objects.clear();
     frame.audioObjects.clear();
     if (row.family.takes == Takes::kObjects) frame.objects = boxes;
-    const bool done = model.run(&frame);
+    const bool done = model->run(&frame);
     if (!done || frame.objects.size() + frame.audioObjects.size() == 0) {
       throw std::runtime_error("a run failed or returned no object");
     }
   });
 }
 
-Use measureOpenVino(const Row& row, const std::string& network) {
+/// A network of the engine alone, opened as the library opens it.
+struct BareOpenVino {
+  explicit BareOpenVino(const std::string& network)
+      : compiled(core.compile_model(network + ".xml", "CPU")),
+        request(compiled.create_infer_request()) {}
   ov::Core core;
-  ov::CompiledModel compiled = core.compile_model(network + ".xml", "CPU");
-  ov::InferRequest request = compiled.create_infer_request();
+  ov::CompiledModel compiled;
+  ov::InferRequest request;
+};
+
+struct BareOnnxRuntime {
+  explicit BareOnnxRuntime(const std::string& network) {
+    Ort::SessionOptions options;
+    options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
+    session = Ort::Session(environment, network.c_str(), options);
+  }
+  Ort::Env environment{ORT_LOGGING_LEVEL_WARNING, "memory"};
+  Ort::Session session{nullptr};
+};
+
+Use measureOpenVino(const Row& row, const std::string& network) {
+  BareOpenVino bare(network);
   const auto width = static_cast<std::size_t>(row.input.width);
   const auto height = static_cast<std::size_t>(row.input.height);
-  ov::Tensor input = request.get_input_tensor();
+  ov::Tensor input = bare.request.get_input_tensor();
   input.set_shape({1, 3, height, width});
   std::fill_n(input.data<float>(), input.get_size(), 0.5F);  // resident only once it is written
   return runRepeatedly(runsOf(row), [&] {
-    for (int i = 0; i < (row.family.takes == Takes::kObjects ? kLines : 1); ++i) request.infer();
+    for (int i = 0; i < (row.family.takes == Takes::kObjects ? kLines : 1); ++i) {
+      bare.request.infer();
+    }
   });
 }
 
 Use measureOnnxRuntime(const Row& row, const std::string& network) {
-  const Ort::Env environment(ORT_LOGGING_LEVEL_WARNING, "memory");
-  Ort::SessionOptions options;
-  options.SetGraphOptimizationLevel(ORT_ENABLE_BASIC);
-  Ort::Session session(environment, network.c_str(), options);
+  BareOnnxRuntime bare(network);
   const std::array<std::int64_t, 4> shape{1, 3, row.input.height, row.input.width};
   std::vector<float> planes(std::size_t{3} * static_cast<std::size_t>(row.input.area()));
   const Ort::MemoryInfo memoryInfo =
       Ort::MemoryInfo::CreateCpu(OrtArenaAllocator, OrtMemTypeDefault);
   const Ort::AllocatorWithDefaultOptions allocator;
-  const auto input = session.GetInputNameAllocated(0, allocator);
-  const auto output = session.GetOutputNameAllocated(0, allocator);
+  const auto input = bare.session.GetInputNameAllocated(0, allocator);
+  const auto output = bare.session.GetOutputNameAllocated(0, allocator);
   const char* const inputName = input.get();
   const char* const outputName = output.get();
   const Ort::Value tensor = Ort::Value::CreateTensor<float>(
       memoryInfo, planes.data(), planes.size(), shape.data(), shape.size());
   return runRepeatedly(runsOf(row),
-                       [&] { session.Run({}, &inputName, &tensor, 1, &outputName, 1); });
+                       [&] { bare.session.Run({}, &inputName, &tensor, 1, &outputName, 1); });
+}
+
+/// Times of opening a model with the engine alone and with the library, in ms.
+struct Opening {
+  double engine = 0;
+  double ours = 0;
+  double ratio = 0;  // ours divided by the engine's: the median over adjacent openings
+};
+
+/// Memory of a process that has opened one model, in MB.
+struct OpenedUse {
+  double resident = 0;
+  double peak = 0;
+};
+
+double median(std::vector<double> values) {
+  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
+  std::nth_element(values.begin(), middle, values.end());
+  return *middle;
+}
+
+/// Opens a model with the engine alone and with the library in turns. Closing is not timed.
+Opening measureOpening(const Row& row, const std::string& network) {
+  const int openings = row.isTrained ? 30 : 150;
+  using Clock = std::chrono::steady_clock;
+  const auto time = [](const auto& open) {
+    const Clock::time_point start = Clock::now();
+    const auto model = open();
+    return std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+  };
+  const auto openBare = [&] {
+    return row.family.engine == "OpenVINO"
+               ? time([&] { return std::make_unique<BareOpenVino>(network); })
+               : time([&] { return std::make_unique<BareOnnxRuntime>(network); });
+  };
+  const auto openOurs = [&] { return time([&] { return openLibrary(row, network); }); };
+  openBare();  // loads the engine's plug-ins
+  openOurs();
+  std::vector<double> engine;
+  std::vector<double> ours;
+  std::vector<double> ratios;
+  for (int i = 0; i < openings; ++i) {
+    // Each of the two opens first in every second round.
+    if (i % 2 == 0) engine.push_back(openBare());
+    ours.push_back(openOurs());
+    if (i % 2 == 1) engine.push_back(openBare());
+    ratios.push_back(ours.back() / engine.back());
+  }
+  return {median(engine), median(ours), median(ratios)};
 }
 
 /// Runs in a process of its own.
@@ -248,83 +324,144 @@ void measure(const std::string& kind, const Row& row, const std::string& network
   FLAGS_minloglevel = google::GLOG_WARNING;
   std::vector<VsaObject> boxes;
   cv::Mat image = makeImage(boxes);
+  if (kind == "opening") {
+    const Opening opening = measureOpening(row, network);
+    std::cout << opening.engine << " " << opening.ours << " " << opening.ratio << "\n";
+    return;
+  }
+  if (kind == "opened-library" || kind == "opened-engine") {
+    const std::shared_ptr<void> model =
+        kind == "opened-library" ? std::shared_ptr<void>(openLibrary(row, network))
+        : row.family.engine == "OpenVINO"
+            ? std::shared_ptr<void>(std::make_shared<BareOpenVino>(network))
+            : std::shared_ptr<void>(std::make_shared<BareOnnxRuntime>(network));
+    std::cout << readMemory("VmRSS") << " " << readMemory("VmHWM") << "\n";
+    return;
+  }
   const Use use = kind == "library"                 ? measureLibrary(row, network, image, boxes)
                   : row.family.engine == "OpenVINO" ? measureOpenVino(row, network)
                                                     : measureOnnxRuntime(row, network);
   std::cout << use.early << " " << use.late << " " << use.peak << "\n";
 }
 
-/// Starts this program again to measure a row.
-Use measureInProcess(const std::string& kind, std::size_t row, const std::string& network) {
+/// Starts this program again to measure a row. Returns the numbers that it prints.
+template <std::size_t count>
+std::array<double, count> measureInProcess(const std::string& kind, std::size_t row,
+                                           const std::string& network) {
   const std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
   const std::string command =
       "'" + self + "' " + kind + " " + std::to_string(row) + " '" + network + "'";
   FILE* const pipe = popen(command.c_str(), "r");
   if (pipe == nullptr) throw std::runtime_error("cannot start a process");
-  Use use;
-  const int read = std::fscanf(pipe, "%lf %lf %lf", &use.early, &use.late, &use.peak);
-  if (pclose(pipe) != 0 || read != 3) throw std::runtime_error(command + " failed");
-  return use;
+  std::array<double, count> numbers{};
+  bool isRead = true;
+  for (double& number : numbers) isRead = std::fscanf(pipe, "%lf", &number) == 1 && isRead;
+  if (pclose(pipe) != 0 || !isRead) throw std::runtime_error(command + " failed");
+  return numbers;
 }
 
-double median(std::array<double, kRepeats> values) {
-  std::sort(values.begin(), values.end());
-  return values[kRepeats / 2];
+/// kRepeats values of measureInProcess, for the engine alone and for the library in turns.
+template <std::size_t count>
+struct Pairs {
+  using Numbers = std::array<double, count>;
+
+  Pairs(const std::string& prefix, std::size_t row, const std::string& network) {
+    for (std::size_t k = 0; k < kRepeats; ++k) {
+      engine[k] = measureInProcess<count>(prefix + "engine", row, network);
+      ours[k] = measureInProcess<count>(prefix + "library", row, network);
+    }
+  }
+  double medianOf(
+      const std::function<double(const Numbers& engine, const Numbers& ours)>& value) const {
+    std::vector<double> values;
+    for (std::size_t k = 0; k < kRepeats; ++k) values.push_back(value(engine[k], ours[k]));
+    return median(values);
+  }
+
+  std::array<Numbers, kRepeats> engine;
+  std::array<Numbers, kRepeats> ours;
+};
+
+void printMemory(const Row& row, std::size_t index, const std::string& network) {
+  const Pairs<3> pairs("", index, network);
+  const auto medianOf = [&pairs](const std::function<double(const Use& b, const Use& o)>& value) {
+    return pairs.medianOf([&value](const std::array<double, 3>& b, const std::array<double, 3>& o) {
+      return value({b[0], b[1], b[2]}, {o[0], o[1], o[2]});
+    });
+  };
+  std::printf("| %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n",
+              titleOf(row.family).c_str(), runsOf(row),
+              medianOf([](const Use& b, const Use&) { return b.late; }),
+              medianOf([](const Use&, const Use& o) { return o.late; }),
+              medianOf([](const Use& b, const Use& o) { return o.late - b.late; }),
+              medianOf([](const Use& b, const Use& o) { return o.peak - b.peak; }),
+              medianOf([](const Use&, const Use& o) { return o.late - o.early; }),
+              medianOf([](const Use& b, const Use&) { return b.late - b.early; }));
 }
 
-/// Prints the rows of models named `only`, or all rows if it is empty.
-void printTable(const std::string& only) {
-  // A spectrogram of one band and two steps, so that parsing takes little time.
-  const LoopbackServer service(
-      LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[0.5, 0.5]]})"), 9555);
-  std::puts(
-      "| model | runs | engine alone, MB | library, MB | difference, MB | difference of peaks, MB "
-      "| growth of the library, MB | growth of the engine, MB "
-      "|\n|---|---|---|---|---|---|---|---|");
+void printOpening(const Row& row, std::size_t index, const std::string& network) {
+  const auto [engine, ours, ratio] = measureInProcess<3>("opening", index, network);
+  const Pairs<2> pairs("opened-", index, network);
+  using Numbers = Pairs<2>::Numbers;
+  std::printf("| %s | %.2f | %.2f | %.3f | %.1f | %+.1f | %.1f | %+.1f |\n",
+              titleOf(row.family).c_str(), engine, ours, ratio,
+              pairs.medianOf([](const Numbers& b, const Numbers&) { return b[0]; }),
+              pairs.medianOf([](const Numbers& b, const Numbers& o) { return o[0] - b[0]; }),
+              pairs.medianOf([](const Numbers& b, const Numbers&) { return b[1]; }),
+              pairs.medianOf([](const Numbers& b, const Numbers& o) { return o[1] - b[1]; }));
+}
+
+/// Calls `print` for the rows of models named `only`, or for all rows if it is empty.
+void printTable(const std::string& header, const std::string& only,
+                void (*print)(const Row& row, std::size_t index, const std::string& network)) {
+  std::puts(header.c_str());
   const std::vector<Row> rows = allRows();
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!only.empty() && rows[i].family.name != only) continue;
-    const std::string network = rows[i].network();
-    std::array<Use, kRepeats> engine;
-    std::array<Use, kRepeats> ours;
-    for (std::size_t k = 0; k < kRepeats; ++k) {
-      engine[k] = measureInProcess("engine", i, network);
-      ours[k] = measureInProcess("library", i, network);
-    }
-    const auto medianOf =
-        [&](const std::function<double(const Use& engine, const Use& ours)>& value) {
-          std::array<double, kRepeats> values{};
-          for (std::size_t k = 0; k < kRepeats; ++k) values[k] = value(engine[k], ours[k]);
-          return median(values);
-        };
-    std::printf("| %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n",
-                titleOf(rows[i].family).c_str(), runsOf(rows[i]),
-                medianOf([](const Use& b, const Use&) { return b.late; }),
-                medianOf([](const Use&, const Use& o) { return o.late; }),
-                medianOf([](const Use& b, const Use& o) { return o.late - b.late; }),
-                medianOf([](const Use& b, const Use& o) { return o.peak - b.peak; }),
-                medianOf([](const Use&, const Use& o) { return o.late - o.early; }),
-                medianOf([](const Use& b, const Use&) { return b.late - b.early; }));
+    print(rows[i], i, rows[i].network());
     std::fflush(stdout);
   }
+}
+
+void printMemoryTable(const std::string& only) {
+  // A spectrogram of one band and two steps, so that parsing takes little time.
+  const LoopbackServer service(
+      LoopbackServer::ok(R"({"code": 1000, "msg": "", "mel_spec": [[0.5, 0.5]]})"), 9555);
+  printTable(
+      "| model | runs | engine alone, MB | library, MB | difference, MB | difference of peaks, MB "
+      "| growth of the library, MB | growth of the engine, MB "
+      "|\n|---|---|---|---|---|---|---|---|",
+      only, printMemory);
+}
+
+void printOpeningTable(const std::string& only) {
+  printTable(
+      "| model | engine alone, ms | library, ms | ratio | engine alone, MB | difference, MB | peak "
+      "of the engine alone, MB | difference of peaks, MB |\n|---|---|---|---|---|---|---|---|",
+      only, printOpening);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  std::vector<std::string> arguments(argv + 1, argv + argc);
+  const bool isOpening = !arguments.empty() && arguments[0] == "--opening";
+  if (isOpening) arguments.erase(arguments.begin());
+  constexpr std::array<std::string_view, 5> kKinds = {"engine", "library", "opening",
+                                                      "opened-engine", "opened-library"};
   if (arguments == std::vector<std::string>{"--list"}) {
     for (const Row& row : allRows()) {
       std::cout << titleOf(row.family) << ": " << row.network() << "\n";
     }
-  } else if (arguments.size() == 3 && (arguments[0] == "engine" || arguments[0] == "library")) {
+  } else if (arguments.size() == 3 && std::ranges::find(kKinds, arguments[0]) != kKinds.end()) {
     measure(arguments[0], allRows().at(std::stoul(arguments[1])), arguments[2]);
   } else if (arguments.size() == 2 || arguments.size() == 3) {
     textModels = arguments[0];
     onnxNetworks = arguments[1];
-    printTable(arguments.size() == 3 ? arguments[2] : "");
+    const std::string only = arguments.size() == 3 ? arguments[2] : "";
+    isOpening ? printOpeningTable(only) : printMemoryTable(only);
   } else {
-    std::cerr << "usage: Memory TEXT_MODELS ONNX_NETWORKS [MODEL] | Memory --list\n";
+    std::cerr << "usage: Memory [--opening] TEXT_MODELS ONNX_NETWORKS [MODEL] | Memory --list\n";
     return 2;
   }
   return 0;

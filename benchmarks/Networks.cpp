@@ -157,6 +157,12 @@ cv::Mat makeTextMap(int count) {
   return map;
 }
 
+void fillInput(ov::InferRequest& request) {
+  ov::Tensor input = request.get_input_tensor();
+  cv::Mat numbers(1, static_cast<int>(input.get_size()), CV_32FC1, input.data<float>());
+  cv::randu(numbers, 0.0, 1.0);
+}
+
 double milliseconds(const std::function<void()>& work) {
   const auto start = std::chrono::steady_clock::now();
   work();

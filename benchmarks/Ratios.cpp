@@ -3,6 +3,7 @@
 //   build/release/benchmarks/Ratios [--markdown] [--fastest] [part of a row's name]
 
 #include <onnxruntime_cxx_api.h>
+#include <sched.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -112,14 +113,6 @@ std::vector<float> makePlanes(cv::Size size) {
 
 // Whole calls of a detector, compared with inference alone.
 
-/// Fills the input of a request with random numbers. Memory that was never written is mapped to a
-/// single page of zeros, which is read faster than any image.
-void fillInput(ov::InferRequest& request) {
-  ov::Tensor input = request.get_input_tensor();
-  cv::Mat numbers(1, static_cast<int>(input.get_size()), CV_32FC1, input.data<float>());
-  cv::randu(numbers, 0.0, 1.0);
-}
-
 Comparison detectOnOpenVino() {
   TestModel model("Detect", "YOLO8", kYolo);
   model.setInput(kSide, kSide);
@@ -131,6 +124,15 @@ Comparison detectOnOpenVino() {
   fillInput(request);
   Setting setting(kClasses);
   return compare([&] { request.infer(); }, [&] { model.detect(setting.frame); }, 10);
+}
+
+/// The same on one core, where inference takes about twice as long.
+Comparison detectOnOneCore() {
+  cpu_set_t cores;
+  CPU_ZERO(&cores);
+  CPU_SET(0, &cores);
+  if (sched_setaffinity(0, sizeof cores, &cores) != 0) throw std::runtime_error("no core 0");
+  return detectOnOpenVino();
 }
 
 Comparison detectOnOnnxRuntime() {
@@ -170,6 +172,45 @@ Comparison preProcessing(cv::Size frame) {
       [&] {
         keep(writer.writePlanes(image, {kSide, kSide}, planes.data()));
       });
+}
+
+/// Letterboxing of frames that are not in the caches, compared with a loop that only reads one byte
+/// of each cache line that has a sampled pixel, and writes as many floats to the planes.
+Comparison preProcessingLimit() {
+  constexpr std::size_t kFrames = 16;  // 100 MB
+  constexpr int kWidth = 1920;
+  constexpr int kHeight = 1080;
+  constexpr int kStep = kWidth / kSide;
+  constexpr std::ptrdiff_t kLine = 64;  // every line of a sampled row has sampled pixels
+  constexpr int kRowsAhead = 2;         // the row that is prefetched, as in the library
+  std::vector<cv::Mat> images;
+  for (std::size_t i = 0; i < kFrames; ++i) images.push_back(randomImage(kWidth, kHeight, i));
+  std::vector<float> planes = makePlanes({kSide, kSide});
+  LetterboxWriter writer;
+  std::size_t next = 0;
+  const auto nextImage = [&]() -> const cv::Mat& { return images[next++ % kFrames]; };
+  return compare(
+      [&] {
+        const cv::Mat& image = nextImage();
+        constexpr int kRows = kHeight / kStep;
+        for (int y = 0; y < kRows; ++y) {
+          const volatile uchar* const row = image.ptr<uchar>(y * kStep);
+          const uchar* const later = image.ptr<uchar>(std::min(y + kRowsAhead, kRows - 1) * kStep);
+          for (std::ptrdiff_t x = 0; x < std::ptrdiff_t{3} * kWidth; x += kLine) {
+            __builtin_prefetch(later + x);
+            static_cast<void>(row[x]);
+          }
+          for (std::size_t p = 0; p < 3; ++p) {
+            std::fill_n(planes.data() + (p * kSide + static_cast<std::size_t>(y)) * kSide, kSide,
+                        0.5F);
+          }
+        }
+        keep(planes);
+      },
+      [&] {
+        keep(writer.writePlanes(nextImage(), {kSide, kSide}, planes.data()));
+      },
+      4);
 }
 
 using Objects = std::vector<VsaObject>;
@@ -570,6 +611,22 @@ Comparison audioRequest() {
                  [&] { keep(spectrogramRequest(frame)); });
 }
 
+/// The reply for one second of audio, read by jsoncpp alone and by the library.
+Comparison audioReply() {
+  constexpr int kBands = 128;
+  constexpr int kSteps = 100;
+  cv::RNG random(1);
+  std::string text = R"({"code": 1000, "msg": "", "mels": 128, "time_steps": 100, "mel_spec": [)";
+  for (int i = 0; i < kBands * kSteps; ++i) {
+    char number[32];
+    std::snprintf(number, sizeof number, "%.16g", random.uniform(-80.0, 0.0));
+    const bool isFirst = i % kSteps == 0;
+    text += std::string(!isFirst ? ", " : i == 0 ? "[" : "], [") + number;
+  }
+  text += "]]}";
+  return compare([&] { keep(parseAnyReply(text)); }, [&] { keep(parseSpectrogram(text)); });
+}
+
 Comparison base64(std::size_t size) {
   const std::vector<std::uint8_t> bytes(size, 7);
   return compare([&] { keep(reference::base64(bytes.data(), bytes.size())); },
@@ -584,6 +641,8 @@ std::vector<Row> allRows() {
   std::vector<Row> rows = {
       {"YOLOv8 on OpenVINO, whole call vs. inference alone", Kind::kWholeCall, 1.02,
        detectOnOpenVino},
+      {"YOLOv8 on OpenVINO, one core, whole call vs. inference alone", Kind::kWholeCall, 1.01,
+       detectOnOneCore},
       {"YOLOv8, pre- and post-processing, no candidates", Kind::kSpeedup, 10,
        [] { return detectorYolo8(0); }},
       {"YOLOv8, pre- and post-processing, 100 candidates", Kind::kSpeedup, 0,
@@ -602,6 +661,8 @@ std::vector<Row> allRows() {
        [] {
          return preProcessing({640, 480});
        }},
+      {"pre-processing, 1920x1080 from memory, vs. reading and writing alone", Kind::kWholeCall, 1,
+       preProcessingLimit},
       {"YOLOv8 decoding, no candidates", Kind::kSpeedup, 20,
        [] { return decodingYolo8(0, false); }},
       {"YOLOv8 decoding, 850 candidates", Kind::kSpeedup, 6,
@@ -636,6 +697,7 @@ std::vector<Row> allRows() {
       {"CTC decoding, 80 steps of 6625 characters", Kind::kSpeedup, 0,
        [] { return ctcDecoding(80, 6625); }},
       {"audio request, 1 s of 48 kHz stereo", Kind::kSpeedup, 0, audioRequest},
+      {"audio reply, 128 x 100 numbers", Kind::kSpeedup, 4, audioReply},
       {"Base64, 1 MB", Kind::kSpeedup, 0, [] { return base64(std::size_t{1} << 20U); }}};
   const std::pair<const char*, ObjectModel (*)()> models[] = {
       {"recogniser", recogniser},

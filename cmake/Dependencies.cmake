@@ -5,6 +5,7 @@ set(onnxruntime_hint "scripts/setup, or ONNXRUNTIME_ROOT: a folder with include/
 set(opencv_hint "Debian: libopencv-dev libopencv-contrib-dev; vcpkg: opencv4; or OpenCV_DIR")
 set(glog_hint "Debian: libgoogle-glog-dev; vcpkg: glog; or glog_DIR")
 set(jsoncpp_hint "Debian: libjsoncpp-dev; vcpkg: jsoncpp; or jsoncpp_DIR")
+set(simdjson_hint "Debian: libsimdjson-dev; vcpkg: simdjson; or simdjson_DIR")
 set(curl_hint "Debian: libcurl4-openssl-dev; vcpkg: curl; or CURL_DIR")
 set(cli11_hint "Debian: libcli11-dev; vcpkg: cli11; or -DTOL_BUILD_HOST=OFF")
 set(iconv_hint "part of glibc; vcpkg: libiconv; or -DTOL_BUILD_HOST=OFF")

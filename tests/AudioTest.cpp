@@ -4,12 +4,16 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <algorithm>
+#include <bit>
 #include <cfloat>
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <ostream>
+#include <random>
 
+#include "Utils/PlainReply.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/Request.h"
 #include "support/LogCapture.h"
@@ -267,6 +271,97 @@ TEST(AudioToMelSpec, HandlesEveryReplyAndFault) {
   MelSpectrogram matrix;
   EXPECT_EQ(AudioToMelSpec(server.address(), audioFrame(large), matrix), 1);
   EXPECT_GT(server.lastRequest().size(), std::size_t{4} << 20);
+}
+
+bool haveSameBits(const MelSpectrogram& a, const MelSpectrogram& b) {
+  const auto bits = std::bit_cast<std::uint32_t, float>;
+  return std::ranges::equal(a, b, [bits](const auto& x, const auto& y) {
+    return std::ranges::equal(x, y, {}, bits, bits);
+  });
+}
+
+/// Each reply below with random changes: what the fast path accepts, jsoncpp reads to the same
+/// bits.
+TEST(ParsePlainReply, ReturnsWhatJsoncppReturns) {
+  const std::string replies[] = {
+      R"({"code":1000,"msg":"\u6210\n","mels":2,"time_steps":3,"mel_spec":[[1.5,-2e-3,0],[]]})",
+      R"({ "msg" : "fine", "mel_spec" : [ [ 1E5, -0, -0.0 ], [ 0.1 ] ], "code" : 1000 })",
+      R"({"x":[{"y":null}],"code":1000,"msg":"","mel_spec":[[3.4028234e38,1e-45,16777217]]})",
+      R"({"code":1000,"msg":"","mel_spec":[[9223372036854775808,-9223372036854775808,5e-324]]})",
+      R"({"mel_spec":[[1152921573326323713,0.3333333432674407958984375,1e-400]],"msg":"","code":1000})"};
+  const std::string pieces[] = {",",
+                                "[",
+                                "]",
+                                "{",
+                                "}",
+                                ":",
+                                "\"",
+                                "\\",
+                                "/*a*/",
+                                "//",
+                                " ",
+                                "\n",
+                                "0",
+                                "9",
+                                "-",
+                                ".",
+                                "e",
+                                "E+",
+                                "null",
+                                "NaN",
+                                "+",
+                                "\x80",
+                                "true",
+                                "1e9",
+                                "\\u",
+                                "d8",
+                                "99999999",
+                                "code",
+                                "1000.0",
+                                std::string(1, '\0'),
+                                "\"code\":1000,",
+                                "\"mel_spec\":[[2]],",
+                                "\t"};
+  std::mt19937 random(1);
+  const auto below = [&random](std::size_t end) { return random() % end; };
+  int plainCount = 0;
+  for (int i = 0; i < 40000; ++i) {
+    std::string text = replies[below(std::size(replies))];
+    for (std::size_t changes = below(4); changes > 0; --changes) {
+      text.replace(below(text.size() + 1), below(4), pieces[below(std::size(pieces))]);
+    }
+    const auto plain = parsePlainReply(text);
+    if (!plain) continue;
+    ++plainCount;
+    LogCapture log;
+    const auto rows = parseAnyReply(text);
+    ASSERT_TRUE(rows && haveSameBits(*rows, *plain)) << text;
+    EXPECT_EQ(log.takeTexts(), Texts{});
+  }
+  EXPECT_GT(plainCount, 10000);
+  for (const std::string& text : replies) EXPECT_TRUE(parsePlainReply(text)) << text;
+}
+
+TEST(ParseSpectrogram, LimitsValues) {
+  const auto reply = [](std::size_t count, const std::string& before) {
+    std::string text = R"({"code":1000,"msg":"","mel_spec":[[1)";
+    for (std::size_t i = 1; i < count; ++i) text += ",1";
+    return before + text + "]]}";
+  };
+  constexpr std::size_t kOther = 7;    // commas and closing brackets outside the row, and one
+  const std::string comment = "/**/";  // jsoncpp skips it, the fast path does not
+  for (const auto& [count, before] :
+       {std::pair(std::size_t{1} << 20, comment), std::pair(std::size_t{1} << 22, std::string())}) {
+    LogCapture log;
+    const auto rows = parseSpectrogram(reply(count - kOther + 2, before));
+    ASSERT_TRUE(rows);
+    EXPECT_EQ(rows->at(0).size(), count - kOther + 2);
+    EXPECT_EQ(log.takeTexts(), Texts{});
+    const std::string tooLong = reply(count - kOther + 3, before);
+    EXPECT_FALSE(parseSpectrogram(tooLong));
+    EXPECT_EQ(log.takeTexts(),
+              Texts{"[E]reply takes too much memory,bytes=" + std::to_string(tooLong.size())});
+  }
 }
 
 TEST(PostJson, LogsWhyTransferFailed) {

@@ -19,6 +19,7 @@
 #include "Utils/ClassScore.h"
 #include "Utils/MaskOutline.h"
 #include "Utils/Nms.h"
+#include "Utils/PlainReply.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
 #include "Utils/TextRegions.h"
@@ -319,13 +320,21 @@ void score(Reader& in) {
           std::ranges::all_of(scores, [](float s) { return !(s > 0); }));
 }
 
+bool haveSameBits(const std::vector<float>& a, const std::vector<float>& b) {
+  return std::ranges::equal(a, b, {}, std::bit_cast<std::uint32_t, float>,
+                            std::bit_cast<std::uint32_t, float>);
+}
+
 void spectrogram(Reader& in) {
   const bool raw = in.oneIn(4);
   const std::string text =
       raw ? in.rest()
           : R"({"code":1000,"msg":"","mels":1,"time_steps":2,"mel_spec":)" + in.rest() + "}";
   try {
-    const auto rows = parseSpectrogram(text);
+    // What the fast path accepts, jsoncpp reads to the same bits.
+    const auto rows = parseAnyReply(text);
+    const auto plain = parsePlainReply(text);
+    require(!plain || (rows && std::ranges::equal(*plain, *rows, haveSameBits)));
     for (const auto& row : rows.value_or(MelSpectrogram())) {
       for (const float value : row) require(std::isfinite(value));
     }

@@ -7,21 +7,36 @@
 #include <memory>
 #include <new>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
 #include "Utils/Log.h"
+#include "Utils/PlainReply.h"
 
 namespace TolCompatibleLib {
 namespace {
+
+/// A plain reply takes up to 24 bytes per value while it is read, any other reply about 120 bytes
+/// and a microsecond.
+constexpr std::size_t kMaxPlainValues = std::size_t{1} << 22;
+constexpr std::size_t kMaxValues = std::size_t{1} << 20;
+
+/// An upper limit for the number of values in JSON: every value is the first one, follows a comma
+/// or is the first one in an array or object, which are counted at their end, because what is open
+/// is limited by the depth that jsoncpp reads.
+std::size_t countValues(std::string_view text) {
+  return 1 +
+         static_cast<std::size_t>(std::ranges::count(text, ',') + std::ranges::count(text, ']') +
+                                  std::ranges::count(text, '}'));
+}
 
 /// The value of `key` in the reply, 0 if it is missing; nullopt, after one "[E]" line, if it is not
 /// a valid count.
 std::optional<std::size_t> countIn(const Json::Value& reply, const char* key,
                                    const std::source_location& where) {
-  constexpr int kMaxCount = 1 << 24;
   const Json::Value& value = reply[key];
   if (value.isNull()) return 0;
-  if (!value.isInt() || value.asInt() < 0 || value.asInt() > kMaxCount) {
+  if (!value.isInt() || value.asInt() < 0 || value.asInt() > kMaxSpectrogramCount) {
     constexpr std::size_t kMaxShown = 40;  // a reply may hold anything
     const bool isShown = value.isConvertibleTo(Json::stringValue);
     logError(std::string(key) + " out of range:" +
@@ -107,9 +122,21 @@ std::string spectrogramRequest(const VsaFrame& frame) try {
 
 std::optional<MelSpectrogram> parseSpectrogram(const std::string& text,
                                                std::source_location where) {
+  const std::size_t values = countValues(text);
+  if (values <= kMaxPlainValues) {
+    if (std::optional<MelSpectrogram> rows = parsePlainReply(text)) return rows;
+  }
+  if (values <= kMaxValues) return parseAnyReply(text, where);
+  logError("reply takes too much memory,bytes=" + std::to_string(text.size()), where);
+  return std::nullopt;
+}
+
+std::optional<MelSpectrogram> parseAnyReply(const std::string& text, std::source_location where) {
   Json::Value reply;
   Json::String problems;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  Json::CharReaderBuilder settings;
+  settings["collectComments"] = false;  // comments are skipped; keeping them would take memory
+  const std::unique_ptr<Json::CharReader> reader(settings.newCharReader());
   if (!reader->parse(text.data(), text.data() + text.size(), &reply, &problems) ||
       !problems.empty()) {
     return std::nullopt;

@@ -64,3 +64,20 @@ class EnginesTest(VsaCase):
         self.use({**DETECTOR, "classNames": ["a", "b"]})
         self.vsa(*command, status=2)
         self.assertIn("the network has 1 class: ", self.err)
+
+    def test_bench_of_several_contexts(self):
+        self.use(DETECTOR, ChainCase.faces)
+        command = ["bench", "--runs", "20", "--contexts", "4,1,2,1", self.pipeline, self.image]
+        rows = json.loads(self.vsa(*command, "--json"))["contexts"]
+        self.assertEqual([row["contexts"] for row in rows], [1, 2, 4])
+        for row in rows:
+            self.assertEqual(len(row["framesPerSecondOfEach"]), row["contexts"])
+            self.assertAlmostEqual(sum(row["framesPerSecondOfEach"]), row["framesPerSecond"], delta=0.01)
+            self.assertGreater(min(row["medianMs"], *row["framesPerSecondOfEach"]), 0)
+        table = self.vsa(*command)
+        self.check_width(table.split("\n", 1)[1])
+        self.assertEqual([line.split()[0] for line in table.splitlines()[2:]], ["1", "2", "4"])
+        for count in ("0", "x", "1;2"):
+            self.vsa("bench", self.pipeline, self.image, "--contexts", count, status=2)
+        self.use({**DETECTOR, "classNames": ["a", "b", "c"], "classCount": 3})
+        self.vsa(*command, status=1)
