@@ -25,6 +25,7 @@
 #include "Model.h"
 #include "Objects.h"  // of the host
 #include "Pipeline.h"
+#include "ReadingOrder.h"
 #include "Report.h"
 #include "Results.h"
 #include "Text.h"
@@ -149,6 +150,7 @@ class Model {
     frame.height = static_cast<std::uint32_t>(image.shape(0));
     if (previous != nullptr) frame.objects = previous->list;
     run(&frame);
+    vsa::sortTextRegions(&frame.objects);
     return {std::move(frame.objects), frame.width, frame.height};
   }
 
