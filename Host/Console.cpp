@@ -44,7 +44,7 @@ extern "C" void onInterrupt(int signal) {
   firstSignal = signal;
   for (const int next : {SIGINT, SIGTERM}) std::signal(next, SIG_DFL);
 #if !defined(_WIN32)
-  // If nohup has made the program ignore SIGHUP, this is another signal and leaves that so.
+  // If SIGHUP was ignored (by nohup), it stays ignored.
   if (std::signal(SIGHUP, SIG_DFL) == SIG_IGN) std::signal(SIGHUP, SIG_IGN);
 #endif
 }

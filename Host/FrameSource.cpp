@@ -111,8 +111,8 @@ cv::Mat readImage(const std::string& path, std::int64_t page, std::int64_t maxPi
   return toBgr8(image);
 }
 
-// The number of images in a TIFF file; 1 for any other file. If a directory lies outside the file,
-// which was cut off, its page counts, so that reading it fails.
+// The number of images in a TIFF file; 1 for any other file. If the file was cut off, the first
+// page whose directory is missing counts, so that reading it fails.
 std::int64_t countPages(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   char order[2] = {};
