@@ -69,7 +69,8 @@ fs::path OutputFolder::newFile(const std::string& input, const std::string& suff
 void AnnotatedOutput::write(const std::string& input, double frameRate, cv::Mat* frame,
                             const std::vector<VsaObject>& objects) {
   if (frameRate > 0.0 && !video_.isOpened()) openVideo(input, frameRate, frame->size());
-  painter_.paint(frame, objects);
+  // All frames of a video have the same size.
+  painter_.paint(frame, objects, frameRate > 0.0 ? TextPlace::kLabels : TextPlace::kPanelIfFull);
   if (frameRate > 0.0) {
     // The frame size of a stream may change, that of a file cannot.
     if (frame->size() != videoSize_) cv::resize(*frame, *frame, videoSize_);
