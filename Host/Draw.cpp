@@ -9,6 +9,7 @@
 #include <limits>
 #include <opencv2/imgproc.hpp>
 #include <optional>
+#include <utility>
 
 #include "Frame.h"
 #include "Messages.h"
@@ -45,6 +46,9 @@ constexpr std::array<Bone, 19> kSkeleton = {{
     {0, 1, kHead},      {0, 2, kHead},      {1, 2, kHead},       {1, 3, kHead},
     {2, 4, kHead},      {3, 5, kHead},      {4, 6, kHead},
 }};
+
+// Maximum width of an image with a panel: that of WebP, the smallest of the usual formats.
+constexpr int kMaxWidth = 16383;
 
 // Clamps to values far outside every image that OpenCV's fixed-point line drawing can handle.
 int limited(double coordinate) {
@@ -232,8 +236,9 @@ bool isTilted(const std::vector<cv::Point>& corners) {
          std::max(std::abs(edge.x), std::abs(edge.y));
 }
 
-// Places of a label of that size at the object: those next to it first, then those inside.
-std::vector<cv::Rect> placesAt(const std::vector<cv::Point>& corners, const cv::Rect& bounds,
+// Places of a label of that size at the visible part of the object: those next to it first, then
+// those inside.
+std::vector<cv::Rect> placesAt(const std::vector<cv::Point>& corners, const cv::Size& image,
                                const cv::Size& size) {
   const int w = size.width;
   const int h = size.height;
@@ -242,12 +247,17 @@ std::vector<cv::Rect> placesAt(const std::vector<cv::Point>& corners, const cv::
     const auto [left, right] = std::ranges::minmax(corners, {}, &cv::Point::x);
     const auto [top, bottom] = std::ranges::minmax(corners, {}, &cv::Point::y);
     const cv::Point centre = (corners[0] + corners[2]) / 2;
-    places = {{top.x - w / 2, top.y - h},
-              {bottom.x - w / 2, bottom.y},
-              {right.x, right.y - h / 2},
-              {left.x - w, left.y - h / 2},
-              {centre.x - w / 2, centre.y - h / 2}};
-  } else {
+    const cv::Rect whole({0, 0}, image);
+    for (const auto& [at, shift] : {std::pair(top, cv::Point(-w / 2, -h)),
+                                    {bottom, {-w / 2, 0}},
+                                    {right, {0, -h / 2}},
+                                    {left, {-w, -h / 2}},
+                                    {centre, {-w / 2, -h / 2}}}) {
+      if (whole.contains(at)) places.push_back(at + shift);
+    }
+  }
+  if (places.empty()) {
+    const cv::Rect bounds = boundsOf(corners) & cv::Rect({0, 0}, image);
     const cv::Point first = bounds.tl();
     const cv::Point last = bounds.br();
     places = {{first.x, first.y - h}, {first.x, last.y},         {last.x, first.y},
@@ -326,8 +336,7 @@ bool Painter::drawLabels(cv::Mat* image, const std::vector<VsaObject>& objects,
     if (bounds[i].empty() || (isText && !textFits)) continue;
     const cv::Mat label =
         font_.label(labelOf(object), height, size.width, classColour(object.classId));
-    const std::vector<cv::Rect> at =
-        placesAt(corners[i], bounds[i] & cv::Rect({0, 0}, size), label.size());
+    const std::vector<cv::Rect> at = placesAt(corners[i], size, label.size());
     double covered = 0.0;
     std::optional<cv::Rect> area = places.best(at, &covered);
     if (isText && place == TextPlace::kPanelIfFull && (!area || covered > 0.0)) {
@@ -378,7 +387,7 @@ cv::Mat Painter::textPanel(const cv::Size& page, const std::vector<VsaObject>& o
     }
     scale = std::max(scale, labels.back().cols / static_cast<double>(std::max(1, end - region.x)));
   }
-  scale = std::min(scale, 1.6);
+  scale = std::min({scale, 1.6, (kMaxWidth - page.width) / static_cast<double>(page.width)});
   cv::Mat panel(page.height, static_cast<int>(page.width * scale), CV_8UC3, cv::Scalar::all(255));
   LabelPlaces places(panel.size(), std::max(1, height / 12), {});
   for (std::size_t i = 0; i < texts.size(); ++i) {
@@ -412,7 +421,11 @@ void Painter::paint(cv::Mat* image, const std::vector<VsaObject>& objects, TextP
   }
   for (const VsaObject& object : objects) {
     const cv::Scalar colour = classColour(object.classId);
-    if (isVisible(object, size)) drawBox(cornersOf(object), colour, thickness, image);
+    if (isVisible(object, size)) {
+      // Lines of text are small.
+      const int boxThickness = isTextRegion(object) ? (thickness + 1) / 2 : thickness;
+      drawBox(cornersOf(object), colour, boxThickness, image);
+    }
     for (const VsaShape& shape : object.shapes) {
       const std::vector<cv::Point> points = pointsOf(shape);
       if (points.empty()) continue;
@@ -423,8 +436,7 @@ void Painter::paint(cv::Mat* image, const std::vector<VsaObject>& objects, TextP
       }
     }
   }
-  constexpr int kMaxPageWidth = 20000;  // JPEG images have at most 65535 columns
-  if (size.width > kMaxPageWidth) place = TextPlace::kLabels;
+  if (size.width > kMaxWidth / 2) place = TextPlace::kLabels;
   if (drawLabels(image, objects, place)) return;
   const cv::Mat parts[] = {*image, textPanel(size, objects)};
   cv::Mat both;

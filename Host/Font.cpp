@@ -149,7 +149,7 @@ cv::Mat Font::word(const std::string& text, int height) const {
 
 // The coverage by the words of a text, cut off between characters if it is wider than `maxWidth`.
 cv::Mat Font::line(const std::string& text, int height, int maxWidth) const {
-  const int space = std::max(2, height * 3 / 10);
+  const int space = (2 * height + 4) / 5;  // words have no margins
   std::vector<cv::Mat> words;
   int width = 0;
   for (std::size_t start = 0; start < text.size() && width <= maxWidth;) {

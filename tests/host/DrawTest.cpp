@@ -124,6 +124,9 @@ TEST(DrawTest, LabelsOfOrientedBoxesTouchThem) {
   const cv::Rect label = cv::boundingRect(top);
   EXPECT_NEAR(label.x + label.width / 2.0, 166.0, 10.0);
   EXPECT_LT(label.br().x, 260);
+  // Only the upper half of the box is in the image, and another object is above it.
+  image = painted({object, box(100, 10, 250, 50, 1)}, {600, 180});
+  EXPECT_LT(cv::boundingRect(pixelsOf(0, image)).br().x, 310);
 }
 
 TEST(DrawTest, MasksAreTranslucentAndLimbsDiffer) {
@@ -156,33 +159,40 @@ TEST(DrawTest, MasksAreTranslucentAndLimbsDiffer) {
 
 TEST(DrawTest, PanelHoldsTextOfFullPages) {
   const Painter painter("");
-  std::vector<VsaObject> lines;
-  for (int i = 0; i < 8; ++i) {
-    VsaObject& line = lines.emplace_back(box(50, 40 + 40 * i, 390, 40 + 40 * i));
-    line.cornerX2 = 390;
-    line.cornerX3 = 50;
-    line.cornerY2 = line.cornerY3 = 70 + 40 * i;
-    line.textId = 0;
-    line.text = "HHHHHHHHHHHH";
-  }
-  const auto paint = [&](const std::vector<VsaObject>& objects, TextPlace place) {
-    cv::Mat image(400, 400, CV_8UC3, cv::Scalar::all(255));
+  const auto page = [](int width) {
+    std::vector<VsaObject> lines;
+    for (int i = 0; i < 8; ++i) {
+      VsaObject& line = lines.emplace_back(box(50, 40 + 40 * i, width - 10, 40 + 40 * i));
+      line.cornerX2 = line.right;
+      line.cornerX3 = line.left;
+      line.cornerY2 = line.cornerY3 = 70 + 40 * i;
+      line.textId = 0;
+      line.text = "HHHHHHHHHHHH";
+    }
+    return lines;
+  };
+  const auto paint = [&painter](const std::vector<VsaObject>& objects, TextPlace place,
+                                int width = 400) {
+    cv::Mat image(400, width, CV_8UC3, cv::Scalar::all(255));
     painter.paint(&image, objects, place);
     return image;
   };
+  const std::vector<VsaObject> lines = page(400);
   EXPECT_EQ(paint(lines, TextPlace::kLabels).cols, 400);
   EXPECT_EQ(paint({lines[0], lines[4]}, TextPlace::kPanelIfFull).cols, 400);
+  // An image that would be too wide for a format has no panel.
+  EXPECT_EQ(paint(page(8000), TextPlace::kPanelIfFull, 8000).cols, 16000);
+  EXPECT_EQ(paint(page(8200), TextPlace::kPanelIfFull, 8200).cols, 8200);
   const cv::Mat both = paint(lines, TextPlace::kPanelIfFull);
   ASSERT_GE(both.cols, 800);
   // Each text is at the height of its region, also on the panel, and nothing is between the lines.
+  const auto isEmpty = [&both](const cv::Rect& area) {
+    return cv::norm(both(area), cv::Mat(area.size(), CV_8UC3, cv::Scalar::all(255))) == 0.0;
+  };
   for (int i = 0; i < 8; ++i) {
-    const auto isEmpty = [&both](int left, int top, int width, int height) {
-      return cv::norm(both(cv::Rect(left, top, width, height)),
-                      cv::Mat(height, width, CV_8UC3, cv::Scalar::all(255))) == 0.0;
-    };
-    EXPECT_FALSE(isEmpty(450, 48 + 40 * i, 100, 14)) << i;
-    EXPECT_TRUE(isEmpty(401, 73 + 40 * i, 399, 3)) << i;
-    EXPECT_TRUE(isEmpty(60, 73 + 40 * i, 280, 3)) << i;
+    EXPECT_FALSE(isEmpty({450, 48 + 40 * i, 100, 14})) << i;
+    EXPECT_TRUE(isEmpty({401, 73 + 40 * i, 399, 3})) << i;
+    EXPECT_TRUE(isEmpty({60, 73 + 40 * i, 280, 3})) << i;
   }
 }
 
