@@ -30,8 +30,8 @@ constexpr char kExamples[] = R"(Examples:
 constexpr char kExitStatus[] =
     "Exit status: 0 if everything succeeded; 1 if an input or the run of a model failed, or doctor "
     "or compare-engines found a problem or a difference; 2 if the usage or the pipeline is wrong; "
-    "130, 143 "
-    "or 129 if interrupted by Ctrl-C, SIGTERM or SIGHUP (the results up to then are complete).";
+    "130, 143 or 129 if interrupted by Ctrl-C, SIGTERM or SIGHUP (the results up to then are "
+    "complete).";
 
 // Wraps descriptions in their column; CLI11 does this only in later versions.
 class WrappingFormatter : public CLI::Formatter {

@@ -264,7 +264,7 @@ TEST_F(InputTest, ExpandsFoldersAndPatterns) {
   EXPECT_EQ(expand("on", false, Media::kAudio), Names());
 }
 
-TEST(AddressTest, IsMaskedAndToldFromFiles) {
+TEST(AddressTest, IsMaskedAndDistinctFromFiles) {
   for (const char* file : {"a/b://c", "/rtsp://x", "tcp:1.2.3.4:80", "://"}) {
     EXPECT_EQ(isAddress(file), std::string(file) == "://");
     EXPECT_EQ(withoutPasswords(file), file);

@@ -96,7 +96,7 @@ TEST(ReadingOrderTest, ReadsLayouts) {
       {"a table with wide space",
        {column("n", 3, 100, 100, 150), column("v", 3, 450, 100, 150)},
        "n1 v1\nn2 v2\nn3 v3\n"},
-      {"lines with a chance gap",
+      {"lines with a narrow gap",
        {column("l", 3, 100, 100, 300), column("r", 3, 405, 100, 300)},
        "l1 r1\nl2 r2\nl3 r3\n"},
       {"one line beside a column",
