@@ -6,8 +6,8 @@
 /// to VsaModelDetect, VsaModelClassify or VsaModelFeature, reads the results from the frame, and
 /// calls VsaModelRelease.
 ///
-/// Detectors report only the classes in VsaFrame::wantedClasses, which is empty by default (the pose
-/// detector and the text detector ignore it): a host that does not fill it gets no objects.
+/// Detectors report only the classes in VsaFrame::wantedClasses, which is empty by default: a host
+/// that does not fill it gets no objects. The pose detector and the text detector ignore it.
 ///
 /// Memory: the host owns every record; only VsaModelSet and the models in it belong to the library,
 /// from VsaModelInit to VsaModelRelease. Records hold standard-library members, so host and library

@@ -202,13 +202,18 @@ class Measurement {
     std::string text = printable(withoutPasswords(options_.input)) + ": " +
                        std::to_string(options_.runs) + " runs, times in ms\n" +
                        " median    p90    p99    max frames/s     MB outside  model\n";
+    bool isNoisy = false;
     for (const auto& [name, numbers] : rows()) {
       for (std::size_t i = 0; i < 4; ++i) text += tableCell(numbers[i], 7, 2);
       text += tableCell(numbers[4], 9, 1) + tableCell(numbers[5], 7, 1);
-      text += tableCell(numbers[6] * 100.0, 7, 1) + (std::isnan(numbers[6]) ? " " : "%");
+      text += numbers[6] < 0.0
+                  ? "   noise"
+                  : tableCell(numbers[6] * 100.0, 7, 1) + (std::isnan(numbers[6]) ? " " : "%");
+      isNoisy = isNoisy || numbers[6] < 0.0;
       // "[0] YOLO8 (Detect)", without "models", to stay within 80 columns.
       text += "  " + name.substr(name.starts_with("models") ? 6 : 0) + "\n";
     }
+    if (isNoisy) text += "noise: the time outside the engine is within noise\n";
     return text;
   }
 

@@ -9,18 +9,18 @@
 
 namespace vsa {
 
-/// What so many copies of all models achieve together.
+/// What a number of copies of all models achieve together.
 struct ContextsResult {
-  int contexts = 0;
+  int contexts = 0;              ///< Number of copies.
   double framesPerSecond = 0.0;  ///< In all.
   std::vector<double> each;      ///< Frames per second of each thread.
   double megabytes = 0.0;        ///< Resident memory that the copies added.
   double medianMs = 0.0;         ///< Of the time that a frame takes in its thread.
 };
 
-/// For each number in `counts`, in ascending order, runs so many copies of the models until they
-/// have processed `runs` frames in all, at least one each. Throws PipelineError if a model cannot
-/// be loaded, and std::exception if a run fails.
+/// For each number in `counts`, in ascending order, runs that number of copies of the models until
+/// they have processed `runs` frames in all, at least one each. Throws PipelineError if a model
+/// cannot be loaded, and std::exception if a run fails.
 std::vector<ContextsResult> measureContexts(const Pipeline& pipeline,
                                             const std::vector<cv::Mat>& images,
                                             const std::vector<int>& counts, int runs);

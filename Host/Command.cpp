@@ -51,6 +51,7 @@ void Command::addTo(CLI::App* program) {
   program->formatter(std::make_shared<WrappingFormatter>());
   program->footer(kExamples + wrapped(kExitStatus, 0, kTerminalColumns - 1) + "\n");
   command_ = program->add_subcommand(name_, description_);  // inherits formatter and footer
+  command_->set_version_flag("--version", program->version());
   addOptions(command_);
 }
 
@@ -81,7 +82,12 @@ void Command::addJson(CLI::App* command, const std::string& description) {
 void Command::addMaxFrames(CLI::App* command, const std::string& description) {
   constexpr std::int64_t kMaxFrames = std::int64_t{1} << 53;
   command->add_option("--max-frames", maxFrames_, description)
-      ->check(CLI::Range(std::int64_t{1}, kMaxFrames).description(""))
+      ->check(CLI::Validator(
+          [](const std::string& text) -> std::string {
+            const std::string range = CLI::Range(std::int64_t{1}, kMaxFrames)(text);
+            return range.empty() ? "" : text + " is not a whole number of at least 1";
+          },
+          ""))
       ->type_name("NUMBER");
 }
 

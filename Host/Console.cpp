@@ -31,6 +31,12 @@ bool isTerminal(std::FILE* stream) {
 #endif
 }
 
+// "8 s", "3 min" or "2.5 h".
+std::string durationText(double seconds) {
+  if (seconds < 90.0) return fixed(seconds, 0) + " s";
+  return seconds < 5400.0 ? fixed(seconds / 60.0, 0) + " min" : fixed(seconds / 3600.0, 1) + " h";
+}
+
 using Clock = std::chrono::steady_clock;
 
 std::atomic<int> firstSignal = 0;       // 0 if none has arrived
@@ -112,7 +118,7 @@ void Console::note(const std::string& sentence) {
 }
 
 void Console::progress(double fraction, const std::string& text) {
-  constexpr int kBar = 30;
+  constexpr int kBar = 20;
   const auto now = std::chrono::steady_clock::now();
   if (!errorIsTerminal_ || now - start_ < std::chrono::seconds(1) ||
       now - drawn_ < std::chrono::milliseconds(100)) {
@@ -122,8 +128,14 @@ void Console::progress(double fraction, const std::string& text) {
   fraction = std::clamp(fraction, 0.0, 1.0);
   const auto filled = static_cast<std::size_t>(fraction * kBar);
   const std::string bar = std::string(filled, '#') + std::string(kBar - filled, '.');
-  // The text is ASCII; 42 characters keep the line below 80 columns.
-  std::fprintf(stderr, "\r[%s] %3.0f%% %-42.42s", bar.c_str(), fraction * 100.0, text.c_str());
+  std::string left;
+  if (fraction > 0.0) {
+    const double elapsed = std::chrono::duration<double>(now - start_).count();
+    left = "about " + durationText(elapsed / fraction * (1.0 - fraction)) + " left, ";
+  }
+  // The text is ASCII; 51 characters keep the line below 80 columns.
+  std::fprintf(stderr, "\r[%s] %3.0f%% %-51.51s", bar.c_str(), fraction * 100.0,
+               (left + text).c_str());
   std::fflush(stderr);
   shown_ = true;
 }

@@ -22,7 +22,7 @@ struct FrameInfo {
   double duration = 0.0;          ///< Seconds of audio in a block.
   std::vector<std::string> crops =
       {};                  ///< File of each object, "" for none; empty without --crops.
-  std::int64_t pages = 1;  ///< Images in the file of this one.
+  std::int64_t pages = 1;  ///< Number of images in the file.
 
   /// The number of the image in its file, from 1.
   std::int64_t page() const { return index + 1; }

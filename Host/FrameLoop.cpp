@@ -74,7 +74,7 @@ void FrameLoop::countFailedInput(const std::string& input, const std::string& re
 void FrameLoop::failInput(const std::string& input, const std::string& reason) {
   finishOutput(input);
   const std::string sentence = withoutPasswords(oneLine(reason));
-  console_.note(printable(input) + ": " + sentence);
+  console_.note(input.empty() ? sentence : printable(input) + ": " + sentence);
   countFailure(input, sentence);
 }
 
@@ -151,12 +151,15 @@ void FrameLoop::processFrame(const FrameSource& source, FrameInfo* info, cv::Mat
   VsaFrame frame = frameOf(seen);
   info->width = image->cols;
   info->height = image->rows;
+  std::vector<VsaObject> given;
   if (files_.recorded) {
-    frame.objects = files_.recorded->of(*info);
+    given = files_.recorded->of(*info);
+    frame.objects = given;
     rescale(image->size(), seen.size(), &frame.objects);
   }
+  const std::vector<VsaObject> scaled = files_.recorded ? frame.objects : given;
   runModels(info, &frame);
-  rescale(seen.size(), image->size(), &frame.objects);
+  rescaleBack(seen.size(), image->size(), given, scaled, &frame.objects);
   if (!options_.only.empty()) {
     std::erase_if(frame.objects, [this](const VsaObject& object) {
       return std::ranges::find(options_.only, object.className) == options_.only.end();

@@ -52,7 +52,8 @@ cv::Mat toBgr8(const cv::Mat& source) {
 void checkSize(std::int64_t width, std::int64_t height, std::int64_t maxPixels) {
   if (width <= 0 || height <= 0 || height <= maxPixels / width) return;
   throw std::runtime_error("its " + std::to_string(width) + " x " + std::to_string(height) +
-                           " pixels are more than the limit of " + std::to_string(maxPixels));
+                           " pixels are more than the limit of " + std::to_string(maxPixels) +
+                           " (run --max-pixels)");
 }
 
 // While it exists, OpenCV cannot allocate memory for more than `maxPixels` pixels at once. Decoders
@@ -110,8 +111,8 @@ cv::Mat readImage(const std::string& path, std::int64_t page, std::int64_t maxPi
   return toBgr8(image);
 }
 
-// The number of images in a TIFF file; 1 for any other file. If a directory lies outside the file,
-// which was cut off, its page counts, so that reading it fails.
+// The number of images in a TIFF file; 1 for any other file. If the file was cut off, the first
+// page whose directory is missing counts, so that reading it fails.
 std::int64_t countPages(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   char order[2] = {};
@@ -156,9 +157,10 @@ FrameSource::FrameSource(const std::string& input, std::int64_t maxPixels)
     : path_(pathForDecoder(input)), maxPixels_(maxPixels) {
   if (!isAddress(input)) {
     std::error_code unused;
-    if (!fs::exists(input, unused)) throw std::runtime_error("no such file");
     // A pipe or device may be endless, and OpenCV opens its inputs more than once.
-    if (!fs::is_regular_file(input, unused)) throw std::runtime_error("not a regular file");
+    if (fs::is_other(input, unused)) throw std::runtime_error("not a regular file");
+    const std::string reason = whyUnreadable(input);
+    if (!reason.empty()) throw std::runtime_error(reason);
     if (cv::haveImageReader(path_)) {
       image_ = readImage(path_, 0, maxPixels);
       frameCount_ = countPages(path_);

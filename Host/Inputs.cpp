@@ -3,8 +3,11 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cerrno>
 #include <filesystem>
+#include <fstream>
 #include <string_view>
+#include <system_error>
 
 #include "Text.h"
 
@@ -166,6 +169,21 @@ void addFound(const fs::path& file, InputList* list) {
   }
 }
 
+// Whether a folder below this one has such files. Looks at a limited number of entries.
+bool hasMediaBelow(const fs::path& folder, Media media) {
+  constexpr int kMaxEntries = 100000;
+  std::error_code error;
+  int entries = 0;
+  for (fs::recursive_directory_iterator
+           entry(folder, fs::directory_options::skip_permission_denied, error),
+       none;
+       !error && entry != none && entries < kMaxEntries; entry.increment(error), ++entries) {
+    std::error_code unused;
+    if (isMedia(entry->path(), media) && !entry->is_directory(unused)) return true;
+  }
+  return false;
+}
+
 // Adds the files in a folder.
 void addFolder(const fs::path& path, bool recursive, Media media, InputList* list) {
   try {
@@ -175,7 +193,11 @@ void addFolder(const fs::path& path, bool recursive, Media media, InputList* lis
     for (const fs::path& file : files) addFound(file, list);
     if (files.empty()) {
       const std::string kind = media == Media::kAudio ? "audio" : "image";
-      list->problems.push_back({path.string(), "no " + kind + " or video in this folder"});
+      std::string reason = "no " + kind + " or video in this folder";
+      if (!recursive && hasMediaBelow(path, media)) {
+        reason += ", but in folders below it; -r searches them";
+      }
+      list->problems.push_back({path.string(), reason});
     }
   } catch (const fs::filesystem_error& error) {
     list->problems.push_back({path.string(), error.code().message()});
@@ -245,6 +267,16 @@ bool isAddress(const std::string& input) {
 
 std::string pathForDecoder(const std::string& input) {
   return isAddress(input) ? input : fs::absolute(input).string();
+}
+
+std::string whyUnreadable(const std::string& path) {
+  std::error_code error;
+  if (fs::is_directory(path, error)) return "a folder, not a file";
+  errno = 0;
+  if (std::ifstream(path, std::ios::binary)) return "";
+  if (errno == ENOENT || errno == ENOTDIR) return "no such file";
+  if (errno == EACCES) return "permission denied";
+  return errno == 0 ? "the file cannot be read" : std::generic_category().message(errno);
 }
 
 std::string withoutPasswords(std::string_view text) {

@@ -48,6 +48,10 @@ std::string pathForDecoder(const std::string& input);
 /// values of parameters such as "?password=...".
 std::string withoutPasswords(std::string_view text);
 
+/// Why the file cannot be read: "no such file", "permission denied", "a folder" or another reason
+/// of the system; empty if it can be opened.
+std::string whyUnreadable(const std::string& path);
+
 /// The extension of the file name in lower case, with its dot.
 std::string lowerCaseExtension(const std::string& path);
 

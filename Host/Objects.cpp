@@ -8,6 +8,7 @@
 #include <memory>
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
+#include <tuple>
 
 #include "Inputs.h"
 #include "JsonLines.h"
@@ -126,13 +127,35 @@ VsaObject objectFromJson(const Json::Value& json, const cv::Size& imageSize) {
   return found;
 }
 
+namespace {
+
+auto boxAndCorners(auto& object) {
+  return std::tie(object.left, object.top, object.right, object.bottom, object.cornerX2,
+                  object.cornerY2, object.cornerX3, object.cornerY3);
+}
+
+bool hasSameGeometry(const VsaObject& one, const VsaObject& other) {
+  const auto samePoints = [](const VsaShape& a, const VsaShape& b) {
+    return std::ranges::equal(a.points, b.points, [](const VsaPoint& p, const VsaPoint& q) {
+      return p.x == q.x && p.y == q.y;
+    });
+  };
+  return boxAndCorners(one) == boxAndCorners(other) &&
+         std::ranges::equal(one.shapes, other.shapes, samePoints);
+}
+
+void copyGeometry(const VsaObject& from, VsaObject* to) {
+  boxAndCorners(*to) = boxAndCorners(from);
+  to->shapes = from.shapes;
+}
+
+}  // namespace
+
 RecordedObjects::RecordedObjects(const std::string& path) : path_(path) {
   constexpr std::size_t kMaxLineBytes = std::size_t{64} << 20;
+  const std::string reason = whyUnreadable(path);
+  if (!reason.empty()) throw std::runtime_error(path + ": " + reason);
   std::ifstream file(path, std::ios::binary);
-  std::error_code unused;
-  if (!file || std::filesystem::is_directory(path, unused)) {
-    throw std::runtime_error(path + ": the file cannot be read");
-  }
   std::string line;
   Line read = Line::kRead;
   for (std::int64_t number = 1; (read = readLine(&file, kMaxLineBytes, &line)) != Line::kEnd;
@@ -205,6 +228,24 @@ void rescale(const cv::Size& from, const cv::Size& to, std::vector<VsaObject>* o
         scaleY(&point.y);
       }
     }
+  }
+}
+
+void rescaleBack(const cv::Size& from, const cv::Size& to, const std::vector<VsaObject>& given,
+                 const std::vector<VsaObject>& scaled, std::vector<VsaObject>* objects) {
+  std::vector<const VsaObject*> originals(objects->size(), nullptr);
+  std::size_t next = 0;
+  for (std::size_t i = 0; i < objects->size(); ++i) {
+    for (std::size_t j = next; j < scaled.size(); ++j) {
+      if (!hasSameGeometry((*objects)[i], scaled[j])) continue;
+      originals[i] = &given[j];
+      next = j + 1;
+      break;
+    }
+  }
+  rescale(from, to, objects);
+  for (std::size_t i = 0; i < objects->size(); ++i) {
+    if (originals[i] != nullptr) copyGeometry(*originals[i], &(*objects)[i]);
   }
 }
 

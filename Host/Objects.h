@@ -48,4 +48,9 @@ cv::Mat shrunk(const cv::Mat& image, int maxSide);
 /// Scales the objects from an image of one size to the same image in another size.
 void rescale(const cv::Size& from, const cv::Size& to, std::vector<VsaObject>* objects);
 
+/// rescale() for results of models that were given `scaled`, which rescale() made of `given`:
+/// objects that the models did not move get their coordinates in `given`, without rounding errors.
+void rescaleBack(const cv::Size& from, const cv::Size& to, const std::vector<VsaObject>& given,
+                 const std::vector<VsaObject>& scaled, std::vector<VsaObject>* objects);
+
 }  // namespace vsa

@@ -97,7 +97,7 @@ void AnnotatedOutput::writeVideo(const FrameInfo& info, double frameRate, cv::Ma
 
 void AnnotatedOutput::writeImage(const FrameInfo& info, cv::Mat* image,
                                  const std::vector<VsaObject>& objects) {
-  painter_.paint(image, objects);
+  painter_.paint(image, objects, TextPlace::kPanelIfFull);
   std::string extension = fs::path(info.input).extension().string();
   // The formats of grey images cannot hold coloured annotations.
   const bool isGrey = extension == ".pgm" || extension == ".pbm";

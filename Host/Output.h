@@ -41,7 +41,7 @@ class AnnotatedOutput {
  public:
   /// Throws std::runtime_error if the folder or the font cannot be used.
   AnnotatedOutput(const std::string& folder, const std::string& fontFile)
-      : folder_(folder), painter_(fontFile) {}
+      : painter_(fontFile), folder_(folder) {}
 
   const OutputFolder& folder() const { return folder_; }
 
@@ -59,8 +59,8 @@ class AnnotatedOutput {
   void finish();
 
  private:
+  Painter painter_;  // first, so that no folder is created for a wrong font
   OutputFolder folder_;
-  Painter painter_;
   std::unique_ptr<VideoFile> video_;  // of the current input; uses the painter
 };
 

@@ -12,10 +12,10 @@ namespace vsa {
 
 class Padder {
  public:
-  /// The image in the top left corner of a canvas of that value with the aspect ratio of `input`.
-  /// Images with a side of more than 8192 pixels are shrunk before. The result is valid until the
-  /// next call and as long as the image is. Throws std::runtime_error if the canvas would be too
-  /// large.
+  /// Returns a canvas of that value with the aspect ratio of `input` and the image in its top left
+  /// corner. An image with a side of more than 8192 pixels is shrunk first. The result is valid
+  /// until the next call and as long as the image is. Throws std::runtime_error if the canvas would
+  /// be too large.
   const cv::Mat& pad(const cv::Mat& image, const cv::Size& input, std::uint8_t value);
 
   /// Maps objects found on the last canvas to its image: boxes and outlines are clamped to the

@@ -16,6 +16,7 @@
 #include <tuple>
 
 #include "Families.h"
+#include "Inputs.h"
 #include "Messages.h"
 #include "Text.h"
 
@@ -65,21 +66,20 @@ std::string kindOf(const Json::Value& value) {
   }
 }
 
-// Reads the file into `*content`. Returns why that failed, as the end of a sentence; empty if it
-// succeeded.
+// Reads the file into `*content`. Returns why that failed; empty if it succeeded.
 std::string readFile(const fs::path& path, std::string* content) {
-  std::error_code unused;
+  std::string reason = whyUnreadable(path.string());
+  if (!reason.empty()) return reason;
   std::ifstream file(path, std::ios::binary);
-  if (fs::is_directory(path, unused) || !file.is_open()) return " cannot be read";
   // Pipes and devices have no size, so they are read up to the limit.
   std::array<char, 1 << 16> block;
   while (file.read(block.data(), block.size()), file.gcount() > 0) {
     content->append(block.data(), static_cast<std::size_t>(file.gcount()));
     if (content->size() > kMaxFileBytes) {
-      return " is larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB";
+      return "larger than " + std::to_string(kMaxFileBytes >> 20) + " MiB";
     }
   }
-  return file.bad() ? " cannot be read" : "";
+  return file.bad() ? "the file cannot be read" : "";
 }
 
 // The members of one JSON object. Each is checked when it is read.
@@ -200,7 +200,7 @@ Names readNames(const Fields& fields, const fs::path& folder) {
   const std::string given = fields.at("classNames").asString();
   std::string content;
   const std::string problem = readFile(folder / pathOf(given), &content);
-  if (!problem.empty()) fields.fail("classNames: the file " + inQuotes(given) + problem);
+  if (!problem.empty()) fields.fail("classNames: the file " + inQuotes(given) + ": " + problem);
   std::string_view rest = content;
   if (rest.starts_with("\xEF\xBB\xBF")) rest.remove_prefix(3);
   Names names;
@@ -342,7 +342,7 @@ bool ModelSpec::cutsBoxesOut() const {
 Pipeline readPipeline(const std::string& path) {
   std::string content;
   const std::string problem = readFile(fs::path(path), &content);
-  if (!problem.empty()) throw PipelineError(path, "the file" + problem);
+  if (!problem.empty()) throw PipelineError(path, problem);
   return parsePipeline(content, path);
 }
 

@@ -17,7 +17,7 @@ struct TimedFrame {
 };
 
 /// The frames of a source. Those of a video or stream are read by a thread of its own, a few frames
-/// ahead; images are read when they are wanted.
+/// ahead; images are read by next().
 class ReadAhead {
  public:
   /// `source` must outlive this object, which alone calls its next() and time().

@@ -118,7 +118,11 @@ std::string frameTable(const FrameInfo& info, const std::vector<VsaObject>& obje
     table += "page " + std::to_string(info.page()) + " of " + std::to_string(info.pages) + ", ";
   }
   table += std::to_string(info.width) + " x " + std::to_string(info.height) + ", " +
-           counted(std::ssize(objects), "object") + "\n";
+           counted(std::ssize(objects), "object");
+  if (!info.failedModels.empty()) {
+    table += ", " + counted(std::ssize(info.failedModels), "model") + " failed or skipped";
+  }
+  table += "\n";
   if (objects.empty()) return table;
 
   const std::vector<Column> cells = tableColumns(objects);

@@ -108,7 +108,10 @@ void processLines(const RunOptions& options, Media media, FrameLoop* loop) {
       throw CannotContinue("standard input cannot be read; it must not be a folder");
     }
     if (read == Line::kEnd) break;
-    if (line.empty()) continue;
+    if (line.empty()) {
+      loop->countFailedInput("", "the line is empty");
+      continue;
+    }
     if (read == Line::kTooLong || line.find('\0') != std::string::npos) {
       loop->countFailedInput(printable(line.substr(0, 80)) + "...", "the line is not a path");
       continue;

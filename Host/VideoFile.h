@@ -19,8 +19,8 @@ namespace vsa {
 /// A video that is being written by a thread of its own.
 class VideoFile {
  public:
-  /// Creates the file. `painter` must outlive this object and be used by nobody else. Throws
-  /// std::runtime_error if the file cannot be written.
+  /// Creates the file. `painter` must outlive this object and must not be used elsewhere
+  /// meanwhile. Throws std::runtime_error if the file cannot be written.
   VideoFile(const std::filesystem::path& path, double frameRate, const cv::Size& size,
             const Painter& painter);
   ~VideoFile();

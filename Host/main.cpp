@@ -4,14 +4,17 @@
 #include <glog/logging.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "Command.h"
 #include "Inputs.h"
+#include "Messages.h"
 #include "Text.h"
 
 int main(int argc, char** argv) {
@@ -33,8 +36,27 @@ int main(int argc, char** argv) {
                                                     vsa::makeCompare(),        vsa::makeDoctor(),
                                                     vsa::makeCompareEngines(), vsa::makeBench()};
   for (const auto& command : commands) command->addTo(&program);
+  std::vector<std::string> arguments(argv + std::min(argc, 1), argv + argc);
+  if (!arguments.empty() && arguments[0] == "help") {
+    arguments.erase(arguments.begin());
+    arguments.emplace_back("--help");
+  }
+  if (!arguments.empty() && !arguments[0].starts_with('-')) {
+    std::vector<std::string> names;
+    for (const CLI::App* command : program.get_subcommands({}))
+      names.push_back(command->get_name());
+    if (std::ranges::find(names, arguments[0]) == names.end()) {
+      const std::string message = "vsa: there is no command " + vsa::inQuotes(arguments[0]) +
+                                  vsa::suggestion(arguments[0], names) + "\n" +
+                                  "The commands are " + vsa::joined(names, ", ") +
+                                  ". Run with --help for more information.\n";
+      std::cerr << vsa::printableLines(message);
+      return vsa::kUsageError;
+    }
+  }
+  std::ranges::reverse(arguments);  // as CLI11 expects
   try {
-    program.parse(argc, argv);
+    program.parse(arguments);
   } catch (const CLI::ParseError& error) {
     // The message can repeat any argument.
     std::ostringstream message;

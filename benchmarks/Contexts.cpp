@@ -1,7 +1,7 @@
 // Frames per second of 1, 2, 4 and 8 contexts of the library, each in a thread of its own, compared
 // with the same number of networks of the engine alone, and with a single network that is compiled
-// for throughput and has as many requests as the engine asks for. All three are measured in turns
-// in one process. Prints one Markdown table. Run by hand, on an idle machine:
+// for throughput and has as many requests as the engine asks for. All three are measured
+// alternately in one process. Prints one Markdown table. Run by hand, on an idle machine:
 //   build/release/benchmarks/Contexts [seconds per measurement]
 
 #include <glog/logging.h>

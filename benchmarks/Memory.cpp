@@ -289,7 +289,7 @@ double median(std::vector<double> values) {
   return *middle;
 }
 
-/// Opens a model with the engine alone and with the library in turns. Closing is not timed.
+/// Opens a model alternately with the engine alone and with the library. Closing is not timed.
 Opening measureOpening(const Row& row, const std::string& network) {
   const int openings = row.isTrained ? 30 : 150;
   using Clock = std::chrono::steady_clock;
@@ -360,7 +360,7 @@ std::array<double, count> measureInProcess(const std::string& kind, std::size_t 
   return numbers;
 }
 
-/// kRepeats values of measureInProcess, for the engine alone and for the library in turns.
+/// kRepeats values of measureInProcess, alternately for the engine alone and for the library.
 template <std::size_t count>
 struct Pairs {
   using Numbers = std::array<double, count>;

@@ -55,8 +55,8 @@ else()
     list(APPEND TOL_ENGINE_RPATH "${onnxruntime_folder}")
   endif()
 endif()
-# The build tree has the run path of the installed files: otherwise CMake would pad it with empty entries, which make the
-# loader search the current directory.
+# The build tree has the run path of the installed files: otherwise CMake would pad it with empty entries, which make
+# the loader search the current directory.
 set_target_properties(TolCompatibleLib PROPERTIES
   BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH "$ORIGIN;$ORIGIN/TolCompatible;${TOL_ENGINE_RPATH}")
 

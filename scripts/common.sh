@@ -39,8 +39,8 @@ need_packages() {
   fi
   step "Installing Debian packages $purpose: ${missing[*]}"
   apt-get -o DPkg::Lock::Timeout=600 update -qq || die 'cannot update the package lists'
-  DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends "${missing[@]}" \
-    >"$deps/apt.log" 2>&1 ||
+  DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=600 install -y -qq --no-install-recommends \
+    "${missing[@]}" >"$deps/apt.log" 2>&1 ||
     { tail -n 20 "$deps/apt.log" >&2; die "cannot install the Debian packages (see $deps/apt.log)"; }
 }
 

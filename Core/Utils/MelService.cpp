@@ -21,9 +21,9 @@ namespace {
 constexpr std::size_t kMaxPlainValues = std::size_t{1} << 22;
 constexpr std::size_t kMaxValues = std::size_t{1} << 20;
 
-/// An upper limit for the number of values in JSON: every value is the first one, follows a comma
-/// or is the first one in an array or object, which are counted at their end, because what is open
-/// is limited by the depth that jsoncpp reads.
+/// At least the number of values in JSON: every value but the first follows a comma or is the first
+/// in an array or object. Arrays and objects are counted where they end; those that do not end are
+/// few, because jsoncpp limits the depth.
 std::size_t countValues(std::string_view text) {
   return 1 +
          static_cast<std::size_t>(std::ranges::count(text, ',') + std::ranges::count(text, ']') +

@@ -21,7 +21,7 @@ std::optional<std::int64_t> integerIn(const dom::element& element) {
 }
 
 /// The float nearest to a number, as jsoncpp converts it: integers directly, other numbers from
-/// double. Nullopt if the element is not a number or the number is outside the range of float.
+/// double. Returns nullopt if the element is not a number in the range of float.
 std::optional<float> floatIn(const dom::element& element) {
   if (const auto integer = integerIn(element)) return static_cast<float>(*integer);
   if (std::uint64_t value = 0; element.is_uint64() && element.get(value) == simdjson::SUCCESS) {

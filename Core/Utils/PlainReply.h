@@ -9,8 +9,8 @@
 namespace TolCompatibleLib {
 
 /// The spectrogram in `text` if it is a plain successful reply: strict JSON, at most a few levels
-/// deep, with a "code" of 1000, a text "msg", counts in range and an array of arrays of numbers in
-/// the range of float, and none of these twice. parseAnyReply() returns the same rows, bit for bit.
+/// deep, with a "code" of 1000, a string "msg", counts in range and an array of arrays of numbers
+/// in the range of float, each key only once. parseAnyReply() returns the same rows, bit for bit.
 /// Returns nullopt for every other text, without a log line. Throws std::bad_alloc.
 std::optional<MelSpectrogram> parsePlainReply(std::string_view text);
 

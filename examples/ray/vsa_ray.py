@@ -211,4 +211,9 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except KeyboardInterrupt:
+        sys.exit(130)
+    except Exception as error:  # a worker's error contains its traceback
+        sys.exit("vsa_ray.py: " + (str(error).strip().splitlines() or [type(error).__name__])[-1])

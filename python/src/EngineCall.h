@@ -10,7 +10,7 @@ struct NotAllowed : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// Counts a call from before the GIL is given up until the last code of Python has run for it.
+/// Counts a call, from before it releases the GIL until it no longer uses the interpreter.
 class CountedCall {
  public:
   CountedCall();
@@ -34,8 +34,8 @@ bool isForked();
 bool areCallsFinished();
 
 /// Refuses further calls and waits for those of other threads. Called with the GIL, without which
-/// those threads cannot return. A thread that returns after the interpreter has ended is killed by
-/// it, which C++ code does not survive.
+/// those threads cannot return. Python kills a thread that returns to it after the interpreter has
+/// ended, which C++ code does not survive.
 void finishCalls();
 
 }  // namespace python

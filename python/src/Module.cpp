@@ -25,6 +25,7 @@
 #include "Model.h"
 #include "Objects.h"  // of the host
 #include "Pipeline.h"
+#include "ReadingOrder.h"
 #include "Report.h"
 #include "Results.h"
 #include "Text.h"
@@ -46,7 +47,7 @@ struct Error : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Set by the package: takes level ("error" or "info"), file, line and text.
+// Set by the package: takes whether the line is an error, its file, line number and text.
 nb::object& logger() {
   static auto* const function = new nb::object(nb::none());
   return *function;
@@ -106,7 +107,7 @@ class Model {
   Model& operator=(const Model&) = delete;
 
   ~Model() {
-    const nb::error_scope saved;  // an exception may be on its way
+    const nb::error_scope saved;  // an exception may be pending
     try {
       close();
     } catch (nb::python_error& error) {
@@ -119,7 +120,7 @@ class Model {
   bool isClosed() const { return model_ == nullptr; }
 
   // Waits for a call of another thread. At the end of the interpreter there is none, and a thread
-  // that gives the GIL up may not get it again.
+  // that releases the GIL may not get it back.
   void close() {
     if (isForked()) {
       // The threads that the engine would end do not exist in this process.
@@ -149,6 +150,7 @@ class Model {
     frame.height = static_cast<std::uint32_t>(image.shape(0));
     if (previous != nullptr) frame.objects = previous->list;
     run(&frame);
+    vsa::sortTextRegions(&frame.objects);
     return {std::move(frame.objects), frame.width, frame.height};
   }
 

@@ -88,15 +88,15 @@ def test_text_is_decoded_and_equal_to_that_of_vsa(tmp_path):
             }
         )
     )
-    picture = np.array(PIL.Image.open(ROOT / "examples/pictures/sign.png").convert("RGB"))[
+    pixels = np.array(PIL.Image.open(ROOT / "examples/pictures/sign.png").convert("RGB"))[
         ..., ::-1
     ]
     with Pipeline(path) as pipeline:
-        result = pipeline(picture)
-    image = write_ppm(tmp_path / "sign.ppm", picture)
+        result = pipeline(pixels)
+    image = write_ppm(tmp_path / "sign.ppm", pixels)
     assert result.to_json(image) == run_vsa(path, image)[0]
     assert len(result) > 1 and all(isinstance(text, str) for text in result.texts)
-    assert any(ord(letter) > 0x4E00 for text in result.texts for letter in text)
+    assert any(ord(character) > 0x4E00 for text in result.texts for character in text)
     assert (
         result.corners[:, 0].astype(int)
         == [found["corners"][0] for found in result.to_dict()["objects"]]
@@ -113,7 +113,7 @@ def test_errors_are_those_of_vsa(write_pipeline, tmp_path):
         match=re.escape(f'{path}: models[0]: category must be "Detect"'),
     ):
         Pipeline(path)
-    with pytest.raises(tolcompatible.PipelineError, match="cannot be read"):
+    with pytest.raises(tolcompatible.PipelineError, match="no such file"):
         Pipeline(tmp_path / "none.json")
     failing = write_pipeline(THINGS, {**LABELS, "modelFile": "zeros"})
     with (

@@ -132,9 +132,10 @@ class Model:
         ResNet and the models of category "Track" work on them; those that cut boxes out of the
         image drop boxes without an area. It is not changed: the new result holds copies.
 
-        The GIL is released while the model runs. Raises TypeError or ValueError for other frames,
-        and Error with the error line of the library or the message of the engine if the model
-        cannot process the frame or is closed.
+        Text regions of the result are in reading order, as vsa reports them. The GIL is released
+        while the model runs. Raises TypeError or ValueError for other frames, and Error with the
+        error line of the library or the message of the engine if the model cannot process the
+        frame or is closed.
         """
         return _run_on_image(self._models, frame, objects)
 

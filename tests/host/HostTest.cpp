@@ -1,4 +1,4 @@
-// The parts of the host: pipeline files, text, results, inputs, similarity and drawing.
+// The parts of the host: pipeline files, text, results, inputs and similarity.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,7 +13,6 @@
 #include <utility>
 #include <vector>
 
-#include "Draw.h"
 #include "FrameSource.h"
 #include "Inputs.h"
 #include "Messages.h"
@@ -298,55 +297,6 @@ TEST_F(InputTest, ReadsEveryPixelFormat) {
     EXPECT_EQ(frame.at<cv::Vec3b>(0, 0), first) << path;
     EXPECT_FALSE(source.next(&frame));
   }
-}
-
-TEST(DrawTest, LabelShowsEveryResult) {
-  // Count the pixels on a black image: each further result makes the label longer.
-  const Painter painter("");
-  VsaObject object(600, 200, 10, 100, 590, 190, 0.5F, 3, "plate");
-  const auto covered = [&] {
-    cv::Mat image = cv::Mat::zeros(200, 600, CV_8UC3);
-    painter.paint(&image, {object});
-    return cv::countNonZero(image.rowRange(0, 98).reshape(1) > 0);
-  };
-  const int detected = covered();
-  EXPECT_GT(detected, 0);
-  object.classifyId = 0;
-  object.classifyName = "yellow";
-  const int classified = covered();
-  EXPECT_GT(classified, detected);
-  object.textId = 0;
-  EXPECT_EQ(covered(), classified);  // the text is empty
-  object.text = "AB 123";
-  EXPECT_GT(covered(), classified);
-}
-
-TEST(DrawTest, ClampsCoordinatesAndRotatesBoxes) {
-  const Painter painter("");
-  constexpr int kMax = std::numeric_limits<int>::max();
-  VsaObject wild(10, 10, 0, 0, 5, 5, std::nanf(""), -7, std::string(1 << 20, 'W'));
-  wild.left = -kMax - 1;
-  wild.right = kMax;
-  wild.angle = std::nanf("");
-  wild.shapes = {{kVsaKeyPointsTag, std::vector<VsaPoint>(17, VsaPoint{kMax, -kMax})},
-                 {kVsaOutlineTag, {}},
-                 {kVsaOutlineTag, {{-kMax, 3}, {kMax, kMax}}}};
-  VsaObject empty;
-  empty.textId = 0;
-  for (const cv::Size& size : {cv::Size(1, 1), cv::Size(400, 2), cv::Size(3, 300)}) {
-    cv::Mat image = cv::Mat::zeros(size, CV_8UC3);
-    EXPECT_NO_THROW(painter.paint(&image, {wild, empty, wild}));
-  }
-  // A wide box rotated by a quarter covers points above and below it.
-  VsaObject rotated(400, 400, 100, 190, 300, 210, 1.0F, 0, "x");
-  rotated.angle = static_cast<float>(CV_PI / 2);
-  cv::Mat image = cv::Mat::zeros(400, 400, CV_8UC3);
-  painter.paint(&image, {rotated});
-  const auto isDrawn = [&image](int x, int y) {
-    return cv::norm(image.at<cv::Vec3b>(y, x)) > 100.0;
-  };
-  EXPECT_TRUE(isDrawn(190, 250) && isDrawn(210, 150));
-  EXPECT_FALSE(isDrawn(120, 190) || isDrawn(280, 210));
 }
 
 }  // namespace

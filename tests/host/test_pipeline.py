@@ -43,16 +43,16 @@ class PipelineTest(ChainCase):
                 self.pipeline.write_text(text)
                 self.check_refused(sentence)
         self.pipeline.unlink()
-        self.check_refused("the file cannot be read")
+        self.check_refused("no such file")
 
     def test_huge_files(self):
         self.write("huge.txt", b"x" * (16 * 2**20 + 1))
         self.use({**self.detector, "classNames": "huge.txt"})
-        self.check_refused(r'models\[0\]: classNames: the file "huge.txt" is larger than 16 MiB')
+        self.check_refused(r'models\[0\]: classNames: the file "huge.txt": larger than 16 MiB')
         with open(self.pipeline, "wb") as huge:
             huge.truncate(1 << 30)
         start = time.monotonic()
-        self.check_refused("the file is larger than 16 MiB")
+        self.check_refused("larger than 16 MiB")
         self.assertLess(time.monotonic() - start, 20)
 
     def check_second_model(self, cases):
@@ -92,8 +92,8 @@ class PipelineTest(ChainCase):
             ({"classNames": []}, "classNames must not be empty"),
             ({"classNames": 80}, f"classNames must be {kinds}, not a number"),
             ({"classNames": ["a", 1]}, r"classNames\[1\] must be a string, not a number"),
-            ({"classNames": "none.txt"}, 'classNames: the file "none.txt" cannot be read'),
-            ({"classNames": "."}, r'classNames: the file "\." cannot be read'),
+            ({"classNames": "none.txt"}, 'classNames: the file "none.txt": no such file'),
+            ({"classNames": "."}, r'classNames: the file "\.": a folder, not a file'),
             ({"classNames": "empty.txt"}, 'classNames: the file "empty.txt" is empty'),
             ({"classNames": "gbk.txt"}, 'classNames: line 2 of "gbk.txt" is not UTF-8'),
             ({"wantedClasses": ["cat"]},

@@ -69,16 +69,16 @@ class RunTest(ChainCase):
         for line, error in (
                 (b"blue.png", None), (b"none.png\r", "no such file"),
                 (b"none*", "no file matches this pattern"), (b"\xff.png", "no such file"),
-                (b"blue.png\0x", not_a_path), (b"x" * 1000000, not_a_path), (b"blue.png", None)):
+                (b"blue.png\0x", not_a_path), (b"x" * 1000000, not_a_path), (b"", "the line is empty"),
+                (b"blue.png", None)):
             answer, = answers(line, 1)
             self.assertEqual(answer.get("error"), error)
             if error != not_a_path:
                 self.assertEqual(answer["input"], line.decode(errors="replace").strip())
-        answers(b"", 0)
         self.assertEqual([answer["width"] for answer in answers(b"in", 2)], [128, 64])
         out, err = process.communicate(timeout=60)
         self.assertEqual((process.returncode, out), (1, b""))
-        self.assertEqual(len(err.splitlines()), 5, err)
+        self.assertEqual(len(err.splitlines()), 6, err)
 
     def test_recorded_objects(self):
         self.write("other.png", png(128, 64))
@@ -89,6 +89,11 @@ class RunTest(ChainCase):
         self.use(self.reader)
         self.assertEqual(self.run_json("blue.png", "other.png", "--objects", "found.jsonl"),
                          expected)
+        # Shrunk frames do not move recorded boxes by rounding them twice.
+        shrunk = self.run_json("blue.png", "other.png", "--objects", "found.jsonl",
+                               "--max-side", "47")
+        self.assertEqual([[found["box"] for found in frame["objects"]] for frame in shrunk],
+                         [[found["box"] for found in frame["objects"]] for frame in expected])
         found = (self.folder / "found.jsonl").read_bytes()
         error = b'{"input":"blue.png","error":"x"}\n'
         bad_box = b'{"input":"a","frame":0,"width":9,"height":9,"objects":[{"box":[1]}]}'
@@ -98,7 +103,7 @@ class RunTest(ChainCase):
                 ("other", error, 1, "blue.png: frame 0 is not in other"),
                 ("deep", error + b"[" * 100000, 2, "deep: line 2: .+"),
                 ("text", b"x", 2, "text: line 1: not JSON"),
-                ("none", None, 2, "none: the file cannot be read"),
+                ("none", None, 2, "none: no such file"),
                 ("box", bad_box, 2, "box: line 1: an array is missing or has another length")):
             if content is not None:
                 self.write(name, content)
@@ -141,6 +146,7 @@ class RunTest(ChainCase):
                           ["--json-file", "in/blue.png"], ["--json-file", self.pipeline],
                           ["--output", "out", "--font", self.pipeline]):
             self.vsa("run", self.pipeline, "in", *arguments, status=2)
+        self.assertFalse((self.folder / "out").exists())  # not created for a wrong font
         self.assertEqual(before, (self.folder / "in/blue.png").read_bytes())
 
     def test_shrinks_and_crops(self):
@@ -175,10 +181,11 @@ class RunTest(ChainCase):
             start = re.search(rb"\xff[\xc0\xc2]..\x08", photo, re.DOTALL).end()
             return photo[:start] + struct.pack(">HH", side, side) + photo[start + 4:]
 
-        limit = "its 20000 x 20000 pixels are more than the limit of 200000000"
+        limit = r"its 20000 x 20000 pixels are more than the limit of 200000000 \(run --max-pixels\)"
         header = "its header claims more .+"
         self.write("good.png", png(10, 10000))
         (self.folder / "empty").mkdir()
+        self.write("in/deep/good.png", png(64, 64))
         os.mkfifo(self.folder / "pipe.png")
         (self.folder / "pipes").mkdir()
         os.mkfifo(self.folder / "pipes/pipe.png")
@@ -197,7 +204,8 @@ class RunTest(ChainCase):
                 ("cut.png", png(400, 300)[:60], ".+"),
                 ("none.png", None, "no such file"),
                 ("none*.png", None, ".+"),
-                ("empty", None, ".+"),
+                ("empty", None, "no image or video in this folder"),
+                ("in", None, "no image or video in this folder, but in folders below it; -r .+"),
                 ("pipe.png", None, "not a regular file"),
                 ("pipes", None, None)):
             if content is not None:
@@ -208,7 +216,8 @@ class RunTest(ChainCase):
             self.assertIn("1 input failed", self.err)
         video = self.write_video(3)
         self.assertEqual(self.run_json(video, "good.png", "--max-pixels", 3000, status=1), [])
-        self.check_error(f"{video}: its 64 x 48 pixels are more than the limit of 3000")
+        self.check_error(f"{video}: its 64 x 48 pixels are more than the limit of 3000 "
+                         r"\(run --max-pixels\)")
         self.assertIn("2 inputs failed", self.err)
 
     def test_videos_that_end_early(self):

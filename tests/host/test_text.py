@@ -4,7 +4,7 @@ import json
 import os
 import re
 
-from vsa_case import EXAMPLES, PICTURES, VsaCase, png
+from vsa_case import EXAMPLES, PICTURES, ChainCase, VsaCase, png
 
 
 def words_of(line):
@@ -59,6 +59,9 @@ class TextTest(VsaCase):
         self.assertEqual(reported, first.splitlines())
         for option in ("--json", "--stdin"):
             self.vsa("run", "--text", option, self.pipeline, page, status=2)
+        self.use(ChainCase.detector)
+        self.vsa("run", "--text", self.pipeline, page, status=2)
+        self.check_error(".*--text: no model reads text")
 
     def test_annotated_images(self):
         inputs = [self.write_sign("a/sign.png"), self.write_sign("b/sign.png"),

@@ -41,7 +41,13 @@ class UsageTest(ChainCase):
         for options in (["--jsn"], ["--max-frames", "0"], ["--max-frames", "many"], ["--stdin"],
                         ["--max-side", "0"], ["--max-pixels", "715827883"]):
             self.check_usage_error("run", *options, pipeline, "x")
-        for arguments in ([], ["rnu"], ["run"], ["run", pipeline], ["compare", pipeline, "x"],
+        self.vsa("rnu", pipeline, status=2)
+        self.check_error(r'there is no command "rnu"; did you mean "run"\?')
+        self.assertEqual(self.vsa("help", "run"), self.vsa("run", "--help"))
+        self.assertEqual(self.vsa("run", "--version"), self.vsa("--version"))
+        self.vsa("run", "--max-frames", "0", pipeline, "x", status=2)
+        self.assertIn("0 is not a whole number of at least 1", self.err)
+        for arguments in ([], ["run"], ["run", pipeline], ["compare", pipeline, "x"],
                           ["compare", pipeline, "x", "y", "z"], ["doctor"],
                           ["compare-engines", "--pixels", "-1", pipeline, "x"]):
             self.check_usage_error(*arguments)
