@@ -37,16 +37,28 @@ std::string durationText(double seconds) {
   return seconds < 5400.0 ? fixed(seconds / 60.0, 0) + " min" : fixed(seconds / 3600.0, 1) + " h";
 }
 
-std::atomic<int> firstSignal = 0;  // 0 if none has arrived
-static_assert(std::atomic<int>::is_always_lock_free);
+using Clock = std::chrono::steady_clock;
 
+std::atomic<int> firstSignal = 0;       // 0 if none has arrived
+std::atomic<Clock::rep> firstTime = 0;  // likewise
+static_assert(std::atomic<int>::is_always_lock_free &&
+              std::atomic<Clock::rep>::is_always_lock_free);
+
+// One event can send a signal twice: "timeout" sends it to the process and to its group, and if a
+// terminal is closed, both the shell and the kernel send SIGHUP. So the second one counts only
+// after a moment.
 extern "C" void onInterrupt(int signal) {
-  firstSignal = signal;
-  for (const int next : {SIGINT, SIGTERM}) std::signal(next, SIG_DFL);
-#if !defined(_WIN32)
-  // If SIGHUP was ignored (by nohup), it stays ignored.
-  if (std::signal(SIGHUP, SIG_DFL) == SIG_IGN) std::signal(SIGHUP, SIG_IGN);
-#endif
+  constexpr Clock::duration kMoment = std::chrono::milliseconds(300);
+  // NOLINTNEXTLINE(bugprone-signal-handler): the clock only makes an asynchronous-safe system call
+  const Clock::rep now = Clock::now().time_since_epoch().count();
+  if (Clock::rep first = 0; firstTime.compare_exchange_strong(first, now)) {
+    firstSignal = signal;
+  } else if (now - first > kMoment.count()) {
+    std::signal(signal, SIG_DFL);
+    std::raise(signal);
+    return;
+  }
+  std::signal(signal, onInterrupt);  // some systems reset it before the call
 }
 
 }  // namespace

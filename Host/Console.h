@@ -22,7 +22,7 @@ class Console {
   static bool waitForInput();
 
   /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored) only sets
-  /// interruptSignal(); the second one ends the program.
+  /// interruptSignal(); the second one ends the program, unless it arrives within 0.3 s.
   static void catchInterrupt();
   /// The number of that signal; 0 if none has arrived.
   static int interruptSignal();

@@ -283,17 +283,24 @@ std::string withoutPasswords(std::string_view text) {
   std::string masked;
   std::size_t copied = 0;
   const auto mask = [&](std::size_t begin, std::size_t end) {
+    if (begin < copied) return;  // in a value that is masked already
     masked += text.substr(copied, begin - copied);
     masked += "***";
     copied = end;
   };
   for (std::size_t at = text.find("://"); at != std::string_view::npos; at = text.find("://", at)) {
     at += 3;
-    const std::size_t end = std::min(text.find_first_of(kWhitespace, at), text.size());
-    const std::size_t host = std::min(text.find_first_of("/?#", at), end);
+    // A password may contain spaces. In a sentence, ": " follows the address.
+    const std::size_t sentence = std::min(text.find(": ", at), text.size());
+    std::size_t host = std::min(text.find_first_of("/?#\n", at), sentence);
     const std::size_t user = text.substr(at, host - at).rfind('@');
     const std::size_t colon = text.substr(at, host - at).find(':');
-    if (user != std::string_view::npos && colon < user) mask(at + colon + 1, at + user);
+    if (user != std::string_view::npos && colon < user) {
+      mask(at + colon + 1, at + user);
+      at += user;
+    }
+    const std::size_t end = std::min(text.find_first_of(kWhitespace, at), sentence);
+    host = std::min(host, end);
     // Parameters of the query, "?user=x&password=y".
     for (std::size_t name = text.substr(0, end).find_first_of("?&", host); name < end;) {
       const std::size_t next = std::min(text.find('&', name + 1), end);

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "Inputs.h"
 #include "Messages.h"
 #include "Text.h"
 
@@ -60,7 +61,7 @@ int main(int argc, char** argv) {
     // The message can repeat any argument.
     std::ostringstream message;
     const bool isHelp = program.exit(error, std::cout, message) == 0;
-    std::cerr << vsa::printableLines(message.str());
+    std::cerr << vsa::printableLines(vsa::withoutPasswords(message.str()));
     return isHelp ? vsa::kDone : vsa::kUsageError;
   }
   for (const auto& command : commands) {

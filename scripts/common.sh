@@ -56,12 +56,14 @@ lock_setup() {
   }
 }
 
-# is_done NAME FILE...: whether the set-up step NAME was completed with exactly these files in this folder.
+# is_done NAME FILE...: whether the set-up step NAME was completed with exactly these files in this folder. Before a step
+# that is repeated changes anything, call not_done: if it is interrupted, the earlier one must not count.
 is_done() {
   local name=$1
   shift
   [ -f "$deps/done/$name" ] && [ "$(cat "$deps/done/$name")" = "$(checksum "$@")" ]
 }
+not_done() { rm -f "$deps/done/$1"; }
 mark_done() {
   local name=$1
   shift

@@ -106,6 +106,14 @@ def test_boxes_of_another_detector(frame):
             tolcompatible.Result.from_boxes(frame, boxes)
     with pytest.raises(ValueError):
         tolcompatible.Result.from_boxes(frame, [[0, 0, 1, 1]], scores=[1, 2])
+    for values in (
+        {"scores": [float("nan")]},
+        {"scores": [1e300]},
+        {"class_ids": np.array([2**40])},
+        {"class_ids": [2**40]},
+    ):
+        with pytest.raises(ValueError):
+            tolcompatible.Result.from_boxes(frame, [[0, 0, 1, 1]], **values)
 
 
 def test_pickled_results_are_equal(things, frame):

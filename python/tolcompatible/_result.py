@@ -25,6 +25,13 @@ def _strings(items: "Sequence[str | None]") -> npt.NDArray[np.object_]:
     return array
 
 
+def _finite(name: str, values: npt.ArrayLike, limit: int) -> npt.NDArray[np.float64]:
+    numbers = np.asarray(values, np.float64)
+    if not np.all(np.abs(numbers) < limit):
+        raise ValueError(f"the {name} must be finite and fit in 32 bits")
+    return numbers
+
+
 @dataclasses.dataclass(frozen=True, eq=False)
 class Object:
     """One object of a Result. Its fields are the rows of the arrays of the result; None if the
@@ -77,9 +84,7 @@ class Result(Sequence[Object]):
         Raises ValueError if the numbers of values differ, or a number is not finite or does not fit
         in 32 bits.
         """
-        corners = np.asarray(boxes, np.float64).reshape(-1, 4)
-        if not np.all(np.abs(corners) < 1 << 31):
-            raise ValueError("the boxes must be finite and fit in 32 bits")
+        corners = _finite("boxes", boxes, 1 << 31).reshape(-1, 4)
         count = len(corners)
         height, width = frame.shape[:2]
         return cls(
@@ -90,9 +95,13 @@ class Result(Sequence[Object]):
                 (
                     np.ones(count).tolist()
                     if scores is None
-                    else np.asarray(scores, np.float32).tolist()
+                    else _finite("scores", scores, 1 << 127).astype(np.float32).tolist()
                 ),
-                [0] * count if class_ids is None else np.asarray(class_ids, np.int32).tolist(),
+                (
+                    [0] * count
+                    if class_ids is None
+                    else _finite("class ids", class_ids, 1 << 31).astype(np.int32).tolist()
+                ),
                 [""] * count if class_names is None else list(map(str, class_names)),
             )
         )

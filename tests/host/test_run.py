@@ -326,6 +326,20 @@ class EndTest(ChainCase):
             self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
 
     @unittest.skipIf(os.name == "nt", "needs POSIX signals")
+    def test_same_signal_again_after_a_moment(self):
+        # "timeout" sends it twice, and so do shell and kernel if a terminal is closed.
+        video = self.write_video(5000)
+        for _ in range(5):
+            process = self.start(VSA, "run", self.pipeline, "--quiet", video, "--output", "out")
+            process.stdout.readline()
+            for _ in range(5):
+                process.send_signal(signal.SIGHUP)
+                time.sleep(0.002)
+            process.stdout.read()
+            self.assertEqual(process.wait(timeout=60), 128 + signal.SIGHUP)
+            self.assertEqual(process.stderr.read(), b"vsa: interrupted\n")
+
+    @unittest.skipIf(os.name == "nt", "needs POSIX signals")
     def test_second_signal_ends_at_once(self):
         process = self.start(VSA, "run", self.pipeline, "--json", self.write_video(5000))
 
@@ -337,7 +351,7 @@ class EndTest(ChainCase):
             before = unread()
             time.sleep(0.5)
         process.send_signal(signal.SIGHUP)
-        time.sleep(0.2)
+        time.sleep(0.5)
         self.assertIsNone(process.poll())
         process.send_signal(signal.SIGTERM)
         self.assertEqual(process.wait(timeout=10), -signal.SIGTERM)
