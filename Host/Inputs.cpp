@@ -31,8 +31,7 @@ constexpr std::string_view kWhitespace = " \t\r\n";
 
 // Whether a parameter of an address with such a name is a password or replaces one.
 bool isSecret(std::string_view name) {
-  std::string lower(name);
-  for (char& c : lower) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  const std::string lower = lowerCase(std::string(name));
   constexpr std::string_view kParts[] = {"pass", "pwd", "token", "secret", "key", "auth", "sig"};
   return std::ranges::any_of(
       kParts, [&lower](std::string_view part) { return lower.find(part) != std::string::npos; });
@@ -250,10 +249,13 @@ Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line) {
   return tooLong ? Line::kTooLong : Line::kRead;
 }
 
+std::string lowerCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
 std::string lowerCaseExtension(const std::string& path) {
-  std::string extension = fs::path(path).extension().string();
-  for (char& c : extension) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return extension;
+  return lowerCase(fs::path(path).extension().string());
 }
 
 bool hasImageExtension(const std::string& path) {

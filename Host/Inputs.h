@@ -25,8 +25,8 @@ struct InputList {
 
 /// Replaces folders by the files in them that contain such media (videos contain both), and
 /// patterns (* ? [ ]) by the files and folders that they match, sorted. An argument that names an
-/// existing file is never a pattern. Pipes and devices are problems if they were found in a folder
-/// or by a pattern.
+/// existing file is never a pattern. Pipes and devices in a folder, or that match a pattern, are
+/// reported as problems.
 InputList expandInputs(const std::vector<std::string>& arguments, bool recursive,
                        Media media = Media::kImages);
 
@@ -51,6 +51,9 @@ std::string withoutPasswords(std::string_view text);
 /// Why the file cannot be read: "no such file", "permission denied", "a folder" or another reason
 /// of the system; empty if it can be opened.
 std::string whyUnreadable(const std::string& path);
+
+/// The text with its ASCII letters in lower case.
+std::string lowerCase(std::string text);
 
 /// The extension of the file name in lower case, with its dot.
 std::string lowerCaseExtension(const std::string& path);

@@ -31,11 +31,6 @@ std::string nameOfAddress(const std::string& address) {
   return name.empty() ? "stream" : name;
 }
 
-std::string lowerCase(std::string text) {
-  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return text;
-}
-
 // Encodes the image in the format of the extension. The file is not written by OpenCV because it
 // does not report all errors.
 void encode(const cv::Mat& image, const fs::path& path) {

@@ -46,10 +46,10 @@ int main(int argc, char** argv) {
     for (const CLI::App* command : program.get_subcommands({}))
       names.push_back(command->get_name());
     if (std::ranges::find(names, arguments[0]) == names.end()) {
-      const std::string message = "vsa: there is no command " + vsa::inQuotes(arguments[0]) +
-                                  vsa::suggestion(arguments[0], names) + "\n" +
-                                  "The commands are " + vsa::joined(names, ", ") +
-                                  ". Run with --help for more information.\n";
+      const std::string message =
+          "vsa: there is no command " + vsa::inQuotes(vsa::withoutPasswords(arguments[0])) +
+          vsa::suggestion(arguments[0], names) + "\n" + "The commands are " +
+          vsa::joined(names, ", ") + ". Run with --help for more information.\n";
       std::cerr << vsa::printableLines(message);
       return vsa::kUsageError;
     }

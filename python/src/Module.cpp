@@ -8,6 +8,7 @@
 #include <nanobind/stl/string.h>
 #include <nanobind/stl/vector.h>
 
+#include <atomic>
 #include <cmath>
 #include <cstdint>
 #include <cstdlib>
@@ -117,11 +118,12 @@ class Model {
 
   const vsa::ModelSpec& spec() const { return spec_; }
 
-  bool isClosed() const { return model_ == nullptr; }
+  bool isClosed() const { return isClosed_; }
 
   // Waits for a call of another thread. At the end of the interpreter there is none, and a thread
   // that releases the GIL may not get it back.
   void close() {
+    isClosed_ = true;
     if (isForked()) {
       // The threads that the engine would end do not exist in this process.
       static_cast<void>(model_.release());
@@ -199,6 +201,7 @@ class Model {
   vsa::ModelSpec spec_;
   std::mutex mutex_;
   std::unique_ptr<vsa::Model> model_;
+  std::atomic<bool> isClosed_ = false;
 };
 
 // The models of a pipeline. `content` is the content of the file, or None to read it; with content,
