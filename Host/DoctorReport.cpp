@@ -1,5 +1,6 @@
 #include "DoctorReport.h"
 
+#include "Inputs.h"
 #include "Messages.h"
 #include "Text.h"
 
@@ -7,7 +8,8 @@ namespace vsa {
 
 void DoctorReport::line(int indent, const std::string& text, int further) {
   text_ += std::string(static_cast<std::size_t>(indent), ' ') +
-           wrapped(printable(text), indent + further, columns_ > 0 ? columns_ - 1 - indent : 0) +
+           wrapped(printable(withoutPasswords(text)), indent + further,
+                   columns_ > 0 ? columns_ - 1 - indent : 0) +
            "\n";
 }
 
