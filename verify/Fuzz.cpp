@@ -450,8 +450,9 @@ void record(Reader& in, const Family& family, bool isValid) {
     if (in.oneIn(8)) {
       const std::uint32_t width = in.word();
       const std::uint32_t height = in.word();
-      const std::uint64_t count = std::uint64_t{width} * height;
-      if (count == 0 || count > 0x7FFFFFFF / 3) {
+      // Only sizes that are rejected: the buffer would be too small for the others.
+      const std::uint32_t longest = 0x7FFFFFFF;
+      if (width == 0 || height == 0 || width > longest / 3 || height > longest) {
         frame.width = width;
         frame.height = height;
       }
