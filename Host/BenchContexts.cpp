@@ -54,11 +54,18 @@ ContextsResult runConcurrently(const std::vector<Models>& copies,
       next = runs;  // the other threads stop after their frame
     }
   };
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < copies.size(); ++i) threads.emplace_back(run, i);
+  std::vector<std::jthread> threads;
+  try {
+    for (std::size_t i = 0; i < copies.size(); ++i) threads.emplace_back(run, i);
+  } catch (...) {
+    // No more threads can be created. Those that were must not wait for the others.
+    next = runs;
+    for (std::size_t i = threads.size(); i <= copies.size(); ++i) start.arrive_and_drop();
+    throw;
+  }
   start.arrive_and_wait();
   const Clock::time_point begin = Clock::now();
-  for (std::thread& thread : threads) thread.join();
+  for (std::jthread& thread : threads) thread.join();
   const double seconds = std::chrono::duration<double>(Clock::now() - begin).count();
 
   ContextsResult result;

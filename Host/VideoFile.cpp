@@ -6,6 +6,7 @@
 #include <opencv2/imgproc.hpp>
 #include <stdexcept>
 #include <string_view>
+#include <system_error>
 #include <utility>
 
 #include "Inputs.h"
@@ -61,11 +62,15 @@ VideoFile::VideoFile(const fs::path& path, double frameRate, const cv::Size& siz
   for (const char* codec : {"avc1", "mp4v"}) {
     if (video_.open(file, cv::VideoWriter::fourcc(codec[0], codec[1], codec[2], codec[3]),
                     frameRate, size)) {
-      thread_ = std::thread(&VideoFile::writeAll, this);
-      return;
+      break;
     }
   }
-  discard(path_, "video");
+  if (!video_.isOpened()) discard(path_, "video");
+  try {
+    thread_ = std::thread(&VideoFile::writeAll, this);
+  } catch (const std::system_error& error) {
+    discard(path_, "video", error.what());
+  }
 }
 
 VideoFile::~VideoFile() {
