@@ -112,7 +112,7 @@ int Console::interruptSignal() {
 
 void Console::note(const std::string& sentence) {
   clear();
-  std::string text = "vsa: " + printableLines(withoutPasswords(sentence));
+  std::string text = "vsa: " + printable(withoutPasswords(sentence));
   if (errorIsTerminal_) text = wrapped(text, 5, kColumns - 1);
   std::fprintf(stderr, "%s\n", text.c_str());
 }

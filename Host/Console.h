@@ -28,8 +28,8 @@ class Console {
   static int interruptSignal();
   static bool isInterrupted() { return interruptSignal() != 0; }
 
-  /// Writes "vsa: ..." to standard error, printableLines() without passwords; on a terminal, wraps
-  /// it to the width of the terminal.
+  /// Writes "vsa: ..." to standard error, as one line, printable() and without passwords; on a
+  /// terminal, wraps it to the width of the terminal.
   void note(const std::string& sentence);
 
   /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.
