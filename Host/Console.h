@@ -18,7 +18,7 @@ class Console {
   /// later calls return false.
   bool write(std::string_view text);
 
-  /// Waits until standard input has data or ends. Returns false if a signal arrives first.
+  /// Waits until standard input has data or ends. Returns false if interruptSignal() is set first.
   static bool waitForInput();
 
   /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored) only sets

@@ -365,6 +365,19 @@ class EndTest(ChainCase):
             self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
 
     @unittest.skipIf(os.name == "nt", "needs POSIX signals")
+    def test_signal_while_standard_input_is_read(self):
+        for number, rest in ((signal.SIGINT, b""), (signal.SIGTERM, b"blue.p")):
+            process = self.start(VSA, "run", "--stdin", "--quiet", self.pipeline)
+            process.stdin.write(b"blue.png\n" + rest)
+            process.stdin.flush()
+            process.stdout.readline()
+            time.sleep(0.3)  # until it waits for the rest of the line
+            process.send_signal(number)
+            self.assertEqual(process.wait(timeout=10), 128 + number)
+            self.assertEqual(process.stdout.read(), b"")
+            self.assertEqual(process.stderr.read(), b"vsa: interrupted\n")
+
+    @unittest.skipIf(os.name == "nt", "needs POSIX signals")
     def test_same_signal_again_after_a_moment(self):
         # "timeout" sends it twice, and so do shell and kernel if a terminal is closed.
         video = self.write_video(5000)
