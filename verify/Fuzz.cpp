@@ -223,7 +223,8 @@ void nms(Reader& in) {
   const std::uint32_t sides = 2U << in.upTo(14);
   const int minSide = in.oneIn(4) ? -in.upTo(20) : 1;
   const int levels = 1 + in.upTo(250);
-  std::vector<cv::Rect> boxes(in.byte() / (in.oneIn(4) ? 1U : 4U));
+  const unsigned divisor = in.oneIn(4) ? 1 : 4;
+  std::vector<cv::Rect> boxes(in.byte() / divisor);
   std::vector<float> scores;
   for (cv::Rect& box : boxes) {
     const auto offset = [&] {
