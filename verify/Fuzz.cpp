@@ -321,11 +321,6 @@ void score(Reader& in) {
           std::ranges::all_of(scores, [](float s) { return !(s > 0); }));
 }
 
-bool haveSameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return std::ranges::equal(a, b, {}, std::bit_cast<std::uint32_t, float>,
-                            std::bit_cast<std::uint32_t, float>);
-}
-
 void spectrogram(Reader& in) {
   const bool raw = in.oneIn(4);
   const std::string text =
