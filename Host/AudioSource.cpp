@@ -112,7 +112,8 @@ class AudioSource::Reader {
     std::error_code unused;
     if (!isAddress(input)) {
       if (!std::filesystem::exists(input, unused)) throw std::runtime_error("no such file");
-      file_.reset(sf_open(input.c_str(), SFM_READ, &info_));
+      // libsndfile takes the name "-" for standard input.
+      file_.reset(sf_open(pathForDecoder(input).c_str(), SFM_READ, &info_));
     }
     if (!file_) openVideo(input);
     const int subtype = info_.format & SF_FORMAT_SUBMASK;

@@ -5,6 +5,7 @@
 #include <opencv2/core/utils/logger.hpp>
 #include <utility>
 
+#include "LibraryMessages.h"
 #include "Messages.h"
 
 namespace vsa {
@@ -62,11 +63,12 @@ bool Command::isChosen() const {
 int Command::execute() const {
   if (!verbose_) cv::utils::logging::setLogLevel(cv::utils::logging::LOG_LEVEL_SILENT);
   Console console;
+  const LibraryMessages messages(&console);
   const LogToConsole log(&console, verbose_);
   try {
     return run(&console, &log);
   } catch (const std::exception& error) {
-    console.note(error.what());
+    console.note(oneLine(error.what()));
     return kSomeFailed;
   }
 }

@@ -92,9 +92,15 @@ bool Console::write(std::string_view text) {
 
 bool Console::waitForInput() {
 #if !defined(_WIN32)
-  // Unlike a read, poll() is not restarted after a signal.
+  // A read would be restarted after a signal. The signal may also arrive just before poll(), or in
+  // another thread, so poll() must end by itself.
+  constexpr int kMilliseconds = 100;
   pollfd input{STDIN_FILENO, POLLIN, 0};
-  if (std::cin.rdbuf()->in_avail() <= 0 && poll(&input, 1, -1) < 0) return errno != EINTR;
+  while (std::cin.rdbuf()->in_avail() <= 0) {
+    if (isInterrupted()) return false;
+    const int ready = poll(&input, 1, kMilliseconds);
+    if (ready > 0 || (ready < 0 && errno != EINTR)) break;
+  }
 #endif
   return true;
 }
@@ -112,7 +118,7 @@ int Console::interruptSignal() {
 
 void Console::note(const std::string& sentence) {
   clear();
-  std::string text = "vsa: " + printableLines(withoutPasswords(sentence));
+  std::string text = "vsa: " + printable(withoutPasswords(sentence));
   if (errorIsTerminal_) text = wrapped(text, 5, kColumns - 1);
   std::fprintf(stderr, "%s\n", text.c_str());
 }

@@ -18,7 +18,7 @@ class Console {
   /// later calls return false.
   bool write(std::string_view text);
 
-  /// Waits until standard input has data or ends. Returns false if a signal arrives first.
+  /// Waits until standard input has data or ends. Returns false if interruptSignal() is set first.
   static bool waitForInput();
 
   /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored) only sets
@@ -28,8 +28,8 @@ class Console {
   static int interruptSignal();
   static bool isInterrupted() { return interruptSignal() != 0; }
 
-  /// Writes "vsa: ..." to standard error, printableLines() without passwords; on a terminal, wraps
-  /// it to the width of the terminal.
+  /// Writes "vsa: ..." to standard error, as one line, printable() and without passwords; on a
+  /// terminal, wraps it to the width of the terminal.
   void note(const std::string& sentence);
 
   /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.

@@ -234,14 +234,17 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
   return list;
 }
 
-Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line) {
+Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line,
+              const std::function<bool()>& wait) {
   constexpr int kEnd = std::char_traits<char>::eof();
   line->clear();
   std::streambuf* bytes = stream->rdbuf();
   bool tooLong = false;
-  int byte = bytes->sbumpc();
-  if (byte == kEnd) return Line::kEnd;
-  for (; byte != kEnd && byte != '\n'; byte = bytes->sbumpc()) {
+  for (bool isFirst = true;; isFirst = false) {
+    if (wait && bytes->in_avail() <= 0 && !wait()) return Line::kInterrupted;
+    const int byte = bytes->sbumpc();
+    if (byte == kEnd && isFirst) return Line::kEnd;
+    if (byte == kEnd || byte == '\n') break;
     tooLong = tooLong || line->size() == maxBytes;
     if (!tooLong) line->push_back(static_cast<char>(byte));
   }

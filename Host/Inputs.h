@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <istream>
 #include <string>
 #include <string_view>
@@ -31,11 +32,13 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
                        Media media = Media::kImages);
 
 /// The result of readLine().
-enum class Line { kRead, kTooLong, kEnd };
+enum class Line { kRead, kTooLong, kInterrupted, kEnd };
 
 /// Reads a line without its line break ("\n" or "\r\n"). A line longer than `maxBytes` is
-/// truncated.
-Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line);
+/// truncated. `wait`, if there is one, is called before each read that could block; if it returns
+/// false, so does the result kInterrupted.
+Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line,
+              const std::function<bool()>& wait = {});
 
 /// Whether the input is an address such as "rtsp://camera/1", not a file.
 bool isAddress(const std::string& input);

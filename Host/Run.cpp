@@ -100,14 +100,13 @@ void processLines(const RunOptions& options, Media media, FrameLoop* loop) {
   std::ios::sync_with_stdio(false);
   std::string line;
   while (!loop->isStopped()) {
-    if (!Console::waitForInput()) continue;
     Line read = Line::kEnd;
     try {
-      read = readLine(&std::cin, kMaxBytes, &line);
+      read = readLine(&std::cin, kMaxBytes, &line, Console::waitForInput);
     } catch (const std::ios_base::failure&) {
       throw CannotContinue("standard input cannot be read; it must not be a folder");
     }
-    if (read == Line::kEnd) break;
+    if (read == Line::kEnd || read == Line::kInterrupted) break;
     if (line.empty()) {
       loop->countFailedInput("", "the line is empty");
       continue;

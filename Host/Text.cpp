@@ -28,7 +28,8 @@ constexpr Range kNarrow[] = {
 
 // Characters that control a terminal: C0, DEL and C1, and those that change the direction of text,
 // so that a name could look like another one.
-constexpr Range kControls[] = {{0x00, 0x1F}, {0x7F, 0x9F}, {0x202A, 0x202E}, {0x2066, 0x2069}};
+constexpr Range kControls[] = {{0x00, 0x1F},     {0x7F, 0x9F},     {0x061C, 0x061C},
+                               {0x200E, 0x200F}, {0x202A, 0x202E}, {0x2066, 0x2069}};
 
 template <std::size_t size>
 bool isIn(const Range (&ranges)[size], char32_t codePoint) {

@@ -58,10 +58,18 @@ int main(int argc, char** argv) {
   try {
     program.parse(arguments);
   } catch (const CLI::ParseError& error) {
+    std::ostringstream stream;
+    const bool isHelp = program.exit(error, std::cout, stream) == 0;
     // The message can repeat any argument.
-    std::ostringstream message;
-    const bool isHelp = program.exit(error, std::cout, message) == 0;
-    std::cerr << vsa::printableLines(vsa::withoutPasswords(message.str()));
+    std::string message = stream.str();
+    for (int i = 1; i < argc; ++i) {
+      const std::string argument = argv[i];
+      if (argument.find('\n') == std::string::npos) continue;
+      for (std::size_t at = 0; (at = message.find(argument, at)) != std::string::npos;) {
+        message.replace(at, argument.size(), vsa::printable(argument));
+      }
+    }
+    std::cerr << vsa::printableLines(vsa::withoutPasswords(message));
     return isHelp ? vsa::kDone : vsa::kUsageError;
   }
   for (const auto& command : commands) {

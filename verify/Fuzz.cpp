@@ -223,7 +223,8 @@ void nms(Reader& in) {
   const std::uint32_t sides = 2U << in.upTo(14);
   const int minSide = in.oneIn(4) ? -in.upTo(20) : 1;
   const int levels = 1 + in.upTo(250);
-  std::vector<cv::Rect> boxes(in.byte() / (in.oneIn(4) ? 1U : 4U));
+  const unsigned divisor = in.oneIn(4) ? 1 : 4;
+  std::vector<cv::Rect> boxes(in.byte() / divisor);
   std::vector<float> scores;
   for (cv::Rect& box : boxes) {
     const auto offset = [&] {
@@ -318,11 +319,6 @@ void score(Reader& in) {
           best.classId < static_cast<int>(std::max(scores.size(), 1UL)));
   require(std::isnan(best.score) || (best.score >= 0 && best.score <= 1) ||
           std::ranges::all_of(scores, [](float s) { return !(s > 0); }));
-}
-
-bool haveSameBits(const std::vector<float>& a, const std::vector<float>& b) {
-  return std::ranges::equal(a, b, {}, std::bit_cast<std::uint32_t, float>,
-                            std::bit_cast<std::uint32_t, float>);
 }
 
 void spectrogram(Reader& in) {

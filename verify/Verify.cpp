@@ -8,13 +8,11 @@
 
 #include <glog/logging.h>
 #include <malloc.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <iomanip>
 #include <iostream>
 #include <opencv2/imgproc.hpp>
@@ -22,6 +20,7 @@
 #include <thread>
 
 #include "support/LoopbackServer.h"
+#include "support/Measure.h"
 #include "support/TestHost.h"
 #include "support/TinyNetworks.h"
 
@@ -116,9 +115,7 @@ struct Model : TestModel {
 /// Resident memory in KB, after free blocks were returned to the system.
 double residentMemory() {
   malloc_trim(0);
-  long pages = 0;
-  std::ifstream("/proc/self/statm") >> pages >> pages;
-  return static_cast<double>(pages * sysconf(_SC_PAGESIZE)) / 1024;
+  return residentMegabytes() * 1e6 / 1024;
 }
 
 /// Threads and open files.
@@ -143,11 +140,6 @@ Counts settledCounts() {
   return last;
 }
 
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
 /// Growth per sample over the second half: the median of all slopes between two samples. A leak
 /// changes most of the slopes, a single block that the allocator requests or returns only a few.
 double slope(const std::vector<double>& samples) {
@@ -157,14 +149,14 @@ double slope(const std::vector<double>& samples) {
       slopes.push_back((samples[k] - samples[i]) / static_cast<double>(k - i));
     }
   }
-  return median(slopes);
+  return medianOf(slopes);
 }
 /// Growth from the middle to the end, each the median of a tenth of the samples.
 double growth(const std::vector<double>& samples) {
   const auto size = static_cast<std::ptrdiff_t>(samples.size());
   const auto tenth = std::max<std::ptrdiff_t>(size / 10, 1);
   const auto middle = samples.begin() + size / 2;
-  return median({samples.end() - tenth, samples.end()}) - median({middle, middle + tenth});
+  return medianOf({samples.end() - tenth, samples.end()}) - medianOf({middle, middle + tenth});
 }
 
 /// Divides a time limit among the parts of a check. Without a limit, each part runs in full.

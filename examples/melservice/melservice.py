@@ -10,8 +10,11 @@ import argparse
 import base64
 import binascii
 import http.server
+import io
 import json
 import sys
+import threading
+import time
 
 try:
     import numpy
@@ -33,6 +36,8 @@ INTEGERS = ("pts", "audio_frame_count", "audio_frame_max_size", "audio_frame_siz
             "audio_sample_fmt_byte_num")
 MAX_CHANNELS = 64
 MAX_BODY_BYTES = 64 << 20
+MAX_SECONDS = 30  # in which a request must arrive completely
+MAX_CONNECTIONS = 32
 
 
 class RequestError(Exception):
@@ -119,11 +124,40 @@ def mel_spectrogram(samples, rate, mels, steps):
     return 10.0 * numpy.log10(numpy.maximum(power, MIN_POWER))
 
 
+class LimitedReader(io.RawIOBase):
+    """Reads from a connection until `end`, a time of time.monotonic()."""
+
+    def __init__(self, connection):
+        super().__init__()
+        self.connection, self.end = connection, 0.0
+
+    def readable(self):
+        return True
+
+    def readinto(self, buffer):
+        left = self.end - time.monotonic()
+        if left <= 0:
+            raise TimeoutError("the request takes too long")
+        self.connection.settimeout(left)
+        return self.connection.recv_into(buffer)
+
+
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"  # supports "Expect: 100-continue" and persistent connections
-    timeout = 30  # seconds; a client that stops sending does not block its thread forever
     server_version = "melservice"
     sys_version = ""
+
+    def setup(self):
+        super().setup()
+        self.rfile.close()
+        self.limit = LimitedReader(self.connection)
+        self.rfile = io.BufferedReader(self.limit)
+
+    def handle_one_request(self):
+        # The base class limits the head to 100 lines of 64 KiB, and ends the connection after a
+        # TimeoutError.
+        self.limit.end = time.monotonic() + MAX_SECONDS
+        super().handle_one_request()
 
     def do_POST(self):
         code, reply = SUCCESS, None
@@ -165,6 +199,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
 
     def send(self, status, reply):
         body = json.dumps(reply).encode()
+        self.connection.settimeout(MAX_SECONDS)  # of each write
         try:
             self.send_response(status)
             self.send_header("Content-Type", "application/json")
@@ -186,7 +221,20 @@ class Server(http.server.ThreadingHTTPServer):
 
     def __init__(self, address, mels, steps):
         self.mels, self.steps = mels, steps
+        self.free_connections = threading.Semaphore(MAX_CONNECTIONS)
         super().__init__(address, Handler)
+
+    def process_request(self, request, client_address):
+        if self.free_connections.acquire(blocking=False):
+            super().process_request(request, client_address)
+        else:
+            self.shutdown_request(request)
+
+    def process_request_thread(self, request, client_address):
+        try:
+            super().process_request_thread(request, client_address)
+        finally:
+            self.free_connections.release()
 
 
 def parse_count(text):

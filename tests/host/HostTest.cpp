@@ -102,8 +102,8 @@ TEST(TextTest, ConvertsAndRepairs) {
   for (const auto& [given, repaired] : kUtf8) EXPECT_EQ(repairUtf8(given), repaired);
 
   EXPECT_EQ(printable("a\x1B[2J\n\xC2\x9B\x7F你"), "a\uFFFD[2J\uFFFD\uFFFD\uFFFD你");
-  EXPECT_EQ(printable("\u202A\u202E\u2066\u2069|\u2029\u202F\u206A"),
-            "\uFFFD\uFFFD\uFFFD\uFFFD|\u2029\u202F\u206A");
+  EXPECT_EQ(printable("\u061C\u200E\u200F\u202A\u202E\u2066\u2069|\u200D\u2029\u202F\u206A"),
+            "\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD\uFFFD|\u200D\u2029\u202F\u206A");
   EXPECT_EQ(printableLines("\x1B\n\n\xC2\x9B"), "\uFFFD\n\n\uFFFD");
   EXPECT_EQ(displayWidth("ab你！😀e\u0301한"), 2 + 2 + 2 + 2 + 1 + 2);
   EXPECT_EQ(displayWidth("ｱé€\xFF"), 4);

@@ -94,8 +94,8 @@ class AudioTest(VsaCase):
         from8 = struct.pack("<4h", 0, 0x7f00, -0x100, 0x100)
         from24 = struct.pack("<4f", 0.5, 2**-23, -1, 0)
         self.serve(*[spectrum(0, -75)] * 3)
-        self.run_json(self.write_wav("8.wav", b"\x80\xff\x7f\x81", 20, size=1),
-                      self.write_wav("24.wav", b"\0\0\x40\1\0\0\0\0\x80", 20, size=3),
+        self.write_wav("-", b"\x80\xff\x7f\x81", 20, size=1)  # a file, not standard input
+        self.run_json("-", self.write_wav("24.wav", b"\0\0\x40\1\0\0\0\0\x80", 20, size=3),
                       self.write_wav("float.wav", floats, 20, code=FLOAT, size=4))
         formats = [(request["audio_sample_fmt"], request["audio_sample_fmt_byte_num"])
                    for request in self.requests]

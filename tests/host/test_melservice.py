@@ -8,9 +8,12 @@ import json
 import math
 import pathlib
 import socket
+import subprocess
 import sys
 import threading
+import time
 import unittest
+import unittest.mock
 
 import numpy
 
@@ -135,6 +138,51 @@ class ServiceTest(unittest.TestCase):
                 while part := client.recv(4096):
                     replies += part
         self.assertEqual(replies.count(b"HTTP/1.1 "), 1)
+
+    def test_slow_request_is_dropped(self):
+        head = f"POST {melservice.PATH} HTTP/1.1\r\nContent-Length: 5000\r\n\r\n".encode()
+        for start in (b"", b"POST", head[:-2], head):
+            with self.subTest(start), unittest.mock.patch.object(melservice, "MAX_SECONDS", 1), \
+                    self.connect() as client:
+                client.sendall(start)
+                client.settimeout(0.1)
+                begin = time.monotonic()
+                with contextlib.suppress(ConnectionError):
+                    while time.monotonic() < begin + 10:
+                        client.sendall(b"x")  # more often than any timeout of a single read
+                        with contextlib.suppress(TimeoutError):
+                            if client.recv(4096) == b"":
+                                break
+                self.assertLess(time.monotonic() - begin, 5)
+
+    def test_number_of_connections_is_limited(self):
+        with unittest.mock.patch.object(melservice, "MAX_CONNECTIONS", 2):
+            server = melservice.Server(("127.0.0.1", 0), 16, 20)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+
+        def is_served():
+            with socket.create_connection(("127.0.0.1", server.server_port), timeout=20) as client:
+                with contextlib.suppress(ConnectionError):
+                    client.sendall(b"GET / HTTP/1.1\r\n\r\n")
+                    return client.recv(9) == b"HTTP/1.1 "
+
+        with contextlib.ExitStack() as idle:
+            for _ in range(2):
+                idle.enter_context(socket.create_connection(("127.0.0.1", server.server_port)))
+            self.assertFalse(is_served())
+        end = time.monotonic() + 20
+        while not is_served() and time.monotonic() < end:
+            time.sleep(0.05)
+        self.assertTrue(is_served())
+
+    def test_only_this_machine_reaches_it(self):
+        with subprocess.Popen([sys.executable, melservice.__file__, "--port", "0"],
+                              stdout=subprocess.PIPE, text=True) as service:
+            self.addCleanup(service.kill)
+            self.assertIn(" on http://127.0.0.1:", service.stdout.readline())
+            service.kill()
 
     def test_client_that_disconnects(self):
         with self.connect() as client:

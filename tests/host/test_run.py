@@ -15,11 +15,15 @@ import threading
 import time
 import unittest
 
-from vsa_case import PICTURES, VSA, ChainCase, parse_lines, png
+import onnx
+from vsa_case import NETWORKS, PICTURES, VSA, YOLO8, ChainCase, parse_lines, png
 
 if os.name != "nt":
     import fcntl
     import termios
+
+# Characters that control a terminal or change the direction of text; "\n" ends lines.
+CONTROLS = "[\x00-\x09\x0b-\x1f\x7f-\x9f\u061c\u200e\u200f\u202a-\u202e\u2066-\u2069]"
 
 
 def tiff(*sizes):
@@ -255,7 +259,7 @@ class RunTest(ChainCase):
         with socket.create_server(("127.0.0.1", 0)) as server:
             server.settimeout(0)
             names = ["10:30:05.y4m", f"tcp:127.0.0.1:{server.getsockname()[1]}.y4m",
-                     "-\x1b[31m\u202e\u2066\x9b.y4m"]
+                     "-\x1b[31m\u202e\u2066\u200f\x9b.y4m"]
             for name in names:
                 self.write_video(2).rename(self.folder / name)
             self.assertEqual(len(self.run_json("--output", "10:30", "--", *names)), 6)
@@ -264,11 +268,46 @@ class RunTest(ChainCase):
             self.assertRaises(BlockingIOError, server.accept)
         self.write(names[2] + "\n.png", b"text")
         self.vsa("run", self.pipeline, "--", *names, *self.folder.glob("*.png"), status=1)
-        controls = "[\x00-\x09\x0b-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]"
-        self.assertNotRegex(self.out + self.err, controls)
-        self.assertIn("-\ufffd[31m\ufffd\ufffd\ufffd.y4m\ufffd.png: ", self.err)
-        self.vsa("run", self.pipeline, "--no\x1b[31m", status=2)
-        self.assertIn("--no\ufffd[31m", self.err)
+        self.assertNotRegex(self.out + self.err, CONTROLS)
+        self.assertIn("-\ufffd[31m\ufffd\ufffd\ufffd\ufffd.y4m\ufffd.png: ", self.err)
+        self.vsa("run", self.pipeline, "--no\x1b[31m\nvsa: x", status=2)
+        self.assertIn("--no\ufffd[31m\ufffdvsa: x", self.err)
+        self.vsa("run", "a\nvsa: b.json", "blue.png", status=2)
+        self.assertEqual(self.err, "vsa: a\ufffdvsa: b.json: no such file\n")
+
+    def test_options_take_files_with_any_name(self):
+        self.pipeline.rename(self.folder / "-p.json")
+        self.write("-i.png", png(64, 64))
+        self.vsa("run", "--json-file", "-found", "-o", "-out", "--crops", "http:", "--", "-p.json",
+                 "-i.png")
+        self.assertEqual(len(list((self.folder / "http:").iterdir())), 2)
+        self.assertTrue((self.folder / "-out/-i.png").is_file())
+        self.assertIn(", 4 objects\n",
+                      self.vsa("run", "--objects", "-found", "--", "-p.json", "-i.png"))
+        shutil.copy(NETWORKS / "one.onnx", self.folder / "tcp:1.onnx")
+        self.vsa("doctor", "--write", "-w.json", "tcp:1.onnx")
+        self.assertIn(": ok", self.vsa("doctor", "--", "-w.json"))
+        self.vsa("run", "tcp:1.onnx", "blue.png")
+
+    def test_messages_of_engines_cannot_control_a_terminal(self):
+        # ONNX Runtime warns of the wrong shape and adds colours.
+        name = "\x1b]0;x\x07\u202e"
+        floats = onnx.TensorProto.FLOAT
+        graph = onnx.helper.make_graph(
+            [onnx.helper.make_node("Identity", ["value"], [name])], "x",
+            [onnx.helper.make_tensor_value_info("images", floats, [1, 3, 64, 64])],
+            [onnx.helper.make_tensor_value_info(name, floats, [1, 5, 2])],
+            [onnx.helper.make_tensor("value", floats, [1, 5, 1], [32, 32, 20, 20, 0.875])])
+        model = onnx.helper.make_model(
+            graph, opset_imports=[onnx.helper.make_opsetid("", 13)], ir_version=8)
+        onnx.save(model, self.folder / "wrong.onnx")
+        self.use({**YOLO8, "engine": "ONNXRuntime", "modelFile": "wrong.onnx",
+                  "classNames": [name]}, root=self.folder)
+        self.vsa("run", "-q", self.pipeline, "blue.png")
+        shown = "\ufffd]0;x\ufffd\ufffd"
+        self.assertRegex(self.err, rf"^vsa: [^\[]*\[W:onnxruntime:.+'{re.escape(shown)}'.+merge\.\n$")
+        self.assertIn(f"  {shown}  ", self.out)
+        self.assertNotRegex(self.out + self.err, CONTROLS)
 
     def test_passwords_are_never_shown(self):
         video = self.write_video(3).read_bytes()
@@ -324,6 +363,19 @@ class EndTest(ChainCase):
             self.assertLess(len(frames), 5000)
             self.assertRegex(err, rf"^vsa: interrupted\n1 input, {len(frames)} frames")
             self.assertEqual(len(self.run_json(self.folder / "out/video.mp4")), len(frames))
+
+    @unittest.skipIf(os.name == "nt", "needs POSIX signals")
+    def test_signal_while_standard_input_is_read(self):
+        for number, rest in ((signal.SIGINT, b""), (signal.SIGTERM, b"blue.p")):
+            process = self.start(VSA, "run", "--stdin", "--quiet", self.pipeline)
+            process.stdin.write(b"blue.png\n" + rest)
+            process.stdin.flush()
+            process.stdout.readline()
+            time.sleep(0.3)  # until it waits for the rest of the line
+            process.send_signal(number)
+            self.assertEqual(process.wait(timeout=10), 128 + number)
+            self.assertEqual(process.stdout.read(), b"")
+            self.assertEqual(process.stderr.read(), b"vsa: interrupted\n")
 
     @unittest.skipIf(os.name == "nt", "needs POSIX signals")
     def test_same_signal_again_after_a_moment(self):

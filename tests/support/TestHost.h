@@ -1,6 +1,7 @@
 // A minimal host: a model with its records, images as frames, and objects as text.
 #pragma once
 
+#include <algorithm>
 #include <bit>
 #include <limits>
 #include <opencv2/core.hpp>
@@ -99,6 +100,12 @@ inline std::string bytesOf(const VsaFrame& frame) {
   return std::to_string(frame.audioClassified) + " " +
          std::to_string(std::bit_cast<std::uint32_t>(frame.audioScore)) + " " +
          bytesOf(frame.objects) + bytesOf(frame.audioObjects);
+}
+
+/// Whether both hold the same floats, bit for bit: a NaN equals itself, and 0 is not -0.
+inline bool haveSameBits(const std::vector<float>& a, const std::vector<float>& b) {
+  const auto bits = std::bit_cast<std::uint32_t, float>;
+  return std::ranges::equal(a, b, {}, bits, bits);
 }
 
 /// An object with the given box, even if it is outside the frame.
