@@ -5,7 +5,8 @@
 namespace vsa {
 
 LogToConsole::LogToConsole(Console* console, bool verbose) : console_(console), verbose_(verbose) {
-  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) {
+  for (const auto severity :
+       {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR, google::GLOG_FATAL}) {
     google::SetLogDestination(severity, "");
   }
   google::SetStderrLogging(google::GLOG_FATAL);

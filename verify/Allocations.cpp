@@ -477,7 +477,8 @@ int main(int argc, char** argv) {
   const std::chrono::duration<double> limit(argc > 1 ? std::atof(argv[1]) : 1e9);
   google::InitGoogleLogging(argv[0]);
   google::SetStderrLogging(google::GLOG_FATAL);
-  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity)
+  for (const auto severity :
+       {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR, google::GLOG_FATAL})
     google::SetLogDestination(severity, "");
   // A request sent to a proxy would differ.
   setenv("http_proxy", "http://127.0.0.1:9555", 1);

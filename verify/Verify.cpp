@@ -404,7 +404,8 @@ int main(int argc, char** argv) try {
     throw std::runtime_error("usage: Verify (lifecycles | soak | threads) [SECONDS]");
   // The library's log lines are formatted and discarded.
   google::InitGoogleLogging(argv[0]);
-  for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity)
+  for (const auto severity :
+       {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR, google::GLOG_FATAL})
     google::SetLogDestination(severity, "");
   FLAGS_stderrthreshold = google::GLOG_FATAL;
   LoopbackServer service(

@@ -39,7 +39,8 @@ void startLogging() {
   static LogSink* const sink = [] {
     if (!google::IsGoogleLoggingInitialized()) {
       google::InitGoogleLogging("tolcompatible");
-      for (int severity = 0; severity < google::NUM_SEVERITIES; ++severity) {
+      for (const auto severity :
+           {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR, google::GLOG_FATAL}) {
         google::SetLogDestination(severity, "");
       }
       google::SetStderrLogging(google::GLOG_FATAL);

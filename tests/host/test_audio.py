@@ -142,10 +142,14 @@ class AudioTest(VsaCase):
 
     @unittest.skipIf(os.name == "nt", "ffmpeg is run on POSIX only")
     def test_audio_of_a_video(self):
-        # A program that takes the place of ffmpeg and records its arguments.
+        # A program that takes the place of ffmpeg and records its arguments. The first line of a
+        # script cannot name Python if its path has spaces.
         path = str(self.folder / "bin")
         video = self.write_video(2)
-        self.write("bin/ffmpeg", f"""#!{sys.executable}
+        self.write("bin/ffmpeg", f"""#!/bin/sh
+exec "{sys.executable}" "{self.folder}/ffmpeg.py" "$@"
+""".encode()).chmod(0o755)
+        self.write("ffmpeg.py", b"""
 import pathlib, struct, sys
 pathlib.Path("arguments").write_text(" ".join(sys.argv[1:]))
 name = pathlib.Path(sys.argv[sys.argv.index("-i") + 1]).stem
@@ -156,7 +160,7 @@ sys.stdout.buffer.write(header + struct.pack(">300h", *range(300)))
 sys.stdout.buffer.flush()
 if name == "broken":
     sys.exit("video: the rest is damaged")
-""".encode()).chmod(0o755)
+""")
         self.serve(*[spectrum(0, -75)] * 4)
         frames = self.run_json(video, PATH=path)
         self.assertEqual([frame["duration"] for frame in frames], [0.2, 0.1])

@@ -1,8 +1,6 @@
 """Chains of models over images: what each model adds, the table, and vsa compare."""
 
 import math
-import os
-import unittest
 
 from vsa_case import ChainCase, parse_lines, png
 
@@ -69,17 +67,6 @@ class ChainTest(ChainCase):
                 self.use({**self.detector, "modelName": name, "modelFile": network,
                           "classCount": count, "nmsThreshold": 0.5})
                 self.assertEqual(self.run_json("blue.png")[0]["objects"], [{**box, **more}])
-
-    @unittest.skipIf(os.name == "nt", "needs a POSIX terminal")
-    def test_terminal_and_pipe(self):
-        labels = [f"{colour} and many more words about it" for colour in ("red", "blue", "green")]
-        self.use(self.detector, {**self.classifier, "classNames": labels}, self.persons,
-                 self.reader)
-        text = self.run_in_terminal("run", self.pipeline, "none.png", "blue.png", "-q")
-        piped = self.vsa("run", self.pipeline, "blue.png", "-q")
-        self.assertEqual(len(piped.splitlines()), 4, piped)
-        self.assertNotRegex(piped, r"[\r\x1b]")
-        self.assertEqual(text.split("objects\n")[1].split(), piped.split("objects\n")[1].split())
 
 
 class CompareTest(ChainCase):

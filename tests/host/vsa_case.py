@@ -119,17 +119,6 @@ class VsaCase(unittest.TestCase):
         self.addCleanup(process.kill)
         return process
 
-    def run_in_terminal(self, *arguments):
-        """Returns what a terminal shows, after checking that all lines fit it."""
-        shown, terminal = os.openpty()
-        self.addCleanup(os.close, shown)
-        subprocess.run([VSA, *map(str, arguments)], cwd=self.folder, stdout=terminal,
-                       stderr=terminal, timeout=60)
-        os.close(terminal)
-        text = os.read(shown, 1 << 16).decode().replace("\r\n", "\n")
-        self.check_width(text)
-        return text
-
     def check_width(self, text):
         self.assertLessEqual(max(map(len, text.splitlines())), COLUMNS, text)
 
