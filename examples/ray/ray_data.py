@@ -53,6 +53,8 @@ def main():
     parser.add_argument("--cores", type=int, default=2, help="cores per actor (default: 2)")
     parser.add_argument("--workers", type=int, default=1, help="number of actors (default: 1)")
     options = parser.parse_args()
+    if options.cores < 1 or options.workers < 1:
+        parser.error("--cores and --workers must be at least 1")
     paths = [line for line in sys.stdin.read().splitlines() if line]
     if not paths:
         return
@@ -64,6 +66,11 @@ def main():
         ray.init(address=options.address)
     else:
         ray.init(address="local", num_cpus=options.workers * options.cores + 1, include_dashboard=False)
+    # The cores of an actor belong to one machine.
+    capacity = sum(int(node["Resources"].get("CPU", 0)) // options.cores for node in ray.nodes() if node["Alive"])
+    if options.workers > capacity:
+        sys.exit(f"there are cores for {capacity} actors of {options.cores}, not for {options.workers}; "
+                 "see --workers and --cores")
     context = ray.data.DataContext.get_current()
     context.execution_options.preserve_order = True
     context.enable_progress_bars = False
@@ -81,4 +88,9 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except KeyboardInterrupt:
+        sys.exit(130)
+    except Exception as error:  # an actor's error contains its traceback
+        sys.exit("ray_data.py: " + (str(error).strip().splitlines() or [type(error).__name__])[-1])

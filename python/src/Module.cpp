@@ -60,13 +60,12 @@ void passOn(const std::vector<LogLine>& lines) {
   }
 }
 
-// The text of the last error line without its tag; empty if there is none.
+// The text of the last error line; empty if there is none.
 std::string lastError(const std::vector<LogLine>& lines) {
-  std::string text;
-  for (const LogLine& line : lines) {
-    if (line.isError) text = line.text;
+  for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
+    if (line->isError) return vsa::repairUtf8(vsa::oneLine(line->text));
   }
-  return vsa::repairUtf8(vsa::oneLine(text));
+  return {};
 }
 
 // Calls the library without the GIL, passes its log lines on, and throws Error with the line or the
@@ -208,9 +207,14 @@ class Model {
 // messages about its models name `path` alone.
 nb::tuple openPipeline(const nb::bytes& path, const std::optional<nb::bytes>& content) {
   const std::string file(path.c_str(), path.size());
-  vsa::Pipeline pipeline =
-      content ? vsa::parsePipeline(std::string(content->c_str(), content->size()), file)
-              : vsa::readPipeline(file);
+  const std::string text = content ? std::string(content->c_str(), content->size()) : "";
+  vsa::Pipeline pipeline;
+  if (areCallsFinished()) throw NotAllowed("the interpreter is shutting down");
+  {
+    const CountedCall counted;
+    const nb::gil_scoped_release released;  // reading a pipe waits for whoever writes to it
+    pipeline = content ? vsa::parsePipeline(text, file) : vsa::readPipeline(file);
+  }
   nb::list models;
   for (vsa::ModelSpec& spec : pipeline.models) {
     if (content) spec.location = file;
@@ -262,18 +266,30 @@ Objects fromBoxes(std::uint32_t width, std::uint32_t height, const Boxes& boxes,
   return objects;
 }
 
-// The inverse of imageJson().
+// The inverse of imageJson() and audioJson().
 Objects fromJson(const std::string& line) {
   Json::Value json;
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   std::string errors;
-  if (!reader->parse(line.data(), line.data() + line.size(), &json, &errors) || !json.isObject() ||
-      !json["width"].isUInt() || !json["height"].isUInt()) {
+  const bool isRead =
+      reader->parse(line.data(), line.data() + line.size(), &json, &errors) && json.isObject();
+  const bool isAudio = isRead && json["classified"].isBool();
+  if (!isAudio && (!isRead || !json["width"].isInt() || !json["height"].isInt())) {
     throw nb::value_error("not a frame in JSON");
   }
-  Objects objects{{}, json["width"].asUInt(), json["height"].asUInt()};
-  const cv::Size size(json["width"].asInt(), json["height"].asInt());
-  for (const Json::Value& object : json["objects"]) {
+  const cv::Size size =
+      isAudio ? cv::Size() : cv::Size(json["width"].asInt(), json["height"].asInt());
+  Objects objects;
+  objects.width = static_cast<std::uint32_t>(size.width);
+  objects.height = static_cast<std::uint32_t>(size.height);
+  if (isAudio) {
+    objects.isClassified = json["classified"].asBool();
+    objects.audioScore = json["score"].asFloat();
+  }
+  for (Json::Value& object : json["objects"]) {
+    if (isAudio && object.isObject()) {
+      for (int side = 0; side < 4; ++side) object["box"][side] = 0;  // audio has no position
+    }
     objects.list.push_back(vsa::objectFromJson(object, size));
   }
   return objects;

@@ -4,6 +4,7 @@ calls."""
 import base64
 import http.server
 import json
+import pickle
 import threading
 import wave
 
@@ -102,6 +103,8 @@ def test_results_and_requests_are_those_of_vsa(requests, write_pipeline, tmp_pat
             pipeline(np.zeros((9, 9, 3), np.uint8))
     assert [result.to_json(tmp_path / "audio.wav") for result in results] == lines
     assert requests[:2] == requests[2:]
+    for result in results:
+        assert pickle.loads(pickle.dumps(result)).to_dict() == result.to_dict()
     schema = json.loads((ROOT / "docs/vsa-output.schema.json").read_text("utf-8"))
     jsonschema.Draft202012Validator(schema).validate(results[1].to_dict())
 
@@ -120,6 +123,8 @@ def test_wrong_samples_and_no_service():
         for rate in (0, -1, 1 << 31):
             with pytest.raises(ValueError, match="rate"):
                 model.classify_audio(block, rate)
+        with pytest.raises(ValueError, match="index"):
+            model.classify_audio(block, 16000, index=1 << 63)
         for time in (-1, float("nan")):
             with pytest.raises(ValueError, match="time"):
                 model.classify_audio(block, 16000, time=time)

@@ -104,9 +104,14 @@ def test_boxes_of_another_detector(frame):
     for boxes in ([[np.nan] * 4], [[0, 0, 1e12, 1]], [[0, 0, 1]]):
         with pytest.raises(ValueError):
             tolcompatible.Result.from_boxes(frame, boxes)
-    with pytest.raises(ValueError):
-        tolcompatible.Result.from_boxes(frame, [[0, 0, 1, 1]], scores=[1, 2])
+    for wrong in ([[1, 2]], frame[0, 0, 0], frame[:0]):
+        with pytest.raises((TypeError, ValueError), match="frame"):
+            tolcompatible.Result.from_boxes(wrong, [[0, 0, 1, 1]])
     for values in (
+        {"scores": [1, 2]},
+        {"scores": 1},
+        {"class_ids": [[1]]},
+        {"class_names": []},
         {"scores": [float("nan")]},
         {"scores": [1e300]},
         {"class_ids": np.array([2**40])},
@@ -176,6 +181,8 @@ def test_wrong_arguments_name_the_field():
         "there is no model file": {"modelFile": "none"},
         "classNames must not be empty": {"classNames": []},
         "the library has no": {"modelName": "YOLO7"},
+        "float": {"scoreThreshold": float("nan")},
+        "surrogates": {"modelFile": "\ud800"},
     }
     for message, fields in cases.items():
         with pytest.raises(tolcompatible.Error, match="^Model: .*" + re.escape(message)):
@@ -240,7 +247,7 @@ def test_closed_models(frame):
         result = model(frame)
     assert model.closed
     model.close()
-    with pytest.raises(tolcompatible.Error, match="closed"):
+    with pytest.raises(tolcompatible.Error, match="^Model: the model is closed$"):
         model(frame)
     boxes = result.boxes
     del model, result

@@ -3,6 +3,8 @@
 import json
 import os
 import re
+import threading
+import time
 
 import jsonschema
 import numpy as np
@@ -115,12 +117,30 @@ def test_errors_are_those_of_vsa(write_pipeline, tmp_path):
         Pipeline(path)
     with pytest.raises(tolcompatible.PipelineError, match="no such file"):
         Pipeline(tmp_path / "none.json")
+    with pytest.raises(tolcompatible.PipelineError, match="not a path"):
+        Pipeline(f"{path}\0")
     failing = write_pipeline(THINGS, {**LABELS, "modelFile": "zeros"})
     with (
         Pipeline(failing) as pipeline,
         pytest.raises(tolcompatible.Error, match=r"models\[1\].*\[E\]"),
     ):
         pipeline(np.zeros((64, 64, 3), np.uint8))
+
+
+def test_another_thread_may_write_what_is_read(write_pipeline):
+    content = write_pipeline(THINGS).read_bytes()
+    reader, writer = os.pipe()
+
+    def write():
+        time.sleep(0.2)
+        os.write(writer, content)
+        os.close(writer)
+
+    thread = threading.Thread(target=write)
+    thread.start()
+    Pipeline(f"/dev/fd/{reader}").close()
+    thread.join()
+    os.close(reader)
 
 
 def test_example_pipelines_are_read():

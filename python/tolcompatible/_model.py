@@ -83,6 +83,8 @@ def _run_on_audio(
         raise ValueError(f"the rate must be a number of samples per second, not {rate}")
     if not 0 <= time < 1e15:
         raise ValueError(f"the time must be a number of seconds, not {time}")
+    if not -(1 << 63) <= index < 1 << 63:
+        raise ValueError(f"the index must fit in 64 bits, not {index}")
     samples = np.ascontiguousarray(samples)
     found = None
     for model in models:
@@ -113,11 +115,14 @@ class Model:
     """
 
     def __init__(self, **fields: Any) -> None:
-        content = json.dumps({"models": [fields]}, ensure_ascii=False, default=_plain)
         try:
-            models, _, _ = _native.open_pipeline(
-                b"Model", content.encode("utf-8", "surrogateescape")
-            )
+            content = json.dumps(
+                {"models": [fields]}, ensure_ascii=False, allow_nan=False, default=_plain
+            ).encode("utf-8", "surrogateescape")
+        except ValueError as error:  # a number that is not finite, for example
+            raise _native.PipelineError(f"Model: {error}") from None
+        try:
+            models, _, _ = _native.open_pipeline(b"Model", content)
         except _native.Error as error:
             raise type(error)(str(error).replace(": models[0]", "", 1)) from None
         self._models: "list[_native.Model]" = models
@@ -188,7 +193,10 @@ class Pipeline:
     """
 
     def __init__(self, path: StrPath) -> None:
-        models, self._takes_audio, self._block_seconds = _native.open_pipeline(os.fsencode(path))
+        name = os.fsencode(path)
+        if b"\0" in name:
+            raise _native.PipelineError(f"{path!r} is not a path")
+        models, self._takes_audio, self._block_seconds = _native.open_pipeline(name)
         self._models: "list[_native.Model]" = models
 
     def __call__(self, frame: npt.NDArray[np.uint8], objects: "Result | None" = None) -> Result:

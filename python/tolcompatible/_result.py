@@ -25,10 +25,14 @@ def _strings(items: "Sequence[str | None]") -> npt.NDArray[np.object_]:
     return array
 
 
-def _finite(name: str, values: npt.ArrayLike, limit: int) -> npt.NDArray[np.float64]:
+def _finite(
+    name: str, values: npt.ArrayLike, limit: int, count: "int | None" = None
+) -> npt.NDArray[np.float64]:
     numbers = np.asarray(values, np.float64)
     if not np.all(np.abs(numbers) < limit):
         raise ValueError(f"the {name} must be finite and fit in 32 bits")
+    if count is not None and numbers.shape != (count,):
+        raise ValueError(f"the {name} must have the shape ({count},), not {numbers.shape}")
     return numbers
 
 
@@ -81,9 +85,13 @@ class Result(Sequence[Object]):
         the box is clamped to the frame. scores, class_ids, class_names: N values; default: 1, 0 and
         "".
 
-        Raises ValueError if the numbers of values differ, or a number is not finite or does not fit
-        in 32 bits.
+        Raises TypeError or ValueError if frame is not an image, the numbers of values differ, or a
+        number is not finite or does not fit in 32 bits.
         """
+        if not isinstance(frame, np.ndarray):
+            raise TypeError(f"the frame must be a numpy array, not {type(frame).__name__}")
+        if frame.ndim < 2 or not all(0 < side < 1 << 31 for side in frame.shape[:2]):
+            raise ValueError(f"the frame has the shape {frame.shape}")
         corners = _finite("boxes", boxes, 1 << 31).reshape(-1, 4)
         count = len(corners)
         height, width = frame.shape[:2]
@@ -95,12 +103,12 @@ class Result(Sequence[Object]):
                 (
                     np.ones(count).tolist()
                     if scores is None
-                    else _finite("scores", scores, 1 << 127).astype(np.float32).tolist()
+                    else _finite("scores", scores, 1 << 127, count).astype(np.float32).tolist()
                 ),
                 (
                     [0] * count
                     if class_ids is None
-                    else _finite("class ids", class_ids, 1 << 31).astype(np.int32).tolist()
+                    else _finite("class ids", class_ids, 1 << 31, count).astype(np.int32).tolist()
                 ),
                 [""] * count if class_names is None else list(map(str, class_names)),
             )
@@ -292,7 +300,9 @@ def _from_json(line: str) -> Result:
 
 
 class AudioResult:
-    """The classes that an audio model recognised in a block of audio. N is their number."""
+    """The classes that an audio model recognised in a block of audio. N is their number.
+
+    Results can be pickled."""
 
     def __init__(self, objects: _native.Objects, time: float, duration: float, index: int) -> None:
         self._objects = objects
@@ -336,5 +346,12 @@ class AudioResult:
     def __len__(self) -> int:
         return len(self._objects)
 
+    def __reduce__(self) -> Any:
+        return _audio_from_json, (self.to_json(), *self._place)
+
     def __repr__(self) -> str:
         return f"<AudioResult: {', '.join(self.class_names) or 'nothing'}>"
+
+
+def _audio_from_json(line: str, index: int, time: float, duration: float) -> AudioResult:
+    return AudioResult(_native.Objects.from_json(line), time, duration, index)

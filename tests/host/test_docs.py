@@ -26,7 +26,10 @@ ELSEWHERE = {
     r"benchmarks/ratios.*": "benchmarks/ratios",
     r"cmake --preset library && .*": ".ci/run",
     r"ray/bin/python examples/ray/ray_data.py .*": "python/tests/test_ray_data.py",
+    r"ray/bin/(ray|python .* --address) .*|export RAY_.*": "python/tests/test_ray_cluster.py",
     r"(examples/ray/setup|python3 -m venv ray && .*|.*ray/bin/.*)": "tests/host/test_ray.py",
+    r"(python/examples/setup|\. \.deps/supervision/bin/activate|export PYTHONPATH=.*|"
+    r"python python/examples/.*)": "python/tests/test_examples.py",
     r"\.deps/venv/bin/python examples/melservice/.*": "tests/host/test_docs.py",
 }
 
