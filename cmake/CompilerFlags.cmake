@@ -35,9 +35,10 @@ if(NOT MSVC)
   add_compile_options("-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=")
 endif()
 
-# Optimised builds for Linux are hardened: stack protector, checked buffer functions, control-flow protection,
+# Optimised builds for Linux are hardened: stack protector, checked buffer functions, markers of branch targets,
 # position-independent programs, relocations that are read-only before the program starts, no executable stack.
-if(CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_BUILD_TYPE STREQUAL "Release")
+# scripts/check-hardening checks this.
+if(TOL_HARDENING AND CMAKE_SYSTEM_NAME STREQUAL "Linux" AND CMAKE_BUILD_TYPE STREQUAL "Release")
   include(CheckPIESupported)
   check_pie_supported(LANGUAGES CXX)
   add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)

@@ -66,7 +66,11 @@ foreach(component library development tools)
   set(overrides "${control}/${${component}_package}")
   file(WRITE "${overrides}" "bogus-mail-host *\nbogus-mail-host-in-debian-changelog *\n")
   if(component STREQUAL library)
-    file(APPEND "${overrides}" "# ONNX Runtime's library is the official build.\nembedded-library *\n")
+    file(APPEND "${overrides}" "# ONNX Runtime's library is the official build.\nembedded-library *\n"
+      "# Beside the trigger, CPack calls ldconfig.\nmaintscript-calls-ldconfig *\n")
+  elseif(component STREQUAL development)
+    file(APPEND "${overrides}" "# The archive has the same folders, without the name of the architecture.\n"
+      "pkg-config-unavailable-for-cross-compilation *\n")
   endif()
   install(FILES "${overrides}" DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides COMPONENT ${component})
   install(FILES "${control}/copyright" "${control}/changelog.gz"

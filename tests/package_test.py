@@ -39,6 +39,13 @@ class Package(unittest.TestCase):
         self.assertRegex(run("readelf", "-d", self.library),
                          r"SONAME.*\[libTolCompatibleLib\.so\.\d+\]")
 
+    def test_optimised_files_are_hardened(self):
+        options = (BUILD / "CMakeCache.txt").read_text()
+        wanted = "CMAKE_BUILD_TYPE:STRING=Release\n", "TOL_HARDENING:BOOL=ON\n"
+        if not all(option in options for option in wanted):
+            self.skipTest("only optimised builds are hardened")
+        run(SOURCE / "scripts/check-hardening", self.library, self.prefix / "bin/vsa")
+
     def test_missing_dependencies_are_listed_with_how_to_install_them(self):
         done = subprocess.run(["cmake", "-S", SOURCE, "-B", self.folder / "missing",
                                *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in ("glog", "CURL"))],

@@ -1,0 +1,36 @@
+# Minimal Debian systems in which packages are tried. Sourced after scripts/common.sh, not run. `work` is a temporary
+# folder of the caller, who removes it.
+# shellcheck shell=bash
+
+[ "$(id -u)" -eq 0 ] || die 'only root can make a Debian system to install packages in'
+
+# make_root SUITE PACKAGE...: makes the system in $work/SUITE, with these packages, a user named user, and the network
+# settings of this one. Sets `root` to its folder and `home` to that of the user.
+make_root() {
+  local suite=$1 file
+  shift
+  root=$work/$suite
+  home=$root/home/user
+  step "A minimal Debian ($suite)"
+  debootstrap --variant=minbase "$suite" "$root" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" >"$work/log" 2>&1 ||
+    { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
+  mkdir -p "$root/etc/ssl/certs"
+  for file in /etc/pip.conf /etc/ssl/certs/ca-certificates.crt; do
+    if [ -f "$file" ]; then cp "$file" "$root$file"; fi
+  done
+  in_root 'useradd --create-home user && apt-get -qq update'
+  in_root "apt-get -qq install --no-install-recommends $*"
+}
+
+# in_root COMMANDS and as_user COMMANDS run shell commands in `root`, the latter in the home folder of the user. Mounts
+# and processes end with them. The output is in $work/log, and printed if they fail.
+in_root() {
+  unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" chroot "$root" env -i HOME=/root TERM=dumb \
+    PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+    bash -euo pipefail -c "$1" >"$work/log" 2>&1 </dev/null ||
+    { tail -n 40 "$work/log" >&2; die "failed: $1"; }
+}
+as_user() {
+  in_root "cd /home/user && exec setpriv --reuid=user --regid=user --clear-groups env HOME=/home/user \
+    bash -euo pipefail -c $(printf %q "$1")"
+}
