@@ -7,6 +7,7 @@
 #include <opencv2/imgproc.hpp>
 #include <tuple>
 
+#include "Utils/ByteTables.h"
 #include "Utils/MaskOutline.h"
 #include "Utils/PreProcessUtils.h"
 #include "Utils/TextDecode.h"
@@ -47,6 +48,7 @@ std::vector<std::uint32_t> bitsOf(cv::Size input, Fill fill) {
 }
 
 TEST(Reference, LetterboxedPlanesAreTheSame) {
+  EXPECT_TRUE(unitTables().linear) << "the planes are looked up instead of computed";
   cv::RNG random(29);
   LogCapture log;
   std::vector<float> keptPlanes(30000);

@@ -1,7 +1,9 @@
 #include "Utils/ByteTables.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstddef>
+#include <cstdint>
 #include <opencv2/core.hpp>
 #include <opencv2/dnn.hpp>
 
@@ -27,14 +29,34 @@ cv::Mat scaledRamp(double scale) {
 
 /// Tables from a row of 256 three-channel float pixels.
 ByteTables tablesOf(const cv::Mat& ramp) {
-  ByteTables tables;
+  ByteTables made;
   for (int i = 0; i < 256; ++i) {
     const auto& pixel = ramp.at<cv::Vec3f>(0, i);
     for (int c = 0; c < 3; ++c) {
-      tables[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)] = pixel[c];
+      made.tables[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)] = pixel[c];
     }
   }
+  return made;
+}
+
+/// Returns `tables` with the linear form `form` if that gives the same bits, otherwise unchanged.
+ByteTables withLinearForm(ByteTables tables, const LinearForm& form) {
+  for (std::size_t c = 0; c < 3; ++c) {
+    for (std::size_t i = 0; i < 256; ++i) {
+      const float value = static_cast<float>(i) * form.factors[c] - form.offsets[c];
+      if (std::bit_cast<std::uint32_t>(value) != std::bit_cast<std::uint32_t>(tables[c][i])) {
+        return tables;
+      }
+    }
+  }
+  tables.linear = form;
   return tables;
+}
+
+/// The linear form with the same factor and offset for all channels.
+LinearForm sameForAll(double factor, float offset) {
+  const auto single = static_cast<float>(factor);
+  return {{single, single, single}, {offset, offset, offset}};
 }
 
 }  // namespace
@@ -44,8 +66,8 @@ const ByteTables& unitTables() {
     const cv::Mat blob = cv::dnn::blobFromImage(byteRamp(), kOneOver255, cv::Size(256, 1),
                                                 cv::Scalar(), /*swapRB=*/true, /*crop=*/false);
     ByteTables made;
-    for (auto& table : made) std::copy_n(blob.ptr<float>(), 256, table.begin());
-    return made;
+    for (auto& table : made.tables) std::copy_n(blob.ptr<float>(), 256, table.begin());
+    return withLinearForm(made, sameForAll(kOneOver255, 0));
   }();
   return tables;
 }
@@ -64,7 +86,7 @@ const ByteTables& textLineTables() {
   static const ByteTables tables = [] {
     cv::Mat ramp = scaledRamp(kTwoOver255);
     cv::subtract(ramp, cv::Scalar::all(1.0), ramp);
-    return tablesOf(ramp);
+    return withLinearForm(tablesOf(ramp), sameForAll(kTwoOver255, 1));
   }();
   return tables;
 }
@@ -77,7 +99,7 @@ const ByteTables& classifierTables() {
     ByteTables made;
     for (std::size_t c = 0; c < 3; ++c) {
       for (std::size_t i = 0; i < 256; ++i) {
-        made[c][i] = (static_cast<float>(i) / 255.0F - kMeans[c]) / kDeviations[c];
+        made.tables[c][i] = (static_cast<float>(i) / 255.0F - kMeans[c]) / kDeviations[c];
       }
     }
     return made;
@@ -86,7 +108,8 @@ const ByteTables& classifierTables() {
 }
 
 const ByteTables& fittedTables() {
-  static const ByteTables tables = tablesOf(scaledRamp(kOneOver255));
+  static const ByteTables tables =
+      withLinearForm(tablesOf(scaledRamp(kOneOver255)), sameForAll(kOneOver255, 0));
   return tables;
 }
 
@@ -107,9 +130,10 @@ const ByteTables& ocrTables() {
     ByteTables made;
     for (std::size_t c = 0; c < 3; ++c) {
       for (std::size_t i = 0; i < 256; ++i) {
-        made[c][i] = static_cast<float>(i) * kFactors[c] - kOffsets[c];
+        made.tables[c][i] = static_cast<float>(i) * kFactors[c] - kOffsets[c];
       }
     }
+    made.linear = LinearForm{kFactors, kOffsets};
     return made;
   }();
   return tables;

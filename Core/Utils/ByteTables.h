@@ -6,11 +6,27 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
+#include <optional>
 
 namespace TolCompatibleLib {
 
-/// 256 floats for each channel of the image, in the order in which the image stores its channels.
-using ByteTables = std::array<std::array<float, 256>, 3>;
+/// The float of a byte of channel c is byte * factors[c] - offsets[c], with both results rounded to
+/// single precision.
+struct LinearForm {
+  std::array<float, 3> factors;
+  std::array<float, 3> offsets;
+};
+
+/// From bytes to floats. Channels are in the order in which the image stores them.
+struct ByteTables {
+  using Table = std::array<float, 256>;
+  const Table& operator[](std::size_t channel) const { return tables[channel]; }
+
+  std::array<Table, 3> tables;
+  /// Set if it gives the bits of all three tables: then it is faster than looking them up.
+  std::optional<LinearForm> linear;
+};
 
 // Each table is computed on first use and kept until the library is unloaded. Computing it may
 // throw cv::Exception or std::bad_alloc; the next call tries again.

@@ -1,7 +1,7 @@
 #include "Utils/PlaneWriter.h"
 
-#if defined(_M_X64)
-#include <xmmintrin.h>
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
 #endif
 
 #include <algorithm>
@@ -27,31 +27,102 @@ void prefetch([[maybe_unused]] const void* address) {
 }
 
 /// Pixels converted before they are stored, because storing single floats to the three planes
-/// alternately is the bottleneck.
-constexpr std::size_t kPixels = 4;
+/// alternately is the bottleneck. Their floats fill a cache line of each plane.
+constexpr std::size_t kPixels = 16;
 
-/// Writes a row of `count` pixels through `tables` to the same offset of three planes.
-/// @param pixelAt returns the address of pixel x.
-/// @param ahead distance in bytes from a pixel to the data to prefetch.
+/// One prefetch for as many pixels.
+constexpr std::size_t kPixelsPerPrefetch = 4;
+
+/// Part of a row of an image.
+template <class PixelAt>
+struct Pixels {
+  PixelAt at;            ///< Returns the address of pixel x.
+  std::size_t count;     ///< Number of pixels.
+  std::size_t followed;  ///< As many pixels, from the first on, have another one to their right.
+  std::ptrdiff_t ahead;  ///< Distance in bytes from a pixel to the data to prefetch.
+};
+
+/// Calls `write(x)` for blocks of kPixels that start at pixel x and cover `count` pixels; the last
+/// two blocks may overlap. Returns the number of pixels covered: `count`, or 0 if there are fewer
+/// pixels than a block has.
+template <class Write>
+std::size_t forEachBlock(std::size_t count, Write write) {
+  if (count < kPixels) return 0;
+  std::size_t x = 0;
+  for (; x + kPixels <= count; x += kPixels) write(x);
+  if (x < count) write(count - kPixels);
+  return count;
+}
+
+#if defined(__SSE2__) || defined(_M_X64)
+/// Writes the first pixels of a row by computing their floats. Returns the number of pixels.
+template <ChannelOrder order, class PixelAt>
+std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form, float* row,
+                          std::size_t plane) {
+  constexpr std::size_t kLanes = 4;
+  // The fourth byte belongs to the next pixel.
+  const auto load = [&pixels](std::size_t x) {
+    int bytes;
+    std::memcpy(&bytes, pixels.at(x), sizeof bytes);
+    return _mm_cvtsi32_si128(bytes);
+  };
+  return forEachBlock(pixels.followed, [&](std::size_t x) {
+    __m128i block[kPixels / kLanes];
+    for (std::size_t i = 0; i < kPixels / kLanes; ++i) {
+      const std::size_t first = x + kLanes * i;
+      prefetch(pixels.at(first) + pixels.ahead);
+      block[i] = _mm_unpacklo_epi64(_mm_unpacklo_epi32(load(first), load(first + 1)),
+                                    _mm_unpacklo_epi32(load(first + 2), load(first + 3)));
+    }
+    for (std::size_t p = 0; p < 3; ++p) {
+      const __m128 factor = _mm_set1_ps(form.factors[order[p]]);
+      const __m128 offset = _mm_set1_ps(form.offsets[order[p]]);
+      for (std::size_t i = 0; i < kPixels / kLanes; ++i) {
+        const __m128i bytes = _mm_and_si128(
+            _mm_srli_epi32(block[i], 8 * static_cast<int>(order[p])), _mm_set1_epi32(255));
+        _mm_storeu_ps(row + p * plane + x + kLanes * i,
+                      _mm_sub_ps(_mm_mul_ps(_mm_cvtepi32_ps(bytes), factor), offset));
+      }
+    }
+  });
+}
+#else
+/// Floats are always looked up on this processor.
+template <ChannelOrder order, class PixelAt>
+std::size_t writeComputed(const Pixels<PixelAt>&, const LinearForm&, float*, std::size_t) {
+  return 0;
+}
+#endif
+
+/// Writes the first pixels of a row by looking up their floats. Returns the number of pixels.
+template <ChannelOrder order, class PixelAt>
+std::size_t writeLookedUp(const Pixels<PixelAt>& pixels, const ByteTables& tables, float* row,
+                          std::size_t plane) {
+  return forEachBlock(pixels.count, [&](std::size_t x) {
+    std::array<const uchar*, kPixels> block;
+    for (std::size_t i = 0; i < kPixels; ++i) {
+      block[i] = pixels.at(x + i);
+      if (i % kPixelsPerPrefetch == 0) prefetch(block[i] + pixels.ahead);
+    }
+    for (std::size_t p = 0; p < 3; ++p) {
+      std::array<float, kPixels> values;
+      for (std::size_t i = 0; i < kPixels; ++i) values[i] = tables[order[p]][block[i][order[p]]];
+      std::memcpy(row + p * plane + x, values.data(), sizeof values);
+    }
+  });
+}
+
+/// Writes a row of pixels through `tables` to the same offset of three planes.
 /// @param row the row in the first plane.
 /// @param plane number of floats from one plane to the next.
 template <ChannelOrder order, class PixelAt>
-void writeRow(std::size_t count, PixelAt pixelAt, std::ptrdiff_t ahead, const ByteTables& tables,
-              float* row, std::size_t plane) {
-  std::size_t x = 0;
-  for (; x + kPixels <= count; x += kPixels) {
-    std::array<const uchar*, kPixels> pixels;
-    for (std::size_t i = 0; i < kPixels; ++i) pixels[i] = pixelAt(x + i);
-    prefetch(pixels.front() + ahead);
+void writeRow(const Pixels<PixelAt>& pixels, const ByteTables& tables, float* row,
+              std::size_t plane) {
+  std::size_t x = tables.linear ? writeComputed<order>(pixels, *tables.linear, row, plane) : 0;
+  if (x == 0) x = writeLookedUp<order>(pixels, tables, row, plane);
+  for (; x < pixels.count; ++x) {
     for (std::size_t p = 0; p < 3; ++p) {
-      std::array<float, kPixels> values;
-      for (std::size_t i = 0; i < kPixels; ++i) values[i] = tables[order[p]][pixels[i][order[p]]];
-      std::memcpy(row + p * plane + x, values.data(), sizeof values);
-    }
-  }
-  for (; x < count; ++x) {
-    for (std::size_t p = 0; p < 3; ++p) {
-      row[p * plane + x] = tables[order[p]][pixelAt(x)[order[p]]];
+      row[p * plane + x] = tables[order[p]][pixels.at(x)[order[p]]];
     }
   }
 }
@@ -62,10 +133,9 @@ void writeRows(const cv::Mat& image, const ByteTables& tables, float* planes, in
   const auto stride = static_cast<std::size_t>(rowLength);
   const std::size_t plane = stride * static_cast<std::size_t>(image.rows);
   for (int y = 0; y < image.rows; ++y) {
-    const uchar* const pixels = image.ptr<uchar>(y);
+    const auto pixelAt = [pixels = image.ptr<uchar>(y)](std::size_t x) { return pixels + 3 * x; };
     float* const row = planes + static_cast<std::size_t>(y) * stride;
-    const auto pixelAt = [pixels](std::size_t x) { return pixels + 3 * x; };
-    writeRow<order>(cols, pixelAt, 0, tables, row, plane);
+    writeRow<order>(Pixels<decltype(pixelAt)>{pixelAt, cols, cols - 1, 0}, tables, row, plane);
     for (std::size_t p = 0; p < 3; ++p) {
       std::fill(row + p * plane + cols, row + p * plane + stride, 0.0F);
     }
@@ -73,7 +143,7 @@ void writeRows(const cv::Mat& image, const ByteTables& tables, float* planes, in
 }
 
 /// Copies the pixels at `columns`, in ascending order, of a row of `width` pixels of three bytes.
-/// @param ahead as for writeRow.
+/// @param ahead distance in bytes from a pixel to the data to prefetch.
 void copyRow(const uchar* pixels, std::ptrdiff_t ahead, int width, const std::vector<int>& columns,
              uchar* out) {
   // Copying four bytes is faster than three. The fourth byte belongs to the next pixel, in the
@@ -81,7 +151,7 @@ void copyRow(const uchar* pixels, std::ptrdiff_t ahead, int width, const std::ve
   std::size_t x = 0;
   for (; x + 1 < columns.size() && columns[x] < width - 1; ++x) {
     const uchar* const from = pixels + 3 * static_cast<std::ptrdiff_t>(columns[x]);
-    if (x % kPixels == 0) prefetch(from + ahead);
+    if (x % kPixelsPerPrefetch == 0) prefetch(from + ahead);
     std::memcpy(out + 3 * x, from, 4);
   }
   for (; x < columns.size(); ++x) {
@@ -139,6 +209,8 @@ void Sampling::writePlanes(const cv::Mat& image, cv::Size size, const ByteTables
     std::fill(begin, begin + above, tables[2 - p][*background]);
     std::fill(begin + above + rows_.size() * width, begin + plane, tables[2 - p][*background]);
   }
+  const auto followed = static_cast<std::size_t>(
+      std::ranges::lower_bound(columns_, image.cols - 1) - columns_.begin());
   float* row = planes + above;
   for (std::size_t y = 0; y < rows_.size(); ++y, row += width) {
     // If the image is enlarged, adjacent rows can be equal.
@@ -153,7 +225,8 @@ void Sampling::writePlanes(const cv::Mat& image, cv::Size size, const ByteTables
     const auto pixelAt = [pixels = pixels, column = columns_.data()](std::size_t x) {
       return pixels + 3 * static_cast<std::ptrdiff_t>(column[x]);
     };
-    writeRow<kRedFirst>(columns_.size(), pixelAt, ahead, tables, row + left, plane);
+    writeRow<kRedFirst>(Pixels<decltype(pixelAt)>{pixelAt, columns_.size(), followed, ahead},
+                        tables, row + left, plane);
     for (std::size_t p = 0; background && p < 3; ++p) {
       float* const begin = row + p * plane;
       std::fill(begin, begin + left, tables[2 - p][*background]);
