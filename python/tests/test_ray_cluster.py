@@ -29,7 +29,7 @@ CAN_ISOLATE = (
 
 
 def wait_until(condition, message):
-    limit = time.monotonic() + 60
+    limit = time.monotonic() + 120
     while not condition():
         assert time.monotonic() < limit, message
         time.sleep(0.05)
