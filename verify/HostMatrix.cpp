@@ -1,6 +1,6 @@
-// A host that includes only the public header and the engines' exception types. verify/hosts
-// compiles it with each compiler and runs it for each way of loading the library; ctest runs two of
-// the combinations.
+// A host in C++17 that includes only the public header and the engines' exception types.
+// verify/hosts compiles it with each compiler, also as C++20, and runs it for each way of loading
+// the library; ctest runs two of the combinations.
 //
 // Usage: HostMatrix LIBRARY (linked | local | global | deepbind) (plain | initialised) NETWORKS
 //
@@ -63,7 +63,7 @@ struct Library {
 struct Sink : google::LogSink {
   void send(google::LogSeverity, const char* file, const char*, int, const google::LogMessageTime&,
             const char*, size_t) override {
-    lines += std::string(file).starts_with("Core/");
+    lines += std::string(file).rfind("Core/", 0) == 0 ? 1 : 0;
   }
   std::atomic<int> lines = 0;
 };
