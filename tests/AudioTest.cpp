@@ -1,6 +1,7 @@
 // The client of the mel-spectrogram service and the audio classifier, with a server that sends the
 // replies the tests choose.
 
+#include <curl/curl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
@@ -154,6 +155,8 @@ TEST(AudioToMelSpec, HandlesEveryReplyAndFault) {
   const std::string parseError = kPreProcessFile + "[E]parse error";
   const std::string codeError = kPreProcessFile + "[E]code error, code=";
   const std::string noTable = kPreProcessFile + "[E]mel_spec is no array of arrays of numbers";
+  // jsoncpp reads such a number as an infinity from version 1.9.6 on; before, it is not JSON.
+  const std::string infinite = JSONCPP_VERSION_HEXA < 0x01090600 ? "" : noTable;
   const std::string badMels = kPreProcessFile + "[E]mels out of range:";
   const std::string badSteps = kPreProcessFile + "[E]time_steps out of range:";
   const ServiceCase cases[] = {
@@ -223,7 +226,7 @@ TEST(AudioToMelSpec, HandlesEveryReplyAndFault) {
       {"lowest float as it is printed", body(R"(, "mel_spec": [[-3.4028235e+38]])"),
        MelSpectrogram{{-FLT_MAX}}, ""},
       {"number outside the range of float", body(R"(, "mel_spec": [[1e300]])"), none, noTable},
-      {"number outside the range of double", body(R"(, "mel_spec": [[1e400]])"), none, ""},
+      {"number outside the range of double", body(R"(, "mel_spec": [[1e400]])"), none, infinite},
       {"max mels", body(R"(, "mels": 16777216, "mel_spec": [[1]])"), one, ""},
       {"one more than max mels", body(R"(, "mels": 16777217, "mel_spec": [])"), none,
        badMels + "16777217"},
@@ -367,7 +370,8 @@ TEST(PostJson, LogsWhyTransferFailed) {
     ASSERT_EQ(lines.size(), 1U);
     EXPECT_TRUE(
         lines[0].starts_with(kRequestFile + "[E]curl_easy_perform error: url=" + url + ", "));
-    EXPECT_TRUE(url.size() > 100 || lines[0].ends_with(", Couldn't connect to server"));
+    const std::string reason = curl_easy_strerror(CURLE_COULDNT_CONNECT);
+    EXPECT_TRUE(url.size() > 100 || lines[0].ends_with(", " + reason)) << lines[0];
   }
 }
 

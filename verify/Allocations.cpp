@@ -6,6 +6,7 @@
 // Usage: Allocations [SECONDS]
 // All rows take a few seconds; after SECONDS no further row is started.
 
+#include <curl/curl.h>
 #include <dlfcn.h>
 #include <glog/logging.h>
 
@@ -480,6 +481,8 @@ int main(int argc, char** argv) {
   for (const auto severity :
        {google::GLOG_INFO, google::GLOG_WARNING, google::GLOG_ERROR, google::GLOG_FATAL})
     google::SetLogDestination(severity, "");
+  // OpenSSL 3.5 hangs if an allocation fails while it is initialised, so this is done before.
+  curl_global_init(CURL_GLOBAL_DEFAULT);
   // A request sent to a proxy would differ.
   setenv("http_proxy", "http://127.0.0.1:9555", 1);
   LoopbackServer server(

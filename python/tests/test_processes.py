@@ -19,7 +19,9 @@ def run_script(script, status=0, **values):
     start = f"import tolcompatible, numpy, os, sys\nTHINGS = {fields!r}\n"
     start += "frame = numpy.zeros((64, 64, 3), numpy.uint8)\n"
     done = subprocess.run(
-        [sys.executable, "-c", start + textwrap.dedent(script)],
+        # Python 3.12 and later warn of a fork if there are threads.
+        [sys.executable, "-W", "ignore:This process:DeprecationWarning", "-c",
+         start + textwrap.dedent(script)],
         capture_output=True,
         text=True,
         timeout=120,
