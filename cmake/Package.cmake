@@ -46,6 +46,10 @@ if(TOL_BUNDLE_ENGINES)
   install(DIRECTORY ${openvino_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/openvino COMPONENT library)
   file(GLOB onnxruntime_licences "${onnxruntime_folder}/LICENSE*" "${onnxruntime_folder}/ThirdPartyNotices.txt")
   install(FILES ${onnxruntime_licences} DESTINATION ${CMAKE_INSTALL_DOCDIR}/onnxruntime COMPONENT library)
+  set(cli11_licence /usr/share/doc/libcli11-dev/copyright)  # Debian's; vsa contains code of CLI11
+  if(TOL_BUILD_HOST AND EXISTS ${cli11_licence})
+    install(FILES ${cli11_licence} DESTINATION ${CMAKE_INSTALL_DOCDIR} RENAME CLI11.txt COMPONENT tools)
+  endif()
   set(TOL_ENGINE_RPATH "")
 else()
   # The loader searches for the engines in the library's folder first, then in the folders in which this build found them.

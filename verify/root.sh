@@ -14,12 +14,12 @@ make_root() {
   step "A minimal Debian ($suite)"
   debootstrap --variant=minbase "$suite" "$root" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" >"$work/log" 2>&1 ||
     { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
-  mkdir -p "$root/etc/ssl/certs"
-  for file in /etc/pip.conf /etc/ssl/certs/ca-certificates.crt; do
-    if [ -f "$file" ]; then cp "$file" "$root$file"; fi
-  done
   in_root 'useradd --create-home user && apt-get -qq update'
   in_root "apt-get -qq install --no-install-recommends $*"
+  mkdir -p "$root/etc/ssl/certs"
+  for file in /etc/pip.conf /etc/ssl/certs/ca-certificates.crt; do # after the package of certificates
+    if [ -f "$file" ]; then cp "$file" "$root$file"; fi
+  done
 }
 
 # in_root COMMANDS and as_user COMMANDS run shell commands in `root`, the latter in the home folder of the user. Mounts
