@@ -4,6 +4,7 @@ import json
 import pathlib
 import random
 import re
+import shlex
 import shutil
 import unittest
 
@@ -101,11 +102,12 @@ class DoctorTest(VsaCase):
                              [("cat", [22, 22, 42, 42])])
         bare, alone = NETWORKS / "bare.xml", NETWORKS / "feature256.xml"
         self.vsa("run", bare, image, status=2)
-        command = f"vsa run --as YOLO8 {bare} INPUT"
+        command = f"vsa run --as YOLO8 {shlex.quote(str(bare))} INPUT"
         self.check_error(rf"{re.escape(str(bare))}: the network fits Detect YOLO8 and Detect "
                          f"YOLO8-OBB; this runs it as the first: {re.escape(command)}")
         for name in ("YOLO8", "YOLO8-OBB"):
-            self.vsa(*command.replace("YOLO8", name).replace("INPUT", str(image)).split()[1:])
+            _, *words = shlex.split(command.replace("YOLO8", name).replace("INPUT", str(image)))
+            self.vsa(*words)
         for network, options, sentence in (
                 (bare, ["--as", "yolo8obb"], '.* does not fit .*; did you mean "YOLO8-OBB"'),
                 (NETWORKS / "batch.onnx", [], "vsa doctor"), ("none.onnx", [], "no such file"),
