@@ -185,9 +185,15 @@ void writePlanes(const cv::Mat& image, PlaneOrder order, const ByteTables& table
 }
 
 Sampling::Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin)
-    : columns_(sampledPositions(imageSize.width, scaled.width)),
+    : imageSize_(imageSize),
+      columns_(sampledPositions(imageSize.width, scaled.width)),
       rows_(sampledPositions(imageSize.height, scaled.height)),
       origin_(origin) {}
+
+bool Sampling::isFor(cv::Size imageSize, cv::Size scaled) const {
+  return imageSize_ == imageSize && columns_.size() == static_cast<std::size_t>(scaled.width) &&
+         rows_.size() == static_cast<std::size_t>(scaled.height);
+}
 
 /// Row y of the sampled image, and the distance in bytes to the row to prefetch: two sampled rows
 /// ahead, so that the data arrives in time.
