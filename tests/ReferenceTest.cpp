@@ -74,10 +74,11 @@ TEST(Reference, LetterboxedPlanesAreTheSame) {
     EXPECT_EQ(planes,
               bitsOf(input, [&](float* out) { std::copy_n(blob.ptr<float>(), blob.total(), out); }))
         << source.image.size() << input;
-    // The same if the input still holds another image of this size, and before that one of another
-    // size.
+    // The same if the input still holds another image of this size, before that one of twice the
+    // size, which is scaled to the same size, and before that one of another size.
+    const cv::Mat larger(source.image.size() * 2, CV_8UC3, cv::Scalar::all(33));
     const cv::Mat other(source.image.size(), CV_8UC3, cv::Scalar::all(99));
-    for (const cv::Mat& image : {other, source.image}) {
+    for (const cv::Mat& image : {larger, other, source.image}) {
       writer.writePlanes(image, input, keptPlanes.data());
       pixelWriter.writePixels(image, input, keptPixels.data());
     }

@@ -27,8 +27,10 @@ void prefetch([[maybe_unused]] const void* address) {
 }
 
 /// Pixels converted before they are stored, because storing single floats to the three planes
-/// alternately is the bottleneck. Their floats fill a cache line of each plane.
-constexpr std::size_t kPixels = 16;
+/// alternately is the bottleneck. Computed floats fill a cache line of each plane; looking up as
+/// many takes longer than looking up four.
+constexpr std::size_t kComputedPixels = 16;
+constexpr std::size_t kLookedUpPixels = 4;
 
 /// One prefetch for as many pixels.
 constexpr std::size_t kPixelsPerPrefetch = 4;
@@ -42,15 +44,15 @@ struct Pixels {
   std::ptrdiff_t ahead;  ///< Distance in bytes from a pixel to the data to prefetch.
 };
 
-/// Calls `write(x)` for blocks of kPixels that start at pixel x and cover `count` pixels; the last
-/// two blocks may overlap. Returns the number of pixels covered: `count`, or 0 if there are fewer
-/// pixels than a block has.
-template <class Write>
+/// Calls `write(x)` for blocks of `length` pixels that start at pixel x and cover `count` pixels;
+/// the last two blocks may overlap. Returns the number of pixels covered: `count`, or 0 if there
+/// are fewer pixels than a block has.
+template <std::size_t length, class Write>
 std::size_t forEachBlock(std::size_t count, Write write) {
-  if (count < kPixels) return 0;
+  if (count < length) return 0;
   std::size_t x = 0;
-  for (; x + kPixels <= count; x += kPixels) write(x);
-  if (x < count) write(count - kPixels);
+  for (; x + length <= count; x += length) write(x);
+  if (x < count) write(count - length);
   return count;
 }
 
@@ -66,9 +68,9 @@ std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form,
     std::memcpy(&bytes, pixels.at(x), sizeof bytes);
     return _mm_cvtsi32_si128(bytes);
   };
-  return forEachBlock(pixels.followed, [&](std::size_t x) {
-    __m128i block[kPixels / kLanes];
-    for (std::size_t i = 0; i < kPixels / kLanes; ++i) {
+  return forEachBlock<kComputedPixels>(pixels.followed, [&](std::size_t x) {
+    __m128i block[kComputedPixels / kLanes];
+    for (std::size_t i = 0; i < kComputedPixels / kLanes; ++i) {
       const std::size_t first = x + kLanes * i;
       prefetch(pixels.at(first) + pixels.ahead);
       block[i] = _mm_unpacklo_epi64(_mm_unpacklo_epi32(load(first), load(first + 1)),
@@ -77,7 +79,7 @@ std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form,
     for (std::size_t p = 0; p < 3; ++p) {
       const __m128 factor = _mm_set1_ps(form.factors[order[p]]);
       const __m128 offset = _mm_set1_ps(form.offsets[order[p]]);
-      for (std::size_t i = 0; i < kPixels / kLanes; ++i) {
+      for (std::size_t i = 0; i < kComputedPixels / kLanes; ++i) {
         const __m128i bytes = _mm_and_si128(
             _mm_srli_epi32(block[i], 8 * static_cast<int>(order[p])), _mm_set1_epi32(255));
         _mm_storeu_ps(row + p * plane + x + kLanes * i,
@@ -98,15 +100,16 @@ std::size_t writeComputed(const Pixels<PixelAt>&, const LinearForm&, float*, std
 template <ChannelOrder order, class PixelAt>
 std::size_t writeLookedUp(const Pixels<PixelAt>& pixels, const ByteTables& tables, float* row,
                           std::size_t plane) {
-  return forEachBlock(pixels.count, [&](std::size_t x) {
-    std::array<const uchar*, kPixels> block;
-    for (std::size_t i = 0; i < kPixels; ++i) {
+  return forEachBlock<kLookedUpPixels>(pixels.count, [&](std::size_t x) {
+    std::array<const uchar*, kLookedUpPixels> block;
+    for (std::size_t i = 0; i < kLookedUpPixels; ++i) {
       block[i] = pixels.at(x + i);
       if (i % kPixelsPerPrefetch == 0) prefetch(block[i] + pixels.ahead);
     }
     for (std::size_t p = 0; p < 3; ++p) {
-      std::array<float, kPixels> values;
-      for (std::size_t i = 0; i < kPixels; ++i) values[i] = tables[order[p]][block[i][order[p]]];
+      std::array<float, kLookedUpPixels> values;
+      for (std::size_t i = 0; i < kLookedUpPixels; ++i)
+        values[i] = tables[order[p]][block[i][order[p]]];
       std::memcpy(row + p * plane + x, values.data(), sizeof values);
     }
   });
@@ -185,9 +188,15 @@ void writePlanes(const cv::Mat& image, PlaneOrder order, const ByteTables& table
 }
 
 Sampling::Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin)
-    : columns_(sampledPositions(imageSize.width, scaled.width)),
+    : imageSize_(imageSize),
+      columns_(sampledPositions(imageSize.width, scaled.width)),
       rows_(sampledPositions(imageSize.height, scaled.height)),
       origin_(origin) {}
+
+bool Sampling::isFor(cv::Size imageSize, cv::Size scaled) const {
+  return imageSize_ == imageSize && columns_.size() == static_cast<std::size_t>(scaled.width) &&
+         rows_.size() == static_cast<std::size_t>(scaled.height);
+}
 
 /// Row y of the sampled image, and the distance in bytes to the row to prefetch: two sampled rows
 /// ahead, so that the data arrives in time.

@@ -33,6 +33,9 @@ class Sampling {
   /// than kMaxSampledLength, and std::bad_alloc.
   Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin = {});
 
+  /// Returns whether this samples images of `imageSize` to the size `scaled`.
+  bool isFor(cv::Size imageSize, cv::Size scaled) const;
+
   /// Converts the sampled pixels of `image` through `tables` and writes them into three planes of
   /// `size`, red first. If `background` has a value, fills the rest of the planes with that byte,
   /// converted likewise. Does not throw.
@@ -49,6 +52,7 @@ class Sampling {
  private:
   std::pair<const std::uint8_t*, std::ptrdiff_t> row(const cv::Mat& image, std::size_t y) const;
 
+  cv::Size imageSize_;
   std::vector<int> columns_;
   std::vector<int> rows_;
   cv::Point origin_;

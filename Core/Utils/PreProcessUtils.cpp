@@ -125,7 +125,7 @@ std::optional<float> LetterboxWriter::writePlanes(const cv::Mat& image, cv::Size
   const Padding padding{planes, inputSize, fit->scaled};
   const std::optional<std::uint8_t> background =
       held == padding ? std::nullopt : std::optional<std::uint8_t>(0);
-  Sampling(image.size(), fit->scaled)
+  samplingOf(image.size(), fit->scaled)
       .writePlanes(image, inputSize, unitTables(), background, planes);
   padding_ = padding;
   return fit->scale;
@@ -138,9 +138,14 @@ std::optional<float> LetterboxWriter::writePixels(const cv::Mat& image, cv::Size
   const std::optional<Fit> fit = fitInto(image.size(), inputSize, where);
   if (!fit) return std::nullopt;
   const Padding padding{pixels, inputSize, fit->scaled};
-  Sampling(image.size(), fit->scaled).writePixels(image, inputSize, held != padding, pixels);
+  samplingOf(image.size(), fit->scaled).writePixels(image, inputSize, held != padding, pixels);
   padding_ = padding;
   return fit->scale;
+}
+
+const Sampling& LetterboxWriter::samplingOf(cv::Size image, cv::Size scaled) {
+  if (!sampling_ || !sampling_->isFor(image, scaled)) sampling_.emplace(image, scaled);
+  return *sampling_;
 }
 
 cv::Size textInputSize(cv::Size frame, std::uint32_t limit) {

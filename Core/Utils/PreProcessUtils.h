@@ -10,6 +10,7 @@
 
 #include "TolCompatible.h"
 #include "Utils/MelService.h"
+#include "Utils/PlaneWriter.h"
 #include "Utils/Request.h"
 
 namespace TolCompatibleLib {
@@ -36,7 +37,8 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
 /// Writes letterboxed images into the memory of a network's input. If the input already contains
 /// the padding of an image of the same size, the padding is not written again, which saves a
 /// quarter of the pre-processing time: an engine does not write to its input. After a call that
-/// fails or throws, the next call writes the padding.
+/// fails or throws, the next call writes the padding. The positions of the sampled pixels are kept
+/// for images of the same size, which saves a tenth.
 class LetterboxWriter {
  public:
   /// Writes the canvas of letterbox() as three planes, red first, with values 0 to 1, bit-identical
@@ -59,7 +61,11 @@ class LetterboxWriter {
     cv::Size scaled;
     bool operator==(const Padding&) const = default;
   };
+  /// The sampling of images of `image` to `scaled`, the same object as long as neither changes.
+  const Sampling& samplingOf(cv::Size image, cv::Size scaled);
+
   Padding padding_;
+  std::optional<Sampling> sampling_;
 };
 
 /// Size to which the text detector scales a frame: each side rounded up to a multiple of 32 after
