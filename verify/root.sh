@@ -12,7 +12,7 @@ make_root() {
   root=$work/$suite
   home=$root/home/user
   step "A minimal Debian ($suite)"
-  debootstrap --variant=minbase "$suite" "$root" "${DEBIAN_MIRROR:-http://deb.debian.org/debian}" >"$work/log" 2>&1 ||
+  debootstrap --variant=minbase "$suite" "$root" ${DEBIAN_MIRROR:+"$DEBIAN_MIRROR"} >"$work/log" 2>&1 ||
     { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
   in_root 'useradd --create-home user && apt-get -qq update'
   in_root "apt-get -qq install --no-install-recommends $*"
