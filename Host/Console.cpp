@@ -65,12 +65,20 @@ extern "C" void onInterrupt(int signal) {
 
 Console::Console() : outputIsTerminal_(isTerminal(stdout)), errorIsTerminal_(isTerminal(stderr)) {
 #if defined(_WIN32)
+  codePage_ = GetConsoleOutputCP();
   SetConsoleOutputCP(CP_UTF8);
   _setmode(_fileno(stdout), _O_BINARY);  // JSON Lines end in "\n" everywhere
 #else
   // If the reader of a pipe has exited, the program must not be killed by a signal: the failed
   // write ends the run.
   std::signal(SIGPIPE, SIG_IGN);
+#endif
+}
+
+Console::~Console() {
+#if defined(_WIN32)
+  // The setting belongs to the console window, which other programs use afterwards.
+  if (codePage_ != 0) SetConsoleOutputCP(codePage_);
 #endif
 }
 
@@ -107,7 +115,9 @@ bool Console::waitForInput() {
 
 void Console::catchInterrupt() {
   for (const int signal : {SIGINT, SIGTERM}) std::signal(signal, onInterrupt);
-#if !defined(_WIN32)
+#if defined(_WIN32)
+  std::signal(SIGBREAK, onInterrupt);
+#else
   if (std::signal(SIGHUP, onInterrupt) == SIG_IGN) std::signal(SIGHUP, SIG_IGN);
 #endif
 }

@@ -12,6 +12,9 @@ namespace vsa {
 class Console {
  public:
   Console();
+  ~Console();
+  Console(const Console&) = delete;
+  Console& operator=(const Console&) = delete;
 
   /// Writes results to standard output and flushes them; to a terminal, only printableLines().
   /// Once a write has failed, for example because the reader of a pipe has exited, this and all
@@ -21,8 +24,9 @@ class Console {
   /// Waits until standard input has data or ends. Returns false if interruptSignal() is set first.
   static bool waitForInput();
 
-  /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored) only sets
-  /// interruptSignal(); the second one ends the program, unless it arrives within 0.3 s.
+  /// From now on the first Ctrl-C, SIGTERM or SIGHUP (unless it is ignored; on Windows, Ctrl-C or
+  /// Ctrl-Break) only sets interruptSignal(); the second one ends the program, unless it arrives
+  /// within 0.3 s.
   static void catchInterrupt();
   /// The number of that signal; 0 if none has arrived.
   static int interruptSignal();
@@ -44,6 +48,7 @@ class Console {
  private:
   static constexpr int kColumns = 80;
 
+  unsigned codePage_ = 0;  // of the console's output before it was set to UTF-8, on Windows
   bool outputIsTerminal_;
   bool errorIsTerminal_;
   bool outputWorks_ = true;

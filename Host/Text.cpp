@@ -1,6 +1,10 @@
 #include "Text.h"
 
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <iconv.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -43,6 +47,51 @@ unsigned byteAt(std::string_view text, std::size_t position) {
   return static_cast<unsigned char>(text[position]);
 }
 
+void appendReplacement(std::string* text) {
+  appendUtf8(kReplacement, text);
+}
+
+// Length of the invalid character that the text begins with. A lead byte is skipped with its
+// invalid second byte, unless the second byte is ASCII, which may be a separate character.
+std::size_t invalidLength(std::string_view gbk) {
+  const bool isPair =
+      gbk.size() > 1 && byteAt(gbk, 0) > 0x80 && byteAt(gbk, 0) < 0xFF && byteAt(gbk, 1) >= 0x80;
+  return isPair ? 2 : 1;
+}
+
+#if defined(_WIN32)
+
+// Converts character by character with the tables of Windows, without the assignments to the
+// private use area that GBK does not have.
+class GbkConverter {
+ public:
+  std::string convert(std::string_view gbk) const {
+    constexpr UINT kGbk = 936;
+    std::string utf8;
+    while (!gbk.empty()) {
+      const unsigned lead = byteAt(gbk, 0);
+      const std::size_t size = lead > 0x80 && lead < 0xFF ? 2 : 1;
+      if (size > gbk.size()) {  // an incomplete character at the end
+        appendReplacement(&utf8);
+        break;
+      }
+      wchar_t wide = 0;
+      const int count = MultiByteToWideChar(kGbk, MB_ERR_INVALID_CHARS, gbk.data(),
+                                            static_cast<int>(size), &wide, 1);
+      const bool isValid = count == 1 && lead < 0xFF && (wide < 0xE000 || wide > 0xF8FF);
+      if (isValid) {
+        appendUtf8(wide, &utf8);
+      } else {
+        appendReplacement(&utf8);
+      }
+      gbk.remove_prefix(isValid ? size : invalidLength(gbk));
+    }
+    return utf8;
+  }
+};
+
+#else
+
 // One iconv descriptor for each thread, because opening is slow.
 class GbkConverter {
  public:
@@ -66,13 +115,10 @@ class GbkConverter {
     iconv(descriptor_, nullptr, nullptr, nullptr, nullptr);
     while (inLeft > 0 &&
            iconv(descriptor_, &in, &inLeft, &out, &outLeft) == static_cast<std::size_t>(-1)) {
-      // Skip a lead byte with its invalid second byte, unless the second byte is ASCII, which may
-      // be a separate character. An incomplete character at the end is skipped.
-      const bool pair =
-          inLeft > 1 && byteAt(in, 0) > 0x80 && byteAt(in, 0) < 0xFF && byteAt(in, 1) >= 0x80;
-      const std::size_t skip = errno == EINVAL ? inLeft : pair ? 2 : 1;
+      // An incomplete character at the end is skipped.
+      const std::size_t skip = errno == EINVAL ? inLeft : invalidLength({in, inLeft});
       std::string mark;
-      appendUtf8(kReplacement, &mark);
+      appendReplacement(&mark);
       out = std::copy(mark.begin(), mark.end(), out);
       outLeft -= mark.size();
       in += skip;
@@ -85,6 +131,8 @@ class GbkConverter {
  private:
   iconv_t descriptor_;
 };
+
+#endif
 
 }  // namespace
 

@@ -17,15 +17,26 @@
 #include "Messages.h"
 #include "Text.h"
 
+namespace {
+
+// Sets a variable of the environment that has no value yet.
+void setDefault(const char* name, const char* value) {
+#if defined(_WIN32)
+  if (std::getenv(name) == nullptr) _putenv_s(name, value);
+#else
+  setenv(name, value, 0);
+#endif
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   // Suppresses messages of FFmpeg inside OpenCV about files that are not videos, and those of the
   // engine's thread library on systems that do not describe their processor (many containers).
   // Also keeps ONNX Runtime, which doctor uses without the library, from sending usage data.
-#if !defined(_WIN32)
-  setenv("OPENCV_FFMPEG_LOGLEVEL", "-8", 0);
-  setenv("HWLOC_HIDE_ERRORS", "2", 0);
-  setenv("ORT_DISABLE_TELEMETRY", "1", 0);
-#endif
+  setDefault("OPENCV_FFMPEG_LOGLEVEL", "-8");
+  setDefault("HWLOC_HIDE_ERRORS", "2");
+  setDefault("ORT_DISABLE_TELEMETRY", "1");
   google::InitGoogleLogging(argv[0]);
 
   CLI::App program("vsa runs neural networks on images, videos and audio.", "vsa");

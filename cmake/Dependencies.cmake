@@ -8,7 +8,7 @@ set(jsoncpp_hint "Debian: libjsoncpp-dev; vcpkg: jsoncpp; or jsoncpp_DIR")
 set(simdjson_hint "Debian: libsimdjson-dev; vcpkg: simdjson; or simdjson_DIR")
 set(curl_hint "Debian: libcurl4-openssl-dev; vcpkg: curl; or CURL_DIR")
 set(cli11_hint "Debian: libcli11-dev; vcpkg: cli11; or -DTOL_BUILD_HOST=OFF")
-set(iconv_hint "part of glibc; vcpkg: libiconv; or -DTOL_BUILD_HOST=OFF")
+set(iconv_hint "part of glibc; or -DTOL_BUILD_HOST=OFF")
 set(gtest_hint "Debian: libgtest-dev; vcpkg: gtest; or -DBUILD_TESTING=OFF")
 
 # tol_require(PACKAGE...)

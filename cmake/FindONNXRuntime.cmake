@@ -43,10 +43,12 @@ if(ONNXRuntime_FOUND AND NOT TARGET ONNXRuntime::ONNXRuntime)
     set_target_properties(ONNXRuntime::ONNXRuntime PROPERTIES
       IMPORTED_LOCATION "${ONNXRUNTIME_LIBRARY}" INTERFACE_INCLUDE_DIRECTORIES "${ONNXRUNTIME_INCLUDE_DIR}")
     if(WIN32)  # the archive has the import library and the DLL in one folder
-      string(REGEX REPLACE "\\.lib$" ".dll" dll "${ONNXRUNTIME_LIBRARY}")
+      get_filename_component(folder "${ONNXRUNTIME_LIBRARY}" DIRECTORY)
+      find_file(ONNXRUNTIME_DLL onnxruntime.dll HINTS "${folder}" "${folder}/../bin" REQUIRED NO_DEFAULT_PATH
+        NO_CMAKE_FIND_ROOT_PATH)
       set_target_properties(ONNXRuntime::ONNXRuntime PROPERTIES
-        IMPORTED_IMPLIB "${ONNXRUNTIME_LIBRARY}" IMPORTED_LOCATION "${dll}")
+        IMPORTED_IMPLIB "${ONNXRUNTIME_LIBRARY}" IMPORTED_LOCATION "${ONNXRUNTIME_DLL}")
     endif()
   endif()
 endif()
-mark_as_advanced(ONNXRUNTIME_INCLUDE_DIR ONNXRUNTIME_LIBRARY)
+mark_as_advanced(ONNXRUNTIME_DLL ONNXRUNTIME_INCLUDE_DIR ONNXRUNTIME_LIBRARY)

@@ -23,7 +23,10 @@ endforeach()
 
 # Plug-ins and readers of model files are loaded by name, so no list of dependencies contains them. The only reader that
 # the library needs is the one for IR files.
-file(GLOB engine_files "${openvino_folder}/*")
+set(engine_files "")
+if(openvino_folder)
+  file(GLOB engine_files "${openvino_folder}/*")
+endif()
 list(FILTER engine_files INCLUDE REGEX "/(lib)?(openvino|tbb|hwloc)[^/]*\\.(dll|so[.0-9]*)$")
 list(FILTER engine_files EXCLUDE REGEX "openvino_c\\.|/[^/]*(gguf|jax|onnx|paddle|pytorch|tensorflow|lite)_frontend")
 if(TOL_BUNDLE_EXCLUDE)
@@ -67,10 +70,18 @@ set_target_properties(TolCompatibleLib PROPERTIES
 set(TOL_DEPENDENCY_SET "")
 if(WIN32)
   # Programs of the build tree run in their own folder, so everything that they load is copied there.
+  if(CMAKE_CROSSCOMPILING)  # also the compiler's libraries and those that only vsa loads
+    file(GLOB windows_libraries "${TOL_WINDOWS_LIBRARIES}/bin/*.dll")
+    file(COPY ${windows_libraries} DESTINATION "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+  endif()
   add_custom_command(TARGET TolCompatibleLib POST_BUILD
     COMMAND ${CMAKE_COMMAND} -E copy_if_different $<TARGET_RUNTIME_DLLS:TolCompatibleLib> ${engine_files}
       $<TARGET_FILE_DIR:TolCompatibleLib>
     COMMAND_EXPAND_LISTS)
+endif()
+if(WIN32 AND CMAKE_CROSSCOMPILING)  # CMake cannot search for dependencies then
+  install(FILES ${windows_libraries} DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT library)
+elseif(WIN32)
   set(TOL_DEPENDENCY_SET RUNTIME_DEPENDENCY_SET TolDependencies)
   install(RUNTIME_DEPENDENCY_SET TolDependencies
     PRE_EXCLUDE_REGEXES "^api-ms-" "^ext-ms-" POST_EXCLUDE_REGEXES "[Ss]ystem32[/\\]"

@@ -4,13 +4,16 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <filesystem>
 #include <map>
+#include <random>
 #include <thread>
 
 #include "OnnxRuntime/OrDetect.h"
 #include "Utils/PreProcessUtils.h"
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
+#include "support/TinyNetworks.h"
 
 namespace {
 
@@ -189,10 +192,24 @@ TEST(OrDetect, OutputShorterThanDeclaredFailsItsFrameOnly) {
   EXPECT_EQ(bright.objects.size(), 1U);
 }
 
+/// Writes echo8 for the other engine.
+std::string writeEcho8() {
+  constexpr int kCount = 3 * 4 * 8;
+  std::vector<float> boxes(std::size_t{4} * kCount, 2.0F);
+  for (int i = 0; i < kCount; ++i) {
+    boxes[static_cast<std::size_t>(i)] = static_cast<float>(4 * i);
+    boxes[static_cast<std::size_t>(kCount + i)] = 1.0F;
+  }
+  return writeNetwork({1, 3, 4, 8}, [&](const Value& input) {
+    return Values{
+        concatenated({floats({1, 4, kCount}, boxes), reshaped(input, {1, 1, kCount})}, 1)};
+  });
+}
+
 TEST(BothEngines, GetTheSamePlanes) {
   // The left edge of candidate i of this network is 4 i - 1; its score is float i of the input.
   OnnxModel onnx("YOLO8", "echo8");
-  TestModel ir("Detect", "YOLO8", pathOf("echo8"));
+  TestModel ir("Detect", "YOLO8", writeEcho8());
   for (TestModel* model : {static_cast<TestModel*>(&onnx), &ir}) {
     model->setInput(8, 4);
     model->setClasses({"a"});
@@ -245,6 +262,21 @@ TEST(OrDetect, RunsOfOneContextMayOverlap) {
   runMany(images[0], alone[0]);
   other.join();
   EXPECT_EQ(different, 0);
+}
+
+TEST(OrDetect, OpensPathThatIsNotAscii) {
+  namespace fs = std::filesystem;
+  const std::string folder =
+      testing::TempDir() + "OrDetect\xC3\xA4" + std::to_string(std::random_device()());
+  const fs::path native = TolCompatibleLib::widened<ORTCHAR_T>(folder);
+  fs::create_directories(native);
+  fs::copy_file(pathOf("yolo8.onnx"), native / "yolo8.onnx");
+  {
+    OnnxModel model("YOLO8", "");
+    model.context.modelRoot = folder + "/yolo8.onnx";
+    EXPECT_TRUE(model.init());
+  }
+  fs::remove_all(native);
 }
 
 TEST(WidenedPath, TakesEachByteAsSignedCharacter) {

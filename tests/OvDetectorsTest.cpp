@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <map>
-#include <openvino/opsets/opset8.hpp>
 
 #include "Utils/MaskOutline.h"
 #include "support/LogCapture.h"
@@ -113,10 +112,9 @@ TEST(OvDetectYolo8, BadBoxFailsItsFrameOnly) {
 TEST(OvDetectYolo5, FeedsBlueFirst) {
   // One candidate. Its objectness is the first value of the first plane, its class scores are those
   // of the other planes.
-  const auto network = writeNetwork({1, 3, 64, 64}, [](const ov::Output<ov::Node>& input) {
+  const auto network = writeNetwork({1, 3, 64, 64}, [](const Value& input) {
     const auto pixel = reshaped(sliced(sliced(input, 2, 0, 1), 3, 0, 1), {1, 1, 3});
-    return ov::OutputVector{std::make_shared<ov::opset8::Concat>(
-        ov::OutputVector{floats({1, 1, 4}, {32, 32, 20, 20}), pixel}, 2)};
+    return Values{concatenated({floats({1, 1, 4}, {32, 32, 20, 20}), pixel}, 2)};
   });
   Fixture fixture("YOLO5", network, {"green", "red"});
   fixture.model.config.scoreThreshold = 0.1F;
@@ -180,9 +178,9 @@ std::string writeSegmentation(const Table& rows, const std::vector<float>& proto
     for (std::size_t k = 0; k < 32; ++k) columns[i].push_back(k == i ? 1.0F : 0.0F);
   }
   columns = transposed(columns);
-  return writeNetwork({1, 3, 48, 64}, [&](const ov::Output<ov::Node>&) {
-    return ov::OutputVector{floats({1, columns.size(), columns[0].size()}, flat(columns)),
-                            floats({1, prototypes.size() / 192, 12, 16}, prototypes)};
+  return writeNetwork({1, 3, 48, 64}, [&](const Value&) {
+    return Values{floats({1, columns.size(), columns[0].size()}, flat(columns)),
+                  floats({1, prototypes.size() / 192, 12, 16}, prototypes)};
   });
 }
 

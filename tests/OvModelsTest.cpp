@@ -6,7 +6,6 @@
 #include <sys/mman.h>
 #endif
 
-#include <openvino/opsets/opset8.hpp>
 #include <set>
 #include <string>
 
@@ -61,9 +60,9 @@ struct Fixture : TestModel {
 std::string networkOf(const ov::PartialShape& input, const ov::Shape& output,
                       ov::element::Type inputType,
                       ov::element::Type outputType = ov::element::f32) {
-  const auto body = [&](const ov::Output<ov::Node>&) {
+  const auto body = [&](const Value&) {
     const std::vector<float> values(ov::shape_size(output), 0.1F);
-    return ov::OutputVector{ov::opset8::Constant::create(outputType, output, values)};
+    return Values{constant(outputType, output, values)};
   };
   return writeNetwork(input, body, inputType);
 }

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <openvino/opsets/opset8.hpp>
 
 #include "Utils/ClassScore.h"
 #include "Utils/PreProcessUtils.h"
@@ -92,9 +91,8 @@ TEST(ObjectModels, RegionOutsideTheImageLeavesObjectsUnchanged) {
 std::string writeEcho(int width, int height, int begin, bool dynamic = false) {
   const ov::PartialShape shape =
       dynamic ? ov::PartialShape{-1, 3, -1, -1} : ov::PartialShape{1, 3, height, width};
-  return writeNetwork(shape, [&](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{
-        sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
+  return writeNetwork(shape, [&](const Value& input) {
+    return Values{sliced(reshaped(input, {1, 3 * width * height}), 1, begin, 3 * width * height)};
   });
 }
 

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <opencv2/imgproc.hpp>
-#include <openvino/opsets/opset8.hpp>
 
 #include "support/LogCapture.h"
 #include "support/TestHost.h"
@@ -15,9 +14,7 @@ const ov::PartialShape kAnySize{1, 3, -1, -1};
 
 /// Writes a text detector whose output is the first plane of its input.
 std::string writeFirstPlaneDetector() {
-  return writeNetwork(kAnySize, [](const ov::Output<ov::Node>& input) {
-    return ov::OutputVector{sliced(input, 1, 0, 1)};
-  });
+  return writeNetwork(kAnySize, [](const Value& input) { return Values{sliced(input, 1, 0, 1)}; });
 }
 
 /// Describes the objects that a text detector appends.
@@ -81,10 +78,9 @@ TEST(OvDetectPaddleOCR, EngineRefusesOtherSizesForFixedInput) {
 /// first row of its input.
 struct ColourReader : TestModel {
   explicit ColourReader(std::vector<std::string> names = {"blank", "g", "r"})
-      : TestModel("Track", "PaddleOCR",
-                  writeNetwork({1, 3, 48, 320}, [](const ov::Output<ov::Node>& input) {
+      : TestModel("Track", "PaddleOCR", writeNetwork({1, 3, 48, 320}, [](const Value& input) {
                     const auto line = reshaped(sliced(input, 2, 0, 1), {1, 3, 320});
-                    return ov::OutputVector{transposed(line, {0, 2, 1})};
+                    return Values{transposed(line, {0, 2, 1})};
                   })) {
     setClasses(std::move(names));  // the default size is 320 x 48
     EXPECT_TRUE(init());

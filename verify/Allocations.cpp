@@ -30,6 +30,13 @@ InputChecksum inputChecksum;
 bool hasOldOnnxRuntime = false;
 int apiRequests = 0;
 
+std::shared_ptr<const FakeNetwork> findFakeNetwork(const std::string& /*file*/) {
+  return {std::shared_ptr<void>(), &fakeNetwork};  // not owned
+}
+bool hasFakeDevice(const std::string& /*name*/) {
+  return true;
+}
+
 // The C library's own functions. The functions below replace malloc() and others for the program
 // and all its libraries, and call these. NOLINTBEGIN(bugprone-reserved-identifier)
 extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
@@ -151,12 +158,12 @@ std::vector<float> repeated(const std::vector<float>& pattern, std::size_t count
 std::vector<Row> rows() {
   const std::vector<std::int64_t> image = {1, 3, 32, 32};
   // Two boxes that do not overlap and one that overlaps the first; one column or row for each.
-  const FakeOutput yolo8{{1, 6, 3},
+  const FakeTensor yolo8{{1, 6, 3},
                          {8, 24, 9, 8, 24, 9, 8, 8, 8, 8, 8, 8, .9F, .1F, .7F, .1F, .8F, .1F}};
-  const FakeOutput yolo5{{1, 3, 7}, {8,   8,   8,   8, .9F, .9F, .1F, 24,  24,  8,  8,
+  const FakeTensor yolo5{{1, 3, 7}, {8,   8,   8,   8, .9F, .9F, .1F, 24,  24,  8,  8,
                                      .8F, .1F, .9F, 9, 9,   8,   8,   .7F, .9F, .1F}};
-  const FakeOutput yolo26{{1, 2, 6}, {2, 2, 9, 9, .9F, 0, 12, 12, 30, 30, .8F, 1}};
-  FakeOutput obb = yolo8, pose = yolo8, seg = yolo8;
+  const FakeTensor yolo26{{1, 2, 6}, {2, 2, 9, 9, .9F, 0, 12, 12, 30, 30, .8F, 1}};
+  FakeTensor obb = yolo8, pose = yolo8, seg = yolo8;
   obb.shape[1] = 7;
   obb.numbers.resize(21, 0.5F);
   pose.shape[1] = 11;  // two key points
@@ -164,11 +171,11 @@ std::vector<Row> rows() {
   pose.numbers[13] = 0.8F;  // two objects
   seg.shape[1] = 38;
   seg.numbers.resize(114, 0.25F);
-  FakeOutput text{{1, 1, 32, 32}, std::vector<float>(1024)};
+  FakeTensor text{{1, 1, 32, 32}, std::vector<float>(1024)};
   for (int y = 8; y < 16; ++y) std::fill_n(text.numbers.begin() + y * 32 + 4, 20, 1.0F);
-  const FakeOutput scores{{1, 2}, {1, 3}};
-  const FakeOutput steps{{1, 8, 3}, repeated({0, 1, 0, 0, 0, 1, 1, 0, 0}, 24)};
-  const FakeOutput numbers{{1, 256}, repeated({1, -2, 3}, 256)};
+  const FakeTensor scores{{1, 2}, {1, 3}};
+  const FakeTensor steps{{1, 8, 3}, repeated({0, 1, 0, 0, 0, 1, 1, 0, 0}, 24)};
+  const FakeTensor numbers{{1, 256}, repeated({1, -2, 3}, 256)};
   const std::string ov = "OpenVINO", ort = "ONNXRuntime";
   return {
       {ov, "Detect", "YOLO26", {image, false, {yolo26}}},

@@ -8,7 +8,11 @@
 // expectations that were not met and, as the last line, the number of those that were; the exit
 // code is 0 if all were met.
 #define ORT_API_MANUAL_INIT  // only the types are used: ONNX Runtime is not linked
+#if defined(_WIN32)
+#include <windows.h>
+#else
 #include <dlfcn.h>
+#endif
 #include <glog/logging.h>
 #include <onnxruntime_cxx_api.h>
 
@@ -18,6 +22,7 @@
 #include <stdexcept>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "TolCompatible.h"
 
@@ -30,30 +35,70 @@ void expect(bool isMet, const std::string& what) {
   if (!isMet) std::cout << "FAULT: " << what << "\n";
 }
 
-struct Library {
-  Library(const char* file, const std::string& mode) {
+#if defined(_WIN32)
+
+std::runtime_error lastError() {
+  return std::runtime_error("Windows error " + std::to_string(GetLastError()));
+}
+
+/// The library, loaded by its file name.
+struct LoadedFile {
+  LoadedFile(const char* file, const std::string& /*mode*/) : handle(LoadLibraryA(file)) {
+    if (handle == nullptr) throw lastError();
+  }
+  ~LoadedFile() { FreeLibrary(handle); }
+  LoadedFile(const LoadedFile&) = delete;
+  LoadedFile& operator=(const LoadedFile&) = delete;
+
+  void* symbol(const char* name) const {
+    const FARPROC found = GetProcAddress(handle, name);
+    if (found == nullptr) throw lastError();
+    return reinterpret_cast<void*>(found);
+  }
+
+  HMODULE handle;
+};
+
+#else
+
+/// The library, loaded by its file name.
+struct LoadedFile {
+  LoadedFile(const char* file, const std::string& mode) {
     const int flags = mode == "global"     ? RTLD_GLOBAL
                       : mode == "deepbind" ? RTLD_LOCAL | RTLD_DEEPBIND
                                            : RTLD_LOCAL;
     // A linked library is loaded already; its symbols are those of the program.
     handle = dlopen(mode == "linked" ? nullptr : file, RTLD_NOW | flags);
     if (handle == nullptr) throw std::runtime_error(dlerror());
+  }
+  ~LoadedFile() { dlclose(handle); }
+  LoadedFile(const LoadedFile&) = delete;
+  LoadedFile& operator=(const LoadedFile&) = delete;
+
+  void* symbol(const char* name) const {
+    void* const found = dlsym(handle, name);
+    if (found == nullptr) throw std::runtime_error(dlerror());
+    return found;
+  }
+
+  void* handle;
+};
+
+#endif
+
+struct Library {
+  Library(const char* path, const std::string& mode) : file(path, mode) {
     init = find<decltype(VsaModelInit)>("VsaModelInit");
     detect = find<decltype(VsaModelDetect)>("VsaModelDetect");
     release = find<decltype(VsaModelRelease)>("VsaModelRelease");
   }
-  ~Library() { dlclose(handle); }
-  Library(const Library&) = delete;
-  Library& operator=(const Library&) = delete;
 
   template <class Function>
   Function* find(const char* name) const {
-    void* const symbol = dlsym(handle, name);
-    if (symbol == nullptr) throw std::runtime_error(dlerror());
-    return reinterpret_cast<Function*>(symbol);
+    return reinterpret_cast<Function*>(file.symbol(name));
   }
 
-  void* handle;
+  LoadedFile file;
   decltype(VsaModelInit)* init;
   decltype(VsaModelDetect)* detect;
   decltype(VsaModelRelease)* release;
@@ -114,7 +159,12 @@ void check(const Library& library, const std::string& networks) {
     expect(throws<std::exception>(library, model), what + ", as std::exception");
     library.release(&model.context);
   }
-  for (const std::string engine : {"OpenVINO", "ONNXRuntime"}) {
+#if TOL_FAKE_OPENVINO
+  const std::vector<std::string> engines = {"ONNXRuntime"};  // the stand-in opens no files
+#else
+  const std::vector<std::string> engines = {"OpenVINO", "ONNXRuntime"};
+#endif
+  for (const std::string& engine : engines) {
     Model model(engine, networks + (engine == "OpenVINO" ? "/yolo8" : "/yolo8.onnx"), "CPU");
     std::string pixels(std::size_t{3} * 64 * 64, '\x40');
     VsaFrame frame;
@@ -132,7 +182,7 @@ void check(const Library& library, const std::string& networks) {
            engine + " is not run after that");
   }
   google::RemoveLogSink(&sink);
-  expect(sink.lines >= 10,
+  expect(sink.lines >= 5 * static_cast<int>(engines.size()),
          "the host's sink received " + std::to_string(sink.lines) + " lines of the library");
 }
 
@@ -142,7 +192,7 @@ int main(int argc, char** argv) try {
   if (argc != 5) throw std::runtime_error("usage: HostMatrix LIBRARY MODE GLOG NETWORKS");
   if (argv[3] == std::string("initialised")) google::InitGoogleLogging(argv[0]);
   check(Library(argv[1], argv[2]), argv[4]);
-  for (int i = 0; i < 20; ++i) {
+  for (int i = 0; i < 50; ++i) {
     const Library again(argv[1], argv[2]);
     expect(again.find<decltype(VsaGlobalInit)>("VsaGlobalInit")(), "loaded again");
   }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,7 @@ std::vector<VsaObject> objectsOf(const Page& page) {
 
 // Rotates about a point in the middle of the pages of these tests.
 void rotate(double degrees, std::vector<VsaObject>* objects) {
-  const double angle = degrees * M_PI / 180.0;
+  const double angle = degrees * std::numbers::pi / 180.0;
   const auto turn = [angle](std::int32_t* x, std::int32_t* y) {
     const double dx = *x - 500.0;
     const double dy = *y - 500.0;

@@ -2,10 +2,16 @@
 // HTTP or not.
 #pragma once
 
+#if defined(_WIN32)
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
@@ -16,6 +22,27 @@
 #include <string>
 #include <thread>
 #include <utility>
+
+#if defined(_WIN32)
+using Socket = SOCKET;
+using BufferSize = int;
+inline constexpr int kNoSignal = 0;
+inline void closeSocket(Socket socket) {
+  closesocket(socket);
+}
+inline void startSockets() {
+  WSADATA data;
+  WSAStartup(MAKEWORD(2, 2), &data);
+}
+#else
+using Socket = int;
+using BufferSize = std::size_t;
+inline constexpr int kNoSignal = MSG_NOSIGNAL;
+inline void closeSocket(Socket socket) {
+  close(socket);
+}
+inline void startSockets() {}
+#endif
 
 /// How the server answers a connection.
 struct Answer {
@@ -33,9 +60,9 @@ class LoopbackServer {
  public:
   /// Listens on `port`; 0 means any free port.
   explicit LoopbackServer(Answer answer, std::uint16_t port = 0) : answer_(std::move(answer)) {
+    startSockets();
     listener_ = socket(AF_INET, SOCK_STREAM, 0);
-    const int enabled = 1;
-    setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &enabled, sizeof enabled);
+    setOption(listener_, SO_REUSEADDR, 1);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -44,7 +71,7 @@ class LoopbackServer {
     socklen_t size = sizeof address;
     if (bind(listener_, genericAddress, size) != 0 || listen(listener_, 8) != 0 ||
         getsockname(listener_, genericAddress, &size) != 0) {
-      close(listener_);
+      closeSocket(listener_);
       throw std::runtime_error("cannot listen on the port");
     }
     port_ = ntohs(address.sin_port);
@@ -52,9 +79,8 @@ class LoopbackServer {
   }
   ~LoopbackServer() {
     stopped_ = true;
-    shutdown(listener_, SHUT_RDWR);
     thread_.join();
-    close(listener_);
+    closeSocket(listener_);
   }
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
@@ -84,8 +110,9 @@ class LoopbackServer {
 
  private:
   void serve() {
-    for (int connection = 0; (connection = accept(listener_, nullptr, nullptr)) >= 0;
-         close(connection)) {
+    while (!stopped_) {
+      if (!isReadable(listener_)) continue;
+      const Socket connection = accept(listener_, nullptr, nullptr);
       std::unique_lock lock(mutex_);
       const Answer answer = answer_;
       lock.unlock();
@@ -97,8 +124,7 @@ class LoopbackServer {
       // An empty answer: wait until the client closes the connection.
       char byte = 0;
       while (answer.bytes.empty() && !answer.resets && !stopped_ &&
-             recv(connection, &byte, 1, MSG_DONTWAIT) != 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+             (!isReadable(connection) || recv(connection, &byte, 1, 0) > 0)) {
       }
       bool isOpen = true;
       const std::size_t chunk = answer.pause.count() > 0 ? 1 : 65536;
@@ -110,25 +136,40 @@ class LoopbackServer {
       for (std::size_t sent = 0; isOpen && sent < answer.trailingSpaces; sent += spaces.size()) {
         isOpen = sendAll(connection, spaces);
       }
-      const linger reset{1, 0};
-      if (answer.resets) setsockopt(connection, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+      if (answer.resets) setOption(connection, SO_LINGER, linger{1, 0});
+      closeSocket(connection);
     }
   }
 
+  template <class Option>
+  static void setOption(Socket socket, int name, const Option& value) {
+    setsockopt(socket, SOL_SOCKET, name, reinterpret_cast<const char*>(&value), sizeof value);
+  }
+
+  /// Waits up to 10 ms for data, a connection or the end of one.
+  static bool isReadable(Socket socket) {
+    fd_set sockets;
+    FD_ZERO(&sockets);
+    FD_SET(socket, &sockets);
+    timeval limit{0, 10000};
+    return select(static_cast<int>(socket) + 1, &sockets, nullptr, nullptr, &limit) > 0;
+  }
+
   /// Blocks until all bytes are sent. Returns false if the client closed the connection.
-  static bool sendAll(int connection, const std::string& bytes) {
-    return send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
+  static bool sendAll(Socket connection, const std::string& bytes) {
+    return std::cmp_equal(
+        send(connection, bytes.data(), static_cast<BufferSize>(bytes.size()), kNoSignal),
+        bytes.size());
   }
 
   /// Reads the headers and a body of the announced length, in total at most `maxBytes` bytes.
-  static std::string receive(int connection, std::size_t maxBytes) {
+  static std::string receive(Socket connection, std::size_t maxBytes) {
     std::string request;
     std::size_t expected = maxBytes;
     char buffer[4096];
     while (request.size() < expected) {
-      const ssize_t count =
-          recv(connection, buffer, std::min(sizeof buffer, expected - request.size()), 0);
+      const auto wanted = std::min(sizeof buffer, expected - request.size());
+      const auto count = recv(connection, buffer, static_cast<BufferSize>(wanted), 0);
       if (count <= 0) break;
       request.append(buffer, static_cast<std::size_t>(count));
       const std::size_t end = request.find("\r\n\r\n");
@@ -143,7 +184,7 @@ class LoopbackServer {
   Answer answer_;
   std::string request_;
   int count_ = 0;
-  int listener_ = -1;
+  Socket listener_;
   std::uint16_t port_ = 0;
   std::atomic<bool> stopped_ = false;
   std::mutex mutex_;

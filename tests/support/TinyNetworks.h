@@ -7,9 +7,21 @@
 #include <vector>
 
 #include "support/Families.h"
+#if TOL_FAKE_OPENVINO
+#include "verify/fakes/FakeNetworks.h"
+#endif
+
+/// A node of a network.
+#if TOL_FAKE_OPENVINO
+using Value = FakeNode;
+using Values = std::vector<Value>;
+#else
+using Value = ov::Output<ov::Node>;
+using Values = ov::OutputVector;
+#endif
 
 /// What a tiny network does with its input.
-using Body = std::function<ov::OutputVector(const ov::Output<ov::Node>& input)>;
+using Body = std::function<Values(const Value& input)>;
 
 /// Writes a network of one input. Returns the path of its file without ".xml"; the folder is
 /// removed when the process ends.
@@ -33,8 +45,12 @@ std::string writeFamilyNetwork(const Family& family);
 std::string networkOf(const Family& family, const std::string& onnxFolder);
 
 /// Nodes for a Body.
-ov::Output<ov::Node> floats(const ov::Shape& shape, const std::vector<float>& values);
-ov::Output<ov::Node> reshaped(const ov::Output<ov::Node>& value, const std::vector<int>& shape);
-ov::Output<ov::Node> transposed(const ov::Output<ov::Node>& value, const std::vector<int>& order);
+Value constant(ov::element::Type type, const ov::Shape& shape, const std::vector<float>& values);
+Value floats(const ov::Shape& shape, const std::vector<float>& values);
+Value reshaped(const Value& value, const std::vector<int>& shape);
+Value transposed(const Value& value, const std::vector<int>& order);
 /// Elements `begin` to `end - 1` of one axis.
-ov::Output<ov::Node> sliced(const ov::Output<ov::Node>& value, int axis, int begin, int end);
+Value sliced(const Value& value, int axis, int begin, int end);
+Value concatenated(const Values& values, int axis);
+/// The number that each byte selects, for an input of bytes divided by 255.
+Value lookedUp(const Value& value, const std::vector<float>& numbers);

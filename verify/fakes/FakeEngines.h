@@ -1,23 +1,34 @@
-// Stand-ins for the functions of the engines' libraries that the library uses. Every network is the
-// one that `fakeNetwork` describes and returns its outputs for any input.
+// Stand-ins for the functions of the engines' libraries that the library uses. In the check of
+// allocations, every network is the one that `fakeNetwork` describes. Built as a library in place
+// of OpenVINO, they compute the networks of FakeNetworks.h.
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
-struct FakeOutput {
+struct FakeTensor {
   std::vector<std::size_t> shape;
   std::vector<float> numbers;
+  bool isInteger = false;  ///< The element type is i32 instead of f32.
 };
 
 struct FakeNetwork {
-  std::vector<std::int64_t> input;
-  bool takesBytes = false;
-  std::vector<FakeOutput> outputs;
+  std::vector<std::int64_t> input;  ///< The shape; -1 is a dynamic dimension.
+  bool takesBytes = false;          ///< The element type of the input is u8 instead of f32.
+  std::vector<FakeTensor> outputs;  ///< For any input.
+  /// If set, it computes the outputs from an input of floats instead.
+  std::function<std::vector<FakeTensor>(const FakeTensor& input)> compute = {};
 };
 
 extern FakeNetwork fakeNetwork;
+
+/// The network of a model file; null if the engine must throw as it does for a missing file.
+std::shared_ptr<const FakeNetwork> findFakeNetwork(const std::string& file);
+/// Whether networks can be compiled for the device.
+bool hasFakeDevice(const std::string& name);
 
 /// Checksum of all inputs of the engines.
 class InputChecksum {

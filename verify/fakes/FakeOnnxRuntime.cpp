@@ -16,7 +16,7 @@ struct OrtTypeInfo {
 };
 struct OrtTensorTypeAndShapeInfo : OrtTypeInfo {};
 struct OrtValue {
-  FakeOutput content;
+  FakeTensor content;
   const void* input = nullptr;
   std::size_t inputBytes = 0;
 };
@@ -35,7 +35,7 @@ void release(Object* object) {
   delete object;
 }
 
-OrtTensorTypeAndShapeInfo infoOf(const FakeOutput& output) {
+OrtTensorTypeAndShapeInfo infoOf(const FakeTensor& output) {
   return {{{output.shape.begin(), output.shape.end()}}};
 }
 
