@@ -41,8 +41,12 @@ std::string dimensionText(const ov::Dimension& dimension) {
 template <class List, class Text>
 std::string listText(const List& list, const Text& textOf) {
   std::string text = "[";
-  for (const auto& entry : list) text += (text.size() > 1 ? "," : "") + textOf(entry);
-  return text + "]";
+  for (const auto& entry : list) {
+    if (text.size() > 1) text += ',';
+    text += textOf(entry);
+  }
+  text += ']';
+  return text;
 }
 
 }  // namespace
