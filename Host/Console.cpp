@@ -127,14 +127,16 @@ int Console::interruptSignal() {
 }
 
 void Console::note(const std::string& sentence) {
-  clear();
   std::string text = "vsa: " + printable(withoutPasswords(sentence));
   if (errorIsTerminal_) text = wrapped(text, 5, kColumns - 1);
+  const std::lock_guard<std::mutex> lock(mutex_);
+  eraseBar();
   std::fprintf(stderr, "%s\n", text.c_str());
 }
 
 void Console::progress(double fraction, const std::string& text) {
   constexpr int kBar = 20;
+  const std::lock_guard<std::mutex> lock(mutex_);
   const auto now = std::chrono::steady_clock::now();
   if (!errorIsTerminal_ || now - start_ < std::chrono::seconds(1) ||
       now - drawn_ < std::chrono::milliseconds(100)) {
@@ -157,6 +159,11 @@ void Console::progress(double fraction, const std::string& text) {
 }
 
 void Console::clear() {
+  const std::lock_guard<std::mutex> lock(mutex_);
+  eraseBar();
+}
+
+void Console::eraseBar() {
   if (!shown_) return;
   std::fprintf(stderr, "\r%*s\r", kColumns - 1, "");
   std::fflush(stderr);

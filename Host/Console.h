@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -33,7 +34,7 @@ class Console {
   static bool isInterrupted() { return interruptSignal() != 0; }
 
   /// Writes "vsa: ..." to standard error, as one line, printable() and without passwords; on a
-  /// terminal, wraps it to the width of the terminal.
+  /// terminal, wraps it to the width of the terminal. May be called from any thread.
   void note(const std::string& sentence);
 
   /// Shows the progress as a fraction from 0 to 1, only on a terminal and after the first second.
@@ -48,11 +49,15 @@ class Console {
  private:
   static constexpr int kColumns = 80;
 
-  unsigned codePage_ = 0;  // of the console's output before it was set to UTF-8, on Windows
+  void eraseBar();
+
+  // Of the output of the console before it was set to UTF-8, on Windows.
+  [[maybe_unused]] unsigned codePage_ = 0;
   bool outputIsTerminal_;
   bool errorIsTerminal_;
   bool outputWorks_ = true;
-  bool shown_ = false;
+  std::mutex mutex_;    // of the bar and of standard error
+  bool shown_ = false;  // the bar
   std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   std::chrono::steady_clock::time_point drawn_{};
 };
