@@ -225,10 +225,14 @@ class Server(http.server.ThreadingHTTPServer):
         super().__init__(address, Handler)
 
     def process_request(self, request, client_address):
-        if self.free_connections.acquire(blocking=False):
-            super().process_request(request, client_address)
-        else:
+        if not self.free_connections.acquire(blocking=False):
             self.shutdown_request(request)
+            return
+        try:
+            super().process_request(request, client_address)
+        except RuntimeError:  # no thread can be started
+            self.free_connections.release()
+            raise
 
     def process_request_thread(self, request, client_address):
         try:
