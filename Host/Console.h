@@ -48,7 +48,8 @@ class Console {
  private:
   static constexpr int kColumns = 80;
 
-  unsigned codePage_ = 0;  // of the console's output before it was set to UTF-8, on Windows
+  // The code page of the console's output before it was set to UTF-8, on Windows.
+  [[maybe_unused]] unsigned codePage_ = 0;
   bool outputIsTerminal_;
   bool errorIsTerminal_;
   bool outputWorks_ = true;

@@ -223,7 +223,8 @@ static FakeTensor floatsOf(const Tensor& input, bool isPixels) {
   floats.shape = {1, 3, height, width};
   for (std::size_t i = 0; i < input.get_size(); ++i) {
     const std::size_t pixel = i % (height * width);
-    floats.numbers.push_back(static_cast<float>(bytes[3 * pixel + i / (height * width)]) / 255.0F);
+    const std::size_t plane = i / (height * width);
+    floats.numbers.push_back(static_cast<float>(bytes[3 * pixel + plane]) / 255.0F);
   }
   return floats;
 }
