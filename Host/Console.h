@@ -48,7 +48,7 @@ class Console {
  private:
   static constexpr int kColumns = 80;
 
-  unsigned codePage_ = 0;  // of the console's output before it was set to UTF-8, on Windows
+  unsigned codePage_ = 0;  // on Windows: of the console, before it was set to UTF-8
   bool outputIsTerminal_;
   bool errorIsTerminal_;
   bool outputWorks_ = true;
