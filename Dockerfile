@@ -1,10 +1,10 @@
 # An image that runs vsa, with the engines, as a user without privileges:
 #   docker build -t vsa .
 #   docker run --rm --user "$(id -u)" -v "$PWD:/data" vsa run pipeline.json page.png --output out
-# The models are not in it: mount them with the pipeline file.
+# The image contains no models: mount them with the pipeline file.
 FROM debian:12-slim AS build
 WORKDIR /src
-# The set-up downloads the engines. It is a layer of its own, so that changes of the sources do not repeat it.
+# The set-up downloads the engines. It has a layer of its own, so that a change of the sources does not repeat it.
 COPY scripts scripts
 # hadolint ignore=DL3008 # versions are not pinned, so that the image gets Debian's security updates
 RUN apt-get update \
@@ -16,7 +16,8 @@ RUN cmake --preset package && cmake --build --preset package && cpack --preset p
 
 FROM debian:12-slim
 COPY --from=build /src/build/package/*.deb /tmp/packages/
-# As process 1, vsa would not get the default action of signals, so tini is. It waits for ffmpeg's processes, too.
+# tini is process 1, because the kernel does not apply the default actions of signals to that process. It also waits
+# for the processes of ffmpeg.
 # hadolint ignore=DL3008
 RUN apt-get update \
     && apt-get install -y --no-install-recommends \

@@ -58,7 +58,7 @@ ContextsResult runConcurrently(const std::vector<Models>& copies,
   try {
     for (std::size_t i = 0; i < copies.size(); ++i) threads.emplace_back(run, i);
   } catch (...) {
-    // No more threads can be created. Those that were must not wait for the others.
+    // A thread could not be created. The threads that exist must not wait for the missing ones.
     next = runs;
     for (std::size_t i = threads.size(); i <= copies.size(); ++i) start.arrive_and_drop();
     throw;

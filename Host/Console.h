@@ -51,8 +51,7 @@ class Console {
 
   void eraseBar();
 
-  // Of the output of the console before it was set to UTF-8, on Windows.
-  [[maybe_unused]] unsigned codePage_ = 0;
+  [[maybe_unused]] unsigned codePage_ = 0;  // on Windows: of the console, before it was UTF-8
   bool outputIsTerminal_;
   bool errorIsTerminal_;
   bool outputWorks_ = true;

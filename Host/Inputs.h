@@ -35,8 +35,8 @@ InputList expandInputs(const std::vector<std::string>& arguments, bool recursive
 enum class Line { kRead, kTooLong, kInterrupted, kEnd };
 
 /// Reads a line without its line break ("\n" or "\r\n"). A line longer than `maxBytes` is
-/// truncated. `wait`, if there is one, is called before each read that could block; if it returns
-/// false, so does the result kInterrupted.
+/// truncated. If `wait` is not empty, it is called before each read that could block; if it returns
+/// false, the result is kInterrupted.
 Line readLine(std::istream* stream, std::size_t maxBytes, std::string* line,
               const std::function<bool()>& wait = {});
 

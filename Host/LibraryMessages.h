@@ -1,5 +1,5 @@
-// Shows what libraries write to C++'s error streams on the console. ONNX Runtime and OpenCV write
-// their warnings there, with names from the network file or the name of an image in them.
+// Shows on the console what libraries write to std::cerr and std::clog. ONNX Runtime and OpenCV
+// write warnings there, which can contain names from a network file or the name of an image.
 #pragma once
 
 #include <mutex>
@@ -10,7 +10,7 @@
 
 namespace vsa {
 
-/// While it exists, Console::note() shows each line that is written to std::cerr and std::clog.
+/// While an object exists, Console::note() shows each line written to std::cerr and std::clog.
 class LibraryMessages : private std::streambuf {
  public:
   explicit LibraryMessages(Console* console);
@@ -25,7 +25,7 @@ class LibraryMessages : private std::streambuf {
 
   Console* console_;
   std::mutex mutex_;  // engines write from threads of their own
-  std::string line_;  // not yet ended
+  std::string line_;  // without line break so far
   std::streambuf* errors_;
   std::streambuf* log_;
 };

@@ -61,8 +61,8 @@ std::size_t invalidLength(std::string_view gbk) {
 
 #if defined(_WIN32)
 
-// Converts character by character with the tables of Windows, without the assignments to the
-// private use area that GBK does not have.
+// Converts character by character with the tables of Windows. They also map bytes to the private
+// use area, which GBK does not; such bytes are invalid here.
 class GbkConverter {
  public:
   std::string convert(std::string_view gbk) const {

@@ -19,7 +19,7 @@
 
 namespace {
 
-// Sets a variable of the environment that has no value yet.
+// Sets an environment variable that has no value yet.
 void setDefault(const char* name, const char* value) {
 #if defined(_WIN32)
   if (std::getenv(name) == nullptr) _putenv_s(name, value);
@@ -71,7 +71,7 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     std::ostringstream stream;
     const bool isHelp = program.exit(error, std::cout, stream) == 0;
-    // The message can repeat any argument.
+    // The message can repeat any argument. A line break in one must not begin a line of output.
     std::string message = stream.str();
     for (int i = 1; i < argc; ++i) {
       const std::string argument = argv[i];

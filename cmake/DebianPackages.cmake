@@ -67,7 +67,7 @@ foreach(component library development tools)
   file(WRITE "${overrides}" "bogus-mail-host *\nbogus-mail-host-in-debian-changelog *\n")
   if(component STREQUAL library)
     file(APPEND "${overrides}" "# ONNX Runtime's library is the official build.\nembedded-library *\n"
-      "# Beside the trigger, CPack calls ldconfig.\nmaintscript-calls-ldconfig *\n")
+      "# In addition to the trigger, CPack calls ldconfig.\nmaintscript-calls-ldconfig *\n")
   elseif(component STREQUAL development)
     file(APPEND "${overrides}" "# The archive has the same folders, without the name of the architecture.\n"
       "pkg-config-unavailable-for-cross-compilation *\n")

@@ -192,7 +192,7 @@ TEST(OrDetect, OutputShorterThanDeclaredFailsItsFrameOnly) {
   EXPECT_EQ(bright.objects.size(), 1U);
 }
 
-/// Writes echo8 for the other engine.
+/// Writes the network echo8 of make_onnx.py for OpenVINO.
 std::string writeEcho8() {
   constexpr int kCount = 3 * 4 * 8;
   std::vector<float> boxes(std::size_t{4} * kCount, 2.0F);

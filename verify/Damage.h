@@ -16,15 +16,21 @@ using Random = std::mt19937_64;
 /// A random number below `end`, or 0 if `end` is 0.
 std::size_t below(Random& random, std::size_t end);
 
+/// The content of the file; empty if it cannot be read.
 std::string readFile(const std::filesystem::path& file);
+/// Replaces the content of the file.
 void writeFile(const std::filesystem::path& file, const std::string& content);
 
 /// One kind of damage.
 using Damage = void (*)(Random& random, std::string& text);
 
-// Kinds for any content.
+// Kinds of damage for any content.
+
+/// Overwrites one to three bytes.
 void flipBytes(Random& random, std::string& text);
+/// Removes the end.
 void truncateText(Random& random, std::string& text);
+/// Removes or repeats up to 40 bytes.
 void damagePiece(Random& random, std::string& text);
 /// Replaces a number (of a shape, a stride, an offset, an index) by one near a power of two, or by
 /// "nan".

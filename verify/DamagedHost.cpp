@@ -3,7 +3,7 @@
 // For each seed from FIRST to LAST - 1, damages a pipeline file, a network or a file of recorded
 // objects and runs a command of vsa on it, in this process. Prints one line per seed: the seed and
 // the exit status, or "FINDING:" and what is wrong: a status that is not documented, a failure
-// without a message, many messages, or output that a terminal could interpret. NETWORKS is the
+// without a message, too many messages, or control characters in the output. NETWORKS is the
 // folder that tests/host/make_networks.py wrote. The files of a seed with a finding stay in
 // FOLDER/SEED.
 
@@ -237,7 +237,7 @@ void repeatMember(Random& random, std::string& text) {
   if (end != std::string::npos) text.insert(end, text.substr(begin, end - begin));
 }
 
-/// Overwrites a part of the metadata that exporters write, without changing any length.
+/// Overwrites a part of the metadata that exporters write. Lengths do not change.
 void damageMetadata(Random& random, std::string& text) {
   constexpr const char* kKeys[] = {"names", "imgsz", "task", "stride", "kpt_shape", "thing", "out"};
   const std::size_t key = text.find(oneOf(random, kKeys), below(random, text.size()));
@@ -317,7 +317,7 @@ Json::Value validObjects() {
 
 // --- Running ----------------------------------------------------------------------------------
 
-/// Standard output or standard error, which a file receives.
+/// Redirects standard output or standard error to a file.
 class Capture {
  public:
   Capture(const fs::path& file, int stream) : file_(file), stream_(stream), kept_(dup(stream)) {

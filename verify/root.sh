@@ -1,11 +1,11 @@
-# Minimal Debian systems in which packages are tried. Sourced after scripts/common.sh, not run. `work` is a temporary
-# folder of the caller, who removes it.
+# Minimal Debian systems (chroots) in which packages are tried. To be sourced after scripts/common.sh. `work` is a
+# temporary folder, which the caller sets and removes.
 # shellcheck shell=bash
 
 [ "$(id -u)" -eq 0 ] || die 'only root can make a Debian system to install packages in'
 
-# make_root SUITE PACKAGE...: makes the system in $work/SUITE, with these packages, a user named user, and the network
-# settings of this one. Sets `root` to its folder and `home` to that of the user.
+# make_root SUITE PACKAGE...: makes the system in $work/SUITE, with these packages, a user named user, and this
+# machine's network settings. Sets `root` to its folder and `home` to that of the user.
 make_root() {
   local suite=$1 file
   shift
@@ -22,8 +22,8 @@ make_root() {
   done
 }
 
-# in_root COMMANDS and as_user COMMANDS run shell commands in `root`, the latter in the home folder of the user. Mounts
-# and processes end with them. The output is in $work/log, and printed if they fail.
+# in_root COMMANDS and as_user COMMANDS run shell commands in `root`, as_user as that user and in its home folder. Their
+# mounts and processes end with them. The output goes to $work/log and is printed if they fail.
 in_root() {
   unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" chroot "$root" env -i HOME=/root TERM=dumb \
     PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \

@@ -1,6 +1,5 @@
-"""Runs vsa.exe under Wine, next to vsa of the release build: python -m unittest verify/windows.py.
-
-Both run networks of ONNX Runtime on the same images, in a folder of their own.
+"""Runs vsa.exe under Wine and compares it with vsa of the release build:
+python -m unittest verify/windows.py. Both run a network of ONNX Runtime on the same images.
 """
 
 import json
@@ -25,7 +24,7 @@ SIDE = 64
 
 
 def write_network(path):
-    """A convolution with a sigmoid: YOLO8 with 2 classes and 256 candidates."""
+    """Writes a YOLO8 network, a convolution with a sigmoid, of 2 classes and 256 candidates."""
     numbers = numpy.random.default_rng(5)
     constants = {
         "weights": numbers.normal(0, 0.5, (6, 3, 4, 4)).astype(numpy.float32),

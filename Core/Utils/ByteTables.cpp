@@ -39,7 +39,7 @@ ByteTables tablesOf(const cv::Mat& ramp) {
   return made;
 }
 
-/// Returns `tables` with the linear form `form` if that gives the same bits, otherwise unchanged.
+/// Returns `tables`, with `form` if it gives the same bits.
 ByteTables withLinearForm(ByteTables tables, const LinearForm& form) {
   for (std::size_t c = 0; c < 3; ++c) {
     for (std::size_t i = 0; i < 256; ++i) {

@@ -11,20 +11,20 @@
 
 namespace TolCompatibleLib {
 
-/// The float of a byte of channel c is byte * factors[c] - offsets[c], with both results rounded to
-/// single precision.
+/// A byte of channel c becomes byte * factors[c] - offsets[c]; product and difference are each
+/// rounded to single precision.
 struct LinearForm {
   std::array<float, 3> factors;
   std::array<float, 3> offsets;
 };
 
-/// From bytes to floats. Channels are in the order in which the image stores them.
+/// The floats that bytes become. Channels are in the order in which the image stores them.
 struct ByteTables {
   using Table = std::array<float, 256>;
   const Table& operator[](std::size_t channel) const { return tables[channel]; }
 
   std::array<Table, 3> tables;
-  /// Set if it gives the bits of all three tables: then it is faster than looking them up.
+  /// Set if it gives the same bits as all three tables; it is faster than looking floats up.
   std::optional<LinearForm> linear;
 };
 

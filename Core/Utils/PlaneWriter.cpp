@@ -27,12 +27,12 @@ void prefetch([[maybe_unused]] const void* address) {
 }
 
 /// Pixels converted before they are stored, because storing single floats to the three planes
-/// alternately is the bottleneck. Computed floats fill a cache line of each plane; looking up as
-/// many takes longer than looking up four.
+/// alternately is the bottleneck. 16 computed floats fill a cache line of each plane; looking up 16
+/// pixels at a time is slower than looking up four.
 constexpr std::size_t kComputedPixels = 16;
 constexpr std::size_t kLookedUpPixels = 4;
 
-/// One prefetch for as many pixels.
+/// Number of pixels for which one prefetch is made.
 constexpr std::size_t kPixelsPerPrefetch = 4;
 
 /// Part of a row of an image.
@@ -40,7 +40,7 @@ template <class PixelAt>
 struct Pixels {
   PixelAt at;            ///< Returns the address of pixel x.
   std::size_t count;     ///< Number of pixels.
-  std::size_t followed;  ///< As many pixels, from the first on, have another one to their right.
+  std::size_t followed;  ///< Number of leading pixels with another pixel to their right.
   std::ptrdiff_t ahead;  ///< Distance in bytes from a pixel to the data to prefetch.
 };
 
@@ -57,7 +57,8 @@ std::size_t forEachBlock(std::size_t count, Write write) {
 }
 
 #if defined(__SSE2__) || defined(_M_X64)
-/// Writes the first pixels of a row by computing their floats. Returns the number of pixels.
+/// Writes the first pixels of a row by computing their floats. Returns the number of pixels
+/// written.
 template <ChannelOrder order, class PixelAt>
 std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form, float* row,
                           std::size_t plane) {
@@ -96,7 +97,8 @@ std::size_t writeComputed(const Pixels<PixelAt>&, const LinearForm&, float*, std
 }
 #endif
 
-/// Writes the first pixels of a row by looking up their floats. Returns the number of pixels.
+/// Writes the first pixels of a row by looking up their floats. Returns the number of pixels
+/// written.
 template <ChannelOrder order, class PixelAt>
 std::size_t writeLookedUp(const Pixels<PixelAt>& pixels, const ByteTables& tables, float* row,
                           std::size_t plane) {

@@ -33,7 +33,7 @@ class Sampling {
   /// than kMaxSampledLength, and std::bad_alloc.
   Sampling(cv::Size imageSize, cv::Size scaled, cv::Point origin = {});
 
-  /// Returns whether this samples images of `imageSize` to the size `scaled`.
+  /// Whether this samples images of `imageSize` to the size `scaled`.
   bool isFor(cv::Size imageSize, cv::Size scaled) const;
 
   /// Converts the sampled pixels of `image` through `tables` and writes them into three planes of

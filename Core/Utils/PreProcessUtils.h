@@ -38,7 +38,7 @@ std::optional<Letterbox> letterbox(const cv::Mat& image, cv::Size inputSize,
 /// the padding of an image of the same size, the padding is not written again, which saves a
 /// quarter of the pre-processing time: an engine does not write to its input. After a call that
 /// fails or throws, the next call writes the padding. The positions of the sampled pixels are kept
-/// for images of the same size, which saves a tenth.
+/// for images of the same size, which saves a tenth of that time.
 class LetterboxWriter {
  public:
   /// Writes the canvas of letterbox() as three planes, red first, with values 0 to 1, bit-identical
@@ -61,7 +61,7 @@ class LetterboxWriter {
     cv::Size scaled;
     bool operator==(const Padding&) const = default;
   };
-  /// The sampling of images of `image` to `scaled`, the same object as long as neither changes.
+  /// The sampling of images of size `image` to `scaled`; made again only if one of them changes.
   const Sampling& samplingOf(cv::Size image, cv::Size scaled);
 
   Padding padding_;

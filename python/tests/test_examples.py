@@ -71,7 +71,7 @@ def test_ids_stay_the_same_over_a_video(write_pipeline, tmp_path):
 
 
 def save_detector_of_bright_halves(path):
-    """A network of YOLO26 that finds an object in each half of the image that is not black; its
+    """Writes a YOLO26 network that finds an object in each half of the image that is not black. The
     score is the largest value of the half."""
     image = op.parameter([1, 3, 64, 64], np.float32)
     halves = op.split(image, op.constant(3), 2)

@@ -127,7 +127,7 @@ def test_errors_are_those_of_vsa(write_pipeline, tmp_path):
         pipeline(np.zeros((64, 64, 3), np.uint8))
 
 
-def test_another_thread_may_write_what_is_read(write_pipeline):
+def test_pipe_that_another_thread_writes_is_read(write_pipeline):
     content = write_pipeline(THINGS).read_bytes()
     reader, writer = os.pipe()
 

@@ -19,7 +19,7 @@ def run_script(script, status=0, **values):
     start = f"import tolcompatible, numpy, os, sys\nTHINGS = {fields!r}\n"
     start += "frame = numpy.zeros((64, 64, 3), numpy.uint8)\n"
     done = subprocess.run(
-        # Python 3.12 and later warn of a fork if there are threads.
+        # Python 3.12 and later warn if a process with threads forks.
         [sys.executable, "-W", "ignore:This process:DeprecationWarning", "-c",
          start + textwrap.dedent(script)],
         capture_output=True,

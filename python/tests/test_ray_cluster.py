@@ -1,6 +1,6 @@
-"""The examples with Ray on a cluster of two machines, which are sets of Linux namespaces here: each
-has a network interface, processes, shared memory and temporary files of its own, and is lost at
-once."""
+"""The examples with Ray on a cluster of two machines, one of which is lost. A machine is a set of
+Linux namespaces, with a network interface, processes, shared memory and temporary files of its
+own."""
 
 import itertools
 import os
@@ -17,7 +17,7 @@ import pytest
 from conftest import READER, ROOT, THINGS, VSA, run_vsa
 
 PYTHON = pathlib.Path(os.environ["TOL_RAY_PYTHON"])
-# Ends with this process, with everything in it.
+# Runs a command in namespaces, which end with this process and end all processes in them.
 ISOLATED = [
     *("setpriv", "--pdeathsig", "KILL"),
     *("unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc"),
@@ -50,7 +50,7 @@ class Machine:
         parent = self.process.pid
         children = pathlib.Path(f"/proc/{parent}/task/{parent}/children")
         wait_until(children.read_text, "the machine does not start")
-        self.first = children.read_text().strip()  # process, in whose namespaces all others are
+        self.first = children.read_text().strip()  # the others run in its namespaces
         command = pathlib.Path(f"/proc/{self.first}/cmdline")
         wait_until(lambda: command.read_bytes().startswith(b"sleep"), "its folders are not mounted")
         self.run("ip", "link", "set", "lo", "up")
@@ -121,7 +121,7 @@ def test_lost_workers_and_machines_lose_and_repeat_no_result(write_pipeline, tmp
     listed = tmp_path / "list.txt"
     listed.write_text("".join(f"{name}\n" for name in images))
     numbers = itertools.count(1)
-    # Ray Data needs a core of the cluster for itself.
+    # Ray Data itself needs one core.
     machines = [head := Machine(next(numbers), cores=3)]
     try:
         machines.append(Machine(next(numbers), cores=2, head=head))

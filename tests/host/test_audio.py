@@ -142,8 +142,8 @@ class AudioTest(VsaCase):
 
     @unittest.skipIf(os.name == "nt", "ffmpeg is run on POSIX only")
     def test_audio_of_a_video(self):
-        # A program that takes the place of ffmpeg and records its arguments. The first line of a
-        # script cannot name Python if its path has spaces.
+        # A program that replaces ffmpeg and records its arguments. A shell starts it, because the
+        # first line of a script cannot contain a path with spaces.
         path = str(self.folder / "bin")
         video = self.write_video(2)
         self.write("bin/ffmpeg", f"""#!/bin/sh

@@ -1,4 +1,4 @@
-"""What vsa shows in a terminal. Skipped if the system provides no pseudo-terminal."""
+"""What vsa shows in a terminal. The cases are skipped if there is no pseudo-terminal."""
 
 import os
 import subprocess
@@ -25,7 +25,7 @@ class TerminalTest(ChainCase):
         text = self.run_in_terminal("doctor", NETWORKS / "seg.xml")
         self.assertGreater(len(text.splitlines()), 10)
 
-    def test_table_is_like_that_of_a_pipe(self):
+    def test_table_has_the_same_words_in_a_pipe(self):
         labels = [f"{colour} and many more words about it" for colour in ("red", "blue", "green")]
         self.use(self.detector, {**self.classifier, "classNames": labels}, self.persons,
                  self.reader)

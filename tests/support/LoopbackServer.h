@@ -146,7 +146,7 @@ class LoopbackServer {
     setsockopt(socket, SOL_SOCKET, name, reinterpret_cast<const char*>(&value), sizeof value);
   }
 
-  /// Waits up to 10 ms for data, a connection or the end of one.
+  /// Waits up to 10 ms. Returns whether there is data, a new connection or the end of one.
   static bool isReadable(Socket socket) {
     fd_set sockets;
     FD_ZERO(&sockets);

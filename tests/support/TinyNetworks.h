@@ -11,7 +11,7 @@
 #include "verify/fakes/FakeNetworks.h"
 #endif
 
-/// A node of a network.
+/// Nodes of a network.
 #if TOL_FAKE_OPENVINO
 using Value = FakeNode;
 using Values = std::vector<Value>;
@@ -52,5 +52,5 @@ Value transposed(const Value& value, const std::vector<int>& order);
 /// Elements `begin` to `end - 1` of one axis.
 Value sliced(const Value& value, int axis, int begin, int end);
 Value concatenated(const Values& values, int axis);
-/// The number that each byte selects, for an input of bytes divided by 255.
+/// For an input of bytes divided by 255: for each byte, the number with that index.
 Value lookedUp(const Value& value, const std::vector<float>& numbers);

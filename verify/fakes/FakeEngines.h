@@ -19,13 +19,13 @@ struct FakeNetwork {
   std::vector<std::int64_t> input;  ///< The shape; -1 is a dynamic dimension.
   bool takesBytes = false;          ///< The element type of the input is u8 instead of f32.
   std::vector<FakeTensor> outputs;  ///< For any input.
-  /// If set, it computes the outputs from an input of floats instead.
+  /// If set, computes the outputs from the input; `outputs` is then not used.
   std::function<std::vector<FakeTensor>(const FakeTensor& input)> compute = {};
 };
 
 extern FakeNetwork fakeNetwork;
 
-/// The network of a model file; null if the engine must throw as it does for a missing file.
+/// The network of a model file. If it is null, the engine throws as for a missing file.
 std::shared_ptr<const FakeNetwork> findFakeNetwork(const std::string& file);
 /// Whether networks can be compiled for the device.
 bool hasFakeDevice(const std::string& name);

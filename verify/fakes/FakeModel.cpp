@@ -1,5 +1,5 @@
-// Functions of OpenVINO that only vsa calls, on the models of files that the stand-in cannot read.
-// So they are never called: they only let vsa link.
+// Functions of OpenVINO that only vsa calls, on models read from files. The stand-in reads no
+// files, so these are never called; they are needed to link vsa.
 
 #include <openvino/openvino.hpp>
 

@@ -19,7 +19,7 @@ std::size_t product(const std::size_t* begin, const std::size_t* end) {
   return std::accumulate(begin, end, std::size_t{1}, std::multiplies<>());
 }
 
-/// A tensor as `count` blocks of `length` steps of `size` floats, seen from one axis.
+/// A tensor along one axis: `count` blocks of `length` steps of `size` floats.
 struct Axis {
   Axis(const FakeTensor& tensor, int axis)
       : count(product(tensor.shape.data(), tensor.shape.data() + axis)),
@@ -74,23 +74,23 @@ FakeNode fakeReshape(const FakeNode& value, const std::vector<int>& shape) {
 FakeNode fakeTranspose(const FakeNode& value, const std::vector<int>& order) {
   return [=](const FakeTensor& input) {
     const FakeTensor tensor = value(input);
-    FakeTensor turned;
+    FakeTensor transposed;
     std::vector<std::size_t> strides;  // of the axes of the result, in the source
     for (const int axis : order) {
       const Axis from(tensor, axis);
-      turned.shape.push_back(from.length);
+      transposed.shape.push_back(from.length);
       strides.push_back(from.size);
     }
     for (std::size_t i = 0; i < tensor.numbers.size(); ++i) {
       std::size_t rest = i;
       std::size_t source = 0;
       for (std::size_t axis = order.size(); axis-- > 0;) {
-        source += rest % turned.shape[axis] * strides[axis];
-        rest /= turned.shape[axis];
+        source += rest % transposed.shape[axis] * strides[axis];
+        rest /= transposed.shape[axis];
       }
-      turned.numbers.push_back(tensor.numbers[source]);
+      transposed.numbers.push_back(tensor.numbers[source]);
     }
-    return turned;
+    return transposed;
   };
 }
 

@@ -9,7 +9,7 @@
 
 namespace {
 
-/// What the objects behind the engine's pointers to models and nodes are.
+/// What pointers to ov::Model and ov::Node really point to.
 struct OpenNetwork {
   std::shared_ptr<const FakeNetwork> network;
   ov::element::Type type;    // of the input
@@ -17,10 +17,10 @@ struct OpenNetwork {
   bool takesPixels = false;  // the input, [1, H, W, 3], is divided by 255 and becomes planes
 };
 
-// The classes of the engine's objects are declared without their members, and nobody but these
-// functions uses the objects. NOLINTBEGIN(cppcoreguidelines-pro-type-reinterpret-cast)
+// Only these functions dereference such pointers.
+// NOLINTBEGIN(cppcoreguidelines-pro-type-reinterpret-cast)
 template <class Object>
-std::shared_ptr<Object> disguised(const std::shared_ptr<const OpenNetwork>& network) {
+std::shared_ptr<Object> asEngineObject(const std::shared_ptr<const OpenNetwork>& network) {
   using Mutable = std::remove_const_t<Object>;
   return {network, reinterpret_cast<Mutable*>(const_cast<OpenNetwork*>(network.get()))};
 }
@@ -167,7 +167,7 @@ std::shared_ptr<Model> Core::read_model(const std::string& file, const std::stri
   if (!network) Exception::create("", 0, "the fake engine has no network " + file);
   const std::vector<Dimension> shape(network->input.begin(), network->input.end());
   const element::Type type = network->takesBytes ? element::u8 : element::f32;
-  return disguised<Model>(
+  return asEngineObject<Model>(
       std::make_shared<OpenNetwork>(OpenNetwork{std::move(network), type, shape}));
 }
 CompiledModel Core::compile_model(const std::string& file, const std::string& device,
@@ -179,7 +179,7 @@ CompiledModel Core::compile_model(const std::shared_ptr<const Model>& model,
   const EngineMemory own;
   if (!hasFakeDevice(device)) Exception::create("", 0, "the fake engine has no device " + device);
   auto compiled = std::make_shared<ICompiledModel>();
-  compiled->input = {disguised<const Node>(shareNetwork(model)), 0};
+  compiled->input = {asEngineObject<const Node>(shareNetwork(model)), 0};
   return {compiled, nullptr};
 }
 
@@ -223,7 +223,8 @@ static FakeTensor floatsOf(const Tensor& input, bool isPixels) {
   floats.shape = {1, 3, height, width};
   for (std::size_t i = 0; i < input.get_size(); ++i) {
     const std::size_t pixel = i % (height * width);
-    floats.numbers.push_back(static_cast<float>(bytes[3 * pixel + i / (height * width)]) / 255.0F);
+    const std::size_t plane = i / (height * width);
+    floats.numbers.push_back(static_cast<float>(bytes[3 * pixel + plane]) / 255.0F);
   }
   return floats;
 }
@@ -316,7 +317,7 @@ std::shared_ptr<Model> PrePostProcessor::build() {
     converted->shape = {planes.at(0), planes.at(2), planes.at(3), planes.at(1)};
     converted->takesPixels = true;
   }
-  return disguised<Model>(converted);
+  return asEngineObject<Model>(converted);
 }
 
 }  // namespace preprocess
