@@ -133,8 +133,7 @@ const ByteTables& ocrTables() {
         made.tables[c][i] = static_cast<float>(i) * kFactors[c] - kOffsets[c];
       }
     }
-    made.linear = LinearForm{kFactors, kOffsets};
-    return made;
+    return withLinearForm(made, {kFactors, kOffsets});
   }();
   return tables;
 }
