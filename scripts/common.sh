@@ -88,6 +88,9 @@ make_environment() {
   }
 }
 
+# declared_names HEADER: prints the entry points that a header declares, sorted.
+declared_names() { sed -nE 's/^VSA_API [a-z]+ (Vsa[A-Za-z0-9]+)\(.*/\1/p' "$1" | sort; }
+
 # build PRESET [TARGET...]: configures and builds; prints the compiler's output only if that fails.
 build() {
   local preset=$1 log=$project/build/$1/build.log target

@@ -1,34 +1,82 @@
-# Minimal Debian systems (chroots) in which packages are tried. To be sourced after scripts/common.sh. `work` is a
-# temporary folder, which the caller sets and removes.
+# Minimal Debian and Ubuntu systems (chroots) in which packages and builds are tried. To be sourced after
+# scripts/common.sh. Sets `work` to a temporary folder, which is removed when the script exits.
 # shellcheck shell=bash
 
-[ "$(id -u)" -eq 0 ] || die 'only root can make a Debian system to install packages in'
+[ "$(id -u)" -eq 0 ] || die 'only root can make a minimal system'
+need_packages 'to make a minimal system' debootstrap iproute2 zstd
+
+# For the commands that run in a root; a script can set these.
+root_environment=() # NAME=VALUE...
+root_network=yes
+root_terminals=yes # pseudo-terminals, which a minimal chroot does not have
+
+work=$(mktemp -d)
+chmod 755 "$work"
+# unshare ignores SIGTERM until its child has ended; if it is killed, so is everything inside.
+trap '[ -z "${root_process:-}" ] || { kill -KILL "$root_process" && wait "$root_process"; } || true
+  rm -rf --one-file-system "$work"' EXIT
+trap 'exit 143' TERM
+trap 'exit 130' INT
 
 # make_root SUITE PACKAGE...: makes the system in $work/SUITE, with these packages, a user named user, and this
-# machine's network settings. Sets `root` to its folder and `home` to that of the user.
+# machine's network settings and certificates. Sets `root` to its folder and `home` to that of the user.
 make_root() {
-  local suite=$1 file
+  local suite=$1 components=main mirror=${DEBIAN_MIRROR:-} scripts=/usr/share/debootstrap file
   shift
   root=$work/$suite
   home=$root/home/user
-  step "A minimal Debian ($suite)"
-  debootstrap --variant=minbase "$suite" "$root" ${DEBIAN_MIRROR:+"$DEBIAN_MIRROR"} >"$work/log" 2>&1 ||
-    { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
-  in_root 'useradd --create-home user && apt-get -qq update'
-  in_root "apt-get -qq install --no-install-recommends $*"
-  mkdir -p "$root/etc/ssl/certs"
-  for file in /etc/pip.conf /etc/ssl/certs/ca-certificates.crt; do # after the package of certificates
+  step "A minimal system ($suite)"
+  case $suite in
+    noble | resolute)
+      # debootstrap of Debian 12 does not know newer releases of Ubuntu, which are made like older ones.
+      cp -r "$scripts" "$work/debootstrap"
+      scripts=$work/debootstrap
+      [ -e "$scripts/scripts/$suite" ] || ln -s gutsy "$scripts/scripts/$suite"
+      components=main,universe mirror=
+      ;;
+  esac
+  DEBOOTSTRAP_DIR=$scripts debootstrap --variant=minbase "--components=$components" "$suite" "$root" \
+    ${mirror:+"$mirror"} >"$work/log" 2>&1 || { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
+  mkdir -p "$root/dev/pts" "$root/dev/shm"
+  ln -sf pts/ptmx "$root/dev/ptmx"
+  for file in /etc/resolv.conf /etc/hosts /etc/pip.conf; do
     if [ -f "$file" ]; then cp "$file" "$root$file"; fi
   done
+  cp /etc/ssl/certs/ca-certificates.crt "$root/etc/certificates.crt" # the package of certificates may not be installed
+  in_root 'useradd --create-home --shell /bin/bash user && apt-get -qq update'
+  [ $# -eq 0 ] || in_root "apt-get -qq install --no-install-recommends $*"
 }
+
+# Mounts what commands need in the root $1, and runs the others of the arguments there.
+# shellcheck disable=SC2016 # the inner shell expands them
+enter_root='
+  root=$1
+  shift
+  mount -t proc proc "$root/proc"
+  mount -t tmpfs tmpfs "$root/dev/shm"
+  if [ "$root_terminals" = yes ]; then
+    mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts "$root/dev/pts"
+  fi
+  if [ -n "${CCACHE_DIR:-}" ]; then
+    mkdir -p "$root/ccache"
+    mount --bind "$CCACHE_DIR" "$root/ccache"
+  fi
+  if [ "$root_network" != yes ]; then ip link set lo up; fi
+  exec chroot "$root" env -i "$@"'
 
 # in_root COMMANDS and as_user COMMANDS run shell commands in `root`, as_user as that user and in its home folder. Their
 # mounts and processes end with them. The output goes to $work/log and is printed if they fail.
 in_root() {
-  unshare --mount --pid --fork --kill-child --mount-proc="$root/proc" chroot "$root" env -i HOME=/root TERM=dumb \
-    PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
-    bash -euo pipefail -c "$1" >"$work/log" 2>&1 </dev/null ||
-    { tail -n 40 "$work/log" >&2; die "failed: $1"; }
+  local namespaces=(--mount --propagation private --pid --fork --kill-child) status=0
+  [ "$root_network" = yes ] || namespaces+=(--net)
+  root_network=$root_network root_terminals=$root_terminals unshare "${namespaces[@]}" \
+    bash -euc "$enter_root" bash "$root" HOME=/root TERM=dumb PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
+    DEBIAN_FRONTEND=noninteractive PIP_CERT=/etc/certificates.crt SSL_CERT_FILE=/etc/certificates.crt \
+    "${root_environment[@]}" bash -euo pipefail -c "$1" >"$work/log" 2>&1 </dev/null &
+  root_process=$!
+  wait "$root_process" || status=$?
+  root_process=
+  [ "$status" -eq 0 ] || { tail -n 40 "$work/log" >&2; die "failed: $1"; }
 }
 as_user() {
   in_root "cd /home/user && exec setpriv --reuid=user --regid=user --clear-groups env HOME=/home/user \
