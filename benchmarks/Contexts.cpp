@@ -32,7 +32,7 @@ constexpr double kMinRatio = 0.95;
 
 struct Subject {
   const char* name;
-  std::string network;  ///< Without ".xml".
+  std::string (*writeNetwork)();  ///< Returns the path of the network, without ".xml".
   int side;
   int classes;
 };
@@ -58,20 +58,20 @@ void addLane(Alternative& alternative, ov::InferRequest request) {
 }
 
 /// Networks of the engine alone, compiled with its default properties.
-Alternative bareNetworks(const Subject& subject, int count) {
+Alternative bareNetworks(const Subject&, const std::string& network, int count) {
   Alternative made;
   for (int i = 0; i < count; ++i) {
     const auto core = std::make_shared<ov::Core>();
     made.owned.push_back(core);
-    addLane(made, core->compile_model(subject.network + ".xml", "CPU").create_infer_request());
+    addLane(made, core->compile_model(network + ".xml", "CPU").create_infer_request());
   }
   return made;
 }
 
-Alternative contexts(const Subject& subject, int count) {
+Alternative contexts(const Subject& subject, const std::string& network, int count) {
   Alternative made;
   for (int i = 0; i < count; ++i) {
-    const auto model = std::make_shared<TestModel>("Detect", "YOLO8", subject.network);
+    const auto model = std::make_shared<TestModel>("Detect", "YOLO8", network);
     const auto side = static_cast<std::uint32_t>(subject.side);
     model->setInput(side, side);
     model->setClasses(std::vector<std::string>(static_cast<std::size_t>(subject.classes), "thing"));
@@ -86,19 +86,18 @@ Alternative contexts(const Subject& subject, int count) {
 }
 
 /// One network compiled for throughput, with as many requests as the engine asks for.
-Alternative throughputNetwork(const Subject& subject, int /*count*/) {
+Alternative throughputNetwork(const Subject&, const std::string& network, int /*count*/) {
   Alternative made;
   const auto core = std::make_shared<ov::Core>();
   made.owned.push_back(core);
-  ov::CompiledModel compiled =
-      core->compile_model(subject.network + ".xml", "CPU",
-                          ov::hint::performance_mode(ov::hint::PerformanceMode::THROUGHPUT));
+  ov::CompiledModel compiled = core->compile_model(
+      network + ".xml", "CPU", ov::hint::performance_mode(ov::hint::PerformanceMode::THROUGHPUT));
   const std::uint32_t requests = compiled.get_property(ov::optimal_number_of_infer_requests);
   for (std::uint32_t i = 0; i < requests; ++i) addLane(made, compiled.create_infer_request());
   return made;
 }
 
-constexpr std::array<Alternative (*)(const Subject&, int), 3> kAlternatives = {
+constexpr std::array<Alternative (*)(const Subject&, const std::string&, int), 3> kAlternatives = {
     bareNetworks, contexts, throughputNetwork};
 
 /// Runs every lane in a thread of its own for `seconds`. Returns the sum of their runs per second.
@@ -137,7 +136,9 @@ double residentMegabytes() {
   return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
-/// Runs `measure` in a process of its own and returns the numbers that it returns.
+/// Runs `measure` in a process of its own and returns the numbers that it returns. This process
+/// must not use the engine: a forked process lacks the threads that the engine has started, so its
+/// networks would run on one core.
 template <std::size_t count>
 std::array<double, count> inProcess(const std::function<std::array<double, count>()>& measure) {
   std::array<int, 2> ends{};
@@ -146,10 +147,10 @@ std::array<double, count> inProcess(const std::function<std::array<double, count
   if (child == 0) {
     try {
       const std::array<double, count> numbers = measure();
-      _exit(write(ends[1], numbers.data(), sizeof numbers) == sizeof numbers ? 0 : 1);
+      std::exit(write(ends[1], numbers.data(), sizeof numbers) == sizeof numbers ? 0 : 1);
     } catch (const std::exception& error) {
       std::cerr << error.what() << "\n";
-      _exit(1);
+      std::exit(1);
     }
   }
   close(ends[1]);
@@ -167,17 +168,18 @@ void printRow(const Subject& subject, int count, double seconds) {
   std::array<double, kAlternatives.size()> megabytes{};
   for (std::size_t k = 0; k < megabytes.size(); ++k) {
     megabytes[k] = inProcess<1>([&] {
-      const Alternative made = kAlternatives[k](subject, count);
+      const Alternative made = kAlternatives[k](subject, subject.writeNetwork(), count);
       runsPerSecond(made.lanes, seconds / 2);
       return std::array{residentMegabytes()};
     })[0];
   }
   const auto [bare, ours, ratio, throughput, requests] = inProcess<5>([&] {
+    const std::string network = subject.writeNetwork();
     std::array<Alternative, kAlternatives.size()> made;
     std::array<std::vector<double>, kAlternatives.size()> rates;
     std::vector<double> ratios;
     for (std::size_t k = 0; k < made.size(); ++k) {
-      made[k] = kAlternatives[k](subject, count);
+      made[k] = kAlternatives[k](subject, network, count);
       runsPerSecond(made[k].lanes, seconds / 2);
     }
     for (int round = 0; round < kRounds; ++round) {
@@ -206,10 +208,15 @@ int main(int argc, char** argv) try {
       "| network | contexts | engine alone, frames/s | library, frames/s | ratio | met >= 0.95 | "
       "engine alone, MB | library, MB | throughput mode, frames/s (requests) | MB "
       "|\n|---|---|---|---|---|---|---|---|---|---|");
+  std::fflush(stdout);
   constexpr int kSmallSide = 160;
   const Subject subjects[] = {
-      {"YOLOv8n", kYolo, kSide, kClasses},
-      {"small", writePlainNetwork({{kSmallSide, kSmallSide}, 16, 2, {1, 6, 525}}), kSmallSide, 2}};
+      {"YOLOv8n", [] { return std::string(kYolo); }, kSide, kClasses},
+      {"small",
+       [] {
+         return writePlainNetwork({{kSmallSide, kSmallSide}, 16, 2, {1, 6, 525}});
+       },
+       kSmallSide, 2}};
   for (const Subject& subject : subjects) {
     for (const int count : {1, 2, 4, 8}) printRow(subject, count, seconds);
   }
