@@ -40,8 +40,13 @@ struct Row {
   std::function<std::string()> network;  // writes or finds the model file
   cv::Size configured = {64, 64};
   cv::Size input = {64, 64};  // of the network
-  bool isTrained = false;     // a trained network instead of a tiny one
+  bool isTrained = false;     // a network of real size instead of a tiny one
+  std::string note;           // follows the title; rows with a note are only opened
 };
+
+std::string titleOf(const Row& row) {
+  return titleOf(row.family) + row.note;
+}
 
 std::string textModels;
 std::string onnxNetworks;
@@ -137,7 +142,13 @@ Row rowOf(const Family& family) {
 
 std::vector<Row> allRows() {
   std::vector<Row> rows;
-  for (const Family& family : families()) rows.push_back(rowOf(family));
+  for (const Family& family : families()) {
+    rows.push_back(rowOf(family));
+    if (family.name != "YOLO8") continue;
+    const std::string file =
+        std::string(TOL_YOLO_NETWORK) + (family.onnxFile.empty() ? "" : ".onnx");
+    rows.push_back({family, [file] { return file; }, {640, 640}, {640, 640}, true, ", YOLOv8n"});
+  }
   return rows;
 }
 
@@ -389,9 +400,8 @@ void printMemory(const Row& row, std::size_t index, const std::string& network) 
       return value({b[0], b[1], b[2]}, {o[0], o[1], o[2]});
     });
   };
-  std::printf("| %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n",
-              titleOf(row.family).c_str(), runsOf(row),
-              medianOf([](const Use& b, const Use&) { return b.late; }),
+  std::printf("| %s | %d | %.1f | %.1f | %+.1f | %+.1f | %+.2f | %+.2f |\n", titleOf(row).c_str(),
+              runsOf(row), medianOf([](const Use& b, const Use&) { return b.late; }),
               medianOf([](const Use&, const Use& o) { return o.late; }),
               medianOf([](const Use& b, const Use& o) { return o.late - b.late; }),
               medianOf([](const Use& b, const Use& o) { return o.peak - b.peak; }),
@@ -403,21 +413,23 @@ void printOpening(const Row& row, std::size_t index, const std::string& network)
   const auto [engine, ours, ratio] = measureInProcess<3>("opening", index, network);
   const Pairs<2> pairs("opened-", index, network);
   using Numbers = Pairs<2>::Numbers;
-  std::printf("| %s | %.2f | %.2f | %.3f | %.1f | %+.1f | %.1f | %+.1f |\n",
-              titleOf(row.family).c_str(), engine, ours, ratio,
+  std::printf("| %s | %.2f | %.2f | %.3f | %.1f | %+.1f | %.1f | %+.1f |\n", titleOf(row).c_str(),
+              engine, ours, ratio,
               pairs.medianOf([](const Numbers& b, const Numbers&) { return b[0]; }),
               pairs.medianOf([](const Numbers& b, const Numbers& o) { return o[0] - b[0]; }),
               pairs.medianOf([](const Numbers& b, const Numbers&) { return b[1]; }),
               pairs.medianOf([](const Numbers& b, const Numbers& o) { return o[1] - b[1]; }));
 }
 
-/// Calls `print` for the rows of models named `only`, or for all rows if it is empty.
-void printTable(const std::string& header, const std::string& only,
+/// Calls `print` for the rows of models named `only`, or for all rows if it is empty; for rows with
+/// a note if `withNotes`.
+void printTable(const std::string& header, const std::string& only, bool withNotes,
                 void (*print)(const Row& row, std::size_t index, const std::string& network)) {
   std::puts(header.c_str());
   const std::vector<Row> rows = allRows();
   for (std::size_t i = 0; i < rows.size(); ++i) {
     if (!only.empty() && rows[i].family.name != only) continue;
+    if (!withNotes && !rows[i].note.empty()) continue;
     print(rows[i], i, rows[i].network());
     std::fflush(stdout);
   }
@@ -431,14 +443,14 @@ void printMemoryTable(const std::string& only) {
       "| model | runs | engine alone, MB | library, MB | difference, MB | difference of peaks, MB "
       "| growth of the library, MB | growth of the engine, MB "
       "|\n|---|---|---|---|---|---|---|---|",
-      only, printMemory);
+      only, false, printMemory);
 }
 
 void printOpeningTable(const std::string& only) {
   printTable(
       "| model | engine alone, ms | library, ms | ratio | engine alone, MB | difference, MB | peak "
       "of the engine alone, MB | difference of peaks, MB |\n|---|---|---|---|---|---|---|---|",
-      only, printOpening);
+      only, true, printOpening);
 }
 
 }  // namespace
@@ -451,7 +463,7 @@ int main(int argc, char** argv) try {
                                                       "opened-engine", "opened-library"};
   if (arguments == std::vector<std::string>{"--list"}) {
     for (const Row& row : allRows()) {
-      std::cout << titleOf(row.family) << ": " << row.network() << "\n";
+      std::cout << titleOf(row) << ": " << row.network() << "\n";
     }
   } else if (arguments.size() == 3 && std::ranges::find(kKinds, arguments[0]) != kKinds.end()) {
     measure(arguments[0], allRows().at(std::stoul(arguments[1])), arguments[2]);

@@ -28,11 +28,13 @@ make_root() {
   step "A minimal system ($suite)"
   case $suite in
     noble | resolute)
-      # debootstrap of Debian 12 does not know newer releases of Ubuntu, which are made like older ones.
+      # debootstrap of Debian 12 does not know newer releases of Ubuntu, which are made like older ones. Without Ubuntu's
+      # keyring it cannot check signatures, and tries Debian's mirror unless another is named.
       cp -r "$scripts" "$work/debootstrap"
       scripts=$work/debootstrap
       [ -e "$scripts/scripts/$suite" ] || ln -s gutsy "$scripts/scripts/$suite"
-      components=main,universe mirror=
+      components=main,universe
+      mirror=$(sed -nE 's|^\s*default_mirror (http://archive.*)|\1|p' "$scripts/scripts/gutsy" | head -n 1)
       ;;
   esac
   DEBOOTSTRAP_DIR=$scripts debootstrap --variant=minbase "--components=$components" "$suite" "$root" \
