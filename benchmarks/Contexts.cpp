@@ -13,7 +13,6 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <functional>
 #include <iostream>
 #include <memory>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "benchmarks/Networks.h"
+#include "support/Measure.h"
 #include "support/TestHost.h"
 
 namespace {
@@ -125,15 +125,6 @@ double runsPerSecond(const std::vector<Lane>& lanes, double seconds) {
     sum += rates[i];
   }
   return sum;
-}
-
-/// Resident memory of this process in MB.
-double residentMegabytes() {
-  std::ifstream file("/proc/self/statm");
-  double pages = 0;
-  double resident = 0;
-  if (!(file >> pages >> resident)) throw std::runtime_error("no memory figures");
-  return resident * static_cast<double>(sysconf(_SC_PAGESIZE)) / 1e6;
 }
 
 /// Runs `measure` in a process of its own and returns the numbers that it returns. This process

@@ -16,6 +16,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -26,6 +27,7 @@
 #include <string_view>
 
 #include "support/LoopbackServer.h"
+#include "support/Measure.h"
 #include "support/TestHost.h"
 #include "support/TinyNetworks.h"
 
@@ -41,7 +43,7 @@ struct Row {
   cv::Size configured = {64, 64};
   cv::Size input = {64, 64};  // of the network
   bool isTrained = false;     // a network of real size instead of a tiny one
-  std::string note;           // follows the title; rows with a note are only opened
+  std::string note = {};      // follows the title; rows with a note are only opened
 };
 
 std::string titleOf(const Row& row) {
@@ -145,9 +147,9 @@ std::vector<Row> allRows() {
   for (const Family& family : families()) {
     rows.push_back(rowOf(family));
     if (family.name != "YOLO8") continue;
-    const std::string file =
-        std::string(TOL_YOLO_NETWORK) + (family.onnxFile.empty() ? "" : ".onnx");
-    rows.push_back({family, [file] { return file; }, {640, 640}, {640, 640}, true, ", YOLOv8n"});
+    const char* const suffix = family.onnxFile.empty() ? "" : ".onnx";
+    const auto network = [suffix] { return std::string(TOL_YOLO_NETWORK) + suffix; };
+    rows.push_back({family, network, {640, 640}, {640, 640}, true, ", YOLOv8n"});
   }
   return rows;
 }
@@ -294,12 +296,6 @@ struct OpenedUse {
   double peak = 0;
 };
 
-double median(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
 /// Opens a model alternately with the engine alone and with the library. Closing is not timed.
 Opening measureOpening(const Row& row, const std::string& network) {
   const int openings = row.isTrained ? 30 : 150;
@@ -327,7 +323,7 @@ Opening measureOpening(const Row& row, const std::string& network) {
     if (i % 2 == 1) engine.push_back(openBare());
     ratios.push_back(ours.back() / engine.back());
   }
-  return {median(engine), median(ours), median(ratios)};
+  return {medianOf(engine), medianOf(ours), medianOf(ratios)};
 }
 
 /// Runs in a process of its own.
@@ -386,7 +382,7 @@ struct Pairs {
       const std::function<double(const Numbers& engine, const Numbers& ours)>& value) const {
     std::vector<double> values;
     for (std::size_t k = 0; k < kRepeats; ++k) values.push_back(value(engine[k], ours[k]));
-    return median(values);
+    return ::medianOf(values);
   }
 
   std::array<Numbers, kRepeats> engine;
@@ -456,6 +452,8 @@ void printOpeningTable(const std::string& only) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+  // The library switches it off, so the engine alone runs without it, too.
+  setenv("ORT_DISABLE_TELEMETRY", "1", 1);
   std::vector<std::string> arguments(argv + 1, argv + argc);
   const bool isOpening = !arguments.empty() && arguments[0] == "--opening";
   if (isOpening) arguments.erase(arguments.begin());

@@ -1,6 +1,5 @@
 #include "benchmarks/Networks.h"
 
-#include <algorithm>
 #include <chrono>
 #include <opencv2/imgproc.hpp>
 #include <openvino/opsets/opset8.hpp>
@@ -168,10 +167,4 @@ double milliseconds(const std::function<void()>& work) {
   work();
   return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start)
       .count();
-}
-
-double medianOf(std::vector<double> values) {
-  std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
-                   values.end());
-  return values[values.size() / 2];
 }

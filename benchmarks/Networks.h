@@ -63,4 +63,3 @@ void fillInput(ov::InferRequest& request);
 
 /// The time that `work` takes.
 double milliseconds(const std::function<void()>& work);
-double medianOf(std::vector<double> values);

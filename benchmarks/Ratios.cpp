@@ -28,6 +28,7 @@
 #include "Utils/YoloDecode.h"
 #include "benchmarks/Networks.h"
 #include "benchmarks/Reference.h"
+#include "support/Measure.h"
 #include "support/TestHost.h"
 
 namespace {
