@@ -3,20 +3,31 @@
 # shellcheck shell=bash
 
 [ "$(id -u)" -eq 0 ] || die 'only root can make a minimal system'
-need_packages 'to make a minimal system' debootstrap iproute2 zstd
+need_packages 'to make a minimal system' ca-certificates debootstrap iproute2 zstd
 
 # For the commands that run in a root; a script can set these.
 root_environment=() # NAME=VALUE...
 root_network=yes
 root_terminals=yes # pseudo-terminals, which a minimal chroot does not have
+root_log_lines=40  # of a failed command that are printed, as for tail -n
 
 work=$(mktemp -d)
 chmod 755 "$work"
-# unshare ignores SIGTERM until its child has ended; if it is killed, so is everything inside.
 trap '[ -z "${root_process:-}" ] || { kill -KILL "$root_process" && wait "$root_process"; } || true
   rm -rf --one-file-system "$work"' EXIT
 trap 'exit 143' TERM
 trap 'exit 130' INT
+
+# in_namespaces [OPTION...] COMMAND...: runs a command with mounts and processes that end with it (OPTION: of unshare),
+# and its output in $work/log. unshare ignores SIGTERM until the command has ended; if it is killed, so is the command.
+in_namespaces() {
+  local status=0
+  unshare --mount --propagation private --pid --fork --kill-child "$@" >"$work/log" 2>&1 </dev/null &
+  root_process=$!
+  wait "$root_process" || status=$?
+  root_process=
+  return "$status"
+}
 
 # make_root SUITE PACKAGE...: makes the system in $work/SUITE, with these packages, a user named user, and this
 # machine's network settings and certificates. Sets `root` to its folder and `home` to that of the user.
@@ -28,8 +39,8 @@ make_root() {
   step "A minimal system ($suite)"
   case $suite in
     noble | resolute)
-      # debootstrap of Debian 12 does not know newer releases of Ubuntu, which are made like older ones. Without Ubuntu's
-      # keyring it cannot check signatures, and tries Debian's mirror unless another is named.
+      # debootstrap of Debian 12 does not know newer releases of Ubuntu, which are made like older ones. Without
+      # Ubuntu's keyring it cannot check signatures, and uses Debian's mirror unless a mirror is named.
       cp -r "$scripts" "$work/debootstrap"
       scripts=$work/debootstrap
       [ -e "$scripts/scripts/$suite" ] || ln -s gutsy "$scripts/scripts/$suite"
@@ -37,8 +48,9 @@ make_root() {
       mirror=$(sed -nE 's|^\s*default_mirror (http://archive.*)|\1|p' "$scripts/scripts/gutsy" | head -n 1)
       ;;
   esac
-  DEBOOTSTRAP_DIR=$scripts debootstrap --variant=minbase "--components=$components" "$suite" "$root" \
-    ${mirror:+"$mirror"} >"$work/log" 2>&1 || { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
+  in_namespaces --mount-proc env DEBOOTSTRAP_DIR="$scripts" debootstrap --variant=minbase \
+    "--components=$components" "$suite" "$root" ${mirror:+"$mirror"} ||
+    { tail -n 5 "$work/log" >&2; die 'debootstrap failed'; }
   mkdir -p "$root/dev/pts" "$root/dev/shm"
   ln -sf pts/ptmx "$root/dev/ptmx"
   for file in /etc/resolv.conf /etc/hosts /etc/pip.conf; do
@@ -64,21 +76,20 @@ enter_root='
     mount --bind "$CCACHE_DIR" "$root/ccache"
   fi
   if [ "$root_network" != yes ]; then ip link set lo up; fi
-  exec chroot "$root" env -i "$@"'
+  # This shell stays the first process, as root: a process that changes its user no longer ends with unshare.
+  chroot "$root" env -i "$@"
+  exit'
 
 # in_root COMMANDS and as_user COMMANDS run shell commands in `root`, as_user as that user and in its home folder. Their
-# mounts and processes end with them. The output goes to $work/log and is printed if they fail.
+# mounts and processes end with them. The output goes to $work/log, and its end is printed if they fail.
 in_root() {
-  local namespaces=(--mount --propagation private --pid --fork --kill-child) status=0
-  [ "$root_network" = yes ] || namespaces+=(--net)
-  root_network=$root_network root_terminals=$root_terminals unshare "${namespaces[@]}" \
+  local network=()
+  [ "$root_network" = yes ] || network=(--net)
+  root_network=$root_network root_terminals=$root_terminals in_namespaces "${network[@]}" \
     bash -euc "$enter_root" bash "$root" HOME=/root TERM=dumb PATH=/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8 \
     DEBIAN_FRONTEND=noninteractive PIP_CERT=/etc/certificates.crt SSL_CERT_FILE=/etc/certificates.crt \
-    "${root_environment[@]}" bash -euo pipefail -c "$1" >"$work/log" 2>&1 </dev/null &
-  root_process=$!
-  wait "$root_process" || status=$?
-  root_process=
-  [ "$status" -eq 0 ] || { tail -n 40 "$work/log" >&2; die "failed: $1"; }
+    "${root_environment[@]}" bash -euo pipefail -c "$1" ||
+    { tail -n "$root_log_lines" "$work/log" >&2; die "failed: $1"; }
 }
 as_user() {
   in_root "cd /home/user && exec setpriv --reuid=user --regid=user --clear-groups env HOME=/home/user \
