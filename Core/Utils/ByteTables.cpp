@@ -43,7 +43,8 @@ ByteTables tablesOf(const cv::Mat& ramp) {
 ByteTables withLinearForm(ByteTables tables, const LinearForm& form) {
   for (std::size_t c = 0; c < 3; ++c) {
     for (std::size_t i = 0; i < 256; ++i) {
-      const float value = static_cast<float>(i) * form.factors[c] - form.offsets[c];
+      const auto byte = static_cast<float>(i);
+      const float value = byte * form.factors[c] + byte * form.remainder - form.offsets[c];
       if (std::bit_cast<std::uint32_t>(value) != std::bit_cast<std::uint32_t>(tables[c][i])) {
         return tables;
       }
@@ -59,6 +60,17 @@ LinearForm sameForAll(double factor, float offset) {
   return {{single, single, single}, {offset, offset, offset}};
 }
 
+/// byte * `factor` in double precision, rounded to single precision only at the end. The upper 16
+/// bits of the factor times a byte are exact.
+LinearForm doublePrecision(double factor) {
+  constexpr std::uint32_t kUpperBits = 0xFFFFFF00;
+  const auto single = std::bit_cast<std::uint32_t>(static_cast<float>(factor));
+  const auto upper = std::bit_cast<float>(single & kUpperBits);
+  LinearForm form = sameForAll(upper, 0);
+  form.remainder = static_cast<float>(factor - double{upper});
+  return form;
+}
+
 }  // namespace
 
 const ByteTables& unitTables() {
@@ -67,7 +79,9 @@ const ByteTables& unitTables() {
                                                 cv::Scalar(), /*swapRB=*/true, /*crop=*/false);
     ByteTables made;
     for (auto& table : made.tables) std::copy_n(blob.ptr<float>(), 256, table.begin());
-    return withLinearForm(made, sameForAll(kOneOver255, 0));
+    // OpenCV 4.6 multiplies in single precision, 4.10 in double precision.
+    made = withLinearForm(made, sameForAll(kOneOver255, 0));
+    return made.linear ? made : withLinearForm(made, doublePrecision(kOneOver255));
   }();
   return tables;
 }

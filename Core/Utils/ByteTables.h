@@ -11,11 +11,12 @@
 
 namespace TolCompatibleLib {
 
-/// A byte of channel c becomes byte * factors[c] - offsets[c]; product and difference are each
-/// rounded to single precision.
+/// A byte of channel c becomes byte * factors[c] + byte * remainder - offsets[c], from left to
+/// right; each result is rounded to single precision. A remainder of 0 changes nothing.
 struct LinearForm {
   std::array<float, 3> factors;
   std::array<float, 3> offsets;
+  float remainder = 0;
 };
 
 /// The floats that bytes become. Channels are in the order in which the image stores them.

@@ -59,9 +59,10 @@ std::size_t forEachBlock(std::size_t count, Write write) {
 #if defined(__SSE2__) || defined(_M_X64)
 /// Writes the first pixels of a row by computing their floats. Returns the number of pixels
 /// written.
-template <ChannelOrder order, class PixelAt>
+template <ChannelOrder order, bool hasRemainder, class PixelAt>
 std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form, float* row,
                           std::size_t plane) {
+  const __m128 remainder = _mm_set1_ps(form.remainder);
   constexpr std::size_t kLanes = 4;
   // The fourth byte belongs to the next pixel.
   const auto load = [&pixels](std::size_t x) {
@@ -83,15 +84,17 @@ std::size_t writeComputed(const Pixels<PixelAt>& pixels, const LinearForm& form,
       for (std::size_t i = 0; i < kComputedPixels / kLanes; ++i) {
         const __m128i bytes = _mm_and_si128(
             _mm_srli_epi32(block[i], 8 * static_cast<int>(order[p])), _mm_set1_epi32(255));
-        _mm_storeu_ps(row + p * plane + x + kLanes * i,
-                      _mm_sub_ps(_mm_mul_ps(_mm_cvtepi32_ps(bytes), factor), offset));
+        const __m128 floats = _mm_cvtepi32_ps(bytes);
+        __m128 value = _mm_mul_ps(floats, factor);
+        if constexpr (hasRemainder) value = _mm_add_ps(value, _mm_mul_ps(floats, remainder));
+        _mm_storeu_ps(row + p * plane + x + kLanes * i, _mm_sub_ps(value, offset));
       }
     }
   });
 }
 #else
 /// Floats are always looked up on this processor.
-template <ChannelOrder order, class PixelAt>
+template <ChannelOrder order, bool hasRemainder, class PixelAt>
 std::size_t writeComputed(const Pixels<PixelAt>&, const LinearForm&, float*, std::size_t) {
   return 0;
 }
@@ -123,7 +126,11 @@ std::size_t writeLookedUp(const Pixels<PixelAt>& pixels, const ByteTables& table
 template <ChannelOrder order, class PixelAt>
 void writeRow(const Pixels<PixelAt>& pixels, const ByteTables& tables, float* row,
               std::size_t plane) {
-  std::size_t x = tables.linear ? writeComputed<order>(pixels, *tables.linear, row, plane) : 0;
+  std::size_t x = 0;
+  if (const auto& form = tables.linear) {
+    x = form->remainder == 0 ? writeComputed<order, false>(pixels, *form, row, plane)
+                             : writeComputed<order, true>(pixels, *form, row, plane);
+  }
   if (x == 0) x = writeLookedUp<order>(pixels, tables, row, plane);
   for (; x < pixels.count; ++x) {
     for (std::size_t p = 0; p < 3; ++p) {
