@@ -34,7 +34,7 @@
 namespace {
 
 constexpr int kTinyNetworkRuns = 10000;
-constexpr int kTrainedNetworkRuns = 100;
+constexpr int kFullSizeNetworkRuns = 100;
 constexpr int kRepeats = 3;  // pairs of processes; the table shows medians
 
 struct Row {
@@ -42,7 +42,7 @@ struct Row {
   std::function<std::string()> network;  // writes or finds the model file
   cv::Size configured = {64, 64};
   cv::Size input = {64, 64};  // of the network
-  bool isTrained = false;     // a network of real size instead of a tiny one
+  bool isFullSize = false;    // a network of real size instead of a tiny one
   std::string note = {};      // follows the title; rows with a note are only opened
 };
 
@@ -155,7 +155,7 @@ std::vector<Row> allRows() {
 }
 
 int runsOf(const Row& row) {
-  return row.isTrained ? kTrainedNetworkRuns : kTinyNetworkRuns;
+  return row.isFullSize ? kFullSizeNetworkRuns : kTinyNetworkRuns;
 }
 
 /// A memory field of /proc/self/status, in MB.
@@ -207,7 +207,7 @@ std::unique_ptr<TestModel> openLibrary(const Row& row, const std::string& networ
   model->setClasses(row.family.classNames);
   config.objThreshold = 0.25F;
   if (row.family.name == "YOLO8-POSE") config.classCount = 1;  // 17 key points
-  if (row.isTrained && row.family.category == "Track") config.classNames = {"paddleocr"};
+  if (row.isFullSize && row.family.category == "Track") config.classNames = {"paddleocr"};
   if (!model->init()) throw std::runtime_error("cannot open the model");
   return model;
 }
@@ -298,7 +298,7 @@ struct OpenedUse {
 
 /// Opens a model alternately with the engine alone and with the library. Closing is not timed.
 Opening measureOpening(const Row& row, const std::string& network) {
-  const int openings = row.isTrained ? 30 : 150;
+  const int openings = row.isFullSize ? 30 : 150;
   using Clock = std::chrono::steady_clock;
   const auto time = [](const auto& open) {
     const Clock::time_point start = Clock::now();
@@ -417,8 +417,8 @@ void printOpening(const Row& row, std::size_t index, const std::string& network)
               pairs.medianOf([](const Numbers& b, const Numbers& o) { return o[1] - b[1]; }));
 }
 
-/// Calls `print` for the rows of models named `only`, or for all rows if it is empty; for rows with
-/// a note if `withNotes`.
+/// Calls `print` for the rows of models named `only`, or for all rows if it is empty. Rows with a
+/// note are left out unless `withNotes`.
 void printTable(const std::string& header, const std::string& only, bool withNotes,
                 void (*print)(const Row& row, std::size_t index, const std::string& network)) {
   std::puts(header.c_str());
