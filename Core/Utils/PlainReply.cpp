@@ -13,6 +13,13 @@ namespace {
 
 namespace dom = simdjson::dom;
 
+// On first use, simdjson chooses the code for the processor. Its functions are noexcept but
+// allocate memory then, so without memory they would end the program. The choice is therefore made
+// when the library is loaded.
+[[maybe_unused]] const bool isImplementationChosen = []() noexcept {
+  return !simdjson::get_active_implementation()->name().empty();
+}();
+
 /// The value of an integer; nullopt for other elements.
 std::optional<std::int64_t> integerIn(const dom::element& element) {
   std::int64_t value = 0;
