@@ -116,6 +116,11 @@ const OrtApi* api() {
     made.GetTensorMutableData = [](OrtValue* value, void** out) noexcept {
       return *out = value->content.numbers.data(), OrtStatusPtr();
     };
+#if ORT_API_VERSION >= 23  // newer headers call this one
+    made.GetTensorData = [](const OrtValue* value, const void** out) noexcept {
+      return *out = value->content.numbers.data(), OrtStatusPtr();
+    };
+#endif
     made.ReleaseEnv = release;
     made.ReleaseSession = release;
     made.ReleaseSessionOptions = release;
