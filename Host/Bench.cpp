@@ -14,6 +14,7 @@
 #include "BenchContexts.h"
 #include "BenchSupport.h"
 #include "Command.h"
+#include "DeviceNames.h"
 #include "Frame.h"
 #include "FrameSource.h"
 #include "Inputs.h"
@@ -128,8 +129,7 @@ class Measurement {
 
   // Loads the models one by one and runs each once, because the first run allocates memory too.
   void load(const Pipeline& pipeline) {
-    VsaDeviceSet devices;
-    VsaGetDeviceSet(&devices);  // loads the engines, so that no model's memory includes theirs
+    deviceNames();  // loads the engines, so that no model's memory includes theirs
     VsaFrame frame = frameOf(images_[0]);
     for (const ModelSpec& spec : pipeline.models) {
       const double before = residentMegabytes();

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "BenchSupport.h"
+#include "DeviceNames.h"
 #include "Frame.h"
 #include "Model.h"
 
@@ -87,8 +88,7 @@ std::vector<ContextsResult> measureContexts(const Pipeline& pipeline,
                                             const std::vector<cv::Mat>& images,
                                             const std::vector<int>& counts, int runs) {
   constexpr int kWarmUpRuns = 3;  // of each copy
-  VsaDeviceSet devices;
-  VsaGetDeviceSet(&devices);  // loads the engines, so that no copy's memory includes theirs
+  deviceNames();                  // loads the engines, so that no copy's memory includes theirs
   const double before = residentMegabytes();
   std::vector<Models> copies;
   std::vector<ContextsResult> results;

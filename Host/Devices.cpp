@@ -1,9 +1,8 @@
 // The command "devices": lists the engines with their devices.
-#include <TolCompatible/TolCompatible.h>
-
 #include <exception>
 
 #include "Command.h"
+#include "DeviceNames.h"
 #include "Messages.h"
 #include "Text.h"
 
@@ -18,15 +17,15 @@ class Devices : public Command {
   void addOptions(CLI::App* command) override { addVerbose(command); }
 
   int run(Console* console, const LogToConsole* /*log*/) const override {
-    VsaDeviceSet devices;
+    const VsaDeviceSet* devices = nullptr;
     try {
-      VsaGetDeviceSet(&devices);
+      devices = &deviceNames();
     } catch (const std::exception& error) {
       console->note("the devices cannot be listed: " + oneLine(error.what()));
       return kSomeFailed;
     }
     bool written = true;
-    for (const std::string& device : devices) written = console->write(printable(device) + "\n");
+    for (const std::string& device : *devices) written = console->write(printable(device) + "\n");
     return written ? kDone : kSomeFailed;
   }
 };

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "DeviceNames.h"
 #include "DoctorReport.h"
 #include "ExportInfo.h"
 #include "Messages.h"
@@ -132,8 +133,7 @@ class Examination {
   void checkPipeline(const std::string& path) {
     const Pipeline pipeline = readPipeline(path);
     std::vector<Findings> all = checkOrder(pipeline.models);
-    VsaDeviceSet devices;
-    VsaGetDeviceSet(&devices);
+    const VsaDeviceSet& devices = deviceNames();
     report_.line(0, path + ": " + counted(std::ssize(pipeline.models), "model"));
     for (std::size_t i = 0; i < pipeline.models.size(); ++i) {
       const ModelSpec& spec = pipeline.models[i];

@@ -4,6 +4,7 @@
 #include <exception>
 #include <iterator>
 
+#include "DeviceNames.h"
 #include "ExportInfo.h"
 #include "JsonLines.h"
 #include "Messages.h"
@@ -210,9 +211,7 @@ Findings examineModel(const ModelSpec& spec, const VsaDeviceSet& devices) {
 }
 
 std::string refusalReason(const ModelSpec& spec) {
-  VsaDeviceSet devices;
-  VsaGetDeviceSet(&devices);
-  return joined(examineModel(spec, devices).errors, "; ");
+  return joined(examineModel(spec, deviceNames()).errors, "; ");
 }
 
 std::vector<Findings> checkOrder(const std::vector<ModelSpec>& models) {

@@ -296,11 +296,17 @@ Objects fromJson(const std::string& line) {
 }
 
 std::set<std::string> devices() {
-  VsaDeviceSet names;
-  call("", [&] {
-    VsaGetDeviceSet(&names);
-    return true;
-  });
+  // Kept, because some versions of the Level Zero loader (1.28) crash when OpenVINO lists its
+  // devices a second time and there is no driver. Guarded by the GIL, which call() releases.
+  static VsaDeviceSet names;
+  if (names.empty()) {
+    VsaDeviceSet found;
+    call("", [&] {
+      VsaGetDeviceSet(&found);
+      return true;
+    });
+    names = std::move(found);
+  }
   return names;
 }
 
