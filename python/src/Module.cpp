@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "DeviceNames.h"
 #include "EngineCall.h"
 #include "Frame.h"
 #include "LogLines.h"
@@ -296,17 +297,11 @@ Objects fromJson(const std::string& line) {
 }
 
 std::set<std::string> devices() {
-  // Kept, because some versions of the Level Zero loader (1.28) crash when OpenVINO lists its
-  // devices a second time and there is no driver. Guarded by the GIL, which call() releases.
-  static VsaDeviceSet names;
-  if (names.empty()) {
-    VsaDeviceSet found;
-    call("", [&] {
-      VsaGetDeviceSet(&found);
-      return true;
-    });
-    names = std::move(found);
-  }
+  VsaDeviceSet names;
+  call("", [&] {
+    names = vsa::deviceNames();
+    return true;
+  });
   return names;
 }
 
